@@ -1,0 +1,36 @@
+// ovrin-sm: the command-line tool of the ovrin_sm message library.
+#include <cstdio>
+#include <cstring>
+
+#if __has_include("cli/commands.h")
+#include "cli/commands.h"
+#define OVRIN_HAVE_COMMANDS 1
+#endif
+
+namespace {
+
+void usage(FILE *out) {
+    std::fputs("usage: ovrin-sm COMMAND [ARGS]\n"
+               "\n"
+               "commands:\n"
+               "  types                 list the 79 message types with their variants and sizes\n"
+               "  manifest [LIBRARY]    print the type manifest and build record of a library file\n"
+               "  help                  show this text\n",
+               out);
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    if (argc < 2 || !std::strcmp(argv[1], "help") || !std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h")) {
+        usage(stdout);
+        return 0;
+    }
+#ifdef OVRIN_HAVE_COMMANDS
+    if (!std::strcmp(argv[1], "types")) return ovrin_cmd_types(argc - 1, argv + 1);
+    if (!std::strcmp(argv[1], "manifest")) return ovrin_cmd_manifest(argc - 1, argv + 1);
+#endif
+    std::fprintf(stderr, "ovrin-sm: unknown command '%s'\n\n", argv[1]);
+    usage(stderr);
+    return 2;
+}

@@ -1,0 +1,488 @@
+// The runtime handle: allocation accounting and failure injection, the write-hook journal, the
+// registry, the error store, variant bookkeeping, OID mappings, state-flag offsets, statistics,
+// database-hook recording, call-site tags, retained data and the encoder work space.
+#include <dlfcn.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+
+#include "runtime/internal.h"
+
+using mgx::Runtime;
+using mgx::rt;
+
+namespace {
+
+thread_local uint32_t pending_callsite_tag = 0;
+thread_local bool callsite_tag_pending = false;
+
+// A countdown that fires on its nth step: 1 = the next one; 0 = never.
+bool countdown_fires(uint32_t &nth) {
+    if (nth == 0) return false;
+    return --nth == 0;
+}
+
+void record_hook(mgx_handle_t *h, mgx_hook_kind_t kind, uint32_t luid, const void *object, const void *container,
+                 int64_t arg) {
+    rt(h)->hooks.push_back(mgx_hook_record_t{kind, luid, object, container, arg});
+}
+
+// Drops the bookkeeping of every address inside [p, p + size) when a block goes away.
+template <class Map> void erase_range(Map &m, const void *p, size_t size) {
+    auto lo = m.lower_bound(reinterpret_cast<uintptr_t>(p));
+    auto hi = m.lower_bound(reinterpret_cast<uintptr_t>(p) + size);
+    m.erase(lo, hi);
+}
+
+void *instance_alloc(void *ctx, uint32_t, size_t size) {
+    auto *h = static_cast<mgx_handle_t *>(ctx);
+    Runtime *r = rt(h);
+    if (callsite_tag_pending) {
+        r->callsite_tags.push_back(pending_callsite_tag);
+        callsite_tag_pending = false;
+    }
+    if (countdown_fires(r->fail_nth)) return nullptr;
+    void *p = std::malloc(size ? size : 1);
+    if (!p) return nullptr;
+    r->live.emplace(p, size);
+    r->live_bytes += size;
+    r->total_allocations++;
+    return p;
+}
+
+void instance_free(void *ctx, uint32_t, void *p) {
+    if (!p) return;
+    auto *h = static_cast<mgx_handle_t *>(ctx);
+    Runtime *r = rt(h);
+    auto it = r->live.find(p);
+    if (it == r->live.end()) {
+        std::fprintf(stderr, "mgx: free of a block this handle does not own: %p\n", p);
+        std::abort();
+    }
+    size_t size = it->second;
+    r->live_bytes -= size;
+    r->live.erase(it);
+    erase_range(r->sttr_offsets, p, size);
+    erase_range(r->retained, p, size);
+    auto oid = r->oid_of.find(p);
+    if (oid != r->oid_of.end()) {
+        r->oids.erase(oid->second);
+        r->oid_of.erase(oid);
+    }
+    std::free(p);
+}
+
+void journal_write(mgx_handle_t *h, const void *addr, size_t length, uint32_t luid, const void *base) {
+    Runtime *r = rt(h);
+    if (r->journal_enabled) r->journal.push_back(mgx_write_record_t{addr, length, luid, base});
+}
+
+void *registry_alloc(void *ctx, uint32_t, size_t size) {
+    auto *r = static_cast<Runtime *>(ctx);
+    if (countdown_fires(r->registry_fail_nth)) return nullptr;
+    void *p = std::calloc(1, size);
+    if (p) r->registry_blocks.push_back(p);
+    return p;
+}
+
+void *registry_lookup(void *ctx, uint32_t, const char *key) {
+    auto *r = static_cast<Runtime *>(ctx);
+    auto it = r->registry.find(key);
+    return it == r->registry.end() ? nullptr : it->second;
+}
+
+void registry_insert(void *ctx, uint32_t, const char *key, void *descriptor) {
+    static_cast<Runtime *>(ctx)->registry[key] = descriptor;
+}
+
+const mgx_type_info_t *info_of(const void *descriptor) { return static_cast<const mgx_type_info_t *>(descriptor); }
+
+int8_t highest_variant(const void *descriptor) {
+    const mgx_type_info_t *d = info_of(descriptor);
+    if (!d || !d->variant_info || d->variant_info->n_variants < 1) return 0;
+    return static_cast<int8_t>(d->variant_info->n_variants - 1);
+}
+
+} // namespace
+
+extern "C" {
+
+// ------------------------------------------------------------------ the handle's own API
+
+mgx_handle_t *mgx_handle_create(void) {
+    auto *h = new (std::nothrow) mgx_handle_t{};
+    if (!h) return nullptr;
+    auto *r = new (std::nothrow) Runtime{};
+    if (!r) {
+        delete h;
+        return nullptr;
+    }
+    h->runtime = r;
+    h->inst_alloc = instance_alloc;
+    h->inst_free = instance_free;
+    h->alloc_ctx = h;
+    h->write_hook = journal_write;
+    h->reg_alloc = registry_alloc;
+    h->reg_mem_ctx = r;
+    h->reg_lookup = registry_lookup;
+    h->reg_insert = registry_insert;
+    h->reg_ctx = r;
+    h->variant_domain.impl = &r->domain_variants;
+    h->desc_call_luid = MGX_LUID_NONE;
+    return h;
+}
+
+void mgx_handle_destroy(mgx_handle_t *h) {
+    if (!h) return;
+    Runtime *r = rt(h);
+    for (auto &[p, size] : r->live) std::free(p);
+    for (void *p : r->registry_blocks) std::free(p);
+    delete r;
+    delete h;
+}
+
+void mgx_handle_set_state_tracking(mgx_handle_t *h, int present, uint32_t marker) {
+    rt(h)->sttr_record.marker = marker;
+    h->sttr = present ? &rt(h)->sttr_record : nullptr;
+}
+
+void mgx_handle_set_domain_variant(mgx_handle_t *h, const char *type_name, int8_t variant) {
+    rt(h)->domain_variants[type_name] = variant;
+}
+
+void mgx_handle_set_domain_mode(mgx_handle_t *h, uint32_t mode) { h->domain_mode = mode; }
+uint32_t mgx_handle_last_error(const mgx_handle_t *h) { return h->last_error; }
+uint64_t mgx_handle_live_allocations(const mgx_handle_t *h) { return rt(h)->live.size(); }
+uint64_t mgx_handle_live_bytes(const mgx_handle_t *h) { return rt(h)->live_bytes; }
+uint64_t mgx_handle_total_allocations(const mgx_handle_t *h) { return rt(h)->total_allocations; }
+void mgx_handle_fail_allocation(mgx_handle_t *h, uint32_t nth) { rt(h)->fail_nth = nth; }
+void mgx_handle_fail_registry_allocation(mgx_handle_t *h, uint32_t nth) { rt(h)->registry_fail_nth = nth; }
+uint32_t mgx_handle_registry_count(const mgx_handle_t *h) { return static_cast<uint32_t>(rt(h)->registry.size()); }
+
+const void *mgx_handle_registry_lookup(const mgx_handle_t *h, const char *fingerprint_text) {
+    return registry_lookup(rt(h), 0, fingerprint_text);
+}
+
+void mgx_handle_set_flags(mgx_handle_t *h, uint32_t flags) {
+    h->database = (flags & MGX_HANDLE_DATABASE) ? 1 : 0;
+    h->placeholder = (flags & MGX_HANDLE_PLACEHOLDER) ? 1 : 0;
+    h->hd_mapping = (flags & MGX_HANDLE_MAPPING) ? 1 : 0;
+}
+
+void mgx_handle_set_descriptor_luid(mgx_handle_t *h, uint32_t luid) { h->desc_call_luid = luid; }
+
+size_t mgx_journal_count(const mgx_handle_t *h) { return rt(h)->journal.size(); }
+const mgx_write_record_t *mgx_journal_entry(const mgx_handle_t *h, size_t i) {
+    return i < rt(h)->journal.size() ? &rt(h)->journal[i] : nullptr;
+}
+void mgx_journal_clear(mgx_handle_t *h) { rt(h)->journal.clear(); }
+void mgx_journal_enable(mgx_handle_t *h, int enabled) { rt(h)->journal_enabled = enabled != 0; }
+
+size_t mgx_hook_count(const mgx_handle_t *h) { return rt(h)->hooks.size(); }
+const mgx_hook_record_t *mgx_hook_entry(const mgx_handle_t *h, size_t i) {
+    return i < rt(h)->hooks.size() ? &rt(h)->hooks[i] : nullptr;
+}
+size_t mgx_hook_count_kind(const mgx_handle_t *h, mgx_hook_kind_t kind) {
+    size_t n = 0;
+    for (const auto &rec : rt(h)->hooks) n += rec.kind == kind;
+    return n;
+}
+void mgx_hook_clear(mgx_handle_t *h) { rt(h)->hooks.clear(); }
+
+// ------------------------------------------------------------------ errors and identity
+
+void mgx_store_err(mgx_handle_t *h, uint32_t code) {
+    if (h) h->last_error = code;
+}
+
+void mgx_store_epoch_err(mgx_handle_t *h, uint32_t code, uint32_t *err) {
+    mgx_store_err(h, code);
+    if (err) *err = code;
+}
+
+void mgx_clear_last_error(mgx_handle_t *h, uint32_t, const void *) {
+    if (h) h->last_error = 0;
+}
+
+uint32_t mgx_get_luid(mgx_handle_t *h, uint32_t luid) {
+    if (luid != MGX_LUID_NONE || !h) return luid;
+    return h->desc_call_luid;
+}
+
+void *mgxlib_get_handle_ws(mgx_handle_t *h, uint32_t min_length, uint32_t *length_out) {
+    std::vector<uint8_t> &ws = rt(h)->work_space;
+    size_t want = min_length < 65536 ? 65536 : min_length;
+    if (ws.size() < want) {
+        try {
+            ws.resize(want);
+        } catch (const std::bad_alloc &) {
+            if (length_out) *length_out = 0;
+            return nullptr;
+        }
+    }
+    if (length_out) *length_out = static_cast<uint32_t>(ws.size());
+    return ws.data();
+}
+
+// ------------------------------------------------------------------ registry and descriptors
+
+void *mgx_type_info_ptr_get(mgx_handle_t *h, uint32_t luid, const void *static_descriptor,
+                            mgx_register_fn register_fn) {
+    const char *key = info_of(static_descriptor)->fingerprint_text;
+    void *found = h->reg_lookup(h->reg_ctx, luid, key);
+    if (!found && register_fn) {
+        uint32_t err = 0;
+        register_fn(h, luid, &err);
+        found = h->reg_lookup(h->reg_ctx, luid, key);
+    }
+    return found;
+}
+
+void **mgx_get_manifested_type_info_ptr_mem(void *instance) {
+    return instance ? &static_cast<mgx_instance_hdr_t *>(instance)->descriptor : nullptr;
+}
+
+void *mgx_get_manifested_type_info(const void *instance) {
+    return instance ? static_cast<const mgx_instance_hdr_t *>(instance)->descriptor : nullptr;
+}
+
+void mgx_update_variant_info(mgx_handle_t *h, uint32_t luid, void *registered, const void *static_descriptor,
+                             int is_new) {
+    auto *copy = static_cast<mgx_type_info_t *>(registered);
+    if (copy && static_descriptor) copy->variant_info = info_of(static_descriptor)->variant_info;
+    record_hook(h, MGX_HOOK_UPDATE_VARIANT_INFO, luid, registered, static_descriptor, is_new);
+}
+
+// ------------------------------------------------------------------ variants
+
+int8_t mgx_domain_lookup_variant(mgx_handle_t *, mgx_variant_domain_t *domain, const void *descriptor, uint32_t *) {
+    if (!descriptor) return -1;
+    if (domain && domain->impl) {
+        auto *table = static_cast<std::unordered_map<std::string, int8_t> *>(domain->impl);
+        auto it = table->find(info_of(descriptor)->type_name);
+        if (it != table->end()) return it->second;
+    }
+    return highest_variant(descriptor);
+}
+
+int8_t mgx_get_instance_variant(const void *instance, int, int) {
+    return instance ? static_cast<const mgx_instance_hdr_t *>(instance)->variant : -1;
+}
+
+uint8_t mgx_get_instance_obj_flag(const void *instance, int, int) {
+    return instance ? static_cast<const mgx_instance_hdr_t *>(instance)->flags : 0;
+}
+
+// Brings an instance up to the variant that the handle's domain gives its type (capped to the
+// type's highest variant): the layout byte, the ceiling of later decodes, is raised to it. The
+// instance's variant is left alone. An inline state-flag area stays where it is: every layout of
+// a type shares one allocation, and the area lies behind it (at the untracked size).
+uint32_t mgxlib_adjust_variant(mgx_handle_t *h, uint32_t luid, void *instance, const void *descriptor,
+                               int32_t highest, uint32_t *err) {
+    if (!instance || !descriptor) return 0;
+    auto *hdr = static_cast<mgx_instance_hdr_t *>(instance);
+    int8_t target = mgx_domain_lookup_variant(h, &h->variant_domain, descriptor, err);
+    if (target > highest) target = static_cast<int8_t>(highest);
+    if (target > hdr->layout) {
+        mgx::write_notify(h, &hdr->layout, 1, luid, instance);
+        hdr->layout = target;
+    }
+    return static_cast<uint32_t>(hdr->layout);
+}
+
+// ------------------------------------------------------------------ OIDs and mappings
+
+uint64_t mgx_oid_map(mgx_handle_t *h, void *instance) {
+    Runtime *r = rt(h);
+    if (!instance) return 0;
+    auto it = r->oid_of.find(instance);
+    if (it != r->oid_of.end()) return it->second;
+    uint64_t oid = r->next_oid++;
+    r->oids.emplace(oid, mgx::OidEntry{instance, 0, false});
+    r->oid_of.emplace(instance, oid);
+    static_cast<mgx_instance_hdr_t *>(instance)->flags |= MGX_IF_OID_MAPPED;
+    return oid;
+}
+
+void mgx_oid_add_ref(mgx_handle_t *h, uint64_t oid) {
+    auto it = rt(h)->oids.find(oid);
+    if (it != rt(h)->oids.end()) it->second.refs++;
+}
+
+uint32_t mgx_oid_ref_count(const mgx_handle_t *h, uint64_t oid) {
+    auto it = rt(h)->oids.find(oid);
+    return it == rt(h)->oids.end() ? 0 : it->second.refs;
+}
+
+int mgx_oid_exists(const mgx_handle_t *h, uint64_t oid) { return rt(h)->oids.count(oid) ? 1 : 0; }
+
+void mgx_handle_fail_oid_mapping_destroy(mgx_handle_t *h, uint32_t code) { rt(h)->fail_oid_destroy = code; }
+void mgx_handle_fail_oid_ref_release(mgx_handle_t *h, uint32_t code) { rt(h)->fail_ref_release = code; }
+void mgx_handle_fail_hd_mapping_destroy(mgx_handle_t *h, uint32_t code) { rt(h)->fail_hd_destroy = code; }
+
+static uint32_t take_failure(uint32_t &slot) {
+    uint32_t code = slot;
+    slot = 0;
+    return code;
+}
+
+static void remove_mapping(Runtime *r, uint64_t oid) {
+    auto it = r->oids.find(oid);
+    if (it == r->oids.end()) return;
+    static_cast<mgx_instance_hdr_t *>(it->second.instance)->flags &= static_cast<uint8_t>(~MGX_IF_OID_MAPPED);
+    r->oid_of.erase(it->second.instance);
+    r->oids.erase(it);
+}
+
+int mgx_request_oid_mapping_destroy(mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
+    Runtime *r = rt(h);
+    int result = 0;
+    if (uint32_t code = take_failure(r->fail_oid_destroy)) {
+        if (err) *err = code;
+    } else if (auto it = r->oid_of.find(instance); it == r->oid_of.end()) {
+        if (err) *err = MGX_ENOENT;
+    } else if (mgx::OidEntry &e = r->oids[it->second]; e.refs > 0) {
+        e.destroy_pending = true;
+    } else {
+        remove_mapping(r, it->second);
+        result = 1;
+    }
+    record_hook(h, MGX_HOOK_OID_MAPPING_DESTROY, luid, instance, nullptr, result);
+    return result;
+}
+
+// Releasing the last reference of an object whose destruction was deferred finishes it: the
+// runtime reaches the type's destroy operation by its exported name.
+void mgxlib_lookup_and_update_oid_ref_count(mgx_handle_t *h, uint32_t luid, uint64_t oid, int, uint32_t *err) {
+    Runtime *r = rt(h);
+    record_hook(h, MGX_HOOK_OID_REF_RELEASE, luid, nullptr, nullptr, static_cast<int64_t>(oid));
+    if (uint32_t code = take_failure(r->fail_ref_release)) {
+        if (err) *err = code;
+        return;
+    }
+    auto it = r->oids.find(oid);
+    if (it == r->oids.end() || it->second.refs == 0) {
+        if (err) *err = MGX_ENOENT;
+        return;
+    }
+    if (--it->second.refs > 0 || !it->second.destroy_pending) return;
+    void *instance = it->second.instance;
+    remove_mapping(r, oid);
+    const mgx_type_info_t *d = info_of(mgx_get_manifested_type_info(instance));
+    if (!d || d->magic != MGX_TYPE_INFO_MAGIC) return;
+    std::string name = std::string(d->type_name) + "_destroy";
+    using destroy_fn = void (*)(mgx_handle_t *, uint32_t, void *);
+    if (auto fn = reinterpret_cast<destroy_fn>(dlsym(RTLD_DEFAULT, name.c_str()))) fn(h, luid, instance);
+}
+
+void mgx_hd_mapping_destroy(mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
+    Runtime *r = rt(h);
+    record_hook(h, MGX_HOOK_HD_MAPPING_DESTROY, luid, instance, nullptr, 0);
+    if (uint32_t code = take_failure(r->fail_hd_destroy)) {
+        if (err) *err = code;
+        return;
+    }
+    r->sttr_offsets.erase(reinterpret_cast<uintptr_t>(instance));
+    r->retained.erase(reinterpret_cast<uintptr_t>(instance));
+}
+
+// ------------------------------------------------------------------ state-flag offsets
+
+int64_t mgxlib_get_sttr_offset(mgx_handle_t *h, uint32_t, const void *instance) {
+    auto &m = rt(h)->sttr_offsets;
+    auto it = m.find(reinterpret_cast<uintptr_t>(instance));
+    return it == m.end() ? 0 : it->second;
+}
+
+void mgxlib_update_sttr_offset(mgx_handle_t *h, uint32_t luid, const void *field, int64_t offset) {
+    rt(h)->sttr_offsets[reinterpret_cast<uintptr_t>(field)] = offset;
+    record_hook(h, MGX_HOOK_STTR_OFFSET, luid, field, nullptr, offset);
+}
+
+int mgx_sttr_offset_lookup(const mgx_handle_t *h, const void *field, int64_t *offset_out) {
+    auto &m = rt(h)->sttr_offsets;
+    auto it = m.find(reinterpret_cast<uintptr_t>(field));
+    if (it == m.end()) return 0;
+    if (offset_out) *offset_out = it->second;
+    return 1;
+}
+
+void mgx_sttr_offset_set(mgx_handle_t *h, const void *instance, int64_t offset) {
+    rt(h)->sttr_offsets[reinterpret_cast<uintptr_t>(instance)] = offset;
+}
+
+// ------------------------------------------------------------------ statistics
+
+static void count_object(mgx_handle_t *h, void *block, int slot, uint32_t *err) {
+    if (uint32_t code = take_failure(rt(h)->fail_stats)) {
+        if (err) *err = code;
+        return;
+    }
+    if (block) __atomic_add_fetch(&static_cast<uint64_t *>(block)[slot], 1, __ATOMIC_RELAXED);
+}
+
+void mgxlib_type_stats_create_object(mgx_handle_t *h, uint32_t, const void *, void *block, uint32_t *err) {
+    count_object(h, block, 0, err);
+}
+
+void mgxlib_type_stats_destroy_object(mgx_handle_t *h, uint32_t, const void *, void *block, uint32_t *err) {
+    count_object(h, block, 1, err);
+}
+
+static uint64_t read_stat(const void *descriptor, int variant, int slot) {
+    const mgx_type_info_t *d = info_of(descriptor);
+    if (!d || !d->variant_info || variant < 0 || variant >= d->variant_info->n_variants) return 0;
+    return __atomic_load_n(&d->variant_info->entries[variant].stats[slot], __ATOMIC_RELAXED);
+}
+
+uint64_t mgx_stats_created(const void *descriptor, int variant) { return read_stat(descriptor, variant, 0); }
+uint64_t mgx_stats_destroyed(const void *descriptor, int variant) { return read_stat(descriptor, variant, 1); }
+void mgx_handle_fail_stats(mgx_handle_t *h, uint32_t code) { rt(h)->fail_stats = code; }
+
+// ------------------------------------------------------------------ database hooks and call-site tags
+
+void mgxdb_record_containment2(mgx_handle_t *h, uint32_t luid, const void *object, const void *container, int flag) {
+    record_hook(h, MGX_HOOK_CONTAINMENT, luid, object, container, flag);
+}
+void mgxdb_plat_set_dirty(mgx_handle_t *h, uint32_t luid, const void *object) {
+    record_hook(h, MGX_HOOK_DIRTY, luid, object, nullptr, 0);
+}
+void mgxdb_plat_set_destroy(mgx_handle_t *h, uint32_t luid, const void *object) {
+    record_hook(h, MGX_HOOK_DESTROY, luid, object, nullptr, 0);
+}
+void mgxdb_plat_set_detach(mgx_handle_t *h, uint32_t luid, const void *object) {
+    record_hook(h, MGX_HOOK_DETACH, luid, object, nullptr, 0);
+}
+
+void plinth_set_callsite_tag(uint32_t tag) {
+    pending_callsite_tag = tag;
+    callsite_tag_pending = true;
+}
+
+size_t mgx_callsite_tag_count(const mgx_handle_t *h) { return rt(h)->callsite_tags.size(); }
+uint32_t mgx_callsite_tag(const mgx_handle_t *h, size_t i) {
+    return i < rt(h)->callsite_tags.size() ? rt(h)->callsite_tags[i] : 0;
+}
+
+// ------------------------------------------------------------------ retained data
+
+int mgx_retained_data_set(mgx_handle_t *h, const void *instance, const void *bytes, uint16_t length) {
+    auto &v = rt(h)->retained[reinterpret_cast<uintptr_t>(instance)];
+    v.assign(static_cast<const uint8_t *>(bytes), static_cast<const uint8_t *>(bytes) + length);
+    return 1;
+}
+
+uint16_t mgx_retained_data_get(const mgx_handle_t *h, const void *instance, const void **bytes) {
+    auto &m = rt(h)->retained;
+    auto it = m.find(reinterpret_cast<uintptr_t>(instance));
+    if (it == m.end()) {
+        if (bytes) *bytes = nullptr;
+        return 0;
+    }
+    if (bytes) *bytes = it->second.data();
+    return static_cast<uint16_t>(it->second.size());
+}
+
+} // extern "C"

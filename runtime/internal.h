@@ -1,0 +1,89 @@
+// Private state of the reference MGX runtime. Nothing here is visible to bundles.
+#ifndef MGX_RUNTIME_INTERNAL_H
+#define MGX_RUNTIME_INTERNAL_H
+
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "mgx/runtime.h"
+
+namespace mgx {
+
+struct OidEntry {
+    void *instance;
+    uint32_t refs;        // outstanding references besides the mapping itself
+    bool destroy_pending; // mapping removal was asked while references were outstanding
+};
+
+struct Runtime {
+    // instance allocator accounting
+    std::unordered_map<void *, size_t> live;
+    uint64_t live_bytes = 0;
+    uint64_t total_allocations = 0;
+    uint32_t fail_nth = 0;
+    // registry
+    uint32_t registry_fail_nth = 0;
+    std::vector<void *> registry_blocks;
+    std::unordered_map<std::string, void *> registry;
+    // variant domain: per type name, the variant its instances have in this handle
+    std::unordered_map<std::string, int8_t> domain_variants;
+    mgx_sttr_record_t sttr_record{};
+    // observability
+    bool journal_enabled = true;
+    std::vector<mgx_write_record_t> journal;
+    std::vector<mgx_hook_record_t> hooks;
+    std::vector<uint32_t> callsite_tags;
+    // OIDs and mappings
+    uint64_t next_oid = 0x1000;
+    std::unordered_map<uint64_t, OidEntry> oids;
+    std::unordered_map<const void *, uint64_t> oid_of;
+    uint32_t fail_oid_destroy = 0, fail_ref_release = 0, fail_hd_destroy = 0, fail_stats = 0;
+    // state-flag offsets by field address; retained data by instance address (ordered so that a
+    // freed block can drop every entry that lies inside it)
+    std::map<uintptr_t, int64_t> sttr_offsets;
+    std::map<uintptr_t, std::vector<uint8_t>> retained;
+    // encoder work space
+    std::vector<uint8_t> work_space;
+};
+
+inline Runtime *rt(const mgx_handle_t *h) { return static_cast<Runtime *>(h->runtime); }
+
+// Call the handle's write hook, when it has one, before a write of length bytes at addr.
+inline void write_notify(mgx_handle_t *h, const void *addr, size_t length, uint32_t luid, const void *base) {
+    if (h && h->write_hook) h->write_hook(h, addr, length, luid, base);
+}
+
+// Allocation through the handle's instance allocator / free callbacks.
+inline void *handle_alloc(mgx_handle_t *h, uint32_t luid, size_t size) {
+    return h->inst_alloc(h->alloc_ctx, luid, size);
+}
+inline void handle_free(mgx_handle_t *h, uint32_t luid, void *p) {
+    if (p) h->inst_free(h->alloc_ctx, luid, p);
+}
+
+// Set the error slot and the handle's error store.
+inline void fail(mgx_handle_t *h, uint32_t *err, uint32_t code) {
+    if (err) *err = code;
+    if (h) mgx_store_err(h, code);
+}
+
+// Big-endian helpers for the wire form.
+inline void put_be(uint8_t *p, uint64_t v, unsigned width) {
+    for (unsigned i = 0; i < width; ++i) p[i] = static_cast<uint8_t>(v >> (8 * (width - 1 - i)));
+}
+inline uint64_t get_be(const uint8_t *p, unsigned width) {
+    uint64_t v = 0;
+    for (unsigned i = 0; i < width; ++i) v = (v << 8) | p[i];
+    return v;
+}
+
+// Severity name for trace output.
+const char *severity_name(int severity);
+
+} // namespace mgx
+
+#endif

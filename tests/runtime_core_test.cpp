@@ -1,0 +1,341 @@
+// The reference runtime's handle: allocation accounting and failure injection, registry, errors,
+// variants, OIDs, statistics, hooks, header wire pieces and the trace facility.
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "mgx/runtime.h"
+
+namespace {
+
+struct HandleTest : ::testing::Test {
+    mgx_handle_t *h = mgx_handle_create();
+    void TearDown() override {
+        EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
+        mgx_handle_destroy(h);
+    }
+    void *alloc(size_t n) { return h->inst_alloc(h->alloc_ctx, 1, n); }
+    void release(void *p) { h->inst_free(h->alloc_ctx, 1, p); }
+};
+
+// A descriptor with the given name and variant count, as a bundle would export it.
+struct FakeType {
+    mgx_variant_entry_t entries[3]{};
+    mgx_type_variant_info_t vinfo{};
+    mgx_type_info_t info{};
+    FakeType(const char *name, int8_t variants, const char *fingerprint = "00112233445566778899aabbccddeeff") {
+        info.magic = MGX_TYPE_INFO_MAGIC;
+        std::snprintf(info.type_name, sizeof info.type_name, "%s", name);
+        std::snprintf(info.fingerprint_text, sizeof info.fingerprint_text, "%s", fingerprint);
+        vinfo.n_variants = variants;
+        vinfo.entries = entries;
+        for (int i = 0; i < variants; ++i) entries[i] = {static_cast<uint32_t>(i), 16, 8, 0, {}};
+        info.variant_info = &vinfo;
+        info.registry_slot = -1;
+    }
+};
+
+TEST_F(HandleTest, AllocationAccountingAndFailureInjection) {
+    void *a = alloc(24), *b = alloc(100);
+    ASSERT_TRUE(a && b);
+    EXPECT_EQ(mgx_handle_live_allocations(h), 2u);
+    EXPECT_EQ(mgx_handle_live_bytes(h), 124u);
+    mgx_handle_fail_allocation(h, 2); // the second allocation from now fails, only that one
+    void *c = alloc(8);
+    EXPECT_NE(c, nullptr);
+    EXPECT_EQ(alloc(8), nullptr);
+    void *d = alloc(8);
+    EXPECT_NE(d, nullptr);
+    for (void *p : {a, b, c, d}) release(p);
+    EXPECT_EQ(mgx_handle_live_bytes(h), 0u);
+    EXPECT_EQ(mgx_handle_total_allocations(h), 4u);
+}
+
+TEST_F(HandleTest, FreeOfForeignBlockAborts) {
+    int local = 0;
+    EXPECT_DEATH(release(&local), "does not own");
+}
+
+TEST_F(HandleTest, CallsiteTagGoesToTheNextAllocation) {
+    plinth_set_callsite_tag(0xB03C3000);
+    void *a = alloc(8);
+    void *b = alloc(8); // untagged
+    plinth_set_callsite_tag(0xB03C3001);
+    mgx_handle_fail_allocation(h, 1);
+    EXPECT_EQ(alloc(8), nullptr); // a failed allocation still consumes its tag
+    ASSERT_EQ(mgx_callsite_tag_count(h), 2u);
+    EXPECT_EQ(mgx_callsite_tag(h, 0), 0xB03C3000u);
+    EXPECT_EQ(mgx_callsite_tag(h, 1), 0xB03C3001u);
+    release(a);
+    release(b);
+}
+
+TEST_F(HandleTest, RegistryInsertLookupAndAllocationFailure) {
+    FakeType t("sess_mgr_conn_hdl", 1);
+    EXPECT_EQ(h->reg_lookup(h->reg_ctx, 1, t.info.fingerprint_text), nullptr);
+    void *copy = h->reg_alloc(h->reg_mem_ctx, MGX_LUID_NONE, sizeof(mgx_type_info_reg_t));
+    ASSERT_NE(copy, nullptr);
+    h->reg_insert(h->reg_ctx, 1, t.info.fingerprint_text, copy);
+    EXPECT_EQ(h->reg_lookup(h->reg_ctx, 1, t.info.fingerprint_text), copy);
+    EXPECT_EQ(mgx_handle_registry_count(h), 1u);
+    mgx_handle_fail_registry_allocation(h, 1);
+    EXPECT_EQ(h->reg_alloc(h->reg_mem_ctx, MGX_LUID_NONE, 288), nullptr);
+    // Registry copies belong to the handle: they are not instance allocations.
+    EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
+}
+
+void register_fake(mgx_handle_t *h, uint32_t luid, uint32_t *) {
+    static FakeType t("registered_type", 1, "ffeeddccbbaa99887766554433221100");
+    auto *copy = static_cast<mgx_type_info_t *>(h->reg_alloc(h->reg_mem_ctx, MGX_LUID_NONE, 288));
+    *copy = t.info;
+    h->reg_insert(h->reg_ctx, luid, copy->fingerprint_text, copy);
+}
+
+TEST_F(HandleTest, TypeInfoPtrGetRegistersTheBundleOnce) {
+    FakeType t("registered_type", 1, "ffeeddccbbaa99887766554433221100");
+    void *first = mgx_type_info_ptr_get(h, 1, &t.info, register_fake);
+    ASSERT_NE(first, nullptr);
+    EXPECT_NE(first, &t.info);
+    EXPECT_EQ(mgx_type_info_ptr_get(h, 1, &t.info, register_fake), first);
+    EXPECT_EQ(mgx_handle_registry_count(h), 1u);
+    mgx_update_variant_info(h, 1, first, &t.info, 0);
+    EXPECT_EQ(static_cast<mgx_type_info_t *>(first)->variant_info, &t.vinfo);
+    ASSERT_EQ(mgx_hook_count_kind(h, MGX_HOOK_UPDATE_VARIANT_INFO), 1u);
+    EXPECT_EQ(mgx_hook_entry(h, 0)->arg, 0);
+}
+
+TEST_F(HandleTest, ErrorStoreAndLuid) {
+    uint32_t err = 0;
+    mgx_store_err(h, 12);
+    EXPECT_EQ(mgx_handle_last_error(h), 12u);
+    mgx_clear_last_error(h, 1, nullptr);
+    EXPECT_EQ(mgx_handle_last_error(h), 0u);
+    mgx_store_epoch_err(h, 43, &err);
+    EXPECT_EQ(err, 43u);
+    EXPECT_EQ(mgx_handle_last_error(h), 43u);
+    mgx_handle_set_descriptor_luid(h, 77);
+    EXPECT_EQ(mgx_get_luid(h, 5), 5u);
+    EXPECT_EQ(mgx_get_luid(h, MGX_LUID_NONE), 77u);
+}
+
+TEST_F(HandleTest, DomainVariantAndAdjustment) {
+    FakeType t("sess_mgr_session_start", 2);
+    EXPECT_EQ(mgx_domain_lookup_variant(h, &h->variant_domain, &t.info, nullptr), 1); // default: highest
+    mgx_handle_set_domain_variant(h, "sess_mgr_session_start", 0);
+    EXPECT_EQ(mgx_domain_lookup_variant(h, &h->variant_domain, &t.info, nullptr), 0);
+
+    alignas(8) uint8_t inst[32] = {};
+    auto *hdr = reinterpret_cast<mgx_instance_hdr_t *>(inst);
+    hdr->descriptor = &t.info;
+    uint32_t err = 0;
+    mgxlib_adjust_variant(h, 1, inst, &t.info, 1, &err);
+    EXPECT_EQ(hdr->layout, 0); // domain at 0: nothing to raise
+    mgx_handle_set_domain_variant(h, "sess_mgr_session_start", 5);
+    mgx_journal_clear(h);
+    EXPECT_EQ(mgxlib_adjust_variant(h, 1, inst, &t.info, 1, &err), 1u); // capped to the highest
+    EXPECT_EQ(hdr->layout, 1);
+    ASSERT_EQ(mgx_journal_count(h), 1u);
+    EXPECT_EQ(mgx_journal_entry(h, 0)->address, &hdr->layout);
+    EXPECT_EQ(err, 0u);
+}
+
+TEST_F(HandleTest, OidMappingWithOutstandingReferences) {
+    void *inst = alloc(24);
+    std::memset(inst, 0, 24);
+    uint64_t oid = mgx_oid_map(h, inst);
+    EXPECT_TRUE(static_cast<mgx_instance_hdr_t *>(inst)->flags & MGX_IF_OID_MAPPED);
+    mgx_oid_add_ref(h, oid);
+    mgx_oid_add_ref(h, oid);
+    uint32_t err = 0;
+    EXPECT_EQ(mgx_request_oid_mapping_destroy(h, 1, inst, &err), 0); // references outstanding
+    EXPECT_EQ(err, 0u);
+    mgxlib_lookup_and_update_oid_ref_count(h, 1, oid, 0, &err);
+    EXPECT_EQ(mgx_oid_ref_count(h, oid), 1u);
+    // The last release finishes the deferred removal; the instance has no type descriptor, so
+    // the runtime only drops the mapping.
+    mgxlib_lookup_and_update_oid_ref_count(h, 1, oid, 0, &err);
+    EXPECT_FALSE(mgx_oid_exists(h, oid));
+    EXPECT_FALSE(static_cast<mgx_instance_hdr_t *>(inst)->flags & MGX_IF_OID_MAPPED);
+    mgxlib_lookup_and_update_oid_ref_count(h, 1, oid, 0, &err);
+    EXPECT_EQ(err, 2u); // unknown OID
+
+    err = 0;
+    uint64_t oid2 = mgx_oid_map(h, inst);
+    EXPECT_EQ(mgx_request_oid_mapping_destroy(h, 1, inst, &err), 1);
+    EXPECT_FALSE(mgx_oid_exists(h, oid2));
+    mgx_handle_fail_oid_mapping_destroy(h, 5);
+    EXPECT_EQ(mgx_request_oid_mapping_destroy(h, 1, inst, &err), 0);
+    EXPECT_EQ(err, 5u);
+    release(inst);
+}
+
+TEST_F(HandleTest, FreeingABlockDropsItsBookkeeping) {
+    uint8_t *inst = static_cast<uint8_t *>(alloc(64));
+    mgxlib_update_sttr_offset(h, 1, inst + 16, 40);
+    mgx_retained_data_set(h, inst, "ab", 2);
+    mgx_oid_map(h, std::memset(inst, 0, 64));
+    int64_t off = 0;
+    ASSERT_TRUE(mgx_sttr_offset_lookup(h, inst + 16, &off));
+    EXPECT_EQ(off, 40);
+    EXPECT_EQ(mgxlib_get_sttr_offset(h, 1, inst + 16), 40);
+    release(inst);
+    uint8_t *again = static_cast<uint8_t *>(alloc(64)); // may reuse the address
+    EXPECT_FALSE(mgx_sttr_offset_lookup(h, again + 16, nullptr));
+    EXPECT_EQ(mgx_retained_data_get(h, again, nullptr), 0u);
+    release(again);
+}
+
+TEST_F(HandleTest, StatisticsCountPerVariantAndFailOnRequest) {
+    FakeType t("counted", 2);
+    uint32_t err = 0;
+    mgxlib_type_stats_create_object(h, 1, &t.info, t.entries[1].stats, &err);
+    mgxlib_type_stats_create_object(h, 1, &t.info, t.entries[1].stats, &err);
+    mgxlib_type_stats_destroy_object(h, 1, &t.info, t.entries[1].stats, &err);
+    EXPECT_EQ(mgx_stats_created(&t.info, 1), 2u);
+    EXPECT_EQ(mgx_stats_destroyed(&t.info, 1), 1u);
+    EXPECT_EQ(mgx_stats_created(&t.info, 0), 0u);
+    mgx_handle_fail_stats(h, 12);
+    mgxlib_type_stats_create_object(h, 1, &t.info, t.entries[0].stats, &err);
+    EXPECT_EQ(err, 12u);
+    EXPECT_EQ(mgx_stats_created(&t.info, 0), 0u);
+}
+
+TEST_F(HandleTest, DatabaseHooksAreRecordedInOrder) {
+    int a = 0, b = 0;
+    mgxdb_record_containment2(h, 3, &a, &b, 1);
+    mgxdb_plat_set_dirty(h, 3, &a);
+    mgxdb_plat_set_detach(h, 3, &a);
+    mgxdb_plat_set_destroy(h, 3, &a);
+    ASSERT_EQ(mgx_hook_count(h), 4u);
+    EXPECT_EQ(mgx_hook_entry(h, 0)->kind, MGX_HOOK_CONTAINMENT);
+    EXPECT_EQ(mgx_hook_entry(h, 0)->container, &b);
+    EXPECT_EQ(mgx_hook_entry(h, 1)->kind, MGX_HOOK_DIRTY);
+    EXPECT_EQ(mgx_hook_entry(h, 2)->kind, MGX_HOOK_DETACH);
+    EXPECT_EQ(mgx_hook_entry(h, 3)->kind, MGX_HOOK_DESTROY);
+    EXPECT_EQ(mgx_hook_entry(h, 3)->luid, 3u);
+}
+
+TEST_F(HandleTest, HeaderPiecesRoundTripAndRefuseShortBuffers) {
+    uint8_t buf[16] = {};
+    uint32_t err = 0;
+    EXPECT_EQ(_mgx_instance_variant_marshal(h, 1, buf, -2, 1, &err), 1u);
+    EXPECT_EQ(_mgx_variant_jump_marshal(h, 1, buf + 1, 0x01020304, 4, &err), 4u);
+    EXPECT_EQ(buf[1], 0x01); // network byte order
+    EXPECT_EQ(buf[4], 0x04);
+    int8_t v = 0;
+    uint32_t jump = 0;
+    EXPECT_EQ(_mgx_instance_variant_unmarshal(h, 1, buf, &v, 1, &err), 1u);
+    EXPECT_EQ(_mgx_variant_jump_unmarshal(h, 1, buf + 1, &jump, 4, &err), 4u);
+    EXPECT_EQ(v, -2);
+    EXPECT_EQ(jump, 0x01020304u);
+    EXPECT_EQ(err, 0u);
+
+    EXPECT_EQ(_mgx_variant_jump_marshal(h, 1, buf, 1, 3, &err), 0u);
+    EXPECT_EQ(err, 90u);
+    err = 0;
+    EXPECT_EQ(_mgx_instance_obj_flag_unmarshal(h, 1, buf, nullptr, 0, &err), 0u);
+    EXPECT_EQ(err, 90u);
+    EXPECT_EQ(mgx_handle_last_error(h), 90u);
+}
+
+TEST_F(HandleTest, RetainedDataBlockRoundTrip) {
+    alignas(8) uint8_t a[16] = {}, b[16] = {};
+    mgx_retained_data_set(h, a, "xyz", 3);
+    std::vector<uint8_t> buf(5);
+    uint32_t err = 0;
+    EXPECT_EQ(_mgx_instance_ra_data_marshal(h, 1, buf.data(), a, 4, &err), 0u); // needs 5
+    EXPECT_EQ(err, 90u);
+    err = 0;
+    ASSERT_EQ(_mgx_instance_ra_data_marshal(h, 1, buf.data(), a, 5, &err), 5u);
+    EXPECT_EQ(_mgx_instance_ra_data_unmarshal(h, 1, buf.data(), b, 4, &err), 0u); // truncated block
+    err = 0;
+    ASSERT_EQ(_mgx_instance_ra_data_unmarshal(h, 1, buf.data(), b, 5, &err), 5u);
+    const void *bytes = nullptr;
+    ASSERT_EQ(mgx_retained_data_get(h, b, &bytes), 3u);
+    EXPECT_EQ(std::memcmp(bytes, "xyz", 3), 0);
+}
+
+TEST_F(HandleTest, WorkSpaceGrowsOnDemand) {
+    uint32_t len = 0;
+    void *ws = mgxlib_get_handle_ws(h, 10, &len);
+    ASSERT_NE(ws, nullptr);
+    EXPECT_GE(len, 10u);
+    mgxlib_get_handle_ws(h, 1u << 20, &len);
+    EXPECT_GE(len, 1u << 20);
+}
+
+// ------------------------------------------------------------------ trace facility
+
+struct Table {
+    std::vector<unsigned char> z;
+    mgx_trace_table_t t{};
+    explicit Table(const std::vector<std::string> &texts) {
+        std::string raw;
+        for (auto &s : texts) raw += s + '\0';
+        uLongf zlen = compressBound(raw.size());
+        z.resize(zlen);
+        compress(z.data(), &zlen, reinterpret_cast<const Bytef *>(raw.data()), raw.size());
+        t = {MGX_TRACE_TABLE_MAGIC, static_cast<uint32_t>(texts.size()), "test", z.data(),
+             static_cast<uint32_t>(zlen), static_cast<uint32_t>(raw.size()), nullptr};
+    }
+};
+
+TEST(Trace, ModuleRegistrationIsIdempotent) {
+    uint16_t id = 0, again = 0;
+    uint32_t state = 0, other_state = 0;
+    qlog_module_init_fn("mgx_test_module", &id, &state);
+    EXPECT_NE(id, 0);
+    EXPECT_NE(state, 0u);
+    again = 999;
+    qlog_module_init_fn("mgx_test_module", &again, &state); // state says done: nothing written
+    EXPECT_EQ(again, 999);
+    qlog_module_init_fn("mgx_test_module", &again, &other_state); // same name, same id
+    EXPECT_EQ(again, id);
+    EXPECT_STREQ(mgx_trace_module_name(id), "mgx_test_module");
+}
+
+TEST(Trace, EmissionsAreRenderedAndCaptured) {
+    Table tab({"Corrupted MGX Handle", "error in x create: %s",
+               "offset_jump read_len %d offset_jump_base %d _mgx_variant_jump %d",
+               "varinfo is NULL variant %u requested only %u variants present",
+               "Failed to decrement ref count of oid %p. Error %s"});
+    mgx_trace_clear();
+    qlog_emit_0(&tab.t, 0, 7, MGX_SEV_EMERG);
+    qlog_emit_s(&tab.t, 1, 7, MGX_SEV_ERROR, "Cannot allocate memory");
+    qlog_emit_ddd(&tab.t, 2, 7, MGX_SEV_DEBUG, 10, 6, 12);
+    qlog_emit_uu(&tab.t, 3, 7, MGX_SEV_INFO, 3, 2);
+    qlog_emit_s(&tab.t, 3, 7, MGX_SEV_INFO, "wrong shape"); // shown unformatted, never misread
+    qlog_emit_0(&tab.t, 99, 7, MGX_SEV_INFO);               // no such message
+    ASSERT_EQ(mgx_trace_count(), 6u);
+    EXPECT_STREQ(mgx_trace_text(0), "Corrupted MGX Handle");
+    EXPECT_EQ(mgx_trace_severity(0), 0);
+    EXPECT_STREQ(mgx_trace_text(1), "error in x create: Cannot allocate memory");
+    EXPECT_EQ(mgx_trace_severity(1), 3);
+    EXPECT_STREQ(mgx_trace_text(2), "offset_jump read_len 10 offset_jump_base 6 _mgx_variant_jump 12");
+    EXPECT_EQ(mgx_trace_severity(2), 7);
+    EXPECT_STREQ(mgx_trace_text(3), "varinfo is NULL variant 3 requested only 2 variants present");
+    EXPECT_STREQ(mgx_trace_text(4), "varinfo is NULL variant %u requested only %u variants present");
+    EXPECT_STREQ(mgx_trace_text(5), "message 99");
+    EXPECT_EQ(mgx_trace_number(2), 2u);
+    EXPECT_EQ(mgx_trace_module(2), 7);
+    mgx_trace_clear();
+    EXPECT_EQ(mgx_trace_count(), 0u);
+}
+
+TEST(Bundles, RegistrationsAreLoggedInCallOrder) {
+    mgx_bundle_calls_clear();
+    if_common_bundle_handler_register(0x42, nullptr);
+    platform_comm_bundle_handler_register(0x42);
+    aaa_common_bundle_handler_unregister();
+    ASSERT_EQ(mgx_bundle_call_count(), 3u);
+    EXPECT_STREQ(mgx_bundle_call(0), "if_common_bundle_handler_register(0x42, (nil))");
+    EXPECT_STREQ(mgx_bundle_call(1), "platform_comm_bundle_handler_register(0x42)");
+    EXPECT_STREQ(mgx_bundle_call(2), "aaa_common_bundle_handler_unregister()");
+    mgx_bundle_calls_clear();
+}
+
+} // namespace
