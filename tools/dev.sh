@@ -39,7 +39,7 @@ case "$cmd" in
         ;;
     test)
         install_missing
-        build build
+        build build -DOVRIN_TESTS=ON
         ctest --test-dir build --output-on-failure -j "$(nproc)"
         ;;
     *)
