@@ -1,0 +1,123 @@
+// The type tables: one constant table per type of the catalogue, generated from it, that the
+// generic operations walk. Every exported `<type>_<op>` is a one-line call of a generic
+// operation with its type's table; nothing about a type is known anywhere else.
+//
+// Internal to the bundle; not installed.
+#ifndef OVRIN_OPS_TYPES_H
+#define OVRIN_OPS_TYPES_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "mgx/contract.h"
+
+namespace ovrin {
+
+struct Type;
+
+enum class TypeKind : uint8_t { record, union_, enumeration };
+
+// What one element of a field is.
+enum class Kind : uint8_t {
+    u8,
+    u16,
+    u32,
+    u64,
+    boolean,     // mgx_boolean
+    mac_addr,    // mgx_mac_addr
+    ipv4_addr,
+    ipv6_addr,
+    aaa_tlv,     // inline runtime instance (32 bytes)
+    character,   // the characters of a counted string
+    enumeration, // inline enumeration instance (16 bytes); Field::type is the enumeration
+    record,      // inline record or union instance, or the referenced type of a member slot
+};
+
+// How the elements are held.
+enum class Shape : uint8_t {
+    scalar,      // one element inline
+    fixed_array, // Field::count elements inline
+    var_array,   // pointer to a block of elements; the count is in the companion field
+    var_string,  // pointer to length+1 characters; the length is in the companion field
+    member,      // union member: pointer to a separately allocated instance of Field::type
+};
+
+inline constexpr uint16_t no_area = 0xFFFF;
+inline constexpr uint16_t aaa_tlv_area_size = AAA_TLV_STTR_AREA;
+
+struct Field {
+    const char *name;
+    const Type *type;      // enumeration, record or union of the field, member or array element; null for primitives
+    uint16_t offset;       // from the start of the instance
+    uint16_t size;         // bytes held inline in the instance (all elements of a fixed array; 8 for pointers)
+    uint16_t elem_size;    // bytes of one element (an array element, the member's instance); == size for scalars
+    uint16_t count;        // elements of a fixed array, 1 otherwise
+    Kind kind;
+    Shape shape;
+    int8_t from_variant;   // the field exists in instances whose variant is at least this
+    int8_t companion;      // var_array/var_string: index of its count/length field; count/length field:
+                           // index of the field it counts; -1 otherwise
+    uint16_t sttr_pos;     // position of the field's own flag byte in its type's state-flag area
+    uint16_t sttr_nested;  // nested record/union area, aaa_tlv area, fixed-array element bytes, or the
+                           // var-array reference slot (8 bytes) in the same area; no_area otherwise
+    uint32_t select;       // member: the discriminator's user value that selects it
+};
+
+struct Literal {
+    const char *name;
+    uint32_t user;        // the value callers see
+    uint32_t wire;        // the literal's position, as it travels
+    int8_t from_variant;
+};
+
+struct Variant {
+    uint32_t used;  // bytes of the instance that this variant's layout uses
+    uint32_t slop;  // spare bytes up to the instance size
+};
+
+// Per-type departures from the generic behaviour, as flags rather than branches on names.
+enum TypeFlag : uint32_t {
+    type_flag_none = 0,
+};
+
+struct Type {
+    const char *name;
+    mgx_type_info_t *descriptor;   // the exported static descriptor
+    const Field *fields;           // declaration order
+    const Literal *literals;       // enumerations, in value order
+    const Variant *variants;       // n_variants entries
+    void *placeholder;             // static zero-filled instance of `size` bytes
+    uint32_t size;                 // untracked instance size (used length + slop of every variant)
+    uint32_t sttr_size;            // state-flag area of a tracked instance, behind the first `size` bytes
+    uint32_t msg_base;             // number of the type's first trace message (see ops/messages.def)
+    uint16_t n_fields;
+    uint16_t n_literals;
+    uint16_t index;                // registration order
+    TypeKind kind;
+    int8_t n_variants;
+    int8_t discriminator;          // union: index of the discriminator field; -1 otherwise
+    uint8_t sttr_align;            // 8 when the area holds an address, else 1
+    uint32_t flags;                // TypeFlag bits
+
+    uint32_t tracked_size() const { return size + sttr_size; }
+    int8_t last_variant() const { return static_cast<int8_t>(n_variants - 1); }
+};
+
+// The capping every operation applies to a variant the runtime hands out: negative values (no
+// variant) pass through, anything at or beyond the variant count becomes the last variant.
+inline int8_t record_variant_cap(const Type &t, uint32_t index) {
+    auto v = static_cast<int8_t>(index & 0xFFu);
+    return v < t.n_variants ? v : t.last_variant();
+}
+
+// The enumerations' form works on the whole word: it is returned unchanged while its low byte is
+// below the variant count (or negative), otherwise with the low byte replaced by the last variant.
+inline uint32_t enum_variant_cap(const Type &t, uint32_t word) {
+    auto v = static_cast<int8_t>(word & 0xFFu);
+    if (v < t.n_variants) return word;
+    return (word & ~0xFFu) | static_cast<uint8_t>(t.last_variant());
+}
+
+} // namespace ovrin
+
+#endif

@@ -1,0 +1,69 @@
+// The generator's outputs: one emitter per generated file.
+#ifndef OVRIN_GEN_EMIT_H
+#define OVRIN_GEN_EMIT_H
+
+#include <cstdarg>
+#include <string>
+#include <vector>
+
+#include "tools/ovrin_gen/model.h"
+
+namespace gen {
+
+// Type kinds an entry point exists for.
+enum KindMask : unsigned { k_record = 1, k_union = 2, k_enum = 4, k_composite = k_record | k_union, k_all = 7 };
+
+// A per-type exported entry point `<type>_<op>`: a one-line call of a generic operation. In
+// `call`, $T stands for the type's name and $table for its table (an ovrin::Type lvalue).
+struct EntryPoint {
+    const char *op;
+    unsigned kinds;
+    const char *result;
+    const char *params;
+    const char *call;
+};
+
+// A bundle-level export: its name and its C declaration.
+struct BundleSymbol {
+    const char *name;
+    const char *declaration;
+};
+
+const std::vector<EntryPoint> &entry_points();
+const std::vector<BundleSymbol> &bundle_functions();
+const std::vector<BundleSymbol> &bundle_data();
+bool has_entry_point(const EntryPoint &e, const Type &t);
+
+// Message texts of ops/messages.def with the type's name in place.
+std::vector<std::string> trace_texts(const Catalogue &c);
+unsigned type_message_count();
+unsigned bundle_message_count();
+
+// Build facts that go into the manifest's build record.
+struct BuildInfo {
+    std::string comment; // the build directory
+};
+
+// Each returns the file's contents.
+std::string emit_public_types(const Catalogue &c);
+std::string emit_public_ops(const Catalogue &c);
+std::string emit_export_list(const Catalogue &c);
+std::string emit_version_script(const Catalogue &c);
+std::string emit_tables_header(const Catalogue &c);
+std::string emit_tables(const Catalogue &c);
+std::string emit_tables_source(const Catalogue &c);
+std::string emit_descriptors(const Catalogue &c);
+std::string emit_entry_points(const Catalogue &c);
+std::string emit_trace_table(const Catalogue &c);
+std::string emit_manifest(const Catalogue &c, const BuildInfo &build);
+
+// Helpers shared by the emitters.
+std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string c_string(const std::string &s);
+std::string replace_all(std::string s, const std::string &from, const std::string &to);
+std::vector<std::string> exported_names(const Catalogue &c);
+inline constexpr const char *generated_banner = "Generated from catalogue/ovrin_sm.types by ovrin_gen; do not edit.";
+
+} // namespace gen
+
+#endif

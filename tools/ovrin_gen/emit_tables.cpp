@@ -1,0 +1,194 @@
+// The data the bundle runs on: the type tables for the generic operations, the exported
+// descriptors with their variant info and the descriptor table, and the compressed trace texts.
+#include <zlib.h>
+
+#include <stdexcept>
+
+#include "tools/ovrin_gen/emit.h"
+
+namespace gen {
+
+namespace {
+
+const char *kind_name(const Field &f) {
+    if (f.shape == Shape::var_string) return "character";
+    if (f.prim) {
+        switch (*f.prim) {
+        case Prim::u8: return "u8";
+        case Prim::u16: return "u16";
+        case Prim::u32: return "u32";
+        case Prim::u64: return "u64";
+        case Prim::boolean: return "boolean";
+        case Prim::mac_addr: return "mac_addr";
+        case Prim::ipv4_addr: return "ipv4_addr";
+        case Prim::ipv6_addr: return "ipv6_addr";
+        case Prim::aaa_tlv: return "aaa_tlv";
+        }
+    }
+    return f.type->is_enum() ? "enumeration" : "record";
+}
+
+const char *shape_name(Shape s) {
+    switch (s) {
+    case Shape::scalar: return "scalar";
+    case Shape::fixed_array: return "fixed_array";
+    case Shape::var_array: return "var_array";
+    case Shape::var_string: return "var_string";
+    case Shape::member: return "member";
+    }
+    return "";
+}
+
+const char *type_kind_name(TypeKind k) {
+    switch (k) {
+    case TypeKind::record: return "record";
+    case TypeKind::union_: return "union_";
+    case TypeKind::enumeration: return "enumeration";
+    }
+    return "";
+}
+
+unsigned msg_base(const Type &t) { return bundle_message_count() + t.index * type_message_count(); }
+
+std::string byte_array(const uint8_t *bytes, size_t n, const char *indent) {
+    std::string s;
+    for (size_t i = 0; i < n; ++i) {
+        if (i % 16 == 0) s += i ? "\n" : "", s += indent;
+        s += format("0x%02x,", bytes[i]);
+    }
+    return s;
+}
+
+std::string field_entry(const Field &f) {
+    std::string type = f.type ? "&" + f.type->name : "nullptr";
+    std::string nested = f.sttr_nested == no_area ? "no_area" : std::to_string(f.sttr_nested);
+    return format("    {.name = %s, .type = %s, .offset = %u, .size = %u, .elem_size = %u, .count = %u, "
+                  ".kind = Kind::%s, .shape = Shape::%s, .from_variant = %d, .companion = %d, .sttr_pos = %u, "
+                  ".sttr_nested = %s, .select = %u},\n",
+                  c_string(f.name).c_str(), type.c_str(), f.offset, f.size, f.elem_size, f.count, kind_name(f),
+                  shape_name(f.shape), f.from, f.companion, f.sttr_pos,
+                  nested.c_str(), f.select);
+}
+
+} // namespace
+
+std::string emit_tables_header(const Catalogue &c) {
+    std::string s = format("// The type tables of the bundle. %s\n", generated_banner);
+    s += "#ifndef OVRIN_SM_INTERNAL_TABLES_H\n#define OVRIN_SM_INTERNAL_TABLES_H\n\n"
+         "#include \"ops/types.h\"\n#include \"ovrin_sm/types.h\"\n\nnamespace ovrin {\n\nnamespace table {\n\n";
+    s += format("inline constexpr unsigned type_count = %zu;\n\n", c.types.size());
+    for (const auto &t : c.types) s += format("extern const Type %s;\n", t->name.c_str());
+    s += "\n// Every type, in registration order.\nextern const Type *const all[type_count];\n\n} // namespace table\n\n";
+    s += "// The exported descriptors in registration order, null-terminated.\n"
+         "extern const void *const descriptor_table[table::type_count + 1];\n\n"
+         "// The bundle's trace message texts, by message number.\nextern mgx_trace_table_t trace_table;\n\n"
+         "} // namespace ovrin\n\n#endif\n";
+    return s;
+}
+
+std::string emit_tables(const Catalogue &c) {
+    std::string s = format("// Definitions of the type tables; compiled into the bundle once. %s\n", generated_banner);
+    s += "#include \"ovrin_sm_internal/tables.h\"\n\nnamespace ovrin::table {\n\nnamespace {\n";
+    for (const auto &tp : c.types) {
+        const Type &t = *tp;
+        s += format("\n// %s\nalignas(8) unsigned char placeholder_%s[%u];\n", t.name.c_str(), t.name.c_str(), t.size);
+        s += format("const Variant variants_%s[] = {", t.name.c_str());
+        for (int v = 0; v < t.n_variants; ++v)
+            s += format("%s{%u, %u}", v ? ", " : "", t.used[static_cast<size_t>(v)], t.size - t.used[static_cast<size_t>(v)]);
+        s += "};\n";
+        if (t.is_enum()) {
+            s += format("const Literal literals_%s[] = {\n", t.name.c_str());
+            for (const Literal &l : t.literals)
+                s += format("    {%s, %u, %u, %d},\n", c_string(l.name).c_str(), l.user, l.wire, l.from);
+            s += "};\n";
+        } else {
+            s += format("const Field fields_%s[] = {\n", t.name.c_str());
+            for (const Field &f : t.fields) s += field_entry(f);
+            s += "};\n";
+        }
+    }
+    s += "\n} // namespace\n";
+    for (const auto &tp : c.types) {
+        const Type &t = *tp;
+        s += format("\nconst Type %s = {\n", t.name.c_str());
+        s += format("    .name = %s,\n    .descriptor = &_%s_type_info_internal,\n", c_string(t.name).c_str(), t.name.c_str());
+        s += t.is_enum() ? "    .fields = nullptr,\n" : format("    .fields = fields_%s,\n", t.name.c_str());
+        s += t.is_enum() ? format("    .literals = literals_%s,\n", t.name.c_str()) : "    .literals = nullptr,\n";
+        s += format("    .variants = variants_%s,\n    .placeholder = placeholder_%s,\n", t.name.c_str(), t.name.c_str());
+        s += format("    .size = %u,\n    .sttr_size = %u,\n    .msg_base = %u,\n", t.size, t.sttr_size, msg_base(t));
+        s += format("    .n_fields = %zu,\n    .n_literals = %zu,\n    .index = %u,\n", t.fields.size(), t.literals.size(), t.index);
+        s += format("    .kind = TypeKind::%s,\n    .n_variants = %d,\n    .discriminator = %d,\n", type_kind_name(t.kind),
+                    t.n_variants, t.discriminator);
+        s += format("    .sttr_align = %u,\n    .flags = type_flag_none,\n};\n", t.sttr_align);
+    }
+    s += "\nconst Type *const all[type_count] = {\n";
+    for (const auto &t : c.types) s += format("    &%s,\n", t->name.c_str());
+    s += "};\n\n} // namespace ovrin::table\n";
+    return s;
+}
+
+std::string emit_tables_source(const Catalogue &c) {
+    std::string s = format("// The type tables, held against the public structs. %s\n", generated_banner);
+    s += "#include \"ovrin_sm_internal/tables.inc\"\n\n";
+    for (const auto &t : c.types) {
+        if (t->is_enum()) continue;
+        for (const Field &f : t->fields)
+            s += format("static_assert(offsetof(::%s, %s) == %u);\n", t->name.c_str(), f.name.c_str(), f.offset);
+    }
+    return s;
+}
+
+std::string emit_descriptors(const Catalogue &c) {
+    std::string s = format("// The exported type descriptors. %s\n", generated_banner);
+    s += "#include \"ovrin_sm_internal/tables.h\"\n\n"
+         "static_assert(sizeof(mgx_type_info_t) == 272 && sizeof(mgx_variant_entry_t) == 40 &&\n"
+         "              sizeof(mgx_type_variant_info_t) == 16);\n\nnamespace {\n";
+    for (const auto &tp : c.types) {
+        const Type &t = *tp;
+        s += format("\nmgx_variant_entry_t entries_%s[] = {\n", t.name.c_str());
+        for (int v = 0; v < t.n_variants; ++v)
+            s += format("    {%d, %u, %u, 0, {}},\n", v, t.used[static_cast<size_t>(v)], t.size - t.used[static_cast<size_t>(v)]);
+        s += format("};\nmgx_type_variant_info_t variant_info_%s = {%d, {}, entries_%s};\n", t.name.c_str(), t.n_variants,
+                    t.name.c_str());
+    }
+    s += "\n} // namespace\n\nextern \"C\" {\n";
+    for (const auto &tp : c.types) {
+        const Type &t = *tp;
+        s += format("\nmgx_type_info_t _%s_type_info_internal = {\n", t.name.c_str());
+        s += "    .magic = MGX_TYPE_INFO_MAGIC,\n    .fingerprint = {\n";
+        s += byte_array(t.fingerprint.data(), 16, "        ");
+        s += "\n    },\n";
+        s += format("    .fingerprint_text = \"%s\",\n", hex(t.fingerprint.data(), 16).c_str());
+        s += format("    .type_name = %s,\n    .domain_name = \"ovrin_sm\",\n    .kind = \"%s\",\n", c_string(t.name).c_str(),
+                    t.kind_word());
+        s += "    .pad0 = {},\n    .registry_slot = -1,\n    .pad1 = {},\n";
+        s += format("    .variant_info = &variant_info_%s,\n    .registry_mode = 0,\n    .pad2 = {},\n};\n", t.name.c_str());
+    }
+    s += "\n} // extern \"C\"\n\nconst void *const ovrin::descriptor_table[ovrin::table::type_count + 1] = {\n";
+    for (const auto &t : c.types) s += format("    &_%s_type_info_internal,\n", t->name.c_str());
+    s += "    nullptr,\n};\n";
+    return s;
+}
+
+std::string emit_trace_table(const Catalogue &c) {
+    std::vector<std::string> texts = trace_texts(c);
+    std::string raw;
+    for (const std::string &t : texts) raw += t + '\0';
+    uLongf zlength = compressBound(static_cast<uLong>(raw.size()));
+    std::vector<uint8_t> z(zlength);
+    if (compress2(z.data(), &zlength, reinterpret_cast<const Bytef *>(raw.data()), static_cast<uLong>(raw.size()),
+                  Z_BEST_COMPRESSION) != Z_OK)
+        throw std::runtime_error("compressing the trace texts failed");
+    std::string s = format("// The trace message texts, zlib-compressed, NUL-separated, by message number. %s\n",
+                           generated_banner);
+    s += format("// %zu texts: %u for the bundle, then %u per type in registration order.\n", texts.size(),
+                bundle_message_count(), type_message_count());
+    s += "#include \"ovrin_sm_internal/tables.h\"\n\nnamespace {\n\nconst unsigned char texts_z[] = {\n";
+    s += byte_array(z.data(), zlength, "    ");
+    s += "\n};\n\n} // namespace\n\n";
+    s += format("mgx_trace_table_t ovrin::trace_table = {MGX_TRACE_TABLE_MAGIC, %zu, \"mgx_ovrin_sm\", texts_z, %lu, %zu, nullptr};\n",
+                texts.size(), static_cast<unsigned long>(zlength), raw.size());
+    return s;
+}
+
+} // namespace gen

@@ -1,0 +1,103 @@
+// ovrin_gen: turns the catalogue into the bundle's generated sources.
+//
+//   ovrin_gen --catalogue FILE --out DIR [--comment TEXT]
+//
+// writes, under DIR:
+//   include/ovrin_sm/types.h            public: structs, literal constants, descriptors
+//   include/ovrin_sm/ops.h              public: prototypes of every exported function
+//   include/ovrin_sm/exports.inc        the exported symbol names (for tests)
+//   include/ovrin_sm_internal/tables.h  internal: declarations of the type tables
+//   include/ovrin_sm_internal/tables.inc  internal: definitions of the type tables
+//   src/sm_tables.cpp src/sm_descriptors.cpp src/sm_entry.cpp src/sm_trace.cpp src/sm_manifest.cpp
+//   ovrin_sm.map                        the linker's export list
+// Files whose contents did not change are left untouched, so that nothing rebuilds needlessly.
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "tools/ovrin_gen/emit.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+void write_if_changed(const fs::path &path, const std::string &contents) {
+    {
+        std::ifstream in(path, std::ios::binary);
+        if (in) {
+            std::ostringstream old;
+            old << in.rdbuf();
+            if (old.str() == contents) return;
+        }
+    }
+    fs::create_directories(path.parent_path());
+    fs::path tmp = path;
+    tmp += ".tmp";
+    {
+        std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
+        out << contents;
+        if (!out) throw std::runtime_error("cannot write " + tmp.string());
+    }
+    fs::rename(tmp, path);
+}
+
+int usage() {
+    std::fputs("usage: ovrin_gen --catalogue FILE --out DIR [--comment TEXT]\n", stderr);
+    return 2;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    std::string catalogue_path, out_dir;
+    gen::BuildInfo build;
+    for (int i = 1; i < argc; ++i) {
+        auto value = [&]() -> const char * { return i + 1 < argc ? argv[++i] : nullptr; };
+        const char *v = nullptr;
+        if (!std::strcmp(argv[i], "--catalogue") && (v = value())) catalogue_path = v;
+        else if (!std::strcmp(argv[i], "--out") && (v = value())) out_dir = v;
+        else if (!std::strcmp(argv[i], "--comment") && (v = value())) build.comment = v;
+        else return usage();
+    }
+    if (catalogue_path.empty() || out_dir.empty()) return usage();
+
+    std::ifstream in(catalogue_path, std::ios::binary);
+    if (!in) {
+        std::fprintf(stderr, "%s: cannot read the catalogue\n", catalogue_path.c_str());
+        return 1;
+    }
+    std::ostringstream text;
+    text << in.rdbuf();
+
+    gen::Catalogue c;
+    try {
+        c = gen::parse_catalogue(catalogue_path, text.str());
+        gen::resolve(c);
+        gen::lay_out(c);
+        gen::fingerprint(c);
+    } catch (const gen::Error &e) {
+        std::fprintf(stderr, "%s:%d: error: %s\n", catalogue_path.c_str(), e.line, e.what());
+        return 1;
+    }
+
+    try {
+        fs::path out(out_dir);
+        write_if_changed(out / "include/ovrin_sm/types.h", gen::emit_public_types(c));
+        write_if_changed(out / "include/ovrin_sm/ops.h", gen::emit_public_ops(c));
+        write_if_changed(out / "include/ovrin_sm/exports.inc", gen::emit_export_list(c));
+        write_if_changed(out / "include/ovrin_sm_internal/tables.h", gen::emit_tables_header(c));
+        write_if_changed(out / "include/ovrin_sm_internal/tables.inc", gen::emit_tables(c));
+        write_if_changed(out / "src/sm_tables.cpp", gen::emit_tables_source(c));
+        write_if_changed(out / "src/sm_descriptors.cpp", gen::emit_descriptors(c));
+        write_if_changed(out / "src/sm_entry.cpp", gen::emit_entry_points(c));
+        write_if_changed(out / "src/sm_trace.cpp", gen::emit_trace_table(c));
+        write_if_changed(out / "src/sm_manifest.cpp", gen::emit_manifest(c, build));
+        write_if_changed(out / "ovrin_sm.map", gen::emit_version_script(c));
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "ovrin_gen: %s\n", e.what());
+        return 1;
+    }
+    return 0;
+}
