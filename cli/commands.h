@@ -1,0 +1,12 @@
+// The ovrin-sm subcommands. Each takes the arguments after the tool's name (argv[0] is the
+// subcommand itself) and returns the process exit status.
+#ifndef OVRIN_CLI_COMMANDS_H
+#define OVRIN_CLI_COMMANDS_H
+
+// ovrin-sm types: the bundle's types as the loaded library describes them.
+int ovrin_cmd_types(int argc, char **argv);
+
+// ovrin-sm manifest [LIBRARY]: the manifest section of a library file.
+int ovrin_cmd_manifest(int argc, char **argv);
+
+#endif

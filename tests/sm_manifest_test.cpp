@@ -1,0 +1,150 @@
+// What the library file carries beside its code: the manifest section and the exported symbol set.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "cli/elf_sections.h"
+#include "ovrin_sm/ops.h"
+
+namespace {
+
+std::string library_path() {
+    Dl_info info{};
+    if (!dladdr(reinterpret_cast<void *>(&ovrin_sm_typeinfo_initialize), &info) || !info.dli_fname) return {};
+    return info.dli_fname;
+}
+
+struct LibraryFile : ::testing::Test {
+    ovrin::elf::File file;
+    void SetUp() override {
+        std::string error;
+        auto f = ovrin::elf::read(library_path(), error);
+        ASSERT_TRUE(f) << error;
+        file = std::move(*f);
+    }
+};
+
+std::vector<std::string> lines_of(const std::string &text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+bool all_of(const std::string &s, int (*is)(int)) {
+    return !s.empty() && std::all_of(s.begin(), s.end(), [&](char ch) { return is(static_cast<unsigned char>(ch)); });
+}
+
+int is_lower_hex(int ch) { return std::isdigit(ch) || (ch >= 'a' && ch <= 'f'); }
+
+TEST_F(LibraryFile, ManifestSectionIsNotLoadedAndHoldsTheTwoRecords) {
+    const ovrin::elf::Section *section = file.find(".ovrin_sm_manifest");
+    ASSERT_NE(section, nullptr);
+    EXPECT_EQ(section->flags & SHF_ALLOC, 0u);
+    std::vector<uint8_t> bytes = file.contents(*section);
+
+    // raw framing: u32 length (counting the NUL), u32 kind, text, padding to 4
+    uint32_t length = 0, kind = 0;
+    std::memcpy(&length, bytes.data(), 4);
+    std::memcpy(&kind, bytes.data() + 4, 4);
+    EXPECT_EQ(kind, 2u);
+    ASSERT_LE(8u + length, bytes.size());
+    EXPECT_EQ(bytes[8 + length - 1], 0);
+    EXPECT_EQ(std::find(bytes.begin() + 8, bytes.begin() + 8 + length - 1, 0), bytes.begin() + 8 + length - 1);
+
+    std::vector<ovrin::elf::ManifestRecord> records;
+    ASSERT_TRUE(ovrin::elf::manifest_records(bytes, records));
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].text.size() + 1, length);
+    EXPECT_EQ(records[1].kind, 1u);
+
+    std::vector<std::string> build = lines_of(records[1].text);
+    ASSERT_EQ(build.size(), 7u);
+    EXPECT_EQ(build[0], "ovrin_sm");
+    EXPECT_EQ(build[1].substr(0, 8), "pkg_id: ");
+    EXPECT_EQ(build[1].size(), 48u);
+    EXPECT_TRUE(all_of(build[1].substr(8), is_lower_hex));
+    EXPECT_EQ(build[2].rfind("built by: ", 0), 0u);
+    EXPECT_EQ(build[3].rfind("on host: ", 0), 0u);
+    EXPECT_TRUE(all_of(build[4].substr(5), [](int ch) { return std::isdigit(ch); })) << build[4];
+    EXPECT_EQ(build[5].rfind("at: ", 0), 0u);
+    EXPECT_EQ(build[6].rfind("comment: ", 0), 0u);
+}
+
+TEST_F(LibraryFile, TypeManifestHasOneLinePerTypeSortedByName) {
+    std::vector<ovrin::elf::ManifestRecord> records;
+    ASSERT_TRUE(ovrin::elf::manifest_records(file.contents(*file.find(".ovrin_sm_manifest")), records));
+    ASSERT_FALSE(records.empty());
+    std::vector<std::string> lines = lines_of(records[0].text);
+    ASSERT_EQ(lines.size(), 80u);
+    EXPECT_EQ(lines[0], "# ovrin_sm manifest");
+
+    std::map<std::string, const mgx_type_info_t *> by_fingerprint;
+    for (const mgx_module_node_t *n = mgx_module_tot_root.first; n; n = n->next)
+        if (!std::strcmp(n->domain_name, "ovrin_sm"))
+            for (const void *const *d = n->descriptor_table; *d; ++d) {
+                auto *info = static_cast<const mgx_type_info_t *>(*d);
+                by_fingerprint[info->fingerprint_text] = info;
+            }
+    ASSERT_EQ(by_fingerprint.size(), 79u);
+
+    std::map<std::string, std::string> line_of; // by type name
+    std::string previous;
+    std::set<std::string> second_digests;
+    for (size_t i = 1; i < lines.size(); ++i) {
+        const std::string &line = lines[i];
+        ASSERT_EQ(line.size(), 79u) << line;
+        auto it = by_fingerprint.find(line.substr(0, 32));
+        ASSERT_NE(it, by_fingerprint.end()) << line;
+        const mgx_type_info_t *d = it->second;
+        EXPECT_EQ(line[32], ':');
+        EXPECT_TRUE(all_of(line.substr(33, 32), is_lower_hex)) << line;
+        EXPECT_TRUE(second_digests.insert(line.substr(33, 32)).second) << line;
+        EXPECT_EQ(line.substr(65, 4), d->kind);
+        EXPECT_EQ(std::stoi(line.substr(69, 3)), d->variant_info->n_variants - 1) << line;
+        EXPECT_EQ(line[72], ':');
+        uint32_t last_used = d->variant_info->entries[d->variant_info->n_variants - 1].used_length;
+        EXPECT_EQ(std::stoul(line.substr(73, 5)), (last_used + 7) / 8 * 8) << line;
+        EXPECT_EQ(line[78], 'N');
+        EXPECT_LT(previous, d->type_name) << "not sorted by name";
+        previous = d->type_name;
+        line_of[d->type_name] = line;
+    }
+    auto ends_with = [&](const char *type, const std::string &tail) {
+        const std::string &line = line_of[type];
+        EXPECT_EQ(line.substr(line.size() - tail.size()), tail) << type;
+    };
+    ends_with("sess_mgr_session_start", "type001:00184N");
+    ends_with("sm_dot11_params", "type000:00048N");       // 45 bytes used
+    ends_with("sess_mgr_capwap_tunnel_params", "type000:00064N"); // 61
+    ends_with("sess_mgr_ip_notif", "type000:00096N");     // 90
+    ends_with("ovrin_smd_in_event", "type002:00216N");
+    ends_with("ovrin_sm_in_event_type", "enum002:00016N");
+    ends_with("sm_peer_state", "enum000:00016N");
+}
+
+// Only the catalogue's operations and data leave the library.
+TEST_F(LibraryFile, ExportsExactlyTheCataloguesSymbols) {
+    const std::vector<std::string> expected_list = {
+#include "ovrin_sm/exports.inc"
+    };
+    std::set<std::string> expected(expected_list.begin(), expected_list.end());
+    EXPECT_EQ(expected.size(), expected_list.size()) << "a name is listed twice";
+    std::vector<std::string> exported_list = ovrin::elf::defined_dynamic_symbols(file);
+    std::set<std::string> exported(exported_list.begin(), exported_list.end());
+    for (const std::string &name : exported) EXPECT_TRUE(expected.count(name)) << "exported but not in the catalogue: " << name;
+    for (const std::string &name : expected) EXPECT_TRUE(exported.count(name)) << "missing: " << name;
+    for (const char *name : {"ovrin_sm_typeinfo_initialize", "ovrin_sm_bundle_registered_handler",
+                             "_sess_mgr_session_start_type_info_internal", "sm_peer_state_variant_data_index_cap",
+                             "ovrin_smd_in_event_get_luid"})
+        EXPECT_TRUE(exported.count(name)) << name;
+}
+
+} // namespace
