@@ -12,7 +12,7 @@ void TextOut::raw(const char *s, size_t n) {
         n = room;
         full_ = true;
     }
-    std::memcpy(buf_ + n_, s, n);
+    if (n) std::memcpy(buf_ + n_, s, n);
     n_ += static_cast<uint32_t>(n);
     buf_[n_] = '\0';
 }
