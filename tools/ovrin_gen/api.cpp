@@ -14,6 +14,13 @@ const std::vector<EntryPoint> &entry_points() {
     return list;
 }
 
+// The per-field families (accessors, state flags, array elements, strings, union members) go here,
+// each entry selecting its fields with `applies`.
+const std::vector<FieldEntryPoint> &field_entry_points() {
+    static const std::vector<FieldEntryPoint> list = {};
+    return list;
+}
+
 const std::vector<BundleSymbol> &bundle_functions() {
     static const std::vector<BundleSymbol> list = {
         {"ovrin_sm_bundle_handler_register", "uint64_t ovrin_sm_bundle_handler_register(uint64_t handler, void *arg)"},
@@ -34,9 +41,47 @@ const std::vector<BundleSymbol> &bundle_data() {
     return list;
 }
 
-bool has_entry_point(const EntryPoint &e, const Type &t) {
+namespace {
+
+bool has_kind(unsigned kinds, const Type &t) {
     unsigned bit = t.kind == TypeKind::record ? k_record : t.kind == TypeKind::union_ ? k_union : k_enum;
-    return (e.kinds & bit) != 0;
+    return (kinds & bit) != 0;
+}
+
+std::string element_c_type(const Field &f) {
+    if (f.shape == Shape::var_string) return "char";
+    return f.prim ? prim_c_type(*f.prim) : f.type->name;
+}
+
+std::string fill_in(std::string text, const Type &t, const Field *f, size_t field_index) {
+    std::string table = "ovrin::table::" + t.name;
+    if (f) {
+        text = replace_all(text, "$field", table + ".fields[" + std::to_string(field_index) + "]");
+        text = replace_all(text, "$FT", element_c_type(*f));
+        text = replace_all(text, "$F", f->name);
+    }
+    text = replace_all(text, "$table", table);
+    return replace_all(text, "$T", t.name);
+}
+
+} // namespace
+
+std::vector<Wrapper> wrappers_of(const Type &t) {
+    std::vector<Wrapper> out;
+    for (const EntryPoint &e : entry_points())
+        if (has_kind(e.kinds, t))
+            out.push_back({t.name + "_" + e.op, fill_in(e.result, t, nullptr, 0), fill_in(e.params, t, nullptr, 0),
+                           fill_in(e.call, t, nullptr, 0)});
+    for (const FieldEntryPoint &e : field_entry_points()) {
+        if (!has_kind(e.kinds, t)) continue;
+        for (size_t i = 0; i < t.fields.size(); ++i) {
+            const Field &f = t.fields[i];
+            if (e.applies && !e.applies(f)) continue;
+            out.push_back({t.name + "_" + f.name + "_" + e.op, fill_in(e.result, t, &f, i), fill_in(e.params, t, &f, i),
+                           fill_in(e.call, t, &f, i)});
+        }
+    }
+    return out;
 }
 
 namespace {
@@ -81,8 +126,7 @@ std::vector<std::string> exported_names(const Catalogue &c) {
     for (const BundleSymbol &s : bundle_data()) names.push_back(s.name);
     for (const auto &t : c.types) names.push_back("_" + t->name + "_type_info_internal");
     for (const auto &t : c.types)
-        for (const EntryPoint &e : entry_points())
-            if (has_entry_point(e, *t)) names.push_back(t->name + "_" + e.op);
+        for (const Wrapper &w : wrappers_of(*t)) names.push_back(w.name);
     return names;
 }
 

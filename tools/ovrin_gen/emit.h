@@ -14,13 +14,31 @@ namespace gen {
 enum KindMask : unsigned { k_record = 1, k_union = 2, k_enum = 4, k_composite = k_record | k_union, k_all = 7 };
 
 // A per-type exported entry point `<type>_<op>`: a one-line call of a generic operation. In
-// `call`, $T stands for the type's name and $table for its table (an ovrin::Type lvalue).
+// result, params and call, $T stands for the type's name and $table for its table (an
+// ovrin::Type lvalue).
 struct EntryPoint {
     const char *op;
     unsigned kinds;
     const char *result;
     const char *params;
     const char *call;
+};
+
+// A per-field exported entry point `<type>_<field>_<op>`, for the fields `applies` accepts. On top
+// of $T and $table: $F is the field's name, $FT the C type of one of its elements, $field its
+// table entry (an ovrin::Field lvalue).
+struct FieldEntryPoint {
+    const char *op;
+    unsigned kinds;
+    bool (*applies)(const Field &);
+    const char *result;
+    const char *params;
+    const char *call;
+};
+
+// One exported function of one type, with every placeholder filled in.
+struct Wrapper {
+    std::string name, result, params, call;
 };
 
 // A bundle-level export: its name and its C declaration.
@@ -30,9 +48,11 @@ struct BundleSymbol {
 };
 
 const std::vector<EntryPoint> &entry_points();
+const std::vector<FieldEntryPoint> &field_entry_points();
 const std::vector<BundleSymbol> &bundle_functions();
 const std::vector<BundleSymbol> &bundle_data();
-bool has_entry_point(const EntryPoint &e, const Type &t);
+// Every exported function of t, in a stable order: type entry points, then field entry points.
+std::vector<Wrapper> wrappers_of(const Type &t);
 
 // Message texts of ops/messages.def with the type's name in place.
 std::vector<std::string> trace_texts(const Catalogue &c);

@@ -162,9 +162,8 @@ std::string emit_public_ops(const Catalogue &c) {
     for (const BundleSymbol &b : bundle_data()) s += "OVRIN_SM_API " + std::string(b.declaration) + ";\n";
     for (const auto &t : c.types) {
         s += "\n/* " + t->name + " */\n";
-        for (const EntryPoint &e : entry_points())
-            if (has_entry_point(e, *t))
-                s += format("OVRIN_SM_API %s %s_%s(%s);\n", e.result, t->name.c_str(), e.op, e.params);
+        for (const Wrapper &w : wrappers_of(*t))
+            s += format("OVRIN_SM_API %s %s(%s);\n", w.result.c_str(), w.name.c_str(), w.params.c_str());
     }
     s += "\n";
     s += c_epilogue;
@@ -178,13 +177,9 @@ std::string emit_entry_points(const Catalogue &c) {
     s += "#include \"ovrin_sm/ops.h\"\n#include \"ovrin_sm_internal/tables.h\"\n\nextern \"C\" {\n";
     for (const auto &t : c.types) {
         s += "\n";
-        for (const EntryPoint &e : entry_points()) {
-            if (!has_entry_point(e, *t)) continue;
-            std::string call = replace_all(replace_all(e.call, "$table", "ovrin::table::" + t->name), "$T", t->name);
-            bool returns = std::string(e.result) != "void";
-            s += format("%s %s_%s(%s) { %s%s; }\n", e.result, t->name.c_str(), e.op, e.params, returns ? "return " : "",
-                        call.c_str());
-        }
+        for (const Wrapper &w : wrappers_of(*t))
+            s += format("%s %s(%s) { %s%s; }\n", w.result.c_str(), w.name.c_str(), w.params.c_str(),
+                        w.result == "void" ? "" : "return ", w.call.c_str());
     }
     s += "\n} // extern \"C\"\n";
     return s;
