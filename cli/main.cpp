@@ -2,10 +2,7 @@
 #include <cstdio>
 #include <cstring>
 
-#if __has_include("cli/commands.h")
 #include "cli/commands.h"
-#define OVRIN_HAVE_COMMANDS 1
-#endif
 
 namespace {
 
@@ -26,10 +23,8 @@ int main(int argc, char **argv) {
         usage(stdout);
         return 0;
     }
-#ifdef OVRIN_HAVE_COMMANDS
     if (!std::strcmp(argv[1], "types")) return ovrin_cmd_types(argc - 1, argv + 1);
     if (!std::strcmp(argv[1], "manifest")) return ovrin_cmd_manifest(argc - 1, argv + 1);
-#endif
     std::fprintf(stderr, "ovrin-sm: unknown command '%s'\n\n", argv[1]);
     usage(stderr);
     return 2;

@@ -10,6 +10,33 @@ const std::vector<EntryPoint> &entry_points() {
         {"get_luid", k_all, "uint32_t", "mgx_handle_t *h, uint32_t luid", "mgx_get_luid(h, luid)"},
         {"variant_data_index_cap", k_composite, "int8_t", "uint32_t index", "ovrin::record_variant_cap($table, index)"},
         {"variant_data_index_cap", k_enum, "uint32_t", "uint32_t index", "ovrin::enum_variant_cap($table, index)"},
+        // Lifecycle: records, unions and enumerations alike.
+        {"create", k_all, "$T *", "mgx_handle_t *h, uint32_t luid", "static_cast<$T *>(ovrin::create($table, h, luid))"},
+        {"create_internal", k_all, "$T *", "mgx_handle_t *h, uint32_t luid",
+         "static_cast<$T *>(ovrin::create_internal($table, h, luid))"},
+        {"create_cr", k_all, "$T *", "mgx_handle_t *h", "static_cast<$T *>(ovrin::create_cr($table, h))"},
+        {"initialize", k_all, "void",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, const void *descriptor, int use_write_hook, int header_only, "
+         "uint32_t flags_to_set, uint8_t *sttr_base, uint32_t *err",
+         "ovrin::initialize($table, h, luid, instance, descriptor, use_write_hook, header_only, flags_to_set, sttr_base, "
+         "err)"},
+        {"set_instance_embedded", k_all, "void", "mgx_handle_t *h, uint32_t luid, $T *instance",
+         "ovrin::set_instance_embedded($table, h, luid, instance)"},
+        {"destroy", k_all, "void", "mgx_handle_t *h, uint32_t luid, $T *instance",
+         "ovrin::destroy($table, h, luid, instance)"},
+        {"destroy_internal", k_all, "void", "mgx_handle_t *h, uint32_t luid, $T *instance, int free_it",
+         "ovrin::destroy_internal($table, h, luid, instance, free_it)"},
+        {"destroy_cr", k_all, "void", "mgx_handle_t *h, $T *instance", "ovrin::destroy_cr($table, h, instance)"},
+        {"sizeof", k_composite, "uint32_t", "mgx_handle_t *h", "ovrin::size_of($table, h)"},
+        {"sizeof", k_enum, "uint32_t", "void", "sizeof($T)"},
+        {"sizeof_internal", k_composite, "uint32_t",
+         "mgx_handle_t *h, const $T *instance, int include_state_flags, int flags_only",
+         "ovrin::size_of_internal($table, h, instance, include_state_flags, flags_only)"},
+        {"get_oid_count", k_all, "uint32_t", "mgx_handle_t *h, uint32_t luid, const $T *instance, uint32_t *err",
+         "ovrin::get_oid_count($table, h, luid, instance, err)"},
+        {"get_object_references", k_all, "void",
+         "mgx_handle_t *h, uint32_t luid, const $T *instance, uint64_t *array, uint32_t count, uint32_t *err",
+         "ovrin::get_object_references($table, h, luid, instance, array, count, err)"},
     };
     return list;
 }

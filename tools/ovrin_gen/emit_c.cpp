@@ -174,7 +174,7 @@ std::string emit_public_ops(const Catalogue &c) {
 std::string emit_entry_points(const Catalogue &c) {
     std::string s = format("// The per-type entry points: each a call of a generic operation with its type's table.\n// %s\n",
                            generated_banner);
-    s += "#include \"ovrin_sm/ops.h\"\n#include \"ovrin_sm_internal/tables.h\"\n\nextern \"C\" {\n";
+    s += "#include \"ops/ops.h\"\n#include \"ovrin_sm/ops.h\"\n#include \"ovrin_sm_internal/tables.h\"\n\nextern \"C\" {\n";
     for (const auto &t : c.types) {
         s += "\n";
         for (const Wrapper &w : wrappers_of(*t))

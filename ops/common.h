@@ -1,0 +1,67 @@
+// Helpers every generic operation shares: header access, the handle's state-tracking mode, the
+// state-flag area of an instance, write notification and error reporting.
+#ifndef OVRIN_OPS_COMMON_H
+#define OVRIN_OPS_COMMON_H
+
+#include <cstdint>
+#include <cstring>
+
+#include "frame/trace.h"
+#include "ops/types.h"
+
+namespace ovrin {
+
+inline mgx_instance_hdr_t *hdr(void *instance) { return static_cast<mgx_instance_hdr_t *>(instance); }
+inline const mgx_instance_hdr_t *hdr(const void *instance) { return static_cast<const mgx_instance_hdr_t *>(instance); }
+inline uint8_t *bytes(void *p) { return static_cast<uint8_t *>(p); }
+inline const uint8_t *bytes(const void *p) { return static_cast<const uint8_t *>(p); }
+inline void *field_at(void *instance, const Field &f) { return bytes(instance) + f.offset; }
+inline const void *field_at(const void *instance, const Field &f) { return bytes(instance) + f.offset; }
+
+// A field exists in an instance whose variant is at least the field's from-variant.
+inline bool present(const Field &f, int variant) { return variant >= f.from_variant; }
+
+// Trace at severity 0 and stop the process: the conditions no caller can recover from.
+[[noreturn]] void fatal(const Type &t, Message m);
+
+// The handle's state-tracking mode, read afresh each time; a corrupt marker is fatal.
+inline bool tracking(const Type &t, const mgx_handle_t *h) {
+    if (!h->sttr) return false;
+    uint32_t marker = h->sttr->marker;
+    if (marker == MGX_STTR_TRACKED) return true;
+    if (marker != MGX_STTR_UNTRACKED) fatal(t, Message::corrupted_handle);
+    return false;
+}
+
+// The state-flag area of a tracked instance: at the runtime-recorded offset when the instance
+// says so (bit 6) or when it is nested inside another instance's area (the container recorded
+// it); otherwise inline, behind the instance's data. Null when the instance keeps no area.
+uint8_t *state_area(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance);
+
+inline void notify(mgx_handle_t *h, const void *addr, size_t length, uint32_t luid, const void *base = nullptr) {
+    if (h->write_hook) h->write_hook(h, addr, length, luid, base);
+}
+
+// Sets the caller's slot and the handle's error store.
+inline void fail(mgx_handle_t *h, uint32_t *err, uint32_t code) {
+    if (err) *err = code;
+    mgx_store_err(h, code);
+}
+
+// The start of every operation that takes an error slot: nothing to do when it already holds a
+// code; otherwise the handle's last error is cleared.
+inline bool begin(mgx_handle_t *h, uint32_t luid, const void *instance, const uint32_t *err) {
+    if (err && *err) return false;
+    mgx_clear_last_error(h, luid, instance);
+    return true;
+}
+
+// The descriptor an instance of t is to point at in this handle.
+void *descriptor_for(const Type &t, mgx_handle_t *h, uint32_t luid);
+
+// The variant the handle's domain gives t, capped to t's variants (negative kept).
+int8_t domain_variant(const Type &t, mgx_handle_t *h, uint32_t *err);
+
+} // namespace ovrin
+
+#endif

@@ -1,0 +1,7 @@
+// Every generic operation family, for the generated entry points.
+#ifndef OVRIN_OPS_OPS_H
+#define OVRIN_OPS_OPS_H
+
+#include "ops/record/lifecycle.h"
+
+#endif

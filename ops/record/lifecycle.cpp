@@ -1,0 +1,445 @@
+// The lifecycle of every record, union and enumeration instance, over the type tables.
+#include "ops/record/lifecycle.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "ovrin_sm/ops.h"
+
+namespace ovrin {
+
+namespace {
+
+// The runtime's instance-like primitives (booleans, addresses, attribute lists) sit inside
+// records as runtime instances: they are initialised, embedded and destroyed by the runtime.
+struct PrimInstance {
+    const mgx_type_info_t *descriptor;
+    void (*initialize)(mgx_handle_t *, uint32_t, void *, const void *, int, int, uint32_t, uint8_t *, uint32_t *);
+    void (*destroy_internal)(mgx_handle_t *, uint32_t, void *, int);
+    void (*set_instance_embedded)(mgx_handle_t *, uint32_t, void *);
+    uint32_t (*get_oid_count)(mgx_handle_t *, uint32_t, const void *, uint32_t *);
+    void (*get_object_references)(mgx_handle_t *, uint32_t, const void *, uint64_t *, uint32_t, uint32_t *);
+};
+
+template <class T, auto Init, auto Destroy, auto Embed, auto Count, auto Refs>
+constexpr PrimInstance prim_instance(const mgx_type_info_t *d) {
+    return PrimInstance{
+        d,
+        [](mgx_handle_t *h, uint32_t luid, void *f, const void *desc, int hook, int header_only, uint32_t flags,
+           uint8_t *base, uint32_t *err) { Init(h, luid, static_cast<T *>(f), desc, hook, header_only, flags, base, err); },
+        [](mgx_handle_t *h, uint32_t luid, void *f, int free_it) { Destroy(h, luid, static_cast<T *>(f), free_it); },
+        [](mgx_handle_t *h, uint32_t luid, void *f) { Embed(h, luid, static_cast<T *>(f)); },
+        [](mgx_handle_t *h, uint32_t luid, const void *f, uint32_t *err) {
+            return Count(h, luid, static_cast<const T *>(f), err);
+        },
+        [](mgx_handle_t *h, uint32_t luid, const void *f, uint64_t *a, uint32_t n, uint32_t *err) {
+            Refs(h, luid, static_cast<const T *>(f), a, n, err);
+        },
+    };
+}
+
+#define OVRIN_PRIM_INSTANCE(T)                                                                                    \
+    prim_instance<T, T##_initialize, T##_destroy_internal, T##_set_instance_embedded, T##_get_oid_count,       \
+                  T##_get_object_references>(&_##T##_type_info_internal)
+
+const PrimInstance *prim_instance_of(Kind k) {
+    static const PrimInstance boolean = OVRIN_PRIM_INSTANCE(mgx_boolean);
+    static const PrimInstance mac = OVRIN_PRIM_INSTANCE(mgx_mac_addr);
+    static const PrimInstance ipv4 = OVRIN_PRIM_INSTANCE(ipv4_addr);
+    static const PrimInstance ipv6 = OVRIN_PRIM_INSTANCE(ipv6_addr);
+    static const PrimInstance tlv = OVRIN_PRIM_INSTANCE(aaa_tlv);
+    switch (k) {
+    case Kind::boolean: return &boolean;
+    case Kind::mac_addr: return &mac;
+    case Kind::ipv4_addr: return &ipv4;
+    case Kind::ipv6_addr: return &ipv6;
+    case Kind::aaa_tlv: return &tlv;
+    default: return nullptr;
+    }
+}
+
+// Fields held inline as instances of their own: nested records, unions and enumerations (also
+// as fixed-array elements), and the runtime's instance-like primitives.
+bool inline_instance(const Field &f) {
+    if (f.shape != Shape::scalar && f.shape != Shape::fixed_array) return false;
+    return f.kind == Kind::record || f.kind == Kind::enumeration || prim_instance_of(f.kind);
+}
+
+template <class Fn> void for_each_element(void *instance, const Field &f, Fn fn) {
+    for (uint16_t i = 0; i < f.count; ++i) fn(bytes(instance) + f.offset + i * f.elem_size);
+}
+
+void hooked_write(mgx_handle_t *h, bool use_hook, void *addr, size_t n, uint32_t luid, const void *base) {
+    if (use_hook) notify(h, addr, n, luid, base);
+}
+
+int8_t header_variant(const void *instance) { return mgx_get_instance_variant(instance, 1, 0); }
+
+// The statistics entry of a variant: an out-of-range variant is reported and capped.
+void *stats_block(const Type &t, const mgx_type_info_t *d, int8_t variant) {
+    if (!d->variant_info) fatal(t, Message::variant_info);
+    int n = d->variant_info->n_variants;
+    if (n < variant) trace(t, Message::variant_info, MGX_SEV_INFO, static_cast<uint32_t>(variant), static_cast<uint32_t>(n));
+    if (variant < 0) return nullptr;
+    int8_t entry = record_variant_cap(t, static_cast<uint8_t>(variant));
+    return d->variant_info->entries[entry].stats;
+}
+
+void count_stats(const Type &t, mgx_handle_t *h, uint32_t luid, const mgx_type_info_t *d, int8_t variant, bool created,
+                 uint32_t *err) {
+    void *block = stats_block(t, d, variant);
+    if (!block) return;
+    uint32_t local = 0;
+    if (created)
+        mgxlib_type_stats_create_object(h, luid, d, block, &local);
+    else
+        mgxlib_type_stats_destroy_object(h, luid, d, block, &local);
+    if (local) {
+        trace(t, Message::stats_failed, MGX_SEV_ERROR, std::strerror(static_cast<int>(local)));
+        if (err && !*err) *err = local;
+    }
+}
+
+// Releases the object references a field holds, then destroys the field. False when the
+// references could not be listed: the destroy is then abandoned.
+bool release_references(const Type &t, mgx_handle_t *h, uint32_t luid, void *field, uint32_t n,
+                        void (*list)(mgx_handle_t *, uint32_t, const void *, uint64_t *, uint32_t, uint32_t *),
+                        uint32_t *err) {
+    std::vector<uint64_t> refs(n);
+    list(h, luid, field, refs.data(), n, err);
+    if (*err) {
+        trace(t, Message::destroy_references_failed, MGX_SEV_ERROR, std::strerror(static_cast<int>(*err)));
+        return false;
+    }
+    for (uint64_t ref : refs) {
+        mgxlib_lookup_and_update_oid_ref_count(h, luid, ref, 0, err);
+        if (*err) {
+            trace(t, Message::destroy_release_failed, MGX_SEV_ERROR, reinterpret_cast<const void *>(ref),
+                  std::strerror(static_cast<int>(*err)));
+            *err = 0;
+        }
+    }
+    return true;
+}
+
+// Destroys the fields of an instance in declaration order. False when the destroy is abandoned.
+bool destroy_fields(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, int8_t variant, uint32_t *err) {
+    for (uint16_t i = 0; i < t.n_fields; ++i) {
+        const Field &f = t.fields[i];
+        if (!present(f, variant)) continue;
+        void *field = field_at(instance, f);
+        if (f.shape == Shape::member) {
+            void *&slot = *static_cast<void **>(field);
+            if (slot) {
+                destroy_internal(*f.type, h, luid, slot, 1);
+                notify(h, &slot, sizeof slot, luid);
+                slot = nullptr;
+            }
+            continue;
+        }
+        if (f.shape == Shape::var_string) {
+            char *&text = *static_cast<char **>(field);
+            if (text) {
+                h->inst_free(h->alloc_ctx, luid, text);
+                notify(h, &text, sizeof text, luid);
+                text = nullptr;
+            }
+            continue;
+        }
+        if (f.shape == Shape::var_array) {
+            void *&block = *static_cast<void **>(field);
+            if (block) {
+                uint32_t n = *static_cast<const uint32_t *>(field_at(instance, t.fields[f.companion]));
+                for (uint32_t k = 0; k < n; ++k) destroy_internal(*f.type, h, luid, bytes(block) + k * f.elem_size, 0);
+                h->inst_free(h->alloc_ctx, luid, block);
+                notify(h, &block, sizeof block, luid);
+                block = nullptr;
+            }
+            continue;
+        }
+        if (!inline_instance(f)) continue;
+        const PrimInstance *prim = prim_instance_of(f.kind);
+        bool abandoned = false;
+        for_each_element(instance, f, [&](void *element) {
+            if (abandoned) return;
+            if (*err) {
+                if (f.type)
+                    trace(*f.type, Message::oid_count_error_present, MGX_SEV_ERROR);
+                else
+                    trace(t, Message::oid_count_error_present, MGX_SEV_ERROR);
+            }
+            // Nested records and attribute lists may hold object references for their container
+            // to release.
+            if (f.kind == Kind::record || f.kind == Kind::aaa_tlv) {
+                uint32_t n = f.kind == Kind::record ? get_oid_count(*f.type, h, luid, element, err)
+                                                    : prim->get_oid_count(h, luid, element, err);
+                if (n > 0) {
+                    auto list = f.kind == Kind::aaa_tlv
+                                    ? prim->get_object_references
+                                    : nullptr;
+                    if (list && !release_references(t, h, luid, element, n, list, err)) {
+                        abandoned = true;
+                        return;
+                    }
+                }
+            }
+            if (prim)
+                prim->destroy_internal(h, luid, element, 0);
+            else
+                destroy_internal(*f.type, h, luid, element, 0);
+        });
+        if (abandoned) return false;
+    }
+    return true;
+}
+
+} // namespace
+
+[[noreturn]] void fatal(const Type &t, Message m) {
+    trace(t, m, MGX_SEV_EMERG);
+    std::abort();
+}
+
+uint8_t *state_area(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance) {
+    const mgx_instance_hdr_t *hd = hdr(instance);
+    if (!(hd->flags & MGX_IF_TRACKED) || t.sttr_size == 0) return nullptr;
+    if (hd->flags & (MGX_IF_STTR_OFFSET | MGX_IF_NESTED)) {
+        int64_t offset = mgxlib_get_sttr_offset(h, luid, instance);
+        return offset ? bytes(instance) + offset : nullptr;
+    }
+    return bytes(instance) + t.size;
+}
+
+void *descriptor_for(const Type &t, mgx_handle_t *h, uint32_t luid) {
+    if (h->domain_mode == 0) return t.descriptor;
+    return mgx_type_info_ptr_get(h, luid, t.descriptor, ovrin_sm_typeinfo_initialize);
+}
+
+int8_t domain_variant(const Type &t, mgx_handle_t *h, uint32_t *err) {
+    int8_t v = mgx_domain_lookup_variant(h, &h->variant_domain, t.descriptor, err);
+    return record_variant_cap(t, static_cast<uint8_t>(v));
+}
+
+void *create(const Type &t, mgx_handle_t *h, uint32_t luid) {
+    mgx_ovrin_sm_trace_init();
+    return create_internal(t, h, luid);
+}
+
+void *create_internal(const Type &t, mgx_handle_t *h, uint32_t luid) {
+    void *result = nullptr;
+    bool descriptor_call = h->desc_call != 0;
+    if (descriptor_call && h->placeholder) {
+        result = t.placeholder;
+    } else {
+        uint32_t size = tracking(t, h) ? t.tracked_size() : t.size;
+        void *block = h->inst_alloc(h->alloc_ctx, luid, size);
+        if (!block) {
+            if (descriptor_call) {
+                mgx_store_err(h, MGX_ENOMEM);
+                result = t.placeholder;
+            }
+        } else {
+            std::memset(block, 0, tracking(t, h) ? t.tracked_size() : t.size);
+            uint32_t err = 0;
+            initialize(t, h, luid, block, t.descriptor, 1, 0, 0, nullptr, &err);
+            if (err) {
+                trace(t, Message::create_failed, MGX_SEV_ERROR, std::strerror(static_cast<int>(err)));
+                h->inst_free(h->alloc_ctx, luid, block);
+                return nullptr;
+            }
+            result = block;
+        }
+    }
+    if (h->database) {
+        mgxdb_record_containment2(h, luid, result, nullptr, 1);
+        if (luid != MGX_LUID_NONE && h->domain_mode == 1) mgxdb_plat_set_dirty(h, luid, result);
+    }
+    return result;
+}
+
+void *create_cr(const Type &t, mgx_handle_t *h) {
+    mgx_ovrin_sm_trace_init();
+    h->desc_call = 1;
+    void *result = create_internal(t, h, h->desc_call_luid);
+    h->desc_call = 0;
+    return result;
+}
+
+void initialize(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, const void *descriptor,
+                int use_write_hook, int header_only, uint32_t flags_to_set, uint8_t *sttr_base, uint32_t *err) {
+    if (!begin(h, luid, instance, err)) return;
+    mgx_instance_hdr_t *hd = hdr(instance);
+    bool hook = use_write_hook != 0;
+    int8_t variant = record_variant_cap(
+        t, static_cast<uint8_t>(mgx_domain_lookup_variant(h, &h->variant_domain, descriptor, err)));
+
+    hooked_write(h, hook, &hd->layout, 1, luid, nullptr);
+    hd->layout = 0;
+    hooked_write(h, hook, &hd->variant, 1, luid, nullptr);
+    hd->variant = variant;
+    void *registered = h->domain_mode == 0
+                           ? const_cast<void *>(descriptor)
+                           : mgx_type_info_ptr_get(h, luid, descriptor, ovrin_sm_typeinfo_initialize);
+    hooked_write(h, hook, &hd->descriptor, sizeof hd->descriptor, luid, nullptr);
+    hd->descriptor = registered;
+    hooked_write(h, hook, &hd->flags, 1, luid, instance);
+    hd->flags = static_cast<uint8_t>(hd->flags | flags_to_set);
+    bool tracked = tracking(t, h);
+    if (tracked) {
+        hooked_write(h, hook, &hd->flags, 1, luid, instance);
+        hd->flags |= MGX_IF_TRACKED;
+    }
+    if (header_only) return;
+
+    count_stats(t, h, luid, static_cast<const mgx_type_info_t *>(registered ? registered : descriptor), variant, true,
+                err);
+
+    uint8_t *base = nullptr;
+    if (tracking(t, h)) {
+        if ((hd->flags & MGX_IF_NESTED) && !sttr_base) {
+            fail(h, err, MGX_EINVAL);
+            trace(t, Message::nested_without_sttr_base, MGX_SEV_ERROR);
+            return;
+        }
+        if (hd->flags & MGX_IF_STTR_OFFSET)
+            base = bytes(instance) + mgxlib_get_sttr_offset(h, luid, instance);
+        else
+            base = sttr_base ? sttr_base : bytes(instance) + t.size;
+        for (uint16_t i = 0; i < t.n_fields; ++i) {
+            const Field &f = t.fields[i];
+            if (f.shape != Shape::scalar || f.sttr_nested == no_area) continue;
+            if (f.kind != Kind::record && f.kind != Kind::aaa_tlv) continue;
+            void *field = field_at(instance, f);
+            mgxlib_update_sttr_offset(h, luid, field, base + f.sttr_nested - bytes(field));
+            if (f.kind == Kind::aaa_tlv) aaa_tlv_offset_update(h, luid, static_cast<aaa_tlv *>(field), base + f.sttr_nested, err);
+        }
+    }
+
+    for (uint16_t i = 0; i < t.n_fields; ++i) {
+        const Field &f = t.fields[i];
+        if (!inline_instance(f)) continue;
+        const PrimInstance *prim = prim_instance_of(f.kind);
+        uint8_t *nested_base = base && f.sttr_nested != no_area && f.shape == Shape::scalar ? base + f.sttr_nested : sttr_base;
+        for_each_element(instance, f, [&](void *element) {
+            if (prim)
+                prim->initialize(h, luid, element, prim->descriptor, use_write_hook, header_only, MGX_IF_NESTED,
+                                 nested_base, err);
+            else
+                initialize(*f.type, h, luid, element, f.type->descriptor, use_write_hook, header_only, MGX_IF_NESTED,
+                           nested_base, err);
+        });
+    }
+}
+
+void set_instance_embedded(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance) {
+    if (!instance) {
+        trace(t, Message::embed_null, MGX_SEV_ERROR);
+        return;
+    }
+    for (uint16_t i = 0; i < t.n_fields; ++i) {
+        const Field &f = t.fields[i];
+        if (!inline_instance(f)) continue;
+        const PrimInstance *prim = prim_instance_of(f.kind);
+        for_each_element(instance, f, [&](void *element) {
+            if (prim)
+                prim->set_instance_embedded(h, luid, element);
+            else
+                set_instance_embedded(*f.type, h, luid, element);
+        });
+    }
+    mgx_instance_hdr_t *hd = hdr(instance);
+    notify(h, &hd->flags, 1, luid, instance);
+    hd->flags |= MGX_IF_EMBEDDED;
+}
+
+void destroy(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance) {
+    if (instance == t.placeholder) return;
+    destroy_internal(t, h, luid, instance, 1);
+}
+
+void destroy_cr(const Type &t, mgx_handle_t *h, void *instance) {
+    destroy_internal(t, h, h->desc_call_luid, instance, 1);
+}
+
+void destroy_internal(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, int free_it) {
+    if (!instance || instance == t.placeholder) return;
+    mgx_instance_hdr_t *hd = hdr(instance);
+    uint32_t err = 0;
+    if (hd->flags & MGX_IF_OID_MAPPED) {
+        int removed = mgx_request_oid_mapping_destroy(h, luid, instance, &err);
+        if (err) {
+            trace(t, Message::destroy_oid_mapping_failed, MGX_SEV_ERROR, std::strerror(static_cast<int>(err)));
+            mgx_store_err(h, err);
+            return;
+        }
+        if (!removed) {
+            trace(t, Message::destroy_has_references, MGX_SEV_INFO);
+            return;
+        }
+        trace(t, Message::destroy_oid_mapping_removed, MGX_SEV_DEBUG);
+    }
+    int8_t variant = header_variant(instance);
+    if (variant >= 0 && !destroy_fields(t, h, luid, instance, variant, &err)) return;
+
+    if (hd->flags & MGX_IF_TRACKED) {
+        if (hd->flags & MGX_IF_STTR_OFFSET)
+            mgxlib_get_sttr_offset(h, luid, instance);
+        else
+            tracking(t, h);
+    }
+    auto *d = static_cast<const mgx_type_info_t *>(mgx_get_manifested_type_info(instance));
+    if (!d || d->magic != MGX_TYPE_INFO_MAGIC) fatal(t, Message::descriptor_corrupt);
+    count_stats(t, h, luid, d, hd->variant, false, &err);
+
+    if ((hd->flags & (MGX_IF_STTR_OFFSET | MGX_IF_HD_MAPPED)) && h->hd_mapping) {
+        uint32_t local = 0;
+        mgx_hd_mapping_destroy(h, luid, instance, &local);
+        if (local) {
+            trace(t, Message::destroy_oid_mapping_failed, MGX_SEV_ERROR, std::strerror(static_cast<int>(local)));
+            mgx_store_err(h, local);
+            return;
+        }
+    }
+    if (!free_it) return;
+    if (h->database && luid != MGX_LUID_NONE && h->domain_mode == 1) mgxdb_plat_set_destroy(h, luid, instance);
+    if ((hd->flags & MGX_IF_DESC_OWNED) && hd->descriptor) h->inst_free(h->alloc_ctx, luid, hd->descriptor);
+    notify(h, &hd->descriptor, sizeof hd->descriptor, luid);
+    hd->descriptor = nullptr;
+    h->inst_free(h->alloc_ctx, luid, instance);
+}
+
+uint32_t size_of(const Type &t, const mgx_handle_t *h) { return tracking(t, h) ? t.tracked_size() : t.size; }
+
+uint32_t size_of_internal(const Type &t, const mgx_handle_t *h, const void *instance, int include_state_flags,
+                          int flags_only) {
+    uint32_t base = t.size;
+    if (t.n_variants > 1 && instance && hdr(instance)->layout == 0) base = t.variants[0].used + 16;
+    if (!tracking(t, h)) return flags_only ? 0 : base;
+    if (flags_only) return t.sttr_size;
+    return base + (include_state_flags ? t.sttr_size : 0);
+}
+
+uint32_t get_oid_count(const Type &t, mgx_handle_t *h, uint32_t, const void *instance, uint32_t *err) {
+    if (err && *err) {
+        trace(t, Message::oid_count_error_present, MGX_SEV_ERROR);
+    } else if (!instance) {
+        trace(t, Message::oid_count_null, MGX_SEV_ERROR);
+        fail(h, err, MGX_EINVAL);
+    }
+    return 0;
+}
+
+void get_object_references(const Type &t, mgx_handle_t *h, uint32_t, const void *instance, uint64_t *, uint32_t,
+                           uint32_t *err) {
+    if (err && *err) {
+        trace(t, Message::references_error_present, MGX_SEV_ERROR);
+        return;
+    }
+    if (!instance) {
+        trace(t, Message::references_null, MGX_SEV_ERROR);
+        fail(h, err, MGX_EINVAL);
+    }
+}
+
+} // namespace ovrin
