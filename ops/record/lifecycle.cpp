@@ -78,7 +78,10 @@ int8_t header_variant(const void *instance) { return mgx_get_instance_variant(in
 
 // The statistics entry of a variant: an out-of-range variant is reported and capped.
 void *stats_block(const Type &t, const mgx_type_info_t *d, int8_t variant) {
-    if (!d->variant_info) fatal(t, Message::variant_info);
+    if (!d->variant_info) {
+        trace(t, Message::variant_info, MGX_SEV_EMERG, static_cast<uint32_t>(variant), 0u);
+        std::abort();
+    }
     int n = d->variant_info->n_variants;
     if (n < variant) trace(t, Message::variant_info, MGX_SEV_INFO, static_cast<uint32_t>(variant), static_cast<uint32_t>(n));
     if (variant < 0) return nullptr;
@@ -320,7 +323,11 @@ void initialize(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, c
         const Field &f = t.fields[i];
         if (!inline_instance(f)) continue;
         const PrimInstance *prim = prim_instance_of(f.kind);
-        uint8_t *nested_base = base && f.sttr_nested != no_area && f.shape == Shape::scalar ? base + f.sttr_nested : sttr_base;
+        // A nested instance's flags start at its area inside ours; one without an area of its own
+        // (an enumeration) is handed our base.
+        uint8_t *nested_base = !base ? sttr_base
+                               : f.sttr_nested != no_area && f.shape == Shape::scalar ? base + f.sttr_nested
+                                                                                      : base;
         for_each_element(instance, f, [&](void *element) {
             if (prim)
                 prim->initialize(h, luid, element, prim->descriptor, use_write_hook, header_only, MGX_IF_NESTED,

@@ -1,0 +1,356 @@
+// The lifecycle of records, unions and enumerations: create, initialize, embed, destroy and
+// sizes, with the placeholder, statistics, state-flag offsets, OID mappings and references,
+// database hooks and the fatal paths.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "mgx/runtime.h"
+#include "ovrin_sm/ops.h"
+
+namespace {
+
+struct Lifecycle : ::testing::Test {
+    mgx_handle_t *h = mgx_handle_create();
+    void SetUp() override { mgx_trace_clear(); }
+    void TearDown() override {
+        EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
+        mgx_handle_destroy(h);
+    }
+    void track() { mgx_handle_set_state_tracking(h, 1, MGX_STTR_TRACKED); }
+    bool traced(const std::string &text, int severity) const {
+        for (size_t i = 0; i < mgx_trace_count(); ++i)
+            if (text == mgx_trace_text(i) && mgx_trace_severity(i) == severity) return true;
+        return false;
+    }
+};
+
+const mgx_instance_hdr_t *hdr(const void *p) { return static_cast<const mgx_instance_hdr_t *>(p); }
+
+// Every type's name, through the bundle's module node in the runtime's module list.
+std::vector<std::string> type_names() {
+    std::vector<std::string> names;
+    for (const mgx_module_node_t *n = mgx_module_tot_root.first; n; n = n->next)
+        if (!std::strcmp(n->domain_name, "ovrin_sm"))
+            for (const void *const *d = n->descriptor_table; *d; ++d)
+                names.push_back(static_cast<const mgx_type_info_t *>(*d)->type_name);
+    return names;
+}
+
+template <class Fn> Fn op(const std::string &type, const char *name) {
+    return reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, (type + "_" + name).c_str()));
+}
+
+using create_fn = void *(*)(mgx_handle_t *, uint32_t);
+using destroy_fn = void (*)(mgx_handle_t *, uint32_t, void *);
+
+TEST_F(Lifecycle, EveryTypeCreatesAndDestroysTrackedOrNotAndCountsItsVariant) {
+    std::vector<std::string> names = type_names();
+    ASSERT_EQ(names.size(), 79u);
+    for (bool tracked : {false, true}) {
+        mgx_handle_set_state_tracking(h, tracked, MGX_STTR_TRACKED);
+        for (const std::string &name : names) {
+            auto create = op<create_fn>(name, "create");
+            auto destroy = op<destroy_fn>(name, "destroy");
+            ASSERT_TRUE(create && destroy) << name;
+            void *inst = create(h, 1);
+            ASSERT_NE(inst, nullptr) << name;
+            auto *d = static_cast<const mgx_type_info_t *>(hdr(inst)->descriptor);
+            ASSERT_STREQ(d->type_name, name.c_str());
+            int variant = hdr(inst)->variant;
+            EXPECT_EQ(variant, d->variant_info->n_variants - 1) << name; // the domain's default: the highest
+            EXPECT_EQ(hdr(inst)->layout, 0);
+            EXPECT_EQ((hdr(inst)->flags & MGX_IF_TRACKED) != 0, tracked) << name;
+            uint64_t created = mgx_stats_created(d, variant), destroyed = mgx_stats_destroyed(d, variant);
+            destroy(h, 1, inst);
+            EXPECT_EQ(mgx_stats_destroyed(d, variant), destroyed + 1) << name;
+            EXPECT_GE(created, 1u);
+            EXPECT_EQ(mgx_handle_live_allocations(h), 0u) << name;
+        }
+    }
+}
+
+TEST_F(Lifecycle, SizesFollowTheTrackingMode) {
+    EXPECT_EQ(sess_mgr_conn_hdl_sizeof(h), 24u);
+    mgx_handle_set_state_tracking(h, 1, MGX_STTR_UNTRACKED);
+    EXPECT_EQ(sess_mgr_conn_hdl_sizeof(h), 24u);
+    EXPECT_EQ(sess_mgr_session_start_sizeof_internal(h, nullptr, 1, 1), 0u);
+    track();
+    EXPECT_EQ(sess_mgr_conn_hdl_sizeof(h), 25u);
+    EXPECT_EQ(sess_mgr_session_start_sizeof(h), 232u);
+    EXPECT_EQ(ovrin_smd_resp_event_sizeof(h), 210u);
+    EXPECT_EQ(sess_mgr_session_start_sizeof_internal(h, nullptr, 0, 1), 32u);
+    EXPECT_EQ(sess_mgr_session_start_sizeof_internal(h, nullptr, 1, 0), 232u);
+    EXPECT_EQ(sess_mgr_session_start_sizeof_internal(h, nullptr, 0, 0), 200u);
+    mgx_handle_set_state_tracking(h, 0, 0);
+    sess_mgr_session_start *s = sess_mgr_session_start_create(h, 1);
+    EXPECT_EQ(sess_mgr_session_start_sizeof_internal(h, s, 0, 0), 168u); // layout byte 0: variant 0 plus 16
+    s->layout = 1;
+    EXPECT_EQ(sess_mgr_session_start_sizeof_internal(h, s, 0, 0), 200u);
+    EXPECT_EQ(sess_mgr_conn_hdl_sizeof_internal(h, nullptr, 0, 0), 24u);
+    sess_mgr_session_start_destroy(h, 1, s);
+}
+
+TEST_F(Lifecycle, CreateLaysDownTheHeaderThroughTheWriteHook) {
+    mgx_journal_clear(h);
+    sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create(h, 7);
+    ASSERT_NE(c, nullptr);
+    EXPECT_EQ(c->descriptor, &_sess_mgr_conn_hdl_type_info_internal);
+    ASSERT_GE(mgx_journal_count(h), 4u);
+    // layout byte, variant, descriptor word, then the flags with the instance as base
+    EXPECT_EQ(mgx_journal_entry(h, 0)->address, &c->layout);
+    EXPECT_EQ(mgx_journal_entry(h, 1)->address, &c->variant);
+    EXPECT_EQ(mgx_journal_entry(h, 2)->address, &c->descriptor);
+    EXPECT_EQ(mgx_journal_entry(h, 3)->address, &c->flags);
+    EXPECT_EQ(mgx_journal_entry(h, 3)->base, c);
+    EXPECT_EQ(mgx_journal_entry(h, 0)->luid, 7u);
+    sess_mgr_conn_hdl_destroy(h, 7, c);
+
+    // With a domain mode, instances point at the handle's registered copies.
+    mgx_handle_set_domain_mode(h, 2);
+    c = sess_mgr_conn_hdl_create(h, 7);
+    EXPECT_NE(c->descriptor, &_sess_mgr_conn_hdl_type_info_internal);
+    EXPECT_EQ(c->descriptor, mgx_handle_registry_lookup(h, _sess_mgr_conn_hdl_type_info_internal.fingerprint_text));
+    EXPECT_EQ(mgx_handle_registry_count(h), 79u);
+    sess_mgr_conn_hdl_destroy(h, 7, c);
+}
+
+TEST_F(Lifecycle, DescriptorCallsUseThePlaceholderAndFailWithTwelve) {
+    mgx_handle_set_descriptor_luid(h, 9);
+    mgx_handle_set_flags(h, MGX_HANDLE_PLACEHOLDER);
+    sess_mgr_conn_hdl *p = sess_mgr_conn_hdl_create_cr(h);
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(h->desc_call, 0); // reset after the call
+    EXPECT_EQ(mgx_handle_total_allocations(h), 0u);
+    sess_mgr_conn_hdl_destroy(h, 1, p); // the placeholder is never freed
+    sess_mgr_conn_hdl_destroy_internal(h, 1, p, 1);
+    sess_mgr_conn_hdl_destroy(h, 1, nullptr);
+
+    mgx_handle_set_flags(h, 0);
+    mgx_handle_fail_allocation(h, 1);
+    EXPECT_EQ(sess_mgr_conn_hdl_create_cr(h), p); // allocation failed: the placeholder, error 12
+    EXPECT_EQ(mgx_handle_last_error(h), 12u);
+
+    mgx_clear_last_error(h, 1, nullptr);
+    mgx_handle_fail_allocation(h, 1);
+    EXPECT_EQ(sess_mgr_conn_hdl_create(h, 1), nullptr); // public create: null, deliberately no error
+    EXPECT_EQ(mgx_handle_last_error(h), 0u);
+
+    sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create_cr(h);
+    ASSERT_NE(c, p);
+    sess_mgr_conn_hdl_destroy_cr(h, c);
+}
+
+TEST_F(Lifecycle, InitializeFailureInCreateFreesTheBlockAndTraces) {
+    mgx_handle_fail_stats(h, 12);
+    EXPECT_EQ(sess_mgr_session_start_create(h, 1), nullptr);
+    EXPECT_TRUE(traced("error in sess_mgr_session_start create: Cannot allocate memory", 3));
+    EXPECT_TRUE(traced("mgx_stats_inc failed Cannot allocate memory", 3));
+}
+
+TEST_F(Lifecycle, TrackedInstancesRecordTheirNestedFlagAreas) {
+    track();
+    sess_mgr_session_start *s = sess_mgr_session_start_create(h, 1);
+    ASSERT_NE(s, nullptr);
+    const uint8_t *base = reinterpret_cast<const uint8_t *>(s) + 200;
+    auto area_of = [&](const void *field) {
+        int64_t off = 0;
+        EXPECT_TRUE(mgx_sttr_offset_lookup(h, field, &off));
+        return static_cast<const uint8_t *>(field) + off - base;
+    };
+    EXPECT_EQ(area_of(&s->hdl), 1);
+    EXPECT_EQ(area_of(&s->cl_hdl), 3);
+    EXPECT_EQ(area_of(&s->identity_attrs), 8);
+    EXPECT_EQ(area_of(&s->ext_params), 25);
+    EXPECT_EQ(area_of(&s->cl_name), 30);
+    EXPECT_EQ(s->identity_attrs.sttr, base + 8);
+    EXPECT_FALSE(mgx_sttr_offset_lookup(h, &s->ext_params.encap_type, nullptr)); // enumerations have no area
+    EXPECT_TRUE(s->hdl.flags & MGX_IF_NESTED);
+    EXPECT_TRUE(s->hdl.flags & MGX_IF_TRACKED);
+    sess_mgr_session_start_destroy(h, 1, s);
+
+    // A single-primitive record records nothing.
+    mgx_hook_clear(h);
+    sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create(h, 1);
+    EXPECT_EQ(mgx_hook_count_kind(h, MGX_HOOK_STTR_OFFSET), 0u);
+    sess_mgr_conn_hdl_destroy(h, 1, c);
+}
+
+TEST_F(Lifecycle, NestedInitializeNeedsAStateBaseOnlyWhenTracked) {
+    alignas(8) uint8_t block[sizeof(sess_mgr_session_start) + 32] = {};
+    auto *s = reinterpret_cast<sess_mgr_session_start *>(block);
+    uint32_t err = 0;
+    sess_mgr_session_start_initialize(h, 1, s, &_sess_mgr_session_start_type_info_internal, 0, 0, MGX_IF_NESTED,
+                                      nullptr, &err);
+    EXPECT_EQ(err, 0u); // untracked: no base needed
+    EXPECT_NE(s->hdl.descriptor, nullptr);
+    sess_mgr_session_start_destroy_internal(h, 1, s, 0);
+
+    std::memset(block, 0, sizeof block);
+    track();
+    sess_mgr_session_start_initialize(h, 1, s, &_sess_mgr_session_start_type_info_internal, 0, 0, MGX_IF_NESTED,
+                                      nullptr, &err);
+    EXPECT_EQ(err, 22u);
+    EXPECT_EQ(mgx_handle_last_error(h), 22u);
+    EXPECT_EQ(s->hdl.descriptor, nullptr); // fields left alone
+    EXPECT_TRUE(traced("sttr_base can not be NULL in NESTED case. Please check the parent object and provide the "
+                       "correct state tracking base pointer",
+                       3));
+    // An error already in the slot: nothing happens at all.
+    uint8_t flags = s->flags;
+    sess_mgr_session_start_initialize(h, 1, s, &_sess_mgr_session_start_type_info_internal, 0, 0, 0, nullptr, &err);
+    EXPECT_EQ(s->flags, flags);
+}
+
+TEST_F(Lifecycle, DestroyWithoutFreeingKeepsTheBlock) {
+    sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create(h, 1);
+    sess_mgr_conn_hdl_destroy_internal(h, 1, c, 0);
+    EXPECT_EQ(mgx_handle_live_allocations(h), 1u);
+    EXPECT_EQ(c->descriptor, &_sess_mgr_conn_hdl_type_info_internal);
+    sess_mgr_conn_hdl_destroy(h, 1, c);
+}
+
+TEST_F(Lifecycle, UnionDestroyFreesEveryMemberWhateverTheDiscriminator) {
+    ovrin_smd_resp_event *e = ovrin_smd_resp_event_create(h, 1);
+    e->reg_result = session_mgr_reg_result_create(h, 1);
+    e->new_client = sess_mgr_new_client_notif_create(h, 1);
+    e->authc_result = sess_mgr_authc_result_notif_create(h, 1);
+    e->resp_type.value = 3;
+    EXPECT_EQ(mgx_handle_live_allocations(h), 4u);
+    ovrin_smd_resp_event_destroy(h, 1, e);
+}
+
+TEST_F(Lifecycle, OidMappingOutcomes) {
+    // Removed at once.
+    sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create(h, 1);
+    mgx_oid_map(h, c);
+    sess_mgr_conn_hdl_destroy(h, 1, c);
+    EXPECT_TRUE(traced("sess_mgr_conn_hdl destroy: Successfully removed OID mapping", 7));
+
+    // Outstanding references keep the instance until the last one is released.
+    c = sess_mgr_conn_hdl_create(h, 1);
+    uint64_t oid = mgx_oid_map(h, c);
+    mgx_oid_add_ref(h, oid);
+    sess_mgr_conn_hdl_destroy(h, 1, c);
+    EXPECT_TRUE(traced("sess_mgr_conn_hdl destroy: Object has references and will be cleaned up when all of them "
+                       "are released",
+                       6));
+    EXPECT_EQ(mgx_handle_live_allocations(h), 1u);
+    uint32_t err = 0;
+    mgxlib_lookup_and_update_oid_ref_count(h, 1, oid, 0, &err);
+    EXPECT_EQ(err, 0u);
+    EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
+
+    // A failing removal keeps the instance and stores the error.
+    c = sess_mgr_conn_hdl_create(h, 1);
+    mgx_oid_map(h, c);
+    mgx_handle_fail_oid_mapping_destroy(h, 5);
+    sess_mgr_conn_hdl_destroy(h, 1, c);
+    EXPECT_TRUE(traced("sess_mgr_conn_hdl destroy: Failed to remove oid mapping for object. Error Input/output error", 3));
+    EXPECT_EQ(mgx_handle_last_error(h), 5u);
+    EXPECT_EQ(mgx_handle_live_allocations(h), 1u);
+    sess_mgr_conn_hdl_destroy(h, 1, c);
+}
+
+TEST_F(Lifecycle, DestroyReleasesTheReferencesOfAttributeLists) {
+    sess_mgr_conn_hdl *target = sess_mgr_conn_hdl_create(h, 1);
+    uint64_t oid = mgx_oid_map(h, target);
+    sess_mgr_session_start *s = sess_mgr_session_start_create(h, 1);
+    uint32_t err = 0;
+    aaa_tlv_add_object_reference(h, 1, &s->identity_attrs, oid, &err);
+    ASSERT_EQ(err, 0u);
+    EXPECT_EQ(mgx_oid_ref_count(h, oid), 1u);
+    sess_mgr_session_start_destroy(h, 1, s);
+    EXPECT_EQ(mgx_oid_ref_count(h, oid), 0u);
+    EXPECT_EQ(mgx_hook_count_kind(h, MGX_HOOK_OID_REF_RELEASE), 1u);
+
+    // A release that fails is traced and the destroy goes on.
+    s = sess_mgr_session_start_create(h, 1);
+    aaa_tlv_add_object_reference(h, 1, &s->identity_attrs, oid, &err);
+    mgx_handle_fail_oid_ref_release(h, 22);
+    sess_mgr_session_start_destroy(h, 1, s);
+    char expect[160];
+    std::snprintf(expect, sizeof expect,
+                  "sess_mgr_session_start destroy: Failed to decrement ref count of oid %p. Error Invalid argument",
+                  reinterpret_cast<void *>(oid));
+    EXPECT_TRUE(traced(expect, 3));
+    EXPECT_EQ(mgx_handle_live_allocations(h), 1u); // only the target is left
+    EXPECT_EQ(mgx_oid_ref_count(h, oid), 1u);       // with the reference that could not be released
+    err = 0;
+    mgxlib_lookup_and_update_oid_ref_count(h, 1, oid, 0, &err);
+    sess_mgr_conn_hdl_destroy(h, 1, target);
+}
+
+TEST_F(Lifecycle, DatabaseAndMappingHooks) {
+    mgx_handle_set_flags(h, MGX_HANDLE_DATABASE | MGX_HANDLE_MAPPING);
+    mgx_handle_set_domain_mode(h, 1);
+    sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create(h, 4);
+    ASSERT_EQ(mgx_hook_count_kind(h, MGX_HOOK_CONTAINMENT), 1u);
+    EXPECT_EQ(mgx_hook_count_kind(h, MGX_HOOK_DIRTY), 1u);
+    c->flags |= MGX_IF_HD_MAPPED;
+    sess_mgr_conn_hdl_destroy(h, 4, c);
+    EXPECT_EQ(mgx_hook_count_kind(h, MGX_HOOK_HD_MAPPING_DESTROY), 1u);
+    EXPECT_EQ(mgx_hook_count_kind(h, MGX_HOOK_DESTROY), 1u);
+
+    // No luid: neither dirty nor destroy is announced.
+    mgx_hook_clear(h);
+    c = sess_mgr_conn_hdl_create(h, MGX_LUID_NONE);
+    sess_mgr_conn_hdl_destroy(h, MGX_LUID_NONE, c);
+    EXPECT_EQ(mgx_hook_count_kind(h, MGX_HOOK_CONTAINMENT), 1u);
+    EXPECT_EQ(mgx_hook_count_kind(h, MGX_HOOK_DIRTY) + mgx_hook_count_kind(h, MGX_HOOK_DESTROY), 0u);
+}
+
+TEST_F(Lifecycle, EmbeddingMarksEveryNestedHeader) {
+    sess_mgr_session_start *s = sess_mgr_session_start_create(h, 1);
+    sess_mgr_session_start_set_instance_embedded(h, 1, s);
+    EXPECT_TRUE(s->flags & MGX_IF_EMBEDDED);
+    EXPECT_TRUE(s->hdl.flags & MGX_IF_EMBEDDED);
+    EXPECT_TRUE(s->identity_attrs.hdr.flags & MGX_IF_EMBEDDED);
+    EXPECT_TRUE(s->ext_params.encap_type.flags & MGX_IF_EMBEDDED);
+    EXPECT_TRUE(s->cl_name.flags & MGX_IF_EMBEDDED);
+    sess_mgr_session_start_set_instance_embedded(h, 1, nullptr);
+    EXPECT_TRUE(traced("Invalid object pointer passed in to set instance flag", 3));
+    sess_mgr_session_start_destroy(h, 1, s);
+}
+
+TEST_F(Lifecycle, OidCountAndReferencesValidateTheirArguments) {
+    uint32_t err = 0;
+    EXPECT_EQ(sess_mgr_conn_hdl_get_oid_count(h, 1, nullptr, &err), 0u);
+    EXPECT_EQ(err, 22u);
+    EXPECT_TRUE(traced("Invalid object passed in to get object oid count", 3));
+    EXPECT_EQ(sess_mgr_conn_hdl_get_oid_count(h, 1, nullptr, &err), 0u);
+    EXPECT_TRUE(traced("Error already present in call to get object oid count", 3));
+    err = 0;
+    sess_mgr_conn_hdl_get_object_references(h, 1, nullptr, nullptr, 0, &err);
+    EXPECT_EQ(err, 22u);
+    EXPECT_TRUE(traced("Cannot get table references.", 3));
+}
+
+using LifecycleDeath = Lifecycle;
+
+TEST_F(LifecycleDeath, FatalConditionsTraceAndAbort) {
+    mgx_trace_set_stderr_level(0);
+    mgx_handle_set_state_tracking(h, 1, 0x1234);
+    EXPECT_DEATH(sess_mgr_conn_hdl_create(h, 1), "Corrupted MGX Handle");
+    mgx_handle_set_state_tracking(h, 0, 0);
+
+    sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create(h, 1);
+    c->descriptor = nullptr;
+    EXPECT_DEATH(sess_mgr_conn_hdl_destroy(h, 1, c), "tinfo is null or corrupted");
+    c->descriptor = &_sess_mgr_conn_hdl_type_info_internal;
+    sess_mgr_conn_hdl_destroy(h, 1, c);
+
+    EXPECT_DEATH(
+        {
+            _sess_mgr_conn_hdl_type_info_internal.variant_info = nullptr;
+            sess_mgr_conn_hdl_create(h, 1);
+        },
+        "varinfo is NULL variant 0 requested only 0 variants present|varinfo is NULL");
+    mgx_trace_set_stderr_level(-1);
+}
+
+} // namespace
