@@ -43,4 +43,8 @@ void trace(const Type &t, Message m, uint32_t severity, const void *p, const cha
     qlog_emit_ps(&trace_table, message_number(t, m), g_mgx_ovrin_sm_trace_module_id, severity, p, s);
 }
 
+void trace(const Type &t, Message m, uint32_t severity, int32_t a, int32_t b, int32_t c) {
+    qlog_emit_ddd(&trace_table, message_number(t, m), g_mgx_ovrin_sm_trace_module_id, severity, a, b, c);
+}
+
 } // namespace ovrin

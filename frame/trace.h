@@ -28,6 +28,7 @@ void trace(const Type &t, Message m, uint32_t severity);
 void trace(const Type &t, Message m, uint32_t severity, const char *s);
 void trace(const Type &t, Message m, uint32_t severity, uint32_t a, uint32_t b);
 void trace(const Type &t, Message m, uint32_t severity, const void *p, const char *s);
+void trace(const Type &t, Message m, uint32_t severity, int32_t a, int32_t b, int32_t c);
 
 } // namespace ovrin
 

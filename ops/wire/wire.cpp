@@ -1,0 +1,588 @@
+// The wire form of records and unions: header (variant, object flag, retained data, variant
+// jump), then the members in declaration order with no padding, state bytes behind them when the
+// sender tracks state. One encoder, one decoder and one length routine serve every type.
+#include "ops/wire/wire.h"
+
+#include <array>
+#include <cstring>
+
+#include "ops/enum/enum.h"
+#include "ops/record/lifecycle.h"
+#include "ovrin_sm/ops.h"
+
+namespace ovrin {
+
+namespace {
+
+constexpr uint8_t wire_flag_mask = MGX_IF_TRACKED | MGX_IF_HD_MAPPED;
+constexpr uint32_t arm_callsite_tag = 0xB03C3000u;
+constexpr uint32_t decode_reuse_storage = 0xFFFFFFFFu; // any non-zero decode flag asks for reuse
+constexpr unsigned enum_value_offset = 12;             // the value word of an enumeration instance
+constexpr int32_t min_instance_bytes = 6;              // a record's wire header: the least an element takes
+
+// The runtime's primitives, reached by kind.
+struct PrimWire {
+    uint32_t (*marshal)(mgx_handle_t *, uint32_t, uint8_t *, const void *, int32_t, uint32_t *);
+    uint32_t (*unmarshal)(mgx_handle_t *, uint32_t, const uint8_t *, void *, int32_t, uint32_t, uint32_t *);
+    uint32_t (*len)(mgx_handle_t *, uint32_t, const void *);
+};
+
+template <class T, auto Marshal, auto Unmarshal, auto Len> constexpr PrimWire prim_wire() {
+    return PrimWire{
+        [](mgx_handle_t *h, uint32_t luid, uint8_t *buf, const void *f, int32_t space, uint32_t *err) {
+            return Marshal(h, luid, buf, static_cast<const T *>(f), space, err);
+        },
+        [](mgx_handle_t *h, uint32_t luid, const uint8_t *buf, void *f, int32_t length, uint32_t flags, uint32_t *err) {
+            return Unmarshal(h, luid, buf, static_cast<T *>(f), length, flags, err);
+        },
+        [](mgx_handle_t *h, uint32_t luid, const void *f) { return Len(h, luid, static_cast<const T *>(f)); },
+    };
+}
+
+#define OVRIN_PRIM_WIRE(T) prim_wire<T, T##_marshal, T##_unmarshal, T##_len>()
+
+const PrimWire &prim_wire_of(Kind k) {
+    static const PrimWire table[] = {
+        OVRIN_PRIM_WIRE(u_int8),      OVRIN_PRIM_WIRE(u_int16),   OVRIN_PRIM_WIRE(u_int32),
+        OVRIN_PRIM_WIRE(u_int64),     OVRIN_PRIM_WIRE(mgx_boolean), OVRIN_PRIM_WIRE(mgx_mac_addr),
+        OVRIN_PRIM_WIRE(ipv4_addr),   OVRIN_PRIM_WIRE(ipv6_addr), OVRIN_PRIM_WIRE(aaa_tlv),
+    };
+    static_assert(static_cast<int>(Kind::u8) == 0 && static_cast<int>(Kind::aaa_tlv) == 8);
+    return table[static_cast<int>(k)];
+}
+
+// A count or length field that belongs to a variable array or counted string: on the wire it
+// stands as its own member but carries no state byte (the array or string carries it).
+bool is_companion(const Field &f) { return f.companion >= 0 && f.shape == Shape::scalar; }
+
+uint32_t read_count(const void *instance, const Field &f) {
+    const void *p = field_at(instance, f);
+    return f.kind == Kind::u16 ? *static_cast<const uint16_t *>(p) : *static_cast<const uint32_t *>(p);
+}
+
+void write_count(void *instance, const Field &f, uint32_t v) {
+    void *p = field_at(instance, f);
+    if (f.kind == Kind::u16)
+        *static_cast<uint16_t *>(p) = static_cast<uint16_t>(v);
+    else
+        *static_cast<uint32_t *>(p) = v;
+}
+
+uint32_t discriminator_value(const Type &t, const void *instance) {
+    const Field &d = t.fields[t.discriminator];
+    uint32_t v;
+    std::memcpy(&v, bytes(instance) + d.offset + enum_value_offset, sizeof v);
+    return enum_map_to_user_value(*d.type, v);
+}
+
+bool selected(const Type &t, const Field &arm, const void *instance) {
+    return discriminator_value(t, instance) == arm.select;
+}
+
+void **slot_of(void *instance, const Field &f) { return static_cast<void **>(field_at(instance, f)); }
+void *const *slot_of(const void *instance, const Field &f) { return static_cast<void *const *>(field_at(instance, f)); }
+
+// Per-element state bytes of a tracked variable array: two per element, behind the elements.
+uint8_t *element_flags(const Field &f, void *block, uint32_t count, bool tracked) {
+    return tracked && block ? bytes(block) + static_cast<size_t>(count) * f.elem_size : nullptr;
+}
+
+// ------------------------------------------------------------------ length
+
+uint32_t element_length(const Field &f, mgx_handle_t *h, uint32_t luid, const void *element) {
+    switch (f.kind) {
+    case Kind::record: return wire_length(*f.type, h, luid, element);
+    case Kind::enumeration: return 5;
+    default: return prim_wire_of(f.kind).len(h, luid, element);
+    }
+}
+
+// ------------------------------------------------------------------ encoder
+
+struct Writer {
+    mgx_handle_t *h;
+    uint32_t luid;
+    uint8_t *buf;
+    int32_t space;
+    uint32_t *err;
+    int32_t pos = 0;
+
+    int32_t left() const { return space - pos; }
+    // Each piece gets its own error cell, so that one piece's failure (or the variant error of the
+    // header) does not silence the pieces after it; the first error reaches the caller's cell.
+    template <class Fn> void put(Fn fn) {
+        uint32_t e = 0;
+        pos += static_cast<int32_t>(fn(buf + pos, left(), &e));
+        if (e && !*err) *err = e;
+    }
+    // A member's state byte is stored even at the end of the space, one byte past it: callers of
+    // a tracked encode give a buffer one byte longer than the space they declare.
+    void state_byte(uint8_t v) {
+        buf[pos] = v;
+        if (pos < space) ++pos;
+    }
+    void error(uint32_t code) {
+        if (!*err) *err = code;
+        mgx_store_err(h, code);
+    }
+};
+
+uint32_t encode_element(const Field &f, Writer &w, const void *element, uint8_t *buf, int32_t space, uint32_t *err) {
+    switch (f.kind) {
+    case Kind::record: return encode(*f.type, w.h, w.luid, buf, element, space, true, err);
+    case Kind::enumeration: return enum_marshal(*f.type, w.h, w.luid, buf, element, space, err);
+    default: return prim_wire_of(f.kind).marshal(w.h, w.luid, buf, element, space, err);
+    }
+}
+
+void encode_member(const Type &t, const Field &f, Writer &w, const void *instance, const uint8_t *area, bool tracked) {
+    const void *field = field_at(instance, f);
+    uint8_t flag = area ? area[f.sttr_pos] : 0;
+    switch (f.shape) {
+    case Shape::scalar:
+        w.put([&](uint8_t *b, int32_t s, uint32_t *e) { return encode_element(f, w, field, b, s, e); });
+        if (tracked && !is_companion(f)) w.state_byte(flag);
+        return;
+    case Shape::fixed_array:
+        for (uint16_t i = 0; i < f.count; ++i) {
+            const void *element = bytes(field) + i * f.elem_size;
+            w.put([&](uint8_t *b, int32_t s, uint32_t *e) { return encode_element(f, w, element, b, s, e); });
+        }
+        if (tracked) w.state_byte(flag);
+        return;
+    case Shape::var_string: {
+        uint32_t len = read_count(instance, t.fields[f.companion]);
+        const char *text = *static_cast<const char *const *>(field);
+        uint32_t n = len;
+        if (static_cast<int64_t>(len) > w.left()) {
+            n = static_cast<uint32_t>(w.left() > 0 ? w.left() : 0);
+            w.error(MGX_ESHORT);
+        }
+        if (text)
+            std::memcpy(w.buf + w.pos, text, n);
+        else
+            std::memset(w.buf + w.pos, 0, n);
+        w.pos += static_cast<int32_t>(n);
+        if (tracked && len > 0) w.state_byte(flag);
+        return;
+    }
+    case Shape::var_array: {
+        uint32_t count = read_count(instance, t.fields[f.companion]);
+        if (count == 0) return; // deliberately without the array's state byte
+        void *block = *slot_of(instance, f);
+        for (uint32_t k = 0; k < count; ++k) {
+            const void *element = block ? bytes(block) + static_cast<size_t>(k) * f.elem_size : nullptr;
+            w.put([&](uint8_t *b, int32_t s, uint32_t *e) { return encode(*f.type, w.h, w.luid, b, element, s, true, e); });
+        }
+        if (!tracked) return;
+        w.state_byte(flag);
+        const uint8_t *per_element = element_flags(f, block, count, true);
+        for (uint32_t k = 0; k < count && w.left() > 0; ++k) w.buf[w.pos++] = per_element ? per_element[2 * k] : 0;
+        return;
+    }
+    case Shape::member: {
+        if (selected(t, f, instance)) {
+            const void *arm = *slot_of(instance, f);
+            if (!arm)
+                w.error(MGX_ENOENT);
+            else
+                w.put([&](uint8_t *b, int32_t s, uint32_t *e) { return encode(*f.type, w.h, w.luid, b, arm, s, true, e); });
+        }
+        if (tracked && w.left() >= 2) w.buf[w.pos++] = flag;
+        return;
+    }
+    }
+}
+
+// ------------------------------------------------------------------ decoder
+
+struct Reader {
+    mgx_handle_t *h;
+    uint32_t luid;
+    const uint8_t *buf;
+    int32_t length;
+    uint32_t flags;
+    uint32_t *err;
+    int32_t pos = 0;
+    bool copy_state = false, skip_state = false;
+    uint8_t *area = nullptr;
+
+    int32_t left() const { return length - pos; }
+    // The state byte behind a member, copied or stepped over, never read at the end of the input.
+    void state_byte(const Field &f) {
+        if ((!copy_state && !skip_state) || pos >= length) return;
+        if (copy_state && area) area[f.sttr_pos] = buf[pos];
+        ++pos;
+    }
+    void error(uint32_t code) { fail(h, err, code); }
+};
+
+uint32_t decode_element(const Field &f, Reader &r, void *element) {
+    const uint8_t *b = r.buf + r.pos;
+    switch (f.kind) {
+    case Kind::record: return decode(*f.type, r.h, r.luid, b, element, r.left(), r.flags, r.err);
+    case Kind::enumeration: return enum_unmarshal(*f.type, r.h, r.luid, b, element, r.left(), r.flags, r.err);
+    default: return prim_wire_of(f.kind).unmarshal(r.h, r.luid, b, element, r.left(), r.flags, r.err);
+    }
+}
+
+void free_block(Reader &r, void *&block) {
+    if (!block) return;
+    notify(r.h, &block, sizeof block, r.luid);
+    r.h->inst_free(r.h->alloc_ctx, r.luid, block);
+    block = nullptr;
+}
+
+void decode_string(const Type &t, const Field &f, Reader &r, void *instance, uint32_t old_len) {
+    const Field &len_field = t.fields[f.companion];
+    uint32_t len = read_count(instance, len_field);
+    void *&text = *slot_of(instance, f);
+    if (len == 0) {
+        free_block(r, text);
+        return;
+    }
+    if (static_cast<int64_t>(len) > r.left()) { // cannot be satisfied: refuse before allocating
+        free_block(r, text);
+        write_count(instance, len_field, 0);
+        r.error(MGX_ESHORT);
+        return;
+    }
+    size_t size = static_cast<size_t>(len + 1) * char_sizeof();
+    if (r.flags && len == old_len && text) {
+        notify(r.h, text, size, r.luid);
+    } else {
+        free_block(r, text);
+        void *fresh = r.h->inst_alloc(r.h->alloc_ctx, r.luid, size);
+        if (!fresh) {
+            write_count(instance, len_field, 0);
+            r.error(MGX_ENOMEM);
+            return;
+        }
+        notify(r.h, &text, sizeof text, r.luid);
+        text = fresh;
+    }
+    std::memset(text, 0, size);
+    std::memcpy(text, r.buf + r.pos, len);
+    r.pos += static_cast<int32_t>(len);
+    if (r.copy_state) {
+        r.state_byte(f);
+    } else if (r.skip_state && r.left() >= 2) {
+        ++r.pos; // stepped over only with a byte to spare: the jump realigns the rest
+    }
+}
+
+void destroy_elements(const Field &f, Reader &r, void *block, uint32_t count) {
+    for (uint32_t k = 0; block && k < count; ++k)
+        destroy_internal(*f.type, r.h, r.luid, bytes(block) + static_cast<size_t>(k) * f.elem_size, 0);
+}
+
+void decode_array(const Type &t, const Field &f, Reader &r, void *instance, uint32_t old_count, bool tracked) {
+    const Field &count_field = t.fields[f.companion];
+    uint32_t count = read_count(instance, count_field);
+    void *&block = *slot_of(instance, f);
+    destroy_elements(f, r, block, old_count);
+    if (count == 0) {
+        free_block(r, block);
+        return;
+    }
+    // Every element takes at least a header on the wire: a count the bytes left cannot hold is
+    // refused before anything is allocated.
+    if (static_cast<int64_t>(count) * min_instance_bytes > r.left()) {
+        free_block(r, block);
+        write_count(instance, count_field, 0);
+        r.error(MGX_ESHORT);
+        return;
+    }
+    size_t size = static_cast<size_t>(count) * f.elem_size + (tracked ? 2u * count : 0u);
+    if (r.flags && block && count == old_count) {
+        notify(r.h, block, size, r.luid);
+    } else {
+        free_block(r, block);
+        void *fresh = r.h->inst_alloc(r.h->alloc_ctx, r.luid, size);
+        if (!fresh) {
+            write_count(instance, count_field, 0);
+            r.error(MGX_ENOMEM);
+            return;
+        }
+        notify(r.h, &block, sizeof block, r.luid);
+        block = fresh;
+    }
+    std::memset(block, 0, size);
+    uint8_t *per_element = element_flags(f, block, count, tracked);
+    for (uint32_t k = 0; k < count; ++k) {
+        void *element = bytes(block) + static_cast<size_t>(k) * f.elem_size;
+        uint32_t e = 0;
+        initialize(*f.type, r.h, r.luid, element, f.type->descriptor, 0, 0, MGX_IF_NESTED,
+                   per_element ? per_element + 2 * k : nullptr, &e);
+    }
+    for (uint32_t k = 0; k < count && !*r.err; ++k)
+        r.pos += static_cast<int32_t>(decode_element(f, r, bytes(block) + static_cast<size_t>(k) * f.elem_size));
+    if (*r.err) return;
+    r.state_byte(f);
+    for (uint32_t k = 0; k < count && r.pos < r.length; ++k) {
+        if (r.copy_state && per_element) per_element[2 * k] = r.buf[r.pos];
+        if (r.copy_state || r.skip_state) ++r.pos;
+    }
+}
+
+void decode_arm(const Field &f, Reader &r, void *instance, uint32_t arm_index) {
+    void *&arm = *slot_of(instance, f);
+    if (!arm) {
+        notify(r.h, &arm, sizeof arm, r.luid);
+        plinth_set_callsite_tag(arm_callsite_tag + arm_index);
+        void *fresh = create(*f.type, r.h, r.luid);
+        if (!fresh) {
+            r.error(MGX_ENOMEM);
+            return;
+        }
+        // A record the decoder makes for the receiver follows the receiver's domain.
+        uint32_t e = 0;
+        adjust_variant(*f.type, r.h, r.luid, fresh, &e);
+        arm = fresh;
+        if (r.h->database) mgxdb_record_containment2(r.h, r.luid, arm, instance, 1);
+    }
+    r.pos += static_cast<int32_t>(decode(*f.type, r.h, r.luid, r.buf + r.pos, arm, r.left(), r.flags, r.err));
+}
+
+uint32_t old_count(const std::array<uint32_t, 64> &old, const Field &f) {
+    return static_cast<size_t>(f.companion) < old.size() ? old[f.companion] : 0;
+}
+
+} // namespace
+
+uint32_t wire_length(const Type &t, mgx_handle_t *h, uint32_t luid, const void *instance) {
+    int8_t variant = mgx_get_instance_variant(instance, 1, 0);
+    uint32_t n = 6, state = 0;
+    if (variant >= 0) {
+        for (uint16_t i = 0; i < t.n_fields; ++i) {
+            const Field &f = t.fields[i];
+            if (!present(f, variant)) continue;
+            const void *field = field_at(instance, f);
+            switch (f.shape) {
+            case Shape::scalar:
+                n += element_length(f, h, luid, field);
+                state += is_companion(f) ? 0 : 1;
+                break;
+            case Shape::fixed_array:
+                for (uint16_t k = 0; k < f.count; ++k) n += element_length(f, h, luid, bytes(field) + k * f.elem_size);
+                state += 1;
+                break;
+            case Shape::var_string: {
+                uint32_t len = read_count(instance, t.fields[f.companion]);
+                n += char_len() * len;
+                state += 1 + len;
+                break;
+            }
+            case Shape::var_array: {
+                uint32_t count = read_count(instance, t.fields[f.companion]);
+                const void *block = *slot_of(instance, f);
+                for (uint32_t k = 0; k < count; ++k)
+                    n += wire_length(*f.type, h, luid, block ? bytes(block) + static_cast<size_t>(k) * f.elem_size : nullptr);
+                state += 1 + count;
+                break;
+            }
+            case Shape::member:
+                if (selected(t, f, instance)) n += wire_length(*f.type, h, luid, *slot_of(instance, f));
+                state += 1;
+                break;
+            }
+        }
+    }
+    if (!instance || !tracking(t, h)) return n;
+    return n + state;
+}
+
+uint32_t wire_length_cr(const Type &t, mgx_handle_t *h, const void *instance) {
+    if (h->last_error) return 0;
+    return wire_length(t, h, h->desc_call_luid, instance);
+}
+
+uint32_t encode(const Type &t, mgx_handle_t *h, uint32_t luid, uint8_t *buf, const void *instance, int32_t space,
+                bool check, uint32_t *err) {
+    uint32_t scratch = 0;
+    if (!err) err = &scratch;
+    if (!begin(h, luid, instance, err)) return 0;
+    if (space < 1) {
+        fail(h, err, MGX_ESHORT);
+        return 0;
+    }
+    int8_t variant = mgx_get_instance_variant(instance, 1, 0);
+    uint32_t lookup_err = 0;
+    int8_t domain = mgx_domain_lookup_variant(h, &h->variant_domain, mgx_get_manifested_type_info(instance), &lookup_err);
+    if (check && variant > domain) {
+        mgx_store_epoch_err(h, MGX_EVARIANT, err);
+        variant = domain;
+    }
+    if (variant > t.last_variant()) variant = t.last_variant();
+
+    Writer w{h, luid, buf, space, err};
+    w.put([&](uint8_t *b, int32_t s, uint32_t *e) { return _mgx_instance_variant_marshal(h, luid, b, variant, s, e); });
+    uint8_t flag = mgx_get_instance_obj_flag(instance, 1, 0);
+    const uint8_t *area = nullptr;
+    bool tracked = tracking(t, h);
+    if (tracked) {
+        flag |= MGX_IF_TRACKED;
+        if (instance && (hdr(instance)->flags & MGX_IF_TRACKED)) area = state_area(t, h, luid, const_cast<void *>(instance));
+    } else {
+        flag &= static_cast<uint8_t>(~MGX_IF_TRACKED);
+    }
+    flag &= wire_flag_mask;
+    w.put([&](uint8_t *b, int32_t s, uint32_t *e) { return _mgx_instance_obj_flag_marshal(h, luid, b, flag, s, e); });
+    if (flag & MGX_IF_HD_MAPPED)
+        w.put([&](uint8_t *b, int32_t s, uint32_t *e) { return _mgx_instance_ra_data_marshal(h, luid, b, instance, s, e); });
+    int32_t header = w.pos;
+    w.put([&](uint8_t *b, int32_t s, uint32_t *e) { return _mgx_variant_jump_marshal(h, luid, b, 0, s, e); });
+    bool jump_written = w.pos == header + 4;
+
+    if (variant >= 0)
+        for (uint16_t i = 0; i < t.n_fields; ++i)
+            if (present(t.fields[i], variant)) encode_member(t, t.fields[i], w, instance, area, tracked);
+
+    if (jump_written) {
+        uint32_t e = 0;
+        _mgx_variant_jump_marshal(h, luid, buf + header, static_cast<uint32_t>(w.pos - header), 4, &e);
+    }
+    return static_cast<uint32_t>(w.pos);
+}
+
+uint32_t decode(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *buf, void *instance, int32_t length,
+                uint32_t flags, uint32_t *err) {
+    uint32_t scratch = 0;
+    if (!err) err = &scratch;
+    if (!begin(h, luid, instance, err)) return 0;
+    if (length < 1) {
+        fail(h, err, MGX_ESHORT);
+        return 0;
+    }
+    Reader r{h, luid, buf, length, flags, err};
+    int8_t variant = 0;
+    uint8_t flag = 0;
+    uint32_t jump = 0;
+    r.pos += static_cast<int32_t>(_mgx_instance_variant_unmarshal(h, luid, buf, &variant, length, err));
+    if (!*err) r.pos += static_cast<int32_t>(_mgx_instance_obj_flag_unmarshal(h, luid, buf + r.pos, &flag, r.left(), err));
+    if (!*err && (flag & MGX_IF_HD_MAPPED))
+        r.pos += static_cast<int32_t>(_mgx_instance_ra_data_unmarshal(h, luid, buf + r.pos, instance, r.left(), err));
+    if (variant > hdr(instance)->layout) variant = hdr(instance)->layout;
+    int32_t header = r.pos;
+    if (!*err) r.pos += static_cast<int32_t>(_mgx_variant_jump_unmarshal(h, luid, buf + r.pos, &jump, r.left(), err));
+    if (*err) return static_cast<uint32_t>(r.pos);
+
+    uint8_t merge = flag;
+    bool tracked = tracking(t, h);
+    if (tracked) {
+        if (!(hdr(instance)->flags & MGX_IF_TRACKED)) fatal(t, Message::tracking_mismatch);
+        if (flag & MGX_IF_TRACKED) {
+            r.copy_state = true;
+            r.area = state_area(t, h, luid, instance);
+        } else {
+            merge |= MGX_IF_TRACKED;
+        }
+    } else {
+        r.skip_state = (flag & MGX_IF_TRACKED) != 0;
+        merge &= static_cast<uint8_t>(~MGX_IF_TRACKED);
+    }
+
+    if (variant >= 0) {
+        std::array<uint32_t, 64> old_counts{}; // counts and lengths as they were before this decode
+        uint32_t arm_index = 0;
+        for (uint16_t i = 0; i < t.n_fields && !*err; ++i) {
+            const Field &f = t.fields[i];
+            bool is_arm = f.shape == Shape::member;
+            if (!present(f, variant)) {
+                arm_index += is_arm;
+                continue;
+            }
+            void *field = field_at(instance, f);
+            switch (f.shape) {
+            case Shape::scalar:
+                if (is_companion(f) && i < old_counts.size()) old_counts[i] = read_count(instance, f);
+                r.pos += static_cast<int32_t>(decode_element(f, r, field));
+                if (!*err && !is_companion(f)) r.state_byte(f);
+                break;
+            case Shape::fixed_array:
+                for (uint16_t k = 0; k < f.count && !*err; ++k)
+                    r.pos += static_cast<int32_t>(decode_element(f, r, bytes(field) + k * f.elem_size));
+                if (!*err) r.state_byte(f);
+                break;
+            case Shape::var_string:
+                decode_string(t, f, r, instance, old_count(old_counts, f));
+                break;
+            case Shape::var_array:
+                decode_array(t, f, r, instance, old_count(old_counts, f), tracked);
+                break;
+            case Shape::member:
+                if (selected(t, f, instance)) decode_arm(f, r, instance, arm_index);
+                if (!*err) r.state_byte(f);
+                ++arm_index;
+                break;
+            }
+        }
+        if (*err) return static_cast<uint32_t>(r.pos);
+    }
+
+    int64_t end = static_cast<int64_t>(header) + jump;
+    if (end > r.pos) {
+        trace(t, Message::variant_jump, MGX_SEV_DEBUG, r.pos, header, static_cast<int32_t>(jump));
+        if (end > length) {
+            r.error(MGX_ESHORT);
+            return static_cast<uint32_t>(r.pos);
+        }
+        r.pos = static_cast<int32_t>(end);
+    }
+    mgx_instance_hdr_t *hd = hdr(instance);
+    hd->variant = variant;
+    hd->flags |= merge;
+    *mgx_get_manifested_type_info_ptr_mem(instance) = descriptor_for(t, h, luid);
+    return static_cast<uint32_t>(r.pos);
+}
+
+uint32_t adjust_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
+    return mgxlib_adjust_variant(h, luid, instance, instance ? mgx_get_manifested_type_info(instance) : nullptr,
+                                 t.last_variant(), err);
+}
+
+void clone_internal(const Type &t, mgx_handle_t *h, uint32_t luid, const void *source, void **destination,
+                    uint8_t *buf, uint32_t length, uint32_t *err) {
+    if (!begin(h, luid, source, err)) return;
+    if (!destination || !buf || !source) {
+        fail(h, err, MGX_ENOENT);
+        return;
+    }
+    // A tracked encode may store one byte past the space it is given: keep that byte inside.
+    int64_t room = static_cast<int64_t>(length) - (tracking(t, h) ? 1 : 0);
+    int32_t space = room > INT32_MAX ? INT32_MAX : static_cast<int32_t>(room);
+    uint32_t n = encode(t, h, luid, buf, source, space, false, err);
+    if (*err) return;
+    if (!*destination) {
+        mgx_ovrin_sm_trace_init();
+        void *fresh = create_internal(t, h, luid);
+        if (!fresh) {
+            fail(h, err, MGX_ENOMEM);
+            return;
+        }
+        uint32_t e = 0;
+        adjust_variant(t, h, luid, fresh, &e); // the copy may hold every variant the handle knows
+        *destination = fresh;
+    }
+    decode(t, h, luid, buf, *destination, static_cast<int32_t>(n), 0, err);
+    if (*err) {
+        if (*destination != t.placeholder) destroy_internal(t, h, luid, *destination, 1);
+        *destination = nullptr;
+    }
+}
+
+void clone(const Type &t, mgx_handle_t *h, uint32_t luid, const void *source, void **destination, uint8_t *buf,
+           uint32_t length, uint32_t *err) {
+    if (destination) *destination = nullptr;
+    clone_internal(t, h, luid, source, destination, buf, length, err);
+}
+
+void *clone_cr(const Type &t, mgx_handle_t *h, const void *source, uint32_t work_space_min) {
+    uint32_t length = 0;
+    auto *ws = static_cast<uint8_t *>(mgxlib_get_handle_ws(h, work_space_min, &length));
+    void *destination = nullptr;
+    clone_internal(t, h, h->desc_call_luid, source, &destination, ws, length, &h->last_error);
+    return destination;
+}
+
+} // namespace ovrin

@@ -1,0 +1,361 @@
+// The wire form of records and unions: exact bytes, state bytes, variants and the jump, unions,
+// strings and arrays, hostile and truncated input, and the clone that goes through the wire.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "mgx/runtime.h"
+#include "ovrin_sm/ops.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+struct Wire : ::testing::Test {
+    mgx_handle_t *h = mgx_handle_create();
+    void SetUp() override { mgx_trace_clear(); }
+    void TearDown() override {
+        EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
+        mgx_handle_destroy(h);
+    }
+    void track(mgx_handle_t *x) { mgx_handle_set_state_tracking(x, 1, MGX_STTR_TRACKED); }
+
+    // Counted strings and array blocks are owned by the record: they come from the handle.
+    template <class Len> void set_text(char *&text, Len &len, const std::string &s) {
+        if (text) h->inst_free(h->alloc_ctx, 1, text);
+        text = nullptr;
+        len = static_cast<Len>(s.size());
+        if (s.empty()) return;
+        text = static_cast<char *>(h->inst_alloc(h->alloc_ctx, 1, s.size() + 1));
+        std::memcpy(text, s.c_str(), s.size() + 1);
+    }
+    void add_attr(aaa_tlv &tlv, uint32_t type, const std::string &value) {
+        uint32_t err = 0;
+        aaa_tlv_attr_add(h, 1, &tlv, type, value.data(), static_cast<uint32_t>(value.size()), &err);
+        ASSERT_EQ(err, 0u);
+    }
+
+    sess_mgr_session_start *filled_start() {
+        sess_mgr_session_start *s = sess_mgr_session_start_create(h, 1);
+        s->hdl.conn_hdl = 0x11223344;
+        s->cl_hdl.client_hdl = 9;
+        add_attr(s->identity_attrs, 1, "alice");
+        add_attr(s->identity_attrs, 31, std::string("\x00\x01\xff", 3));
+        s->ext_params.trusted = 1;
+        s->ext_params.proximity = 2;
+        s->ext_params.encap_type.value = SM_WIRELESS_ACCESS;
+        sm_dot11_params *d = sm_dot11_params_create(h, 1);
+        d->wlan_id = 7;
+        d->vlan_id = 100;
+        d->oui[0] = 0x00;
+        d->oui[1] = 0x1a;
+        d->oui[2] = 0x2b;
+        d->apfMsBssid.octet[5] = 0x42;
+        s->ext_params.dot11_param = d;
+        set_text(s->cl_name.client_name, s->cl_name.cl_name_len, "wlan-client-1");
+        return s;
+    }
+
+    Bytes encode_start(mgx_handle_t *x, const sess_mgr_session_start *s, uint32_t *err_out = nullptr) {
+        uint32_t n = sess_mgr_session_start_len(x, 1, s);
+        Bytes b(n + 1);
+        uint32_t err = 0;
+        uint32_t w = sess_mgr_session_start_marshal(x, 1, b.data(), s, static_cast<int32_t>(n), &err);
+        if (err_out) *err_out = err;
+        else EXPECT_EQ(err, 0u);
+        b.resize(w);
+        return b;
+    }
+};
+
+Bytes be32(uint32_t v) { return {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}; }
+Bytes cat(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (auto &p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+TEST_F(Wire, OneFieldRecordExactBytesUntrackedAndTracked) {
+    sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create(h, 1);
+    c->conn_hdl = 7;
+    uint8_t buf[16] = {};
+    uint32_t err = 0;
+    EXPECT_EQ(sess_mgr_conn_hdl_len(h, 1, c), 10u);
+    ASSERT_EQ(sess_mgr_conn_hdl_marshal(h, 1, buf, c, sizeof buf, &err), 10u);
+    EXPECT_EQ(Bytes(buf, buf + 10), cat({{0, 0}, be32(8), be32(7)}));
+    sess_mgr_conn_hdl_destroy(h, 1, c);
+
+    track(h);
+    c = sess_mgr_conn_hdl_create(h, 1);
+    c->conn_hdl = 7;
+    uint32_t err2 = 0;
+    sess_mgr_conn_hdl_conn_hdl_set_value(h, 1, c, 7, &err2); // marks the field's state byte with 2
+    EXPECT_EQ(sess_mgr_conn_hdl_len(h, 1, c), 11u);
+    ASSERT_EQ(sess_mgr_conn_hdl_marshal(h, 1, buf, c, sizeof buf, &err), 11u);
+    EXPECT_EQ(Bytes(buf, buf + 11), cat({{0, 0x08}, be32(9), be32(7), {2}}));
+    EXPECT_EQ(err, 0u);
+
+    // Zero space: 90 and nothing; a negative variant: the header alone with a jump of 4.
+    EXPECT_EQ(sess_mgr_conn_hdl_marshal(h, 1, buf, c, 0, &err), 0u);
+    EXPECT_EQ(err, 90u);
+    err = 0;
+    c->variant = -1;
+    ASSERT_EQ(sess_mgr_conn_hdl_marshal(h, 1, buf, c, sizeof buf, &err), 6u);
+    EXPECT_EQ(Bytes(buf, buf + 6), cat({{0xff, 0x08}, be32(4)}));
+    sess_mgr_conn_hdl_destroy(h, 1, c);
+}
+
+TEST_F(Wire, CountedStringStateBytesAndTheLengthUpperBound) {
+    track(h);
+    sess_mgr_client_name *n = sess_mgr_client_name_create(h, 1);
+    set_text(n->client_name, n->cl_name_len, "hello");
+    EXPECT_EQ(sess_mgr_client_name_len(h, 1, n), 21u); // 6 + 4 + 5 + (1 + 5): an upper bound
+    Bytes buf(32);
+    uint32_t err = 0;
+    EXPECT_EQ(sess_mgr_client_name_marshal(h, 1, buf.data(), n, 21, &err), 16u); // one state byte only
+    EXPECT_EQ(Bytes(buf.begin() + 6, buf.begin() + 15), cat({be32(5), {'h', 'e', 'l', 'l', 'o'}}));
+
+    // Too little space: 90 and a truncated copy.
+    err = 0;
+    std::vector<uint8_t> small(13);
+    EXPECT_EQ(sess_mgr_client_name_marshal(h, 1, small.data(), n, 12, &err), 12u);
+    EXPECT_EQ(err, 90u);
+    EXPECT_EQ(std::string(small.begin() + 10, small.begin() + 12), "he");
+    sess_mgr_client_name_destroy(h, 1, n);
+}
+
+TEST_F(Wire, UnionsEncodeTheSelectedArmOnly) {
+    ovrin_smd_resp_event *e = ovrin_smd_resp_event_create(h, 1);
+    e->rcl_conn_hdl.conn_hdl = 3;
+    e->session_type = 4;
+    e->resp_type.value = SESS_MGR_RCL_CONFIG_NOTIFY_CB; // selects no arm
+    e->reg_result = session_mgr_reg_result_create(h, 1);
+    uint32_t err = 0;
+    Bytes buf(256);
+    uint32_t leading = 6 + 10 + 5 + 4;
+    EXPECT_EQ(ovrin_smd_resp_event_len(h, 1, e), leading);
+    EXPECT_EQ(ovrin_smd_resp_event_marshal(h, 1, buf.data(), e, 256, &err), leading);
+    e->resp_type.value = SESS_MGR_RCL_REGISTER_RESULT_NOTIFY;
+    uint32_t with_arm = ovrin_smd_resp_event_len(h, 1, e);
+    EXPECT_GT(with_arm, leading);
+    EXPECT_EQ(ovrin_smd_resp_event_marshal(h, 1, buf.data(), e, 256, &err), with_arm);
+
+    // A selected arm that is missing: error 2, the rest is still written.
+    e->resp_type.value = SESS_MGR_RCL_NEW_CLIENT_NOTIFY_CB;
+    EXPECT_EQ(ovrin_smd_resp_event_marshal(h, 1, buf.data(), e, 256, &err), leading);
+    EXPECT_EQ(err, 2u);
+
+    // The receiver creates the arm it needs, tagging the allocation.
+    err = 0;
+    e->resp_type.value = SESS_MGR_RCL_REGISTER_RESULT_NOTIFY;
+    e->reg_result->core_conn_hdl.conn_hdl = 0xabc; // nested record inside the arm
+    uint32_t n = ovrin_smd_resp_event_marshal(h, 1, buf.data(), e, 256, &err);
+    ovrin_smd_resp_event *r = ovrin_smd_resp_event_create(h, 1);
+    EXPECT_EQ(ovrin_smd_resp_event_unmarshal(h, 1, buf.data(), r, static_cast<int32_t>(n), 0, &err), n);
+    EXPECT_EQ(err, 0u);
+    ASSERT_NE(r->reg_result, nullptr);
+    EXPECT_EQ(r->new_client, nullptr);
+    EXPECT_EQ(r->reg_result->core_conn_hdl.conn_hdl, 0xabcu);
+    ASSERT_GE(mgx_callsite_tag_count(h), 1u);
+    EXPECT_EQ(mgx_callsite_tag(h, mgx_callsite_tag_count(h) - 1), 0xB03C3000u); // the first arm's call site
+    ovrin_smd_resp_event_destroy(h, 1, r);
+    ovrin_smd_resp_event_destroy(h, 1, e);
+}
+
+TEST_F(Wire, RoundTripAcrossTrackingModes) {
+    mgx_handle_t *tracked = mgx_handle_create();
+    track(tracked);
+    for (mgx_handle_t *sender : {h, tracked})
+        for (mgx_handle_t *receiver : {h, tracked}) {
+            mgx_handle_t *keep = h;
+            h = sender;
+            sess_mgr_session_start *s = filled_start();
+            Bytes b = encode_start(sender, s);
+            sess_mgr_session_start *r = sess_mgr_session_start_create(receiver, 2);
+            uint32_t err = 0;
+            sess_mgr_session_start_adjust_variant(receiver, 2, r, &err);
+            EXPECT_EQ(sess_mgr_session_start_unmarshal(receiver, 2, b.data(), r, static_cast<int32_t>(b.size()), 0, &err),
+                      b.size());
+            EXPECT_EQ(err, 0u);
+            EXPECT_EQ(r->hdl.conn_hdl, 0x11223344u);
+            EXPECT_EQ(r->cl_hdl.client_hdl, 9u);
+            EXPECT_EQ(aaa_tlv_compare(&r->identity_attrs, &s->identity_attrs), 0);
+            ASSERT_NE(r->ext_params.dot11_param, nullptr);
+            EXPECT_EQ(r->ext_params.dot11_param->vlan_id, 100);
+            EXPECT_EQ(r->ext_params.dot11_param->oui[2], 0x2b);
+            EXPECT_EQ(r->ext_params.dot11_param->apfMsBssid.octet[5], 0x42);
+            ASSERT_NE(r->cl_name.client_name, nullptr);
+            EXPECT_STREQ(r->cl_name.client_name, "wlan-client-1");
+            EXPECT_EQ((r->flags & MGX_IF_TRACKED) != 0, receiver == tracked);
+            sess_mgr_session_start_destroy(receiver, 2, r);
+            sess_mgr_session_start_destroy(sender, 1, s);
+            h = keep;
+        }
+    EXPECT_EQ(mgx_handle_live_allocations(tracked), 0u);
+    mgx_handle_destroy(tracked);
+}
+
+TEST_F(Wire, LaterVariantMembersAreSteppedOverByTheJump) {
+    sess_mgr_session_start *s = filled_start();
+    Bytes b = encode_start(h, s);
+
+    // A receiver whose domain knows only variant 0.
+    mgx_handle_t *old = mgx_handle_create();
+    mgx_handle_set_domain_variant(old, "sess_mgr_session_start", 0);
+    sess_mgr_session_start *r = sess_mgr_session_start_create(old, 1);
+    uint32_t err = 0;
+    sess_mgr_session_start_adjust_variant(old, 1, r, &err);
+    mgx_trace_clear();
+    EXPECT_EQ(sess_mgr_session_start_unmarshal(old, 1, b.data(), r, static_cast<int32_t>(b.size()), 0, &err), b.size());
+    EXPECT_EQ(err, 0u);
+    EXPECT_EQ(r->variant, 0);
+    EXPECT_EQ(r->cl_name.client_name, nullptr);
+    EXPECT_EQ(r->hdl.conn_hdl, 0x11223344u);
+    ASSERT_EQ(mgx_trace_count(), 1u);
+    EXPECT_EQ(std::string(mgx_trace_text(0)).rfind("offset_jump read_len ", 0), 0u);
+    sess_mgr_session_start_destroy(old, 1, r);
+    EXPECT_EQ(mgx_handle_live_allocations(old), 0u);
+    mgx_handle_destroy(old);
+
+    // An instance newer than the domain is encoded at the domain's variant, with error 43.
+    mgx_handle_set_domain_variant(h, "sess_mgr_session_start", 0);
+    uint32_t err43 = 0;
+    Bytes b0 = encode_start(h, s, &err43);
+    EXPECT_EQ(err43, 43u);
+    EXPECT_EQ(b0[0], 0);
+    EXPECT_LT(b0.size(), b.size());
+    // A variant past the type's last is clamped to it.
+    mgx_handle_set_domain_variant(h, "sess_mgr_session_start", 5);
+    s->variant = 2;
+    Bytes b2 = encode_start(h, s);
+    EXPECT_EQ(b2, b);
+    sess_mgr_session_start_destroy(h, 1, s);
+}
+
+TEST_F(Wire, ArraysShrinkToNothingAndHostileCountsAreRefused) {
+    ovrin_svm_epm_notify_domain_name_bind *a = ovrin_svm_epm_notify_domain_name_bind_create(h, 1);
+    auto *block = static_cast<fqdn_domain_name_bind *>(h->inst_alloc(h->alloc_ctx, 1, 3 * sizeof(fqdn_domain_name_bind)));
+    std::memset(block, 0, 3 * sizeof(fqdn_domain_name_bind));
+    for (int i = 0; i < 3; ++i) {
+        uint32_t err = 0;
+        fqdn_domain_name_bind_initialize(h, 1, &block[i], &_fqdn_domain_name_bind_type_info_internal, 0, 0,
+                                         MGX_IF_NESTED, nullptr, &err);
+        set_text(block[i].name, block[i].name_len, "host" + std::to_string(i) + ".example.com");
+        block[i].fqdn_register = 1;
+    }
+    a->domain_names = block;
+    a->domain_names_length = 3;
+    Bytes b(512);
+    uint32_t err = 0;
+    uint32_t n = ovrin_svm_epm_notify_domain_name_bind_marshal(h, 1, b.data(), a, 512, &err);
+    EXPECT_EQ(n, ovrin_svm_epm_notify_domain_name_bind_len(h, 1, a));
+
+    ovrin_svm_epm_notify_domain_name_bind *r = ovrin_svm_epm_notify_domain_name_bind_create(h, 1);
+    ASSERT_EQ(ovrin_svm_epm_notify_domain_name_bind_unmarshal(h, 1, b.data(), r, static_cast<int32_t>(n), 0, &err), n);
+    ASSERT_EQ(r->domain_names_length, 3u);
+    EXPECT_STREQ(r->domain_names[2].name, "host2.example.com");
+
+    // The sender drops to zero names: the receiver ends with no storage at all.
+    ovrin_svm_epm_notify_domain_name_bind *empty = ovrin_svm_epm_notify_domain_name_bind_create(h, 1);
+    n = ovrin_svm_epm_notify_domain_name_bind_marshal(h, 1, b.data(), empty, 512, &err);
+    EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_unmarshal(h, 1, b.data(), r, static_cast<int32_t>(n), 0, &err), n);
+    EXPECT_EQ(r->domain_names_length, 0u);
+    EXPECT_EQ(r->domain_names, nullptr);
+
+    // A count of four billion names in a few bytes: refused before any allocation.
+    uint64_t before = mgx_handle_total_allocations(h);
+    uint32_t count_at = 6 + 6 + 4; // header, mac, wlclient_num
+    b[count_at] = b[count_at + 1] = b[count_at + 2] = b[count_at + 3] = 0xff;
+    EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_unmarshal(h, 1, b.data(), r, static_cast<int32_t>(n), 0, &err),
+              static_cast<uint32_t>(count_at + 4));
+    EXPECT_EQ(err, 90u);
+    EXPECT_EQ(mgx_handle_total_allocations(h), before);
+    EXPECT_EQ(r->domain_names_length, 0u);
+
+    ovrin_svm_epm_notify_domain_name_bind_destroy(h, 1, empty);
+    ovrin_svm_epm_notify_domain_name_bind_destroy(h, 1, r);
+    ovrin_svm_epm_notify_domain_name_bind_destroy(h, 1, a);
+}
+
+TEST_F(Wire, EveryTruncationFailsCleanly) {
+    for (bool tracked : {false, true}) {
+        mgx_handle_set_state_tracking(h, tracked, MGX_STTR_TRACKED);
+        ovrin_smd_in_event *e = ovrin_smd_in_event_create(h, 1);
+        e->event_type.value = SESS_MGR_RCL_IN_SESSION_START;
+        e->start_client = filled_start();
+        uint32_t len = ovrin_smd_in_event_len(h, 1, e), err = 0;
+        Bytes full(len + 1);
+        uint32_t n = ovrin_smd_in_event_marshal(h, 1, full.data(), e, static_cast<int32_t>(len), &err);
+        ASSERT_EQ(err, 0u);
+        for (uint32_t cut = 0; cut < n; ++cut) {
+            // An exact-size heap copy: any read past the cut is an AddressSanitizer error.
+            std::unique_ptr<uint8_t[]> prefix(new uint8_t[cut ? cut : 1]);
+            std::memcpy(prefix.get(), full.data(), cut);
+            ovrin_smd_in_event *r = ovrin_smd_in_event_create(h, 1);
+            uint32_t rerr = 0;
+            uint32_t used = ovrin_smd_in_event_unmarshal(h, 1, prefix.get(), r, static_cast<int32_t>(cut), 0, &rerr);
+            EXPECT_NE(rerr, 0u) << "cut at " << cut;
+            EXPECT_LE(used, cut);
+            ovrin_smd_in_event_destroy(h, 1, r);
+        }
+        ovrin_smd_in_event *r = ovrin_smd_in_event_create(h, 1);
+        EXPECT_EQ(ovrin_smd_in_event_unmarshal(h, 1, full.data(), r, static_cast<int32_t>(n), 0, &err), n);
+        EXPECT_EQ(err, 0u);
+        ovrin_smd_in_event_destroy(h, 1, r);
+        ovrin_smd_in_event_destroy(h, 1, e);
+        EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
+    }
+}
+
+TEST_F(Wire, CloneCopiesThroughTheWireAndNeverLeavesHalfACopy) {
+    sess_mgr_session_start *s = filled_start();
+    Bytes ws(1024);
+    uint32_t err = 0;
+    sess_mgr_session_start *copy = nullptr;
+    sess_mgr_session_start_clone(h, 1, s, &copy, ws.data(), 1024, &err);
+    ASSERT_EQ(err, 0u);
+    ASSERT_NE(copy, nullptr);
+    EXPECT_NE(copy, s);
+    EXPECT_STREQ(copy->cl_name.client_name, "wlan-client-1");
+    EXPECT_NE(copy->cl_name.client_name, s->cl_name.client_name);
+    EXPECT_EQ(copy->ext_params.dot11_param->wlan_id, 7);
+
+    // Into an existing destination with a work buffer one byte short: 90, destination untouched.
+    uint32_t need = sess_mgr_session_start_len(h, 1, s);
+    copy->hdl.conn_hdl = 1;
+    sess_mgr_session_start *keep = copy;
+    sess_mgr_session_start_clone_internal(h, 1, s, &copy, ws.data(), need - 1, &err);
+    EXPECT_EQ(err, 90u);
+    EXPECT_EQ(copy, keep);
+    EXPECT_EQ(copy->hdl.conn_hdl, 1u);
+
+    // Null arguments: 2.
+    err = 0;
+    sess_mgr_session_start_clone_internal(h, 1, s, nullptr, ws.data(), 1024, &err);
+    EXPECT_EQ(err, 2u);
+
+    // Through the handle's own work space.
+    mgx_clear_last_error(h, 1, nullptr);
+    sess_mgr_session_start *cr = sess_mgr_session_start_clone_cr(h, s, 0);
+    ASSERT_NE(cr, nullptr);
+    EXPECT_EQ(cr->identity_attrs.body != nullptr, true);
+    sess_mgr_session_start_destroy(h, 1, cr);
+
+    // A decode that fails destroys the destination it made: here the second allocation, the
+    // copy's wireless-parameters arm (the first is the copy itself).
+    err = 0;
+    mgx_handle_fail_allocation(h, 2);
+    sess_mgr_session_start *fresh = nullptr;
+    sess_mgr_session_start_clone(h, 1, s, &fresh, ws.data(), 1024, &err);
+    EXPECT_EQ(err, 12u);
+    EXPECT_EQ(fresh, nullptr);
+    mgx_handle_fail_allocation(h, 0);
+
+    sess_mgr_session_start_destroy(h, 1, copy);
+    sess_mgr_session_start_destroy(h, 1, s);
+}
+
+} // namespace
