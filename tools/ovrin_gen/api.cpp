@@ -37,6 +37,48 @@ const std::vector<EntryPoint> &entry_points() {
         {"get_object_references", k_all, "void",
          "mgx_handle_t *h, uint32_t luid, const $T *instance, uint64_t *array, uint32_t count, uint32_t *err",
          "ovrin::get_object_references($table, h, luid, instance, array, count, err)"},
+        // Enumerations.
+        {"map_to_user_value", k_enum, "uint32_t", "uint32_t value", "ovrin::enum_map_to_user_value($table, value)"},
+        {"map_to_internal_value", k_enum, "uint32_t", "uint32_t value",
+         "ovrin::enum_map_to_internal_value($table, value)"},
+        {"adjust_variant", k_enum, "uint32_t", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
+         "ovrin::enum_adjust_variant($table, h, luid, instance, err)"},
+        {"compare", k_enum, "int32_t", "const $T *a, const $T *b", "ovrin::enum_compare(a, b)"},
+        {"hash", k_enum, "uint32_t", "const $T *instance, uint32_t seed", "ovrin::enum_hash(instance, seed)"},
+        {"len", k_enum, "uint32_t", "void", "ovrin::enum_wire_length"},
+        {"len_cr", k_enum, "uint32_t", "mgx_handle_t *h", "ovrin::enum_len_cr(h)"},
+        {"get", k_enum, "$T *", "mgx_handle_t *h, uint32_t luid, $T *instance",
+         "static_cast<$T *>(ovrin::enum_get(h, luid, instance))"},
+        {"get_value", k_enum, "uint32_t", "mgx_handle_t *h, uint32_t luid, const $T *instance, uint32_t *err",
+         "ovrin::enum_get_value(h, luid, instance, err)"},
+        {"set", k_enum, "void", "mgx_handle_t *h, uint32_t luid, $T *instance, const $T *source, uint32_t *err",
+         "ovrin::enum_set($table, h, luid, instance, source, err)"},
+        {"set_value", k_enum, "void", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t value, uint32_t *err",
+         "ovrin::enum_set_value($table, h, luid, instance, value, err)"},
+        {"marshal", k_enum, "uint32_t",
+         "mgx_handle_t *h, uint32_t luid, uint8_t *buf, const $T *instance, int32_t space, uint32_t *err",
+         "ovrin::enum_marshal($table, h, luid, buf, instance, space, err)"},
+        {"unmarshal", k_enum, "uint32_t",
+         "mgx_handle_t *h, uint32_t luid, const uint8_t *buf, $T *instance, int32_t length, uint32_t flags, "
+         "uint32_t *err",
+         "ovrin::enum_unmarshal($table, h, luid, buf, instance, length, flags, err)"},
+        {"print", k_enum, "uint32_t",
+         "mgx_handle_t *h, uint32_t luid, char *buf, uint32_t indent, const char *name, const $T *obj, uint32_t size, "
+         "uint32_t *err",
+         "ovrin::enum_print($table, h, luid, buf, indent, name, obj, size, err)"},
+        {"print_cr", k_enum, "uint32_t", "mgx_handle_t *h, const $T *obj, char *buf, uint32_t size",
+         "ovrin::enum_print_cr($table, h, obj, buf, size)"},
+        {"to_xml", k_enum, "uint32_t",
+         "mgx_handle_t *h, uint32_t luid, const char *name, char *buf, const $T *obj, uint32_t size, uint8_t state_flag, "
+         "uint32_t *err",
+         "ovrin::enum_to_xml($table, h, luid, name, buf, obj, size, state_flag, err)"},
+        {"toxml_cr", k_enum, "uint32_t", "mgx_handle_t *h, const $T *obj, char *buf, uint32_t size",
+         "ovrin::enum_toxml_cr($table, h, obj, buf, size)"},
+        {"from_xml", k_enum, "void",
+         "mgx_handle_t *h, uint32_t luid, const char *path, void *doc, $T *obj, uint32_t *err, char *msg, "
+         "uint32_t msg_size",
+         "ovrin::enum_from_xml($table, h, luid, path, doc, obj, err, msg, msg_size)"},
+        {"is_valid_cr", k_enum, "mgx_boolean", "mgx_handle_t *h, uint32_t value", "ovrin::enum_is_valid_cr($table, h, value)"},
     };
     return list;
 }

@@ -1,0 +1,407 @@
+// The enumeration types: range checks and user/wire mapping, compare and hash, access, the
+// 5-byte wire form, print and XML, validity per domain variant, and a sweep of every literal of
+// the fourteen types.
+#include <dlfcn.h>
+
+#include <numeric>
+#include <string>
+#include <vector>
+
+#include "ovrin_sm/ops.h"
+#include "tests/prim_fixture.h"
+
+namespace {
+
+struct Enums : RuntimeFixture {
+    void SetUp() override {
+        RuntimeFixture::SetUp();
+        mgx_trace_clear();
+    }
+    std::string print(const sm_peer_state *e, uint32_t indent = 0) {
+        char buf[256] = "";
+        uint32_t n = sm_peer_state_print(h, 1, buf, indent, "state", e, sizeof buf, &err);
+        EXPECT_EQ(n, std::strlen(buf));
+        return buf;
+    }
+    std::string xml(const sm_peer_state *e, uint8_t state_flag = 0) {
+        char buf[256] = "";
+        uint32_t n = sm_peer_state_to_xml(h, 1, "state", buf, e, sizeof buf, state_flag, &err);
+        EXPECT_EQ(n, std::strlen(buf));
+        return buf;
+    }
+};
+
+// Sets value into an instance of the given variant; the error, with the value checked against it.
+template <class E>
+uint32_t try_set(mgx_handle_t *h, void (*set_value)(mgx_handle_t *, uint32_t, E *, uint32_t, uint32_t *), E *e,
+                 uint32_t value, int variant) {
+    e->variant = static_cast<int8_t>(variant);
+    e->value = 0xAA;
+    uint32_t err = 0;
+    set_value(h, 1, e, value, &err);
+    EXPECT_EQ(e->value, err ? 0xAAu : value) << value << " at variant " << variant;
+    return err;
+}
+
+TEST_F(Enums, SetRefusesValuesTheInstanceVariantDoesNotHave) {
+    sm_peer_state *p = sm_peer_state_create(h, 1);
+    EXPECT_EQ(try_set(h, sm_peer_state_set_value, p, SM_PEER_STATE_MAX, 0), 0u);
+    EXPECT_EQ(try_set(h, sm_peer_state_set_value, p, 7, 0), 43u);
+    EXPECT_EQ(mgx_handle_last_error(h), 43u);
+    EXPECT_EQ(try_set(h, sm_peer_state_set_value, p, 7, 1), 0u); // a newer variant may know more literals
+    EXPECT_EQ(try_set(h, sm_peer_state_set_value, p, 7, -1), 43u);
+    EXPECT_EQ(try_set(h, sm_peer_state_set_value, p, 0, -1), 0u);
+
+    sm_max_name_len *n = sm_max_name_len_create(h, 1);
+    sm_max_str_len *s = sm_max_str_len_create(h, 1);
+    EXPECT_EQ(try_set(h, sm_max_name_len_set_value, n, 32, 0), 0u);
+    EXPECT_EQ(try_set(h, sm_max_name_len_set_value, n, 0, 0), 0u);
+    EXPECT_EQ(try_set(h, sm_max_name_len_set_value, n, 31, 0), 43u);
+    EXPECT_EQ(try_set(h, sm_max_str_len_set_value, s, 0, 0), 0u);
+    EXPECT_EQ(try_set(h, sm_max_str_len_set_value, s, 511, 0), 43u);
+
+    // the inbound selector: value -> the lowest instance variant that may hold it
+    ovrin_sm_in_event_type *e = ovrin_sm_in_event_type_create(h, 1);
+    for (auto [value, needed] : {std::pair{23u, 0}, {24u, 1}, {25u, 1}, {26u, 2}, {27u, 3}})
+        for (int v = 0; v <= 3; ++v)
+            EXPECT_EQ(try_set(h, ovrin_sm_in_event_type_set_value, e, value, v), v >= needed ? 0u : 43u);
+
+    sm_peer_state_destroy(h, 1, p);
+    sm_max_name_len_destroy(h, 1, n);
+    sm_max_str_len_destroy(h, 1, s);
+    ovrin_sm_in_event_type_destroy(h, 1, e);
+}
+
+TEST_F(Enums, SetCopiesTheWholeInstanceAndSetValueOnlyTheValue) {
+    sm_peer_state *e = sm_peer_state_create(h, 1), *src = sm_peer_state_create(h, 1);
+    mgx_journal_clear(h);
+    sm_peer_state_set_value(h, 1, e, 3, &err);
+    ASSERT_EQ(mgx_journal_count(h), 1u);
+    EXPECT_TRUE(mgx_journal_entry(h, 0)->address == &e->value && mgx_journal_entry(h, 0)->length == 4 &&
+                mgx_journal_entry(h, 0)->base == e);
+
+    src->value = 9;
+    sm_peer_state_set(h, 1, e, src, &err); // 9 into variant 0
+    EXPECT_EQ(err, 43u);
+    sm_peer_state_set_value(h, 1, e, 2, &err); // a pending error makes it a no-op
+    EXPECT_EQ(sm_peer_state_get_value(h, 1, e, &err), 0u);
+    EXPECT_EQ(e->value, 3u);
+    err = 0;
+
+    e->variant = 1;
+    mgx_journal_clear(h);
+    sm_peer_state_set(h, 1, e, src, &err);
+    EXPECT_EQ(err, 0u);
+    EXPECT_EQ(e->value, 9u);
+    EXPECT_EQ(e->variant, 0); // the source's header came along
+    ASSERT_EQ(mgx_journal_count(h), 1u);
+    EXPECT_TRUE(mgx_journal_entry(h, 0)->address == e && mgx_journal_entry(h, 0)->length == 16);
+
+    EXPECT_EQ(sm_peer_state_get_value(h, 1, nullptr, &err), 0u);
+    EXPECT_EQ(err, 22u);
+    sm_peer_state_destroy(h, 1, src);
+    sm_peer_state_destroy(h, 1, e);
+}
+
+TEST_F(Enums, ValuesOutsideTheLiteralsKeepTheirNumberBothWays) {
+    EXPECT_EQ(sm_max_name_len_map_to_internal_value(5), 5u);
+    EXPECT_EQ(ovrin_sm_in_event_type_map_to_internal_value(24), 24u); // the hole shares REMOTE_UPDATE's wire value
+    EXPECT_EQ(ovrin_sm_in_event_type_map_to_internal_value(27), 27u);
+    EXPECT_EQ(sm_max_name_len_map_to_user_value(0), 0u);
+
+    sm_max_name_len *n = sm_max_name_len_create(h, 1);
+    const uint8_t five[] = {0, 0, 0, 0, 5};
+    EXPECT_EQ(sm_max_name_len_unmarshal(h, 1, five, n, 5, 0, &err), 5u);
+    EXPECT_EQ(n->value, 5u);
+    ovrin_sm_in_event_type *e = ovrin_sm_in_event_type_create(h, 1);
+    const uint8_t w26[] = {0, 0, 0, 0, 26};
+    ovrin_sm_in_event_type_unmarshal(h, 1, w26, e, 5, 0, &err);
+    EXPECT_EQ(e->value, 26u);
+    EXPECT_EQ(err, 0u);
+
+    n->value = 0; // valid, but no literal carries it
+    char buf[64];
+    sm_max_name_len_print_cr(h, n, buf, sizeof buf);
+    EXPECT_STREQ(buf, "sm_max_name_len@sm_max_name_len:Enum value out of range");
+    sm_max_name_len_destroy(h, 1, n);
+    ovrin_sm_in_event_type_destroy(h, 1, e);
+}
+
+TEST_F(Enums, CompareIsTheRawDifferenceAndHashCoversTheValueOnly) {
+    sm_peer_state *a = sm_peer_state_create(h, 1), *b = sm_peer_state_create(h, 1);
+    EXPECT_EQ(sm_peer_state_compare(nullptr, nullptr), 0);
+    EXPECT_EQ(sm_peer_state_compare(nullptr, b), -1);
+    EXPECT_EQ(sm_peer_state_compare(a, nullptr), 1);
+    b->value = 6;
+    b->variant = 1; // the header takes no part
+    EXPECT_EQ(sm_peer_state_compare(a, b), -6);
+    EXPECT_EQ(sm_peer_state_compare(b, a), 6);
+    a->value = 0x80000000u;
+    b->value = 0;
+    EXPECT_EQ(sm_peer_state_compare(a, b), INT32_MIN); // wraps, no clamping to -1/0/1
+
+    EXPECT_EQ(sm_peer_state_hash(nullptr, 0x1234), 0x1234u);
+    b->value = a->value;
+    EXPECT_EQ(sm_peer_state_hash(a, 7), sm_peer_state_hash(b, 7));
+    EXPECT_EQ(sm_peer_state_hash(a, 7), SuperFastHash(reinterpret_cast<const char *>(&a->value), 4, 7));
+    sm_peer_state_destroy(h, 1, a);
+    sm_peer_state_destroy(h, 1, b);
+}
+
+TEST_F(Enums, MarshalWritesFiveBytesAtTheDomainVariantAndRefusesShortSpace) {
+    sm_peer_state *e = sm_peer_state_create(h, 1);
+    e->value = 0x01020304;
+    EXPECT_EQ(sm_peer_state_len(), 5u);
+    uint8_t buf[5];
+    EXPECT_EQ(sm_peer_state_marshal(h, 1, buf, e, 5, &err), 5u);
+    EXPECT_EQ(std::vector<uint8_t>(buf, buf + 5), (std::vector<uint8_t>{0, 1, 2, 3, 4}));
+
+    auto none = exact_block(0);
+    EXPECT_EQ(sm_peer_state_marshal(h, 1, none.get(), e, 0, &err), 0u);
+    EXPECT_EQ(err, 90u);
+    err = 0;
+    auto three = exact_block(3);
+    EXPECT_EQ(sm_peer_state_marshal(h, 1, three.get(), e, 3, &err), 1u); // the variant byte fits, the value not
+    EXPECT_EQ(err, 90u);
+    EXPECT_EQ(sm_peer_state_len_cr(h), 0u);
+    err = 0;
+
+    // ahead of the domain: 43, and the bytes still go out at the domain's variant
+    e->variant = 1;
+    EXPECT_EQ(sm_peer_state_marshal(h, 1, buf, e, 5, &err), 5u);
+    EXPECT_EQ(err, 43u);
+    EXPECT_EQ(buf[0], 0);
+    err = 0;
+    ovrin_sm_in_event_type *ev = ovrin_sm_in_event_type_create(h, 1);
+    mgx_handle_set_domain_variant(h, "ovrin_sm_in_event_type", 1);
+    EXPECT_EQ(ovrin_sm_in_event_type_marshal(h, 1, buf, ev, 5, &err), 5u);
+    EXPECT_EQ(err, 43u);
+    EXPECT_EQ(buf[0], 1);
+    ovrin_sm_in_event_type_destroy(h, 1, ev);
+    err = 0;
+    mgx_handle_set_domain_variant(h, "sm_peer_state", -1); // a negative variant is kept
+    e->variant = -1;
+    sm_peer_state_marshal(h, 1, buf, e, 5, &err);
+    EXPECT_EQ(buf[0], 0xFF);
+    EXPECT_EQ(sm_peer_state_len_cr(h), 5u);
+
+    const uint8_t in[] = {3, 0, 0, 0, 9};
+    EXPECT_EQ(sm_peer_state_unmarshal(h, 1, in, e, 0, 0, &err), 0u);
+    EXPECT_EQ(err, 90u);
+    err = 0;
+    mgx_journal_clear(h);
+    e->layout = 0;
+    mgx_handle_set_domain_mode(h, 1); // the instance takes the handle's copy of the descriptor
+    EXPECT_EQ(sm_peer_state_unmarshal(h, 1, in, e, 5, 0, &err), 5u);
+    EXPECT_EQ(e->variant, 0); // capped to the layout byte
+    EXPECT_EQ(e->value, 9u);  // no range check
+    EXPECT_EQ(e->descriptor, mgx_handle_registry_lookup(h, _sm_peer_state_type_info_internal.fingerprint_text));
+    EXPECT_NE(e->descriptor, nullptr);
+    ASSERT_EQ(mgx_journal_count(h), 1u);
+    EXPECT_EQ(mgx_journal_entry(h, 0)->address, &e->value);
+    EXPECT_EQ(sm_peer_state_unmarshal(h, 1, in, e, 3, 0, &err), 1u);
+    EXPECT_EQ(err, 90u);
+    sm_peer_state_destroy(h, 1, e);
+}
+
+TEST_F(Enums, AdjustVariantRaisesTheLayoutUpToTheTypesLastVariant) {
+    ovrin_sm_in_event_type *e = ovrin_sm_in_event_type_create(h, 1);
+    sm_peer_state *p = sm_peer_state_create(h, 1);
+    mgx_handle_set_domain_variant(h, "ovrin_sm_in_event_type", 5);
+    mgx_handle_set_domain_variant(h, "sm_peer_state", 5);
+    EXPECT_EQ(ovrin_sm_in_event_type_adjust_variant(h, 1, e, &err), 2u);
+    EXPECT_EQ(e->layout, 2);
+    EXPECT_EQ(sm_peer_state_adjust_variant(h, 1, p, &err), 0u);
+    ovrin_sm_in_event_type_destroy(h, 1, e);
+    sm_peer_state_destroy(h, 1, p);
+}
+
+TEST_F(Enums, PrintNamesTheLiteralOrSaysOutOfRangeWithoutLineEnd) {
+    sm_peer_state *e = sm_peer_state_create(h, 1);
+    e->value = SM_PEER_STATE_CONN_WAIT;
+    EXPECT_EQ(print(e, 4), "    state@sm_peer_state:SM_PEER_STATE_CONN_WAIT\n");
+    e->value = 9;
+    EXPECT_EQ(print(e), "state@sm_peer_state:Enum value out of range");
+
+    char buf[64];
+    e->value = SM_PEER_STATE_MAX;
+    EXPECT_EQ(sm_peer_state_print_cr(h, e, buf, sizeof buf), std::strlen("sm_peer_state@sm_peer_state:SM_PEER_STATE_MAX\n"));
+    EXPECT_STREQ(buf, "sm_peer_state@sm_peer_state:SM_PEER_STATE_MAX\n");
+    mgx_store_err(h, 22);
+    EXPECT_EQ(sm_peer_state_print_cr(h, e, buf, sizeof buf), UINT32_MAX);
+    EXPECT_EQ(sm_peer_state_toxml_cr(h, e, buf, sizeof buf), UINT32_MAX);
+    sm_peer_state_destroy(h, 1, e);
+}
+
+TEST_F(Enums, XmlWritesTheLiteralAsAnEmptyElementAndReadsTheFirstPresentOne) {
+    sm_peer_state *e = sm_peer_state_create(h, 1);
+    e->value = SM_PEER_STATE_CONN_WAIT;
+    EXPECT_EQ(xml(e), "<state><SM_PEER_STATE_CONN_WAIT/></state>");
+    EXPECT_EQ(xml(e, 2), "<state state=\"2\"><SM_PEER_STATE_CONN_WAIT/></state>");
+    e->value = 7;
+    EXPECT_EQ(xml(e), "<state><sm_peer_state value out of range/></state>");
+    char buf[64];
+    e->value = 0;
+    sm_peer_state_toxml_cr(h, e, buf, sizeof buf);
+    EXPECT_STREQ(buf, "<sm_peer_state><SM_PEER_STATE_DISCONNECTED/></sm_peer_state>");
+
+    // value order decides, not document order
+    auto doc = parse_xml("<r><s><SM_PEER_STATE_CONNECTED/><SM_PEER_STATE_CONN_WAIT/></s><empty/></r>");
+    char msg[32] = "";
+    sm_peer_state_from_xml(h, 1, "r/s", doc.get(), e, &err, msg, sizeof msg);
+    EXPECT_EQ(err, 0u);
+    EXPECT_EQ(e->value, 1u);
+    sm_peer_state_from_xml(h, 1, "r/empty", doc.get(), e, &err, msg, sizeof msg);
+    EXPECT_EQ(err, 0u); // no literal present: no error, value kept
+    EXPECT_EQ(e->value, 1u);
+    EXPECT_STREQ(msg, "");
+
+    // a literal element whose text does not fit the 128-byte value buffer fails the lookup
+    auto bad = parse_xml("<r><SM_PEER_STATE_CONNECTING>" + std::string(200, 'x') + "</SM_PEER_STATE_CONNECTING></r>");
+    sm_peer_state_from_xml(h, 1, "r", bad.get(), e, &err, msg, sizeof msg);
+    EXPECT_EQ(err, 28u);
+    EXPECT_EQ(mgx_handle_last_error(h), 28u);
+    EXPECT_STREQ(msg, "Failed xpath: r");
+    EXPECT_EQ(e->value, 1u);
+    sm_peer_state_destroy(h, 1, e);
+}
+
+TEST_F(Enums, ValidityFollowsTheDomainVariantForTheInboundSelectorOnly) {
+    EXPECT_TRUE(sm_peer_state_is_valid_cr(h, 6));
+    EXPECT_FALSE(sm_peer_state_is_valid_cr(h, 7));
+    mgx_handle_set_domain_variant(h, "sm_peer_state", -1);
+    EXPECT_TRUE(sm_peer_state_is_valid_cr(h, 0));
+    EXPECT_TRUE(sm_max_name_len_is_valid_cr(h, 0) && sm_max_name_len_is_valid_cr(h, 32));
+    EXPECT_FALSE(sm_max_str_len_is_valid_cr(h, 511));
+
+    // user value -> the lowest domain variant that admits it (-2: never)
+    const std::pair<uint32_t, int> needs[] = {{23, -1}, {24, 1}, {25, 1}, {26, 2}, {27, -2}};
+    for (int domain : {-1, 0, 1, 2}) {
+        mgx_handle_set_domain_variant(h, "ovrin_sm_in_event_type", static_cast<int8_t>(domain));
+        for (auto [value, variant] : needs)
+            EXPECT_EQ(ovrin_sm_in_event_type_is_valid_cr(h, value) != 0, variant != -2 && domain >= variant)
+                << value << " in domain variant " << domain;
+    }
+}
+
+TEST_F(Enums, GetReportsContainmentAndCreateFailureNamesTheType) {
+    sm_peer_state *e = sm_peer_state_create(h, 1);
+    mgx_hook_clear(h);
+    EXPECT_EQ(sm_peer_state_get(h, 1, e), e);
+    EXPECT_EQ(mgx_hook_count(h), 0u);
+    mgx_handle_set_flags(h, MGX_HANDLE_DATABASE);
+    EXPECT_EQ(sm_peer_state_get(h, 1, e), e);
+    ASSERT_EQ(mgx_hook_count_kind(h, MGX_HOOK_CONTAINMENT), 1u);
+    EXPECT_TRUE(mgx_hook_entry(h, 0)->object == e && mgx_hook_entry(h, 0)->container == nullptr &&
+                mgx_hook_entry(h, 0)->arg == 1);
+    mgx_handle_set_flags(h, 0);
+    sm_peer_state_destroy(h, 1, e);
+
+    mgx_handle_fail_stats(h, 12);
+    EXPECT_EQ(sm_auth_domain_create(h, 1), nullptr);
+    bool traced = false;
+    for (size_t i = 0; i < mgx_trace_count(); ++i)
+        traced |= std::string(mgx_trace_text(i)) == "error in sm_auth_domain create Cannot allocate memory" &&
+                  mgx_trace_severity(i) == 3;
+    EXPECT_TRUE(traced);
+}
+
+// ------------------------------------------------------------------ every literal of every type
+
+struct EnumCase {
+    const char *type;
+    std::vector<const char *> names; // in value order; the wire value is the position
+    std::vector<uint32_t> users;     // empty: the positions
+    std::vector<int> from;           // empty: all variant 0
+};
+
+std::vector<uint32_t> positions_then(uint32_t n, std::vector<uint32_t> tail) {
+    std::vector<uint32_t> v(n);
+    std::iota(v.begin(), v.end(), 0u);
+    v.insert(v.end(), tail.begin(), tail.end());
+    return v;
+}
+
+const std::vector<EnumCase> &cases() {
+    static const std::vector<EnumCase> list = {
+#include "tests/sm_enum_literals.inc"
+    };
+    return list;
+}
+
+template <class Fn> Fn op(const std::string &type, const char *name) {
+    auto fn = reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, (type + "_" + name).c_str()));
+    EXPECT_NE(fn, nullptr) << type << "_" << name;
+    return fn;
+}
+
+TEST_F(Enums, EveryLiteralRoundTripsThroughValueWireTextAndXml) {
+    size_t enums = 0;
+    for (const mgx_module_node_t *m = mgx_module_tot_root.first; m; m = m->next)
+        if (!std::strcmp(m->domain_name, "ovrin_sm"))
+            for (const void *const *d = m->descriptor_table; *d; ++d)
+                enums += !std::strcmp(static_cast<const mgx_type_info_t *>(*d)->kind, "enum");
+    ASSERT_EQ(enums, cases().size());
+
+    using E = sm_peer_state; // every enumeration shares this layout
+    for (const EnumCase &c : cases()) {
+        const std::string t = c.type;
+        auto create = op<E *(*)(mgx_handle_t *, uint32_t)>(t, "create");
+        auto destroy = op<void (*)(mgx_handle_t *, uint32_t, E *)>(t, "destroy");
+        auto set_value = op<void (*)(mgx_handle_t *, uint32_t, E *, uint32_t, uint32_t *)>(t, "set_value");
+        auto to_wire = op<uint32_t (*)(uint32_t)>(t, "map_to_internal_value");
+        auto marshal = op<uint32_t (*)(mgx_handle_t *, uint32_t, uint8_t *, const E *, int32_t, uint32_t *)>(t, "marshal");
+        auto unmarshal =
+            op<uint32_t (*)(mgx_handle_t *, uint32_t, const uint8_t *, E *, int32_t, uint32_t, uint32_t *)>(t, "unmarshal");
+        auto print_cr = op<uint32_t (*)(mgx_handle_t *, const E *, char *, uint32_t)>(t, "print_cr");
+        auto toxml_cr = op<uint32_t (*)(mgx_handle_t *, const E *, char *, uint32_t)>(t, "toxml_cr");
+        auto from_xml = op<void (*)(mgx_handle_t *, uint32_t, const char *, void *, E *, uint32_t *, char *, uint32_t)>(
+            t, "from_xml");
+        auto is_valid = op<mgx_boolean (*)(mgx_handle_t *, uint32_t)>(t, "is_valid_cr");
+        ASSERT_TRUE(create && destroy && set_value && to_wire && marshal && unmarshal && print_cr && toxml_cr &&
+                    from_xml && is_valid);
+
+        E *e = create(h, 1), *back = create(h, 1);
+        const int8_t created = e->variant;
+        for (uint32_t w = 0; w < c.names.size(); ++w) {
+            const std::string name = c.names[w];
+            uint32_t user = c.users.empty() ? w : c.users[w];
+            SCOPED_TRACE(t + " " + name);
+            set_value(h, 1, e, user, &err); // created at the domain's (highest) variant
+            ASSERT_EQ(err, 0u);
+            EXPECT_EQ(to_wire(user), w);
+            EXPECT_TRUE(is_valid(h, user));
+
+            uint8_t buf[5];
+            ASSERT_EQ(marshal(h, 1, buf, e, 5, &err), 5u);
+            EXPECT_EQ(buf[4] | buf[3] << 8 | buf[2] << 16 | buf[1] << 24, static_cast<int>(w));
+            back->layout = e->variant;
+            ASSERT_EQ(unmarshal(h, 1, buf, back, 5, 0, &err), 5u);
+            EXPECT_EQ(back->value, user);
+            EXPECT_EQ(back->variant, e->variant);
+
+            char text[256];
+            print_cr(h, e, text, sizeof text);
+            EXPECT_EQ(text, t + "@" + t + ":" + name + "\n");
+            toxml_cr(h, e, text, sizeof text);
+            EXPECT_EQ(text, "<" + t + "><" + name + "/></" + t + ">");
+            auto doc = parse_xml(text);
+            back->value = ~0u;
+            from_xml(h, 1, c.type, doc.get(), back, &err, nullptr, 0);
+            EXPECT_EQ(back->value, user);
+            EXPECT_EQ(err, 0u);
+
+            int from = c.from.empty() ? 0 : c.from[w];
+            e->variant = static_cast<int8_t>(from - 1);
+            set_value(h, 1, e, user, &err);
+            EXPECT_EQ(err, from > 0 ? 43u : 0u); // later literals are refused below their variant
+            err = 0;
+            e->variant = created;
+        }
+        EXPECT_FALSE(is_valid(h, c.users.empty() ? c.names.size() : c.users.back() + 1));
+        destroy(h, 1, e);
+        destroy(h, 1, back);
+    }
+}
+
+} // namespace
