@@ -4,5 +4,6 @@
 
 #include "ops/enum/enum.h"
 #include "ops/record/lifecycle.h"
+#include "ops/record/value.h"
 
 #endif

@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "ovrin_sm/ops.h"
-// The bundle's own tables, compiled into the test as a private copy: the generator's layout and
-// state-flag positions, next to the descriptors the library exports.
-#include "ovrin_sm_internal/tables.inc"
+// The bundle's own tables (the test program's private copy, sm_type_tables.cpp): the generator's
+// layout and state-flag positions, next to the descriptors the library exports.
+#include "ovrin_sm_internal/tables.h"
 
 namespace {
 

@@ -37,6 +37,12 @@ const std::vector<EntryPoint> &entry_points() {
         {"get_object_references", k_all, "void",
          "mgx_handle_t *h, uint32_t luid, const $T *instance, uint64_t *array, uint32_t count, uint32_t *err",
          "ovrin::get_object_references($table, h, luid, instance, array, count, err)"},
+        // Compare, hash and validity.
+        {"compare", k_composite, "int32_t", "const $T *a, const $T *b", "ovrin::compare($table, a, b)"},
+        {"hash", k_composite, "uint32_t", "const $T *instance, uint32_t seed", "ovrin::hash($table, instance, seed)"},
+        {"is_valid_cr", k_composite, "mgx_boolean",
+         "mgx_handle_t *h, const $T *instance, uint32_t member_index, uint32_t flags",
+         "ovrin::is_valid_cr($table, h, instance, member_index, flags)"},
         // Enumerations.
         {"map_to_user_value", k_enum, "uint32_t", "uint32_t value", "ovrin::enum_map_to_user_value($table, value)"},
         {"map_to_internal_value", k_enum, "uint32_t", "uint32_t value",

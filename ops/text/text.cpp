@@ -1,0 +1,426 @@
+// The XML and print forms of records and unions. Every field is written by its own kind's writer
+// (the runtime's primitive writers, the enumeration form, or a nested record's own form) in
+// declaration order; union members appear under the discriminator's name joined to theirs.
+#include "ops/text/text.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "ops/enum/enum.h"
+#include "ops/record/lifecycle.h"
+
+namespace ovrin {
+
+namespace {
+
+constexpr unsigned path_size = 256;  // one path buffer per level; longer paths are cut
+constexpr unsigned label_size = 80;  // element labels of arrays and union members
+constexpr unsigned enum_value_offset = 12;
+
+struct PrimText {
+    uint32_t (*to_xml)(mgx_handle_t *, uint32_t, const char *, char *, const void *, uint32_t, uint8_t, uint32_t *);
+    void (*from_xml)(mgx_handle_t *, uint32_t, const char *, void *, void *, uint32_t *, char *, uint32_t);
+    uint32_t (*print)(mgx_handle_t *, uint32_t, char *, uint32_t, const char *, const void *, uint32_t, uint32_t *);
+};
+
+template <class T, auto ToXml, auto FromXml, auto Print> constexpr PrimText prim_text() {
+    return PrimText{
+        [](mgx_handle_t *h, uint32_t luid, const char *name, char *buf, const void *f, uint32_t size, uint8_t state,
+           uint32_t *err) { return ToXml(h, luid, name, buf, static_cast<const T *>(f), size, state, err); },
+        [](mgx_handle_t *h, uint32_t luid, const char *path, void *doc, void *f, uint32_t *err, char *msg,
+           uint32_t msg_size) { FromXml(h, luid, path, doc, static_cast<T *>(f), err, msg, msg_size); },
+        [](mgx_handle_t *h, uint32_t luid, char *buf, uint32_t indent, const char *name, const void *f, uint32_t size,
+           uint32_t *err) { return Print(h, luid, buf, indent, name, static_cast<const T *>(f), size, err); },
+    };
+}
+
+#define OVRIN_PRIM_TEXT(T) prim_text<T, T##_to_xml, T##_from_xml, T##_print>()
+
+const PrimText &prim_text_of(Kind k) {
+    static const PrimText table[] = {
+        OVRIN_PRIM_TEXT(u_int8),    OVRIN_PRIM_TEXT(u_int16),     OVRIN_PRIM_TEXT(u_int32),
+        OVRIN_PRIM_TEXT(u_int64),   OVRIN_PRIM_TEXT(mgx_boolean), OVRIN_PRIM_TEXT(mgx_mac_addr),
+        OVRIN_PRIM_TEXT(ipv4_addr), OVRIN_PRIM_TEXT(ipv6_addr),   OVRIN_PRIM_TEXT(aaa_tlv),
+    };
+    return table[static_cast<int>(k)];
+}
+
+uint32_t read_count(const void *instance, const Field &f) {
+    const void *p = field_at(instance, f);
+    return f.kind == Kind::u16 ? *static_cast<const uint16_t *>(p) : *static_cast<const uint32_t *>(p);
+}
+
+void write_count(mgx_handle_t *h, uint32_t luid, void *instance, const Field &f, uint32_t v) {
+    void *p = field_at(instance, f);
+    notify(h, p, f.size, luid, instance);
+    if (f.kind == Kind::u16)
+        *static_cast<uint16_t *>(p) = static_cast<uint16_t>(v);
+    else
+        *static_cast<uint32_t *>(p) = v;
+}
+
+// The member a union's discriminator selects, or null.
+const Field *selected_member(const Type &t, const void *instance) {
+    if (t.discriminator < 0) return nullptr;
+    const Field &d = t.fields[t.discriminator];
+    uint32_t v;
+    std::memcpy(&v, bytes(instance) + d.offset + enum_value_offset, sizeof v);
+    v = enum_map_to_user_value(*d.type, v);
+    for (uint16_t i = 0; i < t.n_fields; ++i)
+        if (t.fields[i].shape == Shape::member && t.fields[i].select == v) return &t.fields[i];
+    return nullptr;
+}
+
+// Paths and labels go into fixed buffers, one per level; a longer one is cut, deliberately.
+template <size_t N> void format_into(char (&out)[N], const char *format, ...) __attribute__((format(printf, 2, 3)));
+template <size_t N> void format_into(char (&out)[N], const char *format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    std::vsnprintf(out, N, format, ap);
+    va_end(ap);
+}
+
+void member_label(char (&label)[label_size], const Type &t, const Field &member, char joiner) {
+    format_into(label, "%s%c%s", t.fields[t.discriminator].name, joiner, member.name);
+}
+
+// ------------------------------------------------------------------ XML writing
+
+struct XmlOut {
+    mgx_handle_t *h;
+    uint32_t luid;
+    char *buf;
+    uint32_t size;
+    uint32_t *err;
+    uint32_t n = 0;
+    uint32_t left() const { return n < size ? size - n : 0; }
+    char *at() const { return buf + (n < size ? n : size); }
+};
+
+uint32_t element_to_xml(const Field &f, XmlOut &o, const char *name, const void *element, uint8_t state) {
+    switch (f.kind) {
+    case Kind::record: return to_xml(*f.type, o.h, o.luid, name, o.at(), element, o.left(), state, o.err);
+    case Kind::enumeration: return enum_to_xml(*f.type, o.h, o.luid, name, o.at(), element, o.left(), state, o.err);
+    default: return prim_text_of(f.kind).to_xml(o.h, o.luid, name, o.at(), element, o.left(), state, o.err);
+    }
+}
+
+void field_to_xml(const Type &t, const Field &f, XmlOut &o, const void *instance, uint8_t state) {
+    const void *field = field_at(instance, f);
+    switch (f.shape) {
+    case Shape::scalar:
+        o.n += element_to_xml(f, o, f.name, field, state);
+        return;
+    case Shape::fixed_array:
+        for (uint16_t i = 0; i < f.count && !*o.err; ++i)
+            o.n += element_to_xml(f, o, f.name, bytes(field) + i * f.elem_size, state);
+        return;
+    case Shape::var_array: {
+        uint32_t count = read_count(instance, t.fields[f.companion]);
+        const void *block = *static_cast<const void *const *>(field);
+        for (uint32_t k = 0; block && k < count && !*o.err; ++k)
+            o.n += element_to_xml(f, o, f.name, bytes(block) + static_cast<size_t>(k) * f.elem_size, state);
+        return;
+    }
+    case Shape::var_string: {
+        uint32_t len = read_count(instance, t.fields[f.companion]);
+        const char *text = *static_cast<const char *const *>(field);
+        o.n += var_string_to_xml(o.h, o.luid, f.name, o.at(), text, o.left(), text ? len : 0, state, o.err);
+        return;
+    }
+    case Shape::member:
+        return; // written once, after the fields, when selected
+    }
+}
+
+// ------------------------------------------------------------------ XML reading
+
+struct XmlIn {
+    mgx_handle_t *h;
+    uint32_t luid;
+    void *doc;
+    uint32_t *err;
+    char *msg;
+    uint32_t msg_size;
+};
+
+// An absent element is no error to the record that reads it: the field keeps its value.
+bool absent_is_fine(uint32_t *err) {
+    if (*err != MGX_ENOENT) return *err == 0;
+    *err = 0;
+    return true;
+}
+
+void element_from_xml(const Field &f, XmlIn &in, const char *path, void *element) {
+    switch (f.kind) {
+    case Kind::record: from_xml(*f.type, in.h, in.luid, path, in.doc, element, in.err, in.msg, in.msg_size); return;
+    case Kind::enumeration:
+        enum_from_xml(*f.type, in.h, in.luid, path, in.doc, element, in.err, in.msg, in.msg_size);
+        return;
+    default: prim_text_of(f.kind).from_xml(in.h, in.luid, path, in.doc, element, in.err, in.msg, in.msg_size); return;
+    }
+}
+
+// The length field has been read already; the text decides it in the end. Without a text in the
+// document the length goes back to what it was, so that it always describes the stored string.
+void string_from_xml(const Type &t, const Field &f, XmlIn &in, const char *path, void *instance, uint32_t old_len) {
+    uint32_t len = 0;
+    uint32_t status = xml_get_element_value(in.doc, path, nullptr, 0, &len);
+    if (status != MGX_ERANGE) {
+        write_count(in.h, in.luid, instance, t.fields[f.companion], old_len);
+        if (status != 0) fail(in.h, in.err, status); // 0: nothing to read, the field stays as it is
+        return;
+    }
+    auto *text = static_cast<char *>(in.h->inst_alloc(in.h->alloc_ctx, in.luid, len + 1));
+    if (!text) {
+        fail(in.h, in.err, MGX_ENOMEM);
+        return;
+    }
+    var_string_from_xml(in.h, in.luid, path, in.doc, text, len + 1, in.err);
+    if (*in.err) {
+        in.h->inst_free(in.h->alloc_ctx, in.luid, text);
+        return;
+    }
+    // The record owns the text from here: the old one goes, the length field follows.
+    char *&slot = *static_cast<char **>(field_at(instance, f));
+    if (slot) in.h->inst_free(in.h->alloc_ctx, in.luid, slot);
+    notify(in.h, &slot, sizeof slot, in.luid, instance);
+    slot = text;
+    write_count(in.h, in.luid, instance, t.fields[f.companion], len);
+}
+
+// Gives a variable array storage for `count` fresh elements, as many as the document holds.
+bool resize_array(const Type &t, const Field &f, XmlIn &in, void *instance, uint32_t count) {
+    void *&block = *static_cast<void **>(field_at(instance, f));
+    const Field &count_field = t.fields[f.companion];
+    uint32_t old = read_count(instance, count_field);
+    for (uint32_t k = 0; block && k < old; ++k)
+        destroy_internal(*f.type, in.h, in.luid, bytes(block) + static_cast<size_t>(k) * f.elem_size, 0);
+    if (block) in.h->inst_free(in.h->alloc_ctx, in.luid, block);
+    notify(in.h, &block, sizeof block, in.luid, instance);
+    block = nullptr;
+    write_count(in.h, in.luid, instance, count_field, 0);
+    if (count == 0) return true;
+    bool tracked = tracking(t, in.h);
+    size_t size = static_cast<size_t>(count) * f.elem_size + (tracked ? 2u * count : 0u);
+    void *fresh = in.h->inst_alloc(in.h->alloc_ctx, in.luid, size);
+    if (!fresh) {
+        fail(in.h, in.err, MGX_ENOMEM);
+        return false;
+    }
+    std::memset(fresh, 0, size);
+    uint8_t *flags = tracked ? bytes(fresh) + static_cast<size_t>(count) * f.elem_size : nullptr;
+    for (uint32_t k = 0; k < count; ++k) {
+        uint32_t e = 0;
+        initialize(*f.type, in.h, in.luid, bytes(fresh) + static_cast<size_t>(k) * f.elem_size, f.type->descriptor, 0,
+                   0, MGX_IF_NESTED, flags ? flags + 2 * k : nullptr, &e);
+    }
+    block = fresh;
+    write_count(in.h, in.luid, instance, count_field, count);
+    return true;
+}
+
+void array_from_xml(const Type &t, const Field &f, XmlIn &in, const char *path, void *instance, bool count_read,
+                    uint32_t old_count) {
+    char element_path[path_size];
+    if (f.shape == Shape::var_array) {
+        if (!count_read) return; // no count in the document: the array stays as it is
+        uint32_t present = 0;
+        xml_get_element_nodecount(in.doc, path, &present);
+        uint32_t count = read_count(instance, t.fields[f.companion]);
+        write_count(in.h, in.luid, instance, t.fields[f.companion], old_count); // the storage's own count
+        if (count > present) { // a count the document does not back is refused, not allocated
+            fail(in.h, in.err, MGX_EINVAL);
+            return;
+        }
+        if (!resize_array(t, f, in, instance, count)) return;
+    }
+    uint32_t count = f.shape == Shape::fixed_array ? f.count : read_count(instance, t.fields[f.companion]);
+    void *base = f.shape == Shape::fixed_array ? field_at(instance, f) : *static_cast<void **>(field_at(instance, f));
+    for (uint32_t k = 0; k < count; ++k) {
+        format_into(element_path, "%s[%u]", path, k + 1);
+        element_from_xml(f, in, element_path, bytes(base) + static_cast<size_t>(k) * f.elem_size);
+        if (!absent_is_fine(in.err)) return;
+    }
+}
+
+void member_from_xml(const Type &t, const Field &f, XmlIn &in, const char *parent, void *instance) {
+    char label[label_size], path[path_size];
+    member_label(label, t, f, '-');
+    format_into(path, "%s/%s", parent, label);
+    void *&slot = *static_cast<void **>(field_at(instance, f));
+    if (!slot) {
+        notify(in.h, &slot, sizeof slot, in.luid, instance);
+        slot = create_internal(*f.type, in.h, in.luid);
+        if (!slot) {
+            fail(in.h, in.err, MGX_ENOMEM);
+            return;
+        }
+    }
+    from_xml(*f.type, in.h, in.luid, path, in.doc, slot, in.err, in.msg, in.msg_size);
+}
+
+// ------------------------------------------------------------------ print
+
+struct PrintOut {
+    mgx_handle_t *h;
+    uint32_t luid;
+    char *buf;
+    uint32_t size;
+    uint32_t *err;
+    uint32_t n = 0;
+    uint32_t left() const { return n < size ? size - n : 0; }
+    char *at() const { return buf + (n < size ? n : size); }
+};
+
+uint32_t element_print(const Field &f, PrintOut &o, uint32_t indent, const char *label, const void *element) {
+    switch (f.kind) {
+    case Kind::record: return print(*f.type, o.h, o.luid, o.at(), indent, label, element, o.left(), o.err);
+    case Kind::enumeration: return enum_print(*f.type, o.h, o.luid, o.at(), indent, label, element, o.left(), o.err);
+    default: return prim_text_of(f.kind).print(o.h, o.luid, o.at(), indent, label, element, o.left(), o.err);
+    }
+}
+
+void field_print(const Type &t, const Field &f, PrintOut &o, uint32_t indent, const void *instance) {
+    const void *field = field_at(instance, f);
+    char label[label_size];
+    switch (f.shape) {
+    case Shape::scalar:
+        o.n += element_print(f, o, indent, f.name, field);
+        return;
+    case Shape::fixed_array:
+        for (uint16_t i = 0; i < f.count; ++i) {
+            format_into(label, "%s[%d]", f.name, i);
+            o.n += element_print(f, o, indent, label, bytes(field) + i * f.elem_size);
+        }
+        return;
+    case Shape::var_array: {
+        uint32_t count = read_count(instance, t.fields[f.companion]);
+        const void *block = *static_cast<const void *const *>(field);
+        for (uint32_t k = 0; block && k < count; ++k) {
+            format_into(label, "%s[%d]", f.name, static_cast<int>(k));
+            o.n += element_print(f, o, indent, label, bytes(block) + static_cast<size_t>(k) * f.elem_size);
+        }
+        return;
+    }
+    case Shape::var_string: {
+        uint32_t len = read_count(instance, t.fields[f.companion]);
+        const char *text = *static_cast<const char *const *>(field);
+        o.n += var_string_print(o.h, o.luid, o.at(), indent, f.name, text, o.left(), text ? len : 0, o.err);
+        return;
+    }
+    case Shape::member:
+        return; // printed once, after the fields, when selected and filled
+    }
+}
+
+} // namespace
+
+uint32_t to_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *name, char *buf, const void *instance,
+                uint32_t size, uint8_t state_flag, uint32_t *err) {
+    if (!begin(h, luid, instance, err)) return 0;
+    int8_t variant = mgx_get_instance_variant(instance, 1, 0);
+    bool tracked = tracking(t, h);
+    const uint8_t *area =
+        tracked && instance && (hdr(instance)->flags & MGX_IF_TRACKED) ? state_area(t, h, luid, const_cast<void *>(instance)) : nullptr;
+    XmlOut o{h, luid, buf, size, err};
+    o.n += start_tag(o.at(), o.left(), name, state_flag);
+    if (variant >= 0) {
+        for (uint16_t i = 0; i < t.n_fields && !*err; ++i) {
+            const Field &f = t.fields[i];
+            if (present(f, variant)) field_to_xml(t, f, o, instance, area ? area[f.sttr_pos] : 0);
+        }
+        const Field *m = *err ? nullptr : selected_member(t, instance);
+        if (m && present(*m, variant)) {
+            if (const void *member = *static_cast<const void *const *>(field_at(instance, *m))) {
+                char label[label_size];
+                member_label(label, t, *m, '-');
+                o.n += to_xml(*m->type, h, luid, label, o.at(), member, o.left(), area ? area[m->sttr_pos] : 0, err);
+            }
+        }
+    }
+    o.n += end_tag(o.at(), o.left(), name);
+    return o.n;
+}
+
+uint32_t toxml_cr(const Type &t, mgx_handle_t *h, const void *instance, char *buf, uint32_t size) {
+    uint32_t n = to_xml(t, h, h->desc_call_luid, t.name, buf, instance, size, 0, &h->last_error);
+    return h->last_error ? 0xFFFFFFFFu : n;
+}
+
+void from_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *path, void *doc, void *instance,
+              uint32_t *err, char *msg, uint32_t msg_size) {
+    if (!begin(h, luid, instance, err)) return;
+    uint32_t nodes = 0;
+    if (xml_get_element_nodecount(doc, path, &nodes) != 0 || nodes == 0) {
+        fail(h, err, MGX_ENOENT);
+        return;
+    }
+    XmlIn in{h, luid, doc, err, msg, msg_size};
+    char child[path_size];
+    bool counts_read[64] = {};
+    uint32_t old_counts[64] = {}; // counts and lengths as they describe the storage before the read
+    for (uint16_t i = 0; i < t.n_fields && i < 64; ++i)
+        if (t.fields[i].companion >= 0 && t.fields[i].shape == Shape::scalar) old_counts[i] = read_count(instance, t.fields[i]);
+    for (uint16_t i = 0; i < t.n_fields; ++i) {
+        const Field &f = t.fields[i];
+        if (f.shape == Shape::member) continue;
+        format_into(child, "%s/%s", path, f.name);
+        switch (f.shape) {
+        case Shape::scalar: {
+            element_from_xml(f, in, child, field_at(instance, f));
+            bool was_absent = *err == MGX_ENOENT;
+            if (!absent_is_fine(err)) return;
+            if (f.companion >= 0 && i < 64) counts_read[i] = !was_absent;
+            break;
+        }
+        case Shape::fixed_array:
+        case Shape::var_array:
+            array_from_xml(t, f, in, child, instance,
+                           f.shape == Shape::var_array && f.companion < 64 && counts_read[f.companion],
+                           f.companion >= 0 && f.companion < 64 ? old_counts[f.companion] : 0);
+            if (!absent_is_fine(err)) return;
+            break;
+        case Shape::var_string:
+            string_from_xml(t, f, in, child, instance, f.companion < 64 ? old_counts[f.companion] : 0);
+            if (!absent_is_fine(err)) return;
+            break;
+        case Shape::member: break;
+        }
+    }
+    if (const Field *m = selected_member(t, instance)) {
+        member_from_xml(t, *m, in, path, instance);
+        absent_is_fine(err);
+    }
+}
+
+uint32_t print(const Type &t, mgx_handle_t *h, uint32_t luid, char *buf, uint32_t indent, const char *name,
+               const void *instance, uint32_t size, uint32_t *err) {
+    if (!begin(h, luid, instance, err)) return 0;
+    int8_t variant = mgx_get_instance_variant(instance, 1, 0);
+    PrintOut o{h, luid, buf, size, err};
+    o.n += mgx_print_space(h, luid, o.at(), indent, o.left(), err);
+    o.n += mgx_snprintf(h, luid, o.at(), o.left(), err, "%s@%s: {\n", name, t.name);
+    if (variant < 0) return o.n; // deliberately left open: callers go on after it
+    for (uint16_t i = 0; i < t.n_fields; ++i)
+        if (present(t.fields[i], variant)) field_print(t, t.fields[i], o, indent + 2, instance);
+    const Field *m = selected_member(t, instance);
+    if (m && present(*m, variant)) {
+        if (const void *member = *static_cast<const void *const *>(field_at(instance, *m))) {
+            char label[label_size];
+            member_label(label, t, *m, '.');
+            o.n += print(*m->type, h, luid, o.at(), indent + 2, label, member, o.left(), err);
+        }
+    }
+    o.n += mgx_print_space(h, luid, o.at(), indent, o.left(), err);
+    o.n += mgx_snprintf(h, luid, o.at(), o.left(), err, "}\n");
+    return o.n;
+}
+
+int32_t print_cr(const Type &t, mgx_handle_t *h, const void *instance, char *buf, uint32_t size) {
+    uint32_t n = print(t, h, h->desc_call_luid, buf, 0, t.name, instance, size, &h->last_error);
+    return h->last_error ? -1 : static_cast<int32_t>(n);
+}
+
+} // namespace ovrin

@@ -1,0 +1,20 @@
+// The XML and print forms of records and unions, written once over the type tables.
+#ifndef OVRIN_OPS_TEXT_TEXT_H
+#define OVRIN_OPS_TEXT_TEXT_H
+
+#include "ops/common.h"
+
+namespace ovrin {
+
+uint32_t to_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *name, char *buf, const void *instance,
+                uint32_t size, uint8_t state_flag, uint32_t *err);
+uint32_t toxml_cr(const Type &t, mgx_handle_t *h, const void *instance, char *buf, uint32_t size);
+void from_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *path, void *doc, void *instance,
+              uint32_t *err, char *msg, uint32_t msg_size);
+uint32_t print(const Type &t, mgx_handle_t *h, uint32_t luid, char *buf, uint32_t indent, const char *name,
+               const void *instance, uint32_t size, uint32_t *err);
+int32_t print_cr(const Type &t, mgx_handle_t *h, const void *instance, char *buf, uint32_t size);
+
+} // namespace ovrin
+
+#endif

@@ -1,0 +1,180 @@
+// Test support: fills instances of any type through the type tables (see sm_fill.h).
+#include "tests/sm_fill.h"
+
+#include <dlfcn.h>
+
+#include <cstring>
+#include <stdexcept>
+
+#include "ovrin_sm_internal/tables.h"
+
+namespace testfill {
+
+using ovrin::Field;
+using ovrin::Kind;
+using ovrin::Shape;
+using ovrin::Type;
+
+namespace {
+
+uint8_t *at(void *instance, const Field &f) { return static_cast<uint8_t *>(instance) + f.offset; }
+
+int8_t variant_of(const void *instance) { return static_cast<const mgx_instance_hdr_t *>(instance)->variant; }
+
+void fill_element(const Field &f, mgx_handle_t *h, void *element, unsigned seed, unsigned arm);
+
+void set_count(void *instance, const Field &f, uint32_t v) {
+    if (f.kind == Kind::u16)
+        *reinterpret_cast<uint16_t *>(at(instance, f)) = static_cast<uint16_t>(v);
+    else
+        *reinterpret_cast<uint32_t *>(at(instance, f)) = v;
+}
+
+void fill_enum(const Type &t, void *instance, unsigned seed) {
+    int8_t variant = variant_of(instance);
+    std::vector<const ovrin::Literal *> usable;
+    for (uint16_t i = 0; i < t.n_literals; ++i)
+        if (t.literals[i].from_variant <= variant) usable.push_back(&t.literals[i]);
+    uint32_t value = usable.empty() ? 0 : usable[seed % usable.size()]->user;
+    std::memcpy(static_cast<uint8_t *>(instance) + 12, &value, sizeof value);
+}
+
+void fill_element(const Field &f, mgx_handle_t *h, void *element, unsigned seed, unsigned arm) {
+    auto *b = static_cast<uint8_t *>(element);
+    switch (f.kind) {
+    case Kind::u8: *b = static_cast<uint8_t>(seed * 7 + 1); break;
+    case Kind::u16: *reinterpret_cast<uint16_t *>(b) = static_cast<uint16_t>(seed * 257 + 3); break;
+    case Kind::u32: *reinterpret_cast<uint32_t *>(b) = seed * 0x01010101u + 5; break;
+    case Kind::u64: *reinterpret_cast<uint64_t *>(b) = (uint64_t{seed} << 40) + seed * 11 + 7; break;
+    case Kind::boolean: *reinterpret_cast<uint32_t *>(b) = seed & 1; break;
+    case Kind::mac_addr:
+        for (int i = 0; i < 6; ++i) b[i] = static_cast<uint8_t>(seed + i * 17);
+        break;
+    case Kind::ipv4_addr: *reinterpret_cast<uint32_t *>(b) = 0x0a000001u + seed; break;
+    case Kind::ipv6_addr:
+        for (int i = 0; i < 16; ++i) b[i] = static_cast<uint8_t>(seed * 3 + i);
+        break;
+    case Kind::aaa_tlv: {
+        uint32_t err = 0;
+        std::string value = "attr-" + std::to_string(seed) + std::string("\0<&\"", 4);
+        aaa_tlv_attr_add(h, 1, static_cast<aaa_tlv *>(element), seed % 64 + 1, value.data(),
+                         static_cast<uint32_t>(value.size()), &err);
+        aaa_tlv_attr_add(h, 1, static_cast<aaa_tlv *>(element), 31, "\x01\x02", 2, &err);
+        break;
+    }
+    case Kind::enumeration: fill_enum(*f.type, element, seed); break;
+    case Kind::record: fill(*f.type, h, element, seed, arm); break;
+    case Kind::character: break;
+    }
+}
+
+} // namespace
+
+void fill(const Type &t, mgx_handle_t *h, void *instance, unsigned seed, unsigned arm) {
+    if (t.kind == ovrin::TypeKind::enumeration) {
+        fill_enum(t, instance, seed);
+        return;
+    }
+    int8_t variant = variant_of(instance);
+    unsigned member_index = 0, n_members = members(t);
+    for (uint16_t i = 0; i < t.n_fields; ++i) {
+        const Field &f = t.fields[i];
+        unsigned s = seed * 31 + i + 1;
+        bool is_member = f.shape == Shape::member;
+        unsigned this_member = member_index;
+        member_index += is_member;
+        if (f.from_variant > variant) continue;
+        if (f.companion >= 0 && f.shape == Shape::scalar) continue; // set with its string or array
+        switch (f.shape) {
+        case Shape::scalar:
+            if (static_cast<int>(i) == t.discriminator) continue; // set with the member
+            fill_element(f, h, at(instance, f), s, arm);
+            break;
+        case Shape::fixed_array:
+            for (uint16_t k = 0; k < f.count; ++k) fill_element(f, h, at(instance, f) + k * f.elem_size, s + k, arm);
+            break;
+        case Shape::var_string: {
+            std::string text = std::string(f.name) + "-" + std::to_string(s) + " <&\"'>";
+            auto *p = static_cast<char *>(h->inst_alloc(h->alloc_ctx, 1, text.size() + 1));
+            std::memcpy(p, text.c_str(), text.size() + 1);
+            *reinterpret_cast<char **>(at(instance, f)) = p;
+            set_count(instance, t.fields[f.companion], static_cast<uint32_t>(text.size()));
+            break;
+        }
+        case Shape::var_array: {
+            const uint32_t n = 2;
+            bool tracked = h->sttr && h->sttr->marker == MGX_STTR_TRACKED;
+            size_t size = n * f.elem_size + (tracked ? 2 * n : 0);
+            auto *block = static_cast<uint8_t *>(h->inst_alloc(h->alloc_ctx, 1, size));
+            std::memset(block, 0, size);
+            for (uint32_t k = 0; k < n; ++k) {
+                uint32_t err = 0;
+                auto init = reinterpret_cast<void (*)(mgx_handle_t *, uint32_t, void *, const void *, int, int, uint32_t,
+                                                      uint8_t *, uint32_t *)>(op(*f.type, "initialize"));
+                init(h, 1, block + k * f.elem_size, f.type->descriptor, 0, 0, MGX_IF_NESTED,
+                     tracked ? block + n * f.elem_size + 2 * k : nullptr, &err);
+                fill(*f.type, h, block + k * f.elem_size, s + k, arm);
+            }
+            *reinterpret_cast<void **>(at(instance, f)) = block;
+            set_count(instance, t.fields[f.companion], n);
+            break;
+        }
+        case Shape::member: {
+            if (n_members == 0 || this_member != arm % n_members) break;
+            void *member = create(*f.type, h);
+            fill(*f.type, h, member, s, arm);
+            *reinterpret_cast<void **>(at(instance, f)) = member;
+            const Field &d = t.fields[t.discriminator];
+            std::memcpy(at(instance, d) + 12, &f.select, sizeof f.select);
+            break;
+        }
+        }
+    }
+}
+
+uint32_t members(const Type &t) {
+    uint32_t n = 0;
+    for (uint16_t i = 0; i < t.n_fields; ++i) n += t.fields[i].shape == Shape::member;
+    return n;
+}
+
+const std::vector<const Type *> &types() {
+    static const std::vector<const Type *> list(ovrin::table::all, ovrin::table::all + ovrin::table::type_count);
+    return list;
+}
+
+const Type &type(const std::string &name) {
+    for (const Type *t : types())
+        if (name == t->name) return *t;
+    throw std::invalid_argument("no type " + name);
+}
+
+void *op(const Type &t, const char *name) {
+    std::string symbol = std::string(t.name) + "_" + name;
+    void *p = dlsym(RTLD_DEFAULT, symbol.c_str());
+    if (!p) throw std::runtime_error("no operation " + symbol);
+    return p;
+}
+
+void *create(const Type &t, mgx_handle_t *h) {
+    return reinterpret_cast<void *(*)(mgx_handle_t *, uint32_t)>(op(t, "create"))(h, 1);
+}
+
+void destroy(const Type &t, mgx_handle_t *h, void *instance) {
+    reinterpret_cast<void (*)(mgx_handle_t *, uint32_t, void *)>(op(t, "destroy"))(h, 1, instance);
+}
+
+std::vector<uint8_t> encode(const Type &t, mgx_handle_t *h, const void *instance) {
+    uint32_t n = 5;
+    if (t.kind != ovrin::TypeKind::enumeration)
+        n = reinterpret_cast<uint32_t (*)(mgx_handle_t *, uint32_t, const void *)>(op(t, "len"))(h, 1, instance);
+    std::vector<uint8_t> out(n + 1);
+    uint32_t err = 0;
+    auto marshal = reinterpret_cast<uint32_t (*)(mgx_handle_t *, uint32_t, uint8_t *, const void *, int32_t, uint32_t *)>(
+        op(t, "marshal"));
+    out.resize(marshal(h, 1, out.data(), instance, static_cast<int32_t>(n), &err));
+    if (err) throw std::runtime_error(std::string("encode of ") + t.name + " failed: " + std::to_string(err));
+    return out;
+}
+
+} // namespace testfill

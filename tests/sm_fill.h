@@ -1,0 +1,34 @@
+// Test support: fills any instance of any type with distinct, valid values, walking the same type
+// tables as the generic operations, so that round trips can be checked for every type.
+#ifndef OVRIN_TESTS_SM_FILL_H
+#define OVRIN_TESTS_SM_FILL_H
+
+#include <string>
+#include <vector>
+
+#include "mgx/runtime.h"
+#include "ops/types.h"
+
+namespace testfill {
+
+// Every field present at the instance's variant gets a value derived from seed; strings,
+// variable arrays (2 elements) and the union member selected by `arm` (an index among the union's
+// members, taken modulo their count) are allocated through the handle.
+void fill(const ovrin::Type &t, mgx_handle_t *h, void *instance, unsigned seed, unsigned arm = 0);
+
+// The 79 types in registration order, and one by name.
+const std::vector<const ovrin::Type *> &types();
+const ovrin::Type &type(const std::string &name);
+
+// The exported operation `<type>_<op>`, looked up by name.
+void *op(const ovrin::Type &t, const char *name);
+
+void *create(const ovrin::Type &t, mgx_handle_t *h);
+void destroy(const ovrin::Type &t, mgx_handle_t *h, void *instance);
+// The wire encoding of an instance (exact, untracked or tracked by the handle's mode).
+std::vector<uint8_t> encode(const ovrin::Type &t, mgx_handle_t *h, const void *instance);
+uint32_t members(const ovrin::Type &t); // union members
+
+} // namespace testfill
+
+#endif

@@ -1,0 +1,201 @@
+// The XML and print forms of records and unions: golden texts, union members, arrays, strings,
+// versions, bounded output, partial documents, and a round trip of every type through XML.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "mgx/runtime.h"
+#include "ovrin_sm/ops.h"
+#include "tests/sm_fill.h"
+
+namespace {
+
+struct Text : ::testing::Test {
+    mgx_handle_t *h = mgx_handle_create();
+    char buf[8192] = {};
+    void TearDown() override {
+        EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
+        mgx_handle_destroy(h);
+    }
+    // Reads an instance back from its own XML text.
+    void read_back(const ovrin::Type &t, const std::string &xml, void *into, uint32_t *err) {
+        void *doc = mgx_xml_document_parse(xml.data(), xml.size());
+        ASSERT_NE(doc, nullptr) << xml;
+        auto from_xml = reinterpret_cast<void (*)(mgx_handle_t *, uint32_t, const char *, void *, void *, uint32_t *,
+                                                  char *, uint32_t)>(testfill::op(t, "from_xml"));
+        from_xml(h, 1, t.name, doc, into, err, nullptr, 0);
+        mgx_xml_document_free(doc);
+    }
+    std::string xml_of(const ovrin::Type &t, const void *instance) {
+        auto toxml = reinterpret_cast<uint32_t (*)(mgx_handle_t *, const void *, char *, uint32_t)>(
+            testfill::op(t, "toxml_cr"));
+        uint32_t n = toxml(h, instance, buf, sizeof buf);
+        EXPECT_LT(n, sizeof buf - 1) << t.name; // the buffer is large enough for every filled type
+        return std::string(buf, n);
+    }
+};
+
+TEST_F(Text, OneFieldRecordGoldenForms) {
+    sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create(h, 1);
+    c->conn_hdl = 7;
+    const char *golden = "sess_mgr_conn_hdl@sess_mgr_conn_hdl: {\n  conn_hdl: 7\n}\n";
+    EXPECT_EQ(sess_mgr_conn_hdl_print_cr(h, c, buf, sizeof buf), static_cast<int32_t>(std::strlen(golden)));
+    EXPECT_STREQ(buf, golden);
+    EXPECT_EQ(xml_of(testfill::type("sess_mgr_conn_hdl"), c),
+              "<sess_mgr_conn_hdl><conn_hdl>7</conn_hdl></sess_mgr_conn_hdl>");
+
+    // A negative variant: the header line alone, left open.
+    c->variant = -1;
+    uint32_t err = 0;
+    EXPECT_EQ(sess_mgr_conn_hdl_print(h, 1, buf, 2, "hdl", c, sizeof buf, &err), 27u);
+    EXPECT_STREQ(buf, "  hdl@sess_mgr_conn_hdl: {\n");
+    sess_mgr_conn_hdl_destroy(h, 1, c);
+}
+
+TEST_F(Text, UnionsShowOnlyTheSelectedFilledMember) {
+    ovrin_smd_resp_event *e = ovrin_smd_resp_event_create(h, 1);
+    e->resp_type.value = SESS_MGR_RCL_NEW_CLIENT_NOTIFY_CB;
+    e->reg_result = session_mgr_reg_result_create(h, 1); // not selected
+    ovrin_smd_resp_event_print_cr(h, e, buf, sizeof buf);
+    std::string printed = buf;
+    EXPECT_EQ(printed.find("reg_result"), std::string::npos); // the selected slot is empty: no member line
+    e->new_client = sess_mgr_new_client_notif_create(h, 1);
+    ovrin_smd_resp_event_print_cr(h, e, buf, sizeof buf);
+    printed = buf;
+    EXPECT_NE(printed.find("  resp_type.new_client@sess_mgr_new_client_notif: {\n"), std::string::npos);
+    EXPECT_NE(printed.find("  resp_type@ovrin_sm_resp_type:SESS_MGR_RCL_NEW_CLIENT_NOTIFY_CB\n"), std::string::npos);
+    EXPECT_EQ(printed.find("reg_result"), std::string::npos);
+    std::string xml = xml_of(testfill::type("ovrin_smd_resp_event"), e);
+    EXPECT_NE(xml.find("<resp_type><SESS_MGR_RCL_NEW_CLIENT_NOTIFY_CB/></resp_type>"), std::string::npos);
+    EXPECT_NE(xml.find("<resp_type-new_client>"), std::string::npos);
+    EXPECT_EQ(xml.rfind("</ovrin_smd_resp_event>"), xml.size() - 23);
+    ovrin_smd_resp_event_destroy(h, 1, e);
+}
+
+TEST_F(Text, ArraysStringsAndVersions) {
+    sm_dot11_params *d = sm_dot11_params_create(h, 1);
+    d->oui[1] = 0x1a;
+    uint32_t err = 0;
+    sm_dot11_params_print(h, 1, buf, 0, "dot11_param", d, sizeof buf, &err);
+    EXPECT_NE(std::string(buf).find("  oui[0]: 0\n  oui[1]: 26\n  oui[2]: 0\n"), std::string::npos);
+    EXPECT_NE(xml_of(testfill::type("sm_dot11_params"), d).find("<oui>0</oui><oui>26</oui><oui>0</oui>"),
+              std::string::npos);
+    sm_dot11_params_destroy(h, 1, d);
+
+    // A version-0 policy binding renders no rate field; a version-1 one renders all eight.
+    const ovrin::Type &policy = testfill::type("ovrin_epm_bind_policy_info");
+    for (int8_t version : {0, 1}) {
+        mgx_handle_set_domain_variant(h, "ovrin_epm_bind_policy_info", version);
+        ovrin_epm_bind_policy_info *p = ovrin_epm_bind_policy_info_create(h, 1);
+        ASSERT_EQ(p->variant, version);
+        testfill::fill(policy, h, p, 3);
+        std::string xml = xml_of(policy, p);
+        EXPECT_EQ(xml.find("<avg_data_dn>") != std::string::npos, version == 1);
+        EXPECT_EQ(xml.find("<burst_realtime_up>") != std::string::npos, version == 1);
+        size_t policy_src = 0, from = 0;
+        while ((from = xml.find("<policy_src>", from)) != std::string::npos) ++policy_src, ++from;
+        EXPECT_EQ(policy_src, 4u);
+        ovrin_epm_bind_policy_info_print_cr(h, p, buf, sizeof buf);
+        EXPECT_EQ(std::string(buf).find("avg_data_dn") != std::string::npos, version == 1);
+        EXPECT_NE(std::string(buf).find("    domain_names[1]@fqdn_domain_name_bind: {\n"), std::string::npos);
+        ovrin_epm_bind_policy_info_destroy(h, 1, p);
+    }
+
+    // Special characters in strings survive the XML round trip.
+    sess_mgr_client_name *n = sess_mgr_client_name_create(h, 1);
+    const char *nasty = "a<b&c\"d'e>";
+    n->client_name = static_cast<char *>(h->inst_alloc(h->alloc_ctx, 1, 11));
+    std::memcpy(n->client_name, nasty, 11);
+    n->cl_name_len = 10;
+    std::string xml = xml_of(testfill::type("sess_mgr_client_name"), n);
+    sess_mgr_client_name *r = sess_mgr_client_name_create(h, 1);
+    read_back(testfill::type("sess_mgr_client_name"), xml, r, &err);
+    EXPECT_EQ(err, 0u);
+    EXPECT_EQ(r->cl_name_len, 10u);
+    EXPECT_STREQ(r->client_name, nasty);
+    sess_mgr_client_name_print_cr(h, r, buf, sizeof buf);
+    EXPECT_NE(std::string(buf).find("  client_name: a<b&c\"d'e>\n"), std::string::npos);
+    sess_mgr_client_name_destroy(h, 1, r);
+    sess_mgr_client_name_destroy(h, 1, n);
+}
+
+TEST_F(Text, PartialDocumentsKeepWhatTheyDoNotMention) {
+    sess_mgr_register *r = sess_mgr_register_create(h, 1);
+    r->session_type = 5;
+    r->cb_bitmap = 6;
+    uint32_t err = 0;
+    read_back(testfill::type("sess_mgr_register"),
+              "<sess_mgr_register><cb_bitmap>99</cb_bitmap><rcl_conn_hdl><conn_hdl>4</conn_hdl></rcl_conn_hdl>"
+              "</sess_mgr_register>",
+              r, &err);
+    EXPECT_EQ(err, 0u);
+    EXPECT_EQ(r->session_type, 5u);
+    EXPECT_EQ(r->cb_bitmap, 99u);
+    EXPECT_EQ(r->rcl_conn_hdl.conn_hdl, 4u);
+    // The element itself missing: 2. A count the document does not back: 22, nothing allocated.
+    read_back(testfill::type("sess_mgr_register"), "<other/>", r, &err);
+    EXPECT_EQ(err, 2u);
+    err = 0;
+    ovrin_svm_epm_notify_domain_name_bind *b = ovrin_svm_epm_notify_domain_name_bind_create(h, 1);
+    uint64_t before = mgx_handle_total_allocations(h);
+    void *doc = mgx_xml_document_parse("<x><domain_names_length>4000000000</domain_names_length></x>", 61);
+    ovrin_svm_epm_notify_domain_name_bind_from_xml(h, 1, "x", doc, b, &err, nullptr, 0);
+    mgx_xml_document_free(doc);
+    EXPECT_EQ(err, 22u);
+    EXPECT_EQ(b->domain_names_length, 0u);
+    EXPECT_EQ(mgx_handle_total_allocations(h), before);
+    ovrin_svm_epm_notify_domain_name_bind_destroy(h, 1, b);
+    sess_mgr_register_destroy(h, 1, r);
+}
+
+TEST_F(Text, OutputIsBoundedAtEverySize) {
+    const ovrin::Type &t = testfill::type("ovrin_smd_in_event");
+    void *e = testfill::create(t, h);
+    testfill::fill(t, h, e, 1, 2); // the session start member
+    std::string full_xml = xml_of(t, e);
+    auto toxml = reinterpret_cast<uint32_t (*)(mgx_handle_t *, const void *, char *, uint32_t)>(
+        testfill::op(t, "toxml_cr"));
+    auto print = reinterpret_cast<int32_t (*)(mgx_handle_t *, const void *, char *, uint32_t)>(
+        testfill::op(t, "print_cr"));
+    int32_t full_print = print(h, e, buf, sizeof buf);
+    for (uint32_t size : {0u, 1u, 2u, 17u, 100u, 333u, static_cast<uint32_t>(full_xml.size())}) {
+        std::vector<char> out(size + 16, '#');
+        uint32_t n = toxml(h, e, out.data(), size);
+        EXPECT_TRUE(size == 0 ? n == 0 : n < size) << size;
+        EXPECT_EQ(std::string(out.data(), n), full_xml.substr(0, n));
+        for (size_t k = size; k < out.size(); ++k) ASSERT_EQ(out[k], '#') << "written past " << size;
+        std::fill(out.begin(), out.end(), '#');
+        int32_t p = print(h, e, out.data(), size);
+        EXPECT_LE(p, full_print);
+        for (size_t k = size; k < out.size(); ++k) ASSERT_EQ(out[k], '#') << "printed past " << size;
+    }
+    // An error already in the handle's store: nothing, and the all-ones answers.
+    mgx_store_err(h, 22);
+    EXPECT_EQ(toxml(h, e, buf, sizeof buf), 0xFFFFFFFFu);
+    mgx_store_err(h, 22);
+    EXPECT_EQ(print(h, e, buf, sizeof buf), -1);
+    testfill::destroy(t, h, e);
+}
+
+TEST_F(Text, EveryTypeRoundTripsThroughXml) {
+    for (const ovrin::Type *t : testfill::types()) {
+        if (t->kind == ovrin::TypeKind::enumeration) continue;
+        uint32_t arms = std::max(1u, testfill::members(*t));
+        for (unsigned arm = 0; arm < arms; ++arm) {
+            void *a = testfill::create(*t, h);
+            testfill::fill(*t, h, a, 7 + arm, arm);
+            std::string xml = xml_of(*t, a);
+            void *b = testfill::create(*t, h);
+            uint32_t err = 0;
+            read_back(*t, xml, b, &err);
+            EXPECT_EQ(err, 0u) << t->name << " arm " << arm;
+            EXPECT_EQ(testfill::encode(*t, h, b), testfill::encode(*t, h, a)) << t->name << " arm " << arm << "\n" << xml;
+            testfill::destroy(*t, h, b);
+            testfill::destroy(*t, h, a);
+        }
+    }
+}
+
+} // namespace

@@ -1,0 +1,3 @@
+// The bundle's type tables, compiled once into the test program as a private copy, so that tests
+// can walk the same fields, offsets and variants that the generic operations walk.
+#include "ovrin_sm_internal/tables.inc"

@@ -1,0 +1,372 @@
+// Compare, hash and member validity of records and unions: the ordering rules per field kind,
+// the chained hash, and a sweep over every field of every type driven by the type tables.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "mgx/runtime.h"
+#include "ovrin_sm/ops.h"
+#include "ovrin_sm_internal/tables.h"
+
+namespace {
+
+using ovrin::Field;
+using ovrin::Kind;
+using ovrin::Shape;
+using ovrin::Type;
+
+using create_fn = void *(*)(mgx_handle_t *, uint32_t);
+using destroy_fn = void (*)(mgx_handle_t *, uint32_t, void *);
+using init_fn = void (*)(mgx_handle_t *, uint32_t, void *, const void *, int, int, uint32_t, uint8_t *, uint32_t *);
+using compare_fn = int32_t (*)(const void *, const void *);
+using hash_fn = uint32_t (*)(const void *, uint32_t);
+using valid_fn = mgx_boolean (*)(mgx_handle_t *, const void *, uint32_t, uint32_t);
+
+template <class Fn> Fn op(const Type &t, const char *name) {
+    auto fn = reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, (std::string(t.name) + "_" + name).c_str()));
+    EXPECT_NE(fn, nullptr) << t.name << "_" << name;
+    return fn;
+}
+
+constexpr size_t enum_value = offsetof(sm_access_type, value);
+uint8_t *at(void *instance, const Field &f) { return static_cast<uint8_t *>(instance) + f.offset; }
+template <class T> T get(const void *p) { T v; std::memcpy(&v, p, sizeof v); return v; }
+template <class T> void put(void *p, T v) { std::memcpy(p, &v, sizeof v); }
+
+uint32_t get_count(void *instance, const Field &f) {
+    return f.kind == Kind::u16 ? get<uint16_t>(at(instance, f)) : get<uint32_t>(at(instance, f));
+}
+void put_count(void *instance, const Field &f, uint32_t n) {
+    if (f.kind == Kind::u16) put(at(instance, f), static_cast<uint16_t>(n));
+    else put(at(instance, f), n);
+}
+
+struct Value : ::testing::Test {
+    mgx_handle_t *h = mgx_handle_create();
+    void TearDown() override {
+        EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
+        mgx_handle_destroy(h);
+    }
+    // A counted string's block, allocated as the string setter does, so destroy releases it.
+    template <class L> void text(char **slot, L *length, const char *s) {
+        size_t n = std::strlen(s);
+        *slot = static_cast<char *>(h->inst_alloc(h->alloc_ctx, 1, n + 1));
+        std::memcpy(*slot, s, n + 1);
+        *length = static_cast<L>(n);
+    }
+    // A domain-name array with one element per name.
+    void names(ovrin_svm_epm_notify_domain_name_bind *r, std::vector<const char *> list) {
+        auto *block = static_cast<fqdn_domain_name_bind *>(
+            h->inst_alloc(h->alloc_ctx, 1, list.size() * sizeof(fqdn_domain_name_bind)));
+        std::memset(block, 0, list.size() * sizeof(fqdn_domain_name_bind));
+        uint32_t err = 0;
+        for (size_t i = 0; i < list.size(); ++i) {
+            fqdn_domain_name_bind_initialize(h, 1, &block[i], &_fqdn_domain_name_bind_type_info_internal, 1, 0,
+                                             MGX_IF_NESTED, nullptr, &err);
+            text(&block[i].name, &block[i].name_len, list[i]);
+        }
+        r->domain_names = block;
+        r->domain_names_length = static_cast<uint32_t>(list.size());
+    }
+
+    // Every field of an instance filled with values that depend only on the order of filling, so
+    // two fills of the same type are equal. Every arm of a union is filled; the first is selected.
+    uint32_t next = 0;
+    void *filled(const Type &t) {
+        next = 1;
+        void *p = op<create_fn>(t, "create")(h, 1);
+        fill(t, p);
+        return p;
+    }
+    void fill(const Type &t, void *p) {
+        for (uint16_t i = 0; i < t.n_fields; ++i) {
+            const Field &f = t.fields[i];
+            if (f.shape == Shape::var_string) {
+                uint32_t n = 2 + next++ % 4;
+                char *s = static_cast<char *>(h->inst_alloc(h->alloc_ctx, 1, n + 1));
+                for (uint32_t k = 0; k < n; ++k) s[k] = static_cast<char>('a' + next++ % 26);
+                s[n] = '\0';
+                put(at(p, f), s);
+                put_count(p, t.fields[f.companion], n);
+            } else if (f.shape == Shape::var_array) {
+                uint8_t *block = static_cast<uint8_t *>(h->inst_alloc(h->alloc_ctx, 1, 2 * f.elem_size));
+                std::memset(block, 0, 2 * f.elem_size);
+                uint32_t err = 0;
+                for (int k = 0; k < 2; ++k) {
+                    op<init_fn>(*f.type, "initialize")(h, 1, block + k * f.elem_size, f.type->descriptor, 1, 0,
+                                                       MGX_IF_NESTED, nullptr, &err);
+                    fill(*f.type, block + k * f.elem_size);
+                }
+                put(at(p, f), block);
+                put_count(p, t.fields[f.companion], 2);
+            } else if (f.shape == Shape::member) {
+                void *arm = op<create_fn>(*f.type, "create")(h, 1);
+                fill(*f.type, arm);
+                put(at(p, f), arm);
+            } else if (f.companion < 0) {
+                for (uint16_t k = 0; k < f.count; ++k) element(f, at(p, f) + k * f.elem_size);
+            }
+        }
+        if (t.discriminator >= 0)
+            put(at(p, t.fields[t.discriminator]) + enum_value, t.fields[t.discriminator + 1].select);
+    }
+    void element(const Field &f, uint8_t *p) {
+        uint32_t err = 0;
+        switch (f.kind) {
+        case Kind::u8: return put(p, static_cast<uint8_t>(next++));
+        case Kind::u16: return put(p, static_cast<uint16_t>(next++));
+        case Kind::u32: case Kind::ipv4_addr: return put(p, next++);
+        case Kind::u64: {
+            uint64_t high = next++;
+            return put(p, high << 32 | next++);
+        }
+        case Kind::boolean: return put(p, 1u);
+        case Kind::mac_addr: case Kind::ipv6_addr:
+            for (uint16_t k = 0; k < f.elem_size; ++k) p[k] = static_cast<uint8_t>(next++);
+            return;
+        case Kind::aaa_tlv: return aaa_tlv_attr_add(h, 1, reinterpret_cast<aaa_tlv *>(p), next++, "tlv", 3, &err);
+        case Kind::enumeration: return put(p + enum_value, next++);
+        case Kind::record: return fill(*f.type, p);
+        case Kind::character: return;
+        }
+    }
+
+    // One change to one field of an instance, and its undoing; `orders` says whether compare is
+    // to see it (not inside an arm the discriminator does not select).
+    struct Change {
+        std::string where;
+        bool orders;
+        std::function<void()> make, undo;
+    };
+    template <class T> static Change flip(std::string where, bool orders, uint8_t *p, T to) {
+        T was = get<T>(p);
+        return {where, orders, [=] { put(p, to); }, [=] { put(p, was); }};
+    }
+    void changes(const Type &t, void *p, bool orders, const std::string &path, std::vector<Change> &out) {
+        uint32_t selected = t.discriminator >= 0 ? get<uint32_t>(at(p, t.fields[t.discriminator]) + enum_value) : 0;
+        for (uint16_t i = 0; i < t.n_fields; ++i) {
+            const Field &f = t.fields[i];
+            std::string where = path + "." + f.name;
+            uint8_t *q = at(p, f);
+            if (f.shape == Shape::var_string) {
+                char *s = get<char *>(q);
+                uint32_t n = get_count(p, t.fields[f.companion]);
+                out.push_back(flip(where + "[last]", orders, reinterpret_cast<uint8_t *>(s + n - 1),
+                                   static_cast<char>(s[n - 1] ^ 1)));
+            } else if (f.shape == Shape::var_array) {
+                for (int k = 0; k < 2; ++k)
+                    changes(*f.type, get<uint8_t *>(q) + k * f.elem_size, orders, where + "[" + std::to_string(k) + "]",
+                            out);
+            } else if (f.shape == Shape::member) {
+                bool arm_orders = orders && f.select == selected;
+                out.push_back(flip(where + "=null", arm_orders, q, static_cast<void *>(nullptr)));
+                changes(*f.type, get<void *>(q), arm_orders, where, out);
+            } else {
+                for (uint16_t k = 0; k < f.count; ++k) element_change(f, q + k * f.elem_size, orders, where, out);
+            }
+        }
+    }
+    void element_change(const Field &f, uint8_t *q, bool orders, const std::string &where, std::vector<Change> &out) {
+        switch (f.kind) {
+        // Decrements, so a count or length stays within what its block holds.
+        case Kind::u8: return out.push_back(flip(where, orders, q, static_cast<uint8_t>(get<uint8_t>(q) - 1)));
+        case Kind::u16: return out.push_back(flip(where, orders, q, static_cast<uint16_t>(get<uint16_t>(q) - 1)));
+        case Kind::u32: case Kind::ipv4_addr: return out.push_back(flip(where, orders, q, get<uint32_t>(q) - 1));
+        case Kind::u64: return out.push_back(flip(where, orders, q, get<uint64_t>(q) - 1));
+        case Kind::boolean: return out.push_back(flip(where, orders, q, 0u));
+        case Kind::mac_addr: case Kind::ipv6_addr:
+            return out.push_back(flip(where, orders, q + f.elem_size - 1, static_cast<uint8_t>(q[f.elem_size - 1] ^ 1)));
+        case Kind::enumeration:
+            return out.push_back(flip(where, orders, q + enum_value, get<uint32_t>(q + enum_value) + 1));
+        case Kind::record: return changes(*f.type, q, orders, where, out);
+        case Kind::character: return;
+        case Kind::aaa_tlv: {
+            auto *tlv = reinterpret_cast<aaa_tlv *>(q);
+            return out.push_back({where, orders,
+                                  [=, this] {
+                                      uint32_t err = 0;
+                                      aaa_tlv_attr_add(h, 1, tlv, 99, "x", 1, &err);
+                                  },
+                                  [=, this] {
+                                      uint32_t err = 0;
+                                      aaa_tlv_attr_remove(h, 1, tlv, aaa_tlv_attr_count(tlv) - 1, &err);
+                                  }});
+        }
+        }
+    }
+};
+
+int sign(int32_t c) { return c < 0 ? -1 : (c > 0 ? 1 : 0); }
+
+TEST_F(Value, NullInstancesOrderFirstAndHashToTheSeed) {
+    for (const Type *t : ovrin::table::all) {
+        if (t->kind == ovrin::TypeKind::enumeration) continue;
+        SCOPED_TRACE(t->name);
+        void *p = op<create_fn>(*t, "create")(h, 1);
+        auto compare = op<compare_fn>(*t, "compare");
+        EXPECT_EQ(compare(nullptr, nullptr), 0);
+        EXPECT_EQ(compare(nullptr, p), -1);
+        EXPECT_EQ(compare(p, nullptr), 1);
+        EXPECT_EQ(compare(p, p), 0);
+        EXPECT_EQ(op<hash_fn>(*t, "hash")(nullptr, 0x5eed), 0x5eedu);
+        op<destroy_fn>(*t, "destroy")(h, 1, p);
+    }
+}
+
+// Every type filled in full, against a copy in which one field at a time differs: compare and
+// hash both see the difference, except that compare ignores arms the discriminator does not
+// select. Both instances are taken down to variant 0 first: later-variant fields still count.
+TEST_F(Value, EveryFieldOfEveryTypeTakesPartInCompareAndHash) {
+    for (const Type *t : ovrin::table::all) {
+        if (t->kind == ovrin::TypeKind::enumeration) continue;
+        SCOPED_TRACE(t->name);
+        void *a = filled(*t), *b = filled(*t);
+        auto compare = op<compare_fn>(*t, "compare");
+        auto hash = op<hash_fn>(*t, "hash");
+        int8_t variant = static_cast<mgx_instance_hdr_t *>(a)->variant;
+        static_cast<mgx_instance_hdr_t *>(a)->variant = static_cast<mgx_instance_hdr_t *>(b)->variant = 0;
+        ASSERT_EQ(compare(a, b), 0);
+        ASSERT_EQ(hash(a, 7), hash(b, 7));
+        std::vector<Change> list;
+        changes(*t, b, true, t->name, list);
+        for (Change &c : list) {
+            c.make();
+            if (c.orders) {
+                EXPECT_NE(compare(a, b), 0) << c.where;
+                EXPECT_EQ(sign(compare(b, a)), -sign(compare(a, b))) << c.where;
+            } else {
+                EXPECT_EQ(compare(a, b), 0) << c.where;
+            }
+            EXPECT_NE(hash(a, 7), hash(b, 7)) << c.where;
+            c.undo();
+            EXPECT_EQ(compare(a, b), 0) << c.where;
+        }
+        EXPECT_EQ(hash(a, 7), hash(b, 7));
+        static_cast<mgx_instance_hdr_t *>(a)->variant = static_cast<mgx_instance_hdr_t *>(b)->variant = variant;
+        op<destroy_fn>(*t, "destroy")(h, 1, a);
+        op<destroy_fn>(*t, "destroy")(h, 1, b);
+    }
+}
+
+TEST_F(Value, UnionsOrderByTheRawDiscriminatorDifferenceThenTheSelectedArm) {
+    auto *a = sess_mgr_extended_params_create(h, 1), *b = sess_mgr_extended_params_create(h, 1);
+    a->dot11_param = sm_dot11_params_create(h, 1);
+    b->dot11_param = sm_dot11_params_create(h, 1);
+    a->dot11_param->wlan_id = 5;
+    b->dot11_param->wlan_id = 9;
+    EXPECT_EQ(sess_mgr_extended_params_compare(a, b), 0); // wired: the arm is not selected
+    a->encap_type.value = b->encap_type.value = SM_WIRELESS_ACCESS;
+    EXPECT_EQ(sess_mgr_extended_params_compare(a, b), -1);
+    sm_dot11_params_destroy(h, 1, b->dot11_param);
+    b->dot11_param = nullptr;
+    EXPECT_EQ(sess_mgr_extended_params_compare(a, b), 1); // selected arm present against empty slot
+
+    auto *x = ovrin_smd_in_event_create(h, 1), *y = ovrin_smd_in_event_create(h, 1);
+    x->event_type.value = SESS_MGR_RCL_IN_REGISTER;
+    y->event_type.value = SESS_MGR_RCL_IN_SESSION_START;
+    EXPECT_EQ(ovrin_smd_in_event_compare(x, y), -3);
+    EXPECT_EQ(ovrin_smd_in_event_compare(y, x), 3);
+    x->event_type.value = 0;
+    y->event_type.value = 0xFFFFFFFFu;
+    EXPECT_EQ(ovrin_smd_in_event_compare(x, y), 1); // the 32-bit difference wraps around
+    for (void *p : {static_cast<void *>(a), static_cast<void *>(b)})
+        sess_mgr_extended_params_destroy(h, 1, static_cast<sess_mgr_extended_params *>(p));
+    ovrin_smd_in_event_destroy(h, 1, x);
+    ovrin_smd_in_event_destroy(h, 1, y);
+}
+
+TEST_F(Value, CountedStringsAndArraysOrderByLengthThenContent) {
+    auto *a = sess_mgr_client_name_create(h, 1), *b = sess_mgr_client_name_create(h, 1);
+    text(&a->client_name, &a->cl_name_len, "ab");
+    text(&b->client_name, &b->cl_name_len, "abc");
+    EXPECT_EQ(sess_mgr_client_name_compare(a, b), -1); // by length, though "ab" is a prefix
+    h->inst_free(h->alloc_ctx, 1, a->client_name);
+    text(&a->client_name, &a->cl_name_len, "abd");
+    EXPECT_EQ(sess_mgr_client_name_compare(a, b), std::memcmp(a->client_name, b->client_name, 3)); // as it is
+    sess_mgr_client_name_destroy(h, 1, a);
+    sess_mgr_client_name_destroy(h, 1, b);
+
+    // Domain-name elements: the 16-bit name length, then the 8-bit flag, then the characters.
+    auto *x = ovrin_svm_epm_notify_domain_name_bind_create(h, 1), *y = ovrin_svm_epm_notify_domain_name_bind_create(h, 1);
+    EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_compare(x, y), 0); // both empty
+    names(x, {"z.example", "b"});
+    names(y, {"z.example", "aa", "c"});
+    EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_compare(x, y), -1); // 2 elements against 3
+    y->domain_names_length = 2;                                         // "b" against "aa": shorter first
+    EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_compare(x, y), -1);
+    x->domain_names[1].name[0] = 'a';
+    x->domain_names[1].name_len = 2; // "a\0" against "aa": the characters decide ...
+    EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_compare(x, y),
+              std::memcmp(x->domain_names[1].name, y->domain_names[1].name, 2));
+    x->domain_names[1].fqdn_register = 1; // ... but only after the flag
+    EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_compare(x, y), 1);
+    x->domain_names[1].name_len = 1;
+    y->domain_names_length = 3;
+    ovrin_svm_epm_notify_domain_name_bind_destroy(h, 1, x);
+    ovrin_svm_epm_notify_domain_name_bind_destroy(h, 1, y);
+}
+
+// The chains written out by hand: a union hashes every arm behind the discriminator's value
+// bytes; a counted string hashes its length twice before its characters.
+TEST_F(Value, HashChainsThroughTheFieldsInDeclarationOrder) {
+    auto *p = sess_mgr_extended_params_create(h, 1);
+    p->trusted = 3;
+    p->proximity = 4;
+    p->encap_type.value = SM_WIRED_ACCESS; // the arm is hashed even when not selected
+    p->dot11_param = sm_dot11_params_create(h, 1);
+    p->dot11_param->vlan_id = 12;
+    const char *disc = reinterpret_cast<const char *>(&p->encap_type.value);
+    uint32_t want = u_int32_hash(&p->proximity, u_int32_hash(&p->trusted, 11));
+    want = SuperFastHash(disc, 4, SuperFastHash(disc, 4, want));
+    want = sm_dot11_params_hash(p->dot11_param, want);
+    EXPECT_EQ(sess_mgr_extended_params_hash(p, 11), want);
+    EXPECT_EQ(sess_mgr_extended_params_hash(p, 11), want);
+    sm_dot11_params_destroy(h, 1, p->dot11_param);
+    p->dot11_param = nullptr; // an empty slot gives back its seed
+    EXPECT_EQ(sess_mgr_extended_params_hash(p, 11),
+              SuperFastHash(disc, 4, SuperFastHash(disc, 4, u_int32_hash(&p->proximity, u_int32_hash(&p->trusted, 11)))));
+    sess_mgr_extended_params_destroy(h, 1, p);
+
+    auto *f = fqdn_domain_name_bind_create(h, 1);
+    text(&f->name, &f->name_len, "host.example");
+    f->fqdn_register = 1;
+    uint32_t chain = u_int16_hash(&f->name_len, u_int8_hash(&f->fqdn_register, u_int16_hash(&f->name_len, 0)));
+    EXPECT_EQ(fqdn_domain_name_bind_hash(f, 0), SuperFastHash(f->name, f->name_len, chain));
+    fqdn_domain_name_bind_destroy(h, 1, f);
+}
+
+TEST_F(Value, MemberValidityFollowsTheDomainAndInstanceVariants) {
+    auto *s = sess_mgr_session_start_create(h, 1); // the domain gives variant 1
+    for (uint32_t i = 0; i < 5; ++i) EXPECT_EQ(sess_mgr_session_start_is_valid_cr(h, s, i, 0), 1u) << i;
+    EXPECT_EQ(sess_mgr_session_start_is_valid_cr(h, s, 5, 1), 0u);
+    s->variant = 0;
+    EXPECT_EQ(sess_mgr_session_start_is_valid_cr(h, s, 3, 0), 1u);
+    EXPECT_EQ(sess_mgr_session_start_is_valid_cr(h, s, 4, 0), 0u);
+    EXPECT_EQ(sess_mgr_session_start_is_valid_cr(h, s, 4, 1), 1u);       // the domain alone decides
+    EXPECT_EQ(sess_mgr_session_start_is_valid_cr(h, nullptr, 4, 1), 1u); // whatever the instance
+    EXPECT_EQ(sess_mgr_session_start_is_valid_cr(h, nullptr, 4, 0), 0u);
+    mgx_handle_set_domain_variant(h, "sess_mgr_session_start", 9); // capped to the last variant
+    EXPECT_EQ(sess_mgr_session_start_is_valid_cr(h, s, 4, 1), 1u);
+    mgx_handle_set_domain_variant(h, "sess_mgr_session_start", 0);
+    s->variant = 1;
+    EXPECT_EQ(sess_mgr_session_start_is_valid_cr(h, s, 4, 0), 0u);
+    EXPECT_EQ(sess_mgr_session_start_is_valid_cr(h, s, 0, 0), 1u);
+    sess_mgr_session_start_destroy(h, 1, s);
+
+    // A single-variant type: every index below the member count, union members included.
+    for (const Type *t : ovrin::table::all) {
+        if (t->kind == ovrin::TypeKind::enumeration || t->n_variants > 1) continue;
+        auto valid = op<valid_fn>(*t, "is_valid_cr");
+        EXPECT_EQ(valid(h, nullptr, t->n_fields - 1u, 0), 1u) << t->name;
+        EXPECT_EQ(valid(h, nullptr, t->n_fields, 1), 0u) << t->name;
+    }
+    EXPECT_EQ(sess_mgr_extended_params_is_valid_cr(h, nullptr, 3, 0), 1u);
+    EXPECT_EQ(sess_mgr_extended_params_is_valid_cr(h, nullptr, 4, 0), 0u);
+}
+
+} // namespace
