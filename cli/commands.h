@@ -9,4 +9,10 @@ int ovrin_cmd_types(int argc, char **argv);
 // ovrin-sm manifest [LIBRARY]: the manifest section of a library file.
 int ovrin_cmd_manifest(int argc, char **argv);
 
+// ovrin-sm decode TYPE [FILE] [--hex] [--xml] [--tracked]: wire bytes to the print form or XML.
+int ovrin_cmd_decode(int argc, char **argv);
+
+// ovrin-sm encode TYPE [FILE] [--hex] [--tracked]: an XML document to wire bytes.
+int ovrin_cmd_encode(int argc, char **argv);
+
 #endif

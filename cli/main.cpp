@@ -12,6 +12,8 @@ void usage(FILE *out) {
                "commands:\n"
                "  types                 list the 79 message types with their variants and sizes\n"
                "  manifest [LIBRARY]    print the type manifest and build record of a library file\n"
+               "  decode TYPE [FILE]    wire bytes (binary, or hex with --hex) to the print form, or XML with --xml\n"
+               "  encode TYPE [FILE]    an XML document to wire bytes (binary, or hex with --hex)\n"
                "  help                  show this text\n",
                out);
 }
@@ -25,6 +27,8 @@ int main(int argc, char **argv) {
     }
     if (!std::strcmp(argv[1], "types")) return ovrin_cmd_types(argc - 1, argv + 1);
     if (!std::strcmp(argv[1], "manifest")) return ovrin_cmd_manifest(argc - 1, argv + 1);
+    if (!std::strcmp(argv[1], "decode")) return ovrin_cmd_decode(argc - 1, argv + 1);
+    if (!std::strcmp(argv[1], "encode")) return ovrin_cmd_encode(argc - 1, argv + 1);
     std::fprintf(stderr, "ovrin-sm: unknown command '%s'\n\n", argv[1]);
     usage(stderr);
     return 2;
