@@ -87,7 +87,8 @@ void member_label(char (&label)[label_size], const Type &t, const Field &member,
 
 // ------------------------------------------------------------------ XML writing
 
-struct XmlOut {
+// A bounded text being written: each writer gets the rest of the buffer and adds what it wrote.
+struct TextOut {
     mgx_handle_t *h;
     uint32_t luid;
     char *buf;
@@ -97,6 +98,8 @@ struct XmlOut {
     uint32_t left() const { return n < size ? size - n : 0; }
     char *at() const { return buf + (n < size ? n : size); }
 };
+using XmlOut = TextOut;
+using PrintOut = TextOut;
 
 uint32_t element_to_xml(const Field &f, XmlOut &o, const char *name, const void *element, uint8_t state) {
     switch (f.kind) {
@@ -262,17 +265,6 @@ void member_from_xml(const Type &t, const Field &f, XmlIn &in, const char *paren
 }
 
 // ------------------------------------------------------------------ print
-
-struct PrintOut {
-    mgx_handle_t *h;
-    uint32_t luid;
-    char *buf;
-    uint32_t size;
-    uint32_t *err;
-    uint32_t n = 0;
-    uint32_t left() const { return n < size ? size - n : 0; }
-    char *at() const { return buf + (n < size ? n : size); }
-};
 
 uint32_t element_print(const Field &f, PrintOut &o, uint32_t indent, const char *label, const void *element) {
     switch (f.kind) {
