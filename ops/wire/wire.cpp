@@ -16,7 +16,6 @@ namespace {
 
 constexpr uint8_t wire_flag_mask = MGX_IF_TRACKED | MGX_IF_HD_MAPPED;
 constexpr uint32_t arm_callsite_tag = 0xB03C3000u;
-constexpr uint32_t decode_reuse_storage = 0xFFFFFFFFu; // any non-zero decode flag asks for reuse
 constexpr unsigned enum_value_offset = 12;             // the value word of an enumeration instance
 constexpr int32_t min_instance_bytes = 6;              // a record's wire header: the least an element takes
 
