@@ -9,6 +9,7 @@
 
 #include "mgx/runtime.h"
 #include "ovrin_sm/ops.h"
+#include "tests/sm_fill.h"
 
 namespace {
 
@@ -356,6 +357,85 @@ TEST_F(Wire, CloneCopiesThroughTheWireAndNeverLeavesHalfACopy) {
 
     sess_mgr_session_start_destroy(h, 1, copy);
     sess_mgr_session_start_destroy(h, 1, s);
+}
+
+TEST_F(Wire, EveryTypeRoundTripsAndComparesEqualTrackedOrNot) {
+    using compare_fn = int32_t (*)(const void *, const void *);
+    using hash_fn = uint32_t (*)(const void *, uint32_t);
+    using unmarshal_fn = uint32_t (*)(mgx_handle_t *, uint32_t, const uint8_t *, void *, int32_t, uint32_t, uint32_t *);
+    for (bool tracked : {false, true}) {
+        mgx_handle_set_state_tracking(h, tracked, MGX_STTR_TRACKED);
+        for (const ovrin::Type *t : testfill::types()) {
+            uint32_t arms = std::max(1u, testfill::members(*t));
+            for (unsigned arm = 0; arm < arms; ++arm) {
+                void *a = testfill::create(*t, h);
+                testfill::fill(*t, h, a, 11 + arm, arm);
+                Bytes bytes = testfill::encode(*t, h, a);
+                void *b = testfill::create(*t, h);
+                uint32_t err = 0;
+                reinterpret_cast<uint32_t (*)(mgx_handle_t *, uint32_t, void *, uint32_t *)>(
+                    testfill::op(*t, "adjust_variant"))(h, 1, b, &err);
+                auto unmarshal = reinterpret_cast<unmarshal_fn>(testfill::op(*t, "unmarshal"));
+                EXPECT_EQ(unmarshal(h, 1, bytes.data(), b, static_cast<int32_t>(bytes.size()), 0, &err), bytes.size())
+                    << t->name;
+                EXPECT_EQ(err, 0u) << t->name;
+                EXPECT_EQ(reinterpret_cast<compare_fn>(testfill::op(*t, "compare"))(a, b), 0)
+                    << t->name << " arm " << arm << (tracked ? " tracked" : "");
+                EXPECT_EQ(reinterpret_cast<hash_fn>(testfill::op(*t, "hash"))(a, 77),
+                          reinterpret_cast<hash_fn>(testfill::op(*t, "hash"))(b, 77))
+                    << t->name;
+                EXPECT_EQ(testfill::encode(*t, h, b), bytes) << t->name;
+                testfill::destroy(*t, h, b);
+                testfill::destroy(*t, h, a);
+            }
+        }
+        EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
+    }
+}
+
+TEST_F(Wire, AnOlderSenderLeavesTheNewerMembersAlone) {
+    // The sender's domain knows variant 0 of the session start; the receiver's knows variant 1.
+    mgx_handle_t *old = mgx_handle_create();
+    mgx_handle_set_domain_variant(old, "sess_mgr_session_start", 0);
+    sess_mgr_session_start *s = sess_mgr_session_start_create(old, 1);
+    ASSERT_EQ(s->variant, 0);
+    s->hdl.conn_hdl = 5;
+    uint32_t err = 0;
+    uint32_t n = sess_mgr_session_start_len(old, 1, s);
+    Bytes b(n + 1);
+    n = sess_mgr_session_start_marshal(old, 1, b.data(), s, static_cast<int32_t>(n), &err);
+    sess_mgr_session_start_destroy(old, 1, s);
+    mgx_handle_destroy(old);
+
+    sess_mgr_session_start *r = filled_start(); // holds a client name from before
+    sess_mgr_session_start_adjust_variant(h, 1, r, &err);
+    EXPECT_EQ(sess_mgr_session_start_unmarshal(h, 1, b.data(), r, static_cast<int32_t>(n), 0, &err), n);
+    EXPECT_EQ(err, 0u);
+    EXPECT_EQ(r->variant, 0);
+    EXPECT_EQ(r->hdl.conn_hdl, 5u);
+    EXPECT_STREQ(r->cl_name.client_name, "wlan-client-1"); // not on the wire: untouched, still owned
+    sess_mgr_session_start_destroy(h, 1, r);
+}
+
+TEST_F(Wire, EveryTruncationOfAResponseFailsCleanly) {
+    const ovrin::Type &t = testfill::type("ovrin_smd_resp_event");
+    using unmarshal_fn = uint32_t (*)(mgx_handle_t *, uint32_t, const uint8_t *, void *, int32_t, uint32_t, uint32_t *);
+    auto unmarshal = reinterpret_cast<unmarshal_fn>(testfill::op(t, "unmarshal"));
+    for (unsigned arm = 0; arm < testfill::members(t); ++arm) {
+        void *e = testfill::create(t, h);
+        testfill::fill(t, h, e, 5, arm);
+        Bytes full = testfill::encode(t, h, e);
+        for (uint32_t cut = 0; cut < full.size(); ++cut) {
+            std::unique_ptr<uint8_t[]> prefix(new uint8_t[cut ? cut : 1]);
+            std::memcpy(prefix.get(), full.data(), cut);
+            void *r = testfill::create(t, h);
+            uint32_t err = 0;
+            EXPECT_LE(unmarshal(h, 1, prefix.get(), r, static_cast<int32_t>(cut), 0, &err), cut);
+            EXPECT_NE(err, 0u) << "arm " << arm << " cut at " << cut;
+            testfill::destroy(t, h, r);
+        }
+        testfill::destroy(t, h, e);
+    }
 }
 
 } // namespace

@@ -386,8 +386,12 @@ void destroy_internal(const Type &t, mgx_handle_t *h, uint32_t luid, void *insta
         }
         trace(t, Message::destroy_oid_mapping_removed, MGX_SEV_DEBUG);
     }
+    // Later-variant fields are destroyed when the instance has them; an instance whose memory is
+    // laid out for a later variant (its layout byte) may still own them after a decode of an
+    // older variant lowered its variant, so that counts too: nothing it owns is left behind.
     int8_t variant = header_variant(instance);
-    if (variant >= 0 && !destroy_fields(t, h, luid, instance, variant, &err)) return;
+    int8_t owned = variant >= 0 && hd->layout > variant ? hd->layout : variant;
+    if (variant >= 0 && !destroy_fields(t, h, luid, instance, owned, &err)) return;
 
     if (hd->flags & MGX_IF_TRACKED) {
         if (hd->flags & MGX_IF_STTR_OFFSET)

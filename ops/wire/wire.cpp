@@ -466,7 +466,10 @@ uint32_t decode(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *bu
     if (!*err) r.pos += static_cast<int32_t>(_mgx_variant_jump_unmarshal(h, luid, buf + r.pos, &jump, r.left(), err));
     if (*err) return static_cast<uint32_t>(r.pos);
 
-    uint8_t merge = flag;
+    // Only the two bits a sender writes are taken from the wire: the others (OID-mapped,
+    // runtime-located state area, owned descriptor word) describe this process's bookkeeping,
+    // and a stray one would make destroy keep the instance or free its descriptor.
+    uint8_t merge = flag & wire_flag_mask;
     bool tracked = tracking(t, h);
     if (tracked) {
         if (!(hdr(instance)->flags & MGX_IF_TRACKED)) fatal(t, Message::tracking_mismatch);
@@ -535,9 +538,24 @@ uint32_t decode(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *bu
     return static_cast<uint32_t>(r.pos);
 }
 
+// Brings an instance and the records and enumerations embedded in it to the handle's domain, so
+// that a decode into it takes every variant the domain knows, at every level.
 uint32_t adjust_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
-    return mgxlib_adjust_variant(h, luid, instance, instance ? mgx_get_manifested_type_info(instance) : nullptr,
-                                 t.last_variant(), err);
+    if (!instance) return mgxlib_adjust_variant(h, luid, nullptr, nullptr, t.last_variant(), err);
+    for (uint16_t i = 0; i < t.n_fields; ++i) {
+        const Field &f = t.fields[i];
+        if ((f.kind != Kind::record && f.kind != Kind::enumeration) ||
+            (f.shape != Shape::scalar && f.shape != Shape::fixed_array))
+            continue;
+        for (uint16_t k = 0; k < f.count; ++k) {
+            void *nested = bytes(field_at(instance, f)) + k * f.elem_size;
+            if (f.kind == Kind::record)
+                adjust_variant(*f.type, h, luid, nested, err);
+            else
+                enum_adjust_variant(*f.type, h, luid, nested, err);
+        }
+    }
+    return mgxlib_adjust_variant(h, luid, instance, mgx_get_manifested_type_info(instance), t.last_variant(), err);
 }
 
 void clone_internal(const Type &t, mgx_handle_t *h, uint32_t luid, const void *source, void **destination,
