@@ -14,6 +14,8 @@ void usage(FILE *out) {
                "  manifest [LIBRARY]    print the type manifest and build record of a library file\n"
                "  decode TYPE [FILE]    wire bytes (binary, or hex with --hex) to the print form, or XML with --xml\n"
                "  encode TYPE [FILE]    an XML document to wire bytes (binary, or hex with --hex)\n"
+               "  demo [--xml|--hex|--quiet] [--count N]\n"
+               "                        a client and a session manager exchanging messages in two processes\n"
                "  help                  show this text\n",
                out);
 }
@@ -25,6 +27,7 @@ int main(int argc, char **argv) {
         usage(stdout);
         return 0;
     }
+    if (!std::strcmp(argv[1], "demo")) return ovrin_cmd_demo(argc - 1, argv + 1);
     if (!std::strcmp(argv[1], "types")) return ovrin_cmd_types(argc - 1, argv + 1);
     if (!std::strcmp(argv[1], "manifest")) return ovrin_cmd_manifest(argc - 1, argv + 1);
     if (!std::strcmp(argv[1], "decode")) return ovrin_cmd_decode(argc - 1, argv + 1);
