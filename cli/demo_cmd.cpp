@@ -416,62 +416,20 @@ template <class T> struct MessageOps {
     uint32_t (*unmarshal)(mgx_handle_t *, uint32_t, const uint8_t *, T *, int32_t, uint32_t, uint32_t *);
     uint32_t (*adjust_variant)(mgx_handle_t *, uint32_t, T *, uint32_t *);
     void (*clone)(mgx_handle_t *, uint32_t, const T *, T **, uint8_t *, uint32_t, uint32_t *);
-    void (*clone_internal)(mgx_handle_t *, uint32_t, const T *, T **, uint8_t *, uint32_t, uint32_t *);
     int32_t (*compare)(const T *, const T *);
     uint32_t (*hash)(const T *, uint32_t);
     int32_t (*print)(mgx_handle_t *, const T *, char *, uint32_t);
     uint32_t (*toxml)(mgx_handle_t *, const T *, char *, uint32_t);
-
-    // Raises records embedded in the decoded message to the variants of this handle's domain;
-    // true when one was below it (the message is then decoded once more into the same instance).
-    bool (*raise_embedded)(mgx_handle_t *, T *);
-    // Makes a clone destination that already holds such a record, raised, wherever the source
-    // has one; null when the clone can make its own destination.
-    T *(*clone_destination)(mgx_handle_t *, const T *);
 };
 
-// The decoder raises the union arm that it creates to the receiver's domain, but not the records
-// embedded inline in that arm: their layout byte stays 0, so their later-variant fields would be
-// stepped over. The one such record among the answers is the policy of an authentication result.
-bool raise_answer(mgx_handle_t *h, ovrin_smd_resp_event *ev) {
-    if (ev->resp_type.value != SESS_MGR_RCL_AUTHC_RESULT_NOTIFY_CB || !ev->authc_result) return false;
-    ovrin_epm_bind_policy_info *p = &ev->authc_result->policy_result;
-    const int8_t before = p->layout;
-    uint32_t err = 0;
-    ovrin_epm_bind_policy_info_adjust_variant(h, kLuid, p, &err);
-    return !err && p->layout > before;
-}
-bool raise_request(mgx_handle_t *, ovrin_smd_in_event *) { return false; } // no request embeds one
-
-// The clone goes through the same decoder: it decodes into an authentication result that is
-// already there, with its policy raised, instead of making one whose policy stays at variant 0.
-ovrin_smd_resp_event *answer_clone_destination(mgx_handle_t *h, const ovrin_smd_resp_event *source) {
-    if (source->resp_type.value != SESS_MGR_RCL_AUTHC_RESULT_NOTIFY_CB || !source->authc_result) return nullptr;
-    uint32_t err = 0;
-    ovrin_smd_resp_event *dst = ovrin_smd_resp_event_create(h, kLuid);
-    sess_mgr_authc_result_notif *arm = sess_mgr_authc_result_notif_create(h, kLuid);
-    if (!dst || !arm) {
-        if (dst) ovrin_smd_resp_event_destroy(h, kLuid, dst);
-        if (arm) sess_mgr_authc_result_notif_destroy(h, kLuid, arm);
-        return nullptr;
-    }
-    ovrin_smd_resp_event_adjust_variant(h, kLuid, dst, &err);
-    sess_mgr_authc_result_notif_adjust_variant(h, kLuid, arm, &err);
-    ovrin_epm_bind_policy_info_adjust_variant(h, kLuid, &arm->policy_result, &err);
-    ovrin_smd_resp_event_authc_result_set(h, kLuid, dst, arm, &err);
-    return dst;
-}
-ovrin_smd_in_event *request_clone_destination(mgx_handle_t *, const ovrin_smd_in_event *) { return nullptr; }
-
-#define OVRIN_DEMO_OPS(t, raise, dst)                                                                   \
+#define OVRIN_DEMO_OPS(t)                                                                            \
     MessageOps<t> {                                                                                  \
         #t, t##_create, t##_destroy, t##_len, t##_marshal, t##_unmarshal, t##_adjust_variant,        \
-            t##_clone, t##_clone_internal, t##_compare, t##_hash, t##_print_cr, t##_toxml_cr, raise, \
-            dst                                                                                      \
+            t##_clone, t##_compare, t##_hash, t##_print_cr, t##_toxml_cr          \
     }
 
-const MessageOps<ovrin_smd_in_event> kInEvent = OVRIN_DEMO_OPS(ovrin_smd_in_event, raise_request, request_clone_destination);
-const MessageOps<ovrin_smd_resp_event> kRespEvent = OVRIN_DEMO_OPS(ovrin_smd_resp_event, raise_answer, answer_clone_destination);
+const MessageOps<ovrin_smd_in_event> kInEvent = OVRIN_DEMO_OPS(ovrin_smd_in_event);
+const MessageOps<ovrin_smd_resp_event> kRespEvent = OVRIN_DEMO_OPS(ovrin_smd_resp_event);
 
 // ------------------------------------------------------------------ framing
 
@@ -578,8 +536,6 @@ struct Side {
         } else {
             ops.adjust_variant(h, kLuid, got, &err);
             uint32_t used = ops.unmarshal(h, kLuid, bytes.data(), got, static_cast<int32_t>(bytes.size()), 0, &err);
-            if (!err && ops.raise_embedded(h, got))
-                used = ops.unmarshal(h, kLuid, bytes.data(), got, static_cast<int32_t>(bytes.size()), 0, &err);
             decoded_variant = got->variant;
             if (err)
                 problem = "does not decode: error " + std::to_string(err) + " after " + std::to_string(used) + " bytes";
@@ -602,11 +558,7 @@ struct Side {
                     problem = "compares equal but hashes differently";
                 else {
                     std::vector<uint8_t> work(ops.len(h, kLuid, got) + 64);
-                    copy = ops.clone_destination(h, got);
-                    if (copy)
-                        ops.clone_internal(h, kLuid, got, &copy, work.data(), static_cast<uint32_t>(work.size()), &err);
-                    else
-                        ops.clone(h, kLuid, got, &copy, work.data(), static_cast<uint32_t>(work.size()), &err);
+                    ops.clone(h, kLuid, got, &copy, work.data(), static_cast<uint32_t>(work.size()), &err);
                     if (err || !copy)
                         problem = "cannot be cloned: error " + std::to_string(err);
                     else if (ops.compare(copy, want) != 0 || ops.hash(copy, kHashSeed) != hash)
