@@ -1,0 +1,119 @@
+// What the fuzz targets share: every type of the bundle reached through its module node in the
+// runtime's module list, its operations looked up by exported name, and two long-lived handles
+// (untracked and tracked) whose live-allocation counts must come back after every input.
+#ifndef OVRIN_FUZZ_FUZZ_TYPES_H
+#define OVRIN_FUZZ_FUZZ_TYPES_H
+
+#include <dlfcn.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "mgx/runtime.h"
+
+namespace fuzz {
+
+struct TypeOps {
+    std::string name;
+    bool is_enum;
+    void *(*create)(mgx_handle_t *, uint32_t);
+    void (*destroy)(mgx_handle_t *, uint32_t, void *);
+    uint32_t (*adjust_variant)(mgx_handle_t *, uint32_t, void *, uint32_t *);
+    uint32_t (*marshal)(mgx_handle_t *, uint32_t, uint8_t *, const void *, int32_t, uint32_t *);
+    uint32_t (*unmarshal)(mgx_handle_t *, uint32_t, const uint8_t *, void *, int32_t, uint32_t, uint32_t *);
+    uint32_t (*record_len)(mgx_handle_t *, uint32_t, const void *);
+    int32_t (*compare)(const void *, const void *); // null until the library has it
+    uint32_t (*to_xml)(mgx_handle_t *, uint32_t, const char *, char *, const void *, uint32_t, uint8_t, uint32_t *);
+    void (*from_xml)(mgx_handle_t *, uint32_t, const char *, void *, void *, uint32_t *, char *, uint32_t);
+};
+
+[[noreturn]] inline void die(const std::string &what) {
+    std::fprintf(stderr, "fuzz check failed: %s\n", what.c_str());
+    std::abort();
+}
+
+template <class Fn> Fn lookup(const std::string &type, const char *op) {
+    return reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, (type + "_" + op).c_str()));
+}
+
+// The types in registration order, as the runtime sees them.
+inline const std::vector<TypeOps> &types() {
+    static const std::vector<TypeOps> list = [] {
+        std::vector<TypeOps> out;
+        for (const mgx_module_node_t *n = mgx_module_tot_root.first; n; n = n->next) {
+            if (std::strcmp(n->domain_name, "ovrin_sm") != 0) continue;
+            for (const void *const *d = n->descriptor_table; *d; ++d) {
+                auto *info = static_cast<const mgx_type_info_t *>(*d);
+                TypeOps t{};
+                t.name = info->type_name;
+                t.is_enum = !std::strcmp(info->kind, "enum");
+                t.create = lookup<decltype(t.create)>(t.name, "create");
+                t.destroy = lookup<decltype(t.destroy)>(t.name, "destroy");
+                t.adjust_variant = lookup<decltype(t.adjust_variant)>(t.name, "adjust_variant");
+                t.marshal = lookup<decltype(t.marshal)>(t.name, "marshal");
+                t.unmarshal = lookup<decltype(t.unmarshal)>(t.name, "unmarshal");
+                if (!t.is_enum) t.record_len = lookup<decltype(t.record_len)>(t.name, "len");
+                t.compare = lookup<decltype(t.compare)>(t.name, "compare");
+                t.to_xml = lookup<decltype(t.to_xml)>(t.name, "to_xml");
+                t.from_xml = lookup<decltype(t.from_xml)>(t.name, "from_xml");
+                if (!t.create || !t.destroy || !t.adjust_variant || !t.marshal || !t.unmarshal ||
+                    (!t.is_enum && !t.record_len))
+                    die("missing wire or lifecycle operation of " + t.name);
+                out.push_back(t);
+            }
+        }
+        if (out.size() != 79) die("expected 79 types, found " + std::to_string(out.size()));
+        return out;
+    }();
+    return list;
+}
+
+// handle(false): no state-tracking record; handle(true): tracked. The handles are made anew every
+// so many inputs, so that their journals of hooks and call-site tags stay small over long runs;
+// nothing may be left allocated in them by then.
+inline mgx_handle_t *handle(bool tracked) {
+    static mgx_handle_t *handles[2] = {nullptr, nullptr};
+    static unsigned uses = 0;
+    if (uses++ % 20000 == 0) {
+        for (int i = 0; i < 2; ++i) {
+            if (handles[i]) {
+                if (mgx_handle_live_allocations(handles[i]) != 0) die("blocks left in a handle");
+                mgx_handle_destroy(handles[i]);
+            }
+            handles[i] = mgx_handle_create();
+            mgx_journal_enable(handles[i], 0);
+        }
+        mgx_handle_set_state_tracking(handles[1], 1, MGX_STTR_TRACKED);
+    }
+    mgx_trace_clear();
+    return handles[tracked];
+}
+
+// A fresh instance that follows the handle's domain, as a receiver makes it.
+inline void *make(const TypeOps &t, mgx_handle_t *h) {
+    void *p = t.create(h, 1);
+    if (!p) die("create of " + t.name + " failed");
+    uint32_t err = 0;
+    t.adjust_variant(h, 1, p, &err);
+    return p;
+}
+
+// The wire form of an instance; err gets the encoder's error cell. The length routine does not
+// count the retained-data blocks of handle-mapped instances (flag 0x20), which a decoded instance
+// may carry at any depth; slack covers them (they cannot be longer than the input they came in).
+inline std::vector<uint8_t> encode(const TypeOps &t, mgx_handle_t *h, const void *instance, uint32_t *err,
+                                   size_t slack = 0) {
+    size_t n = (t.is_enum ? 5 : t.record_len(h, 1, instance)) + slack;
+    std::vector<uint8_t> out(n + 1); // a tracked encoder may store one state byte past the space
+    *err = 0;
+    out.resize(t.marshal(h, 1, out.data(), instance, static_cast<int32_t>(n), err));
+    return out;
+}
+
+} // namespace fuzz
+
+#endif
