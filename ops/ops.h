@@ -3,6 +3,7 @@
 #define OVRIN_OPS_OPS_H
 
 #include "ops/enum/enum.h"
+#include "ops/record/access.h"
 #include "ops/record/lifecycle.h"
 #include "ops/record/value.h"
 

@@ -37,6 +37,23 @@ const std::vector<EntryPoint> &entry_points() {
         {"get_object_references", k_all, "void",
          "mgx_handle_t *h, uint32_t luid, const $T *instance, uint64_t *array, uint32_t count, uint32_t *err",
          "ovrin::get_object_references($table, h, luid, instance, array, count, err)"},
+        // Field access and state tracking.
+        {"get", k_composite, "$T *", "mgx_handle_t *h, uint32_t luid, $T *instance", "static_cast<$T *>(ovrin::get($table, h, luid, instance))"},
+        {"set", k_composite, "void", "mgx_handle_t *h, uint32_t luid, $T *dst, $T *src, uint32_t *err",
+         "ovrin::set($table, h, luid, dst, src, err)"},
+        {"get_all", k_composite, "void", "mgx_handle_t *h, uint32_t luid, const $T *instance$GET_ALL_PARAMS, uint32_t *err",
+         "ovrin::get_all($table, h, luid, instance, {$GET_ALL_ARGS}, err)"},
+        {"set_all", k_composite, "void", "mgx_handle_t *h, uint32_t luid, $T *instance$SET_ALL_PARAMS, uint32_t *err",
+         "ovrin::set_all($table, h, luid, instance, {$SET_ALL_ARGS}, err)"},
+        {"set_all_state_tracking_flag", k_composite, "void", "mgx_handle_t *h, uint32_t luid, $T *instance, uint8_t value",
+         "ovrin::set_all_state_tracking_flag($table, h, luid, instance, value)"},
+        {"post_copyout_cleanup", k_composite, "void", "mgx_handle_t *h, uint32_t luid, $T *dst, $T *src, uint32_t *err",
+         "ovrin::post_copyout_cleanup($table, h, luid, dst, src, err)"},
+        {"offset_update", k_composite, "void",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint8_t *flag_base, uint32_t *err",
+         "ovrin::offset_update($table, h, luid, instance, flag_base, err)"},
+        {"offset_remove", k_composite, "void", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
+         "ovrin::offset_remove($table, h, luid, instance, err)"},
         // Compare, hash and validity.
         {"compare", k_composite, "int32_t", "const $T *a, const $T *b", "ovrin::compare($table, a, b)"},
         {"hash", k_composite, "uint32_t", "const $T *instance, uint32_t seed", "ovrin::hash($table, instance, seed)"},
@@ -89,10 +106,46 @@ const std::vector<EntryPoint> &entry_points() {
     return list;
 }
 
+namespace {
+
+// Fields held inline as one element, reached by the per-field accessors.
+bool single_element(const Field &f) { return f.shape == Shape::scalar; }
+// Those whose set only reads the value: primitives and enumerations.
+bool set_by_value_copy(const Field &f) { return single_element(f) && (f.prim || f.type->is_enum()); }
+// Nested records and unions: their set may move union members out of the value.
+bool set_by_instance_copy(const Field &f) { return single_element(f) && !set_by_value_copy(f); }
+bool has_value(const Field &f) {
+    return single_element(f) && f.prim && (*f.prim == Prim::u8 || *f.prim == Prim::u16 || *f.prim == Prim::u32 ||
+                                            *f.prim == Prim::u64 || *f.prim == Prim::boolean);
+}
+
+} // namespace
+
 // The per-field families (accessors, state flags, array elements, strings, union members) go here,
 // each entry selecting its fields with `applies`.
 const std::vector<FieldEntryPoint> &field_entry_points() {
-    static const std::vector<FieldEntryPoint> list = {};
+    static const std::vector<FieldEntryPoint> list = {
+        // Field access and state tracking.
+        {"get", k_composite, single_element, "$FT *", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
+         "static_cast<$FT *>(ovrin::field_get($table, $field, h, luid, instance, err))"},
+        {"set", k_composite, set_by_value_copy, "void",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, const $FT *value, uint32_t *err",
+         "ovrin::field_set($table, $field, h, luid, instance, value, err)"},
+        {"set", k_composite, set_by_instance_copy, "void",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, $FT *value, uint32_t *err",
+         "ovrin::field_set($table, $field, h, luid, instance, value, err)"},
+        {"get_value", k_composite, has_value, "$FT", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
+         "static_cast<$FT>(ovrin::field_get_value($table, $field, h, luid, instance, err))"},
+        {"set_value", k_composite, has_value, "void",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, $FT value, uint32_t *err",
+         "ovrin::field_set_value($table, $field, h, luid, instance, value, err)"},
+        {"state_flag_get", k_composite, single_element, "uint8_t",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
+         "ovrin::state_flag_get($table, $field, h, luid, instance, err)"},
+        {"state_flag_set", k_composite, single_element, "void",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint8_t value, uint32_t *err",
+         "ovrin::state_flag_set($table, $field, h, luid, instance, value, err)"},
+    };
     return list;
 }
 
@@ -128,7 +181,41 @@ std::string element_c_type(const Field &f) {
     return f.prim ? prim_c_type(*f.prim) : f.type->name;
 }
 
+// The integer fields that _set_all takes, in field order (u_int64 is not among them).
+bool settable_by_all(const Field &f) {
+    return f.shape == Shape::scalar && f.prim && (*f.prim == Prim::u8 || *f.prim == Prim::u16 || *f.prim == Prim::u32);
+}
+
+// The fields _get_all reads: the same integers, and the enumerations.
+bool readable_by_all(const Field &f) {
+    return settable_by_all(f) || (f.shape == Shape::scalar && f.type && f.type->is_enum());
+}
+
+// The varying part of the _get_all and _set_all parameter lists: one output pointer or one value
+// per field, named after the field; an enumeration comes out as its 32-bit user value.
+std::string all_params(const Type &t, bool outputs) {
+    std::string s;
+    for (const Field &f : t.fields) {
+        if (!(outputs ? readable_by_all(f) : settable_by_all(f))) continue;
+        s += ", " + std::string(f.prim ? prim_c_type(*f.prim) : "uint32_t") + (outputs ? " *" : " ") + f.name;
+    }
+    return s;
+}
+
+std::string all_args(const Type &t, bool outputs) {
+    std::string s;
+    for (const Field &f : t.fields)
+        if (outputs ? readable_by_all(f) : settable_by_all(f)) s += (s.empty() ? "" : ", ") + f.name;
+    return s;
+}
+
 std::string fill_in(std::string text, const Type &t, const Field *f, size_t field_index) {
+    if (text.find("_ALL_") != std::string::npos) {
+        text = replace_all(text, "$GET_ALL_PARAMS", all_params(t, true));
+        text = replace_all(text, "$GET_ALL_ARGS", all_args(t, true));
+        text = replace_all(text, "$SET_ALL_PARAMS", all_params(t, false));
+        text = replace_all(text, "$SET_ALL_ARGS", all_args(t, false));
+    }
     std::string table = "ovrin::table::" + t.name;
     if (f) {
         text = replace_all(text, "$field", table + ".fields[" + std::to_string(field_index) + "]");

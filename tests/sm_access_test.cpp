@@ -1,0 +1,380 @@
+// Field access and state tracking of records and unions: the variant gate, state flags in every
+// tracking mode, write notification, containment, whole-instance copies with their ownership and
+// flags, get_all/set_all, raw copy-out cleanup and flag offset registration.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "mgx/runtime.h"
+#include "ovrin_sm/ops.h"
+
+namespace {
+
+constexpr uint32_t luid = 1;
+constexpr size_t start_area = 200; // sess_mgr_session_start: untracked size, where its flags begin
+
+struct Access : ::testing::Test {
+    mgx_handle_t *h = mgx_handle_create();
+    uint32_t err = 0;
+    void SetUp() override { mgx_trace_clear(); }
+    void TearDown() override {
+        EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
+        mgx_handle_destroy(h);
+    }
+    void track(uint32_t marker = MGX_STTR_TRACKED) { mgx_handle_set_state_tracking(h, 1, marker); }
+    bool traced(const char *text) const {
+        for (size_t i = 0; i < mgx_trace_count(); ++i)
+            if (!std::strcmp(text, mgx_trace_text(i))) return true;
+        return false;
+    }
+    // A counted string as the string setter leaves it: length+1 bytes from the handle.
+    void put_name(sess_mgr_client_name *n, const char *text) {
+        n->cl_name_len = static_cast<uint32_t>(std::strlen(text));
+        n->client_name = static_cast<char *>(h->inst_alloc(h->alloc_ctx, luid, n->cl_name_len + 1));
+        std::memcpy(n->client_name, text, n->cl_name_len + 1);
+    }
+    void add_attr(aaa_tlv *list, uint32_t type, const char *value) {
+        aaa_tlv_attr_add(h, luid, list, type, value, static_cast<uint32_t>(std::strlen(value)), &err);
+    }
+};
+
+uint8_t *at(void *instance, size_t offset) { return static_cast<uint8_t *>(instance) + offset; }
+std::vector<uint8_t> bytes_of(void *p, size_t n) { return {at(p, 0), at(p, n)}; }
+
+std::string attr_text(const aaa_tlv *list, uint32_t i) {
+    const void *value = nullptr;
+    uint32_t length = 0;
+    aaa_tlv_attr_at(list, i, &value, &length);
+    return std::string(static_cast<const char *>(value), length);
+}
+
+TEST_F(Access, LaterVariantFieldIsAbsentAtVariantZero) {
+    track();
+    mgx_handle_set_domain_variant(h, "sess_mgr_session_start", 0);
+    sess_mgr_session_start *s = sess_mgr_session_start_create(h, luid);
+    sess_mgr_client_name *name = sess_mgr_client_name_create(h, luid);
+    std::vector<uint8_t> before = bytes_of(s, 232);
+    mgx_journal_clear(h);
+    sess_mgr_session_start_cl_name_set(h, luid, s, name, &err);
+    EXPECT_EQ(err, MGX_EVARIANT);
+    err = 0;
+    EXPECT_EQ(sess_mgr_session_start_cl_name_get(h, luid, s, &err), nullptr);
+    EXPECT_EQ(err, MGX_EVARIANT);
+    err = 0;
+    sess_mgr_session_start_cl_name_state_flag_set(h, luid, s, 5, &err);
+    EXPECT_EQ(err, MGX_EVARIANT);
+    EXPECT_EQ(mgx_handle_last_error(h), MGX_EVARIANT);
+    EXPECT_EQ(mgx_journal_count(h), 0u);
+    EXPECT_EQ(bytes_of(s, 232), before);
+    // An error already in the word: nothing happens at all.
+    sess_mgr_conn_hdl_conn_hdl_set_value(h, luid, &s->hdl, 4, &err);
+    EXPECT_EQ(s->hdl.conn_hdl, 0u);
+    sess_mgr_client_name_destroy(h, luid, name);
+    sess_mgr_session_start_destroy(h, luid, s);
+}
+
+TEST_F(Access, SetsMarkTwoInTheFlattenedAreaOfNestedFields) {
+    track();
+    sess_mgr_session_start *s = sess_mgr_session_start_create(h, luid);
+    uint8_t *area = at(s, start_area);
+    sess_mgr_client_hdl *cl = sess_mgr_client_hdl_create(h, luid);
+    sess_mgr_session_start_cl_hdl_set(h, luid, s, cl, &err);
+    sess_mgr_conn_hdl_conn_hdl_set_value(h, luid, &s->hdl, 1, &err);
+    sess_mgr_client_hdl_client_hdl_set_value(h, luid, &s->cl_hdl, 2, &err);
+    sess_mgr_extended_params_proximity_set_value(h, luid, &s->ext_params, 3, &err);
+    sess_mgr_client_name_cl_name_len_set_value(h, luid, &s->cl_name, 0, &err);
+    ASSERT_EQ(err, 0u);
+    // Own byte of cl_hdl 2; nested areas: hdl's from 1, cl_hdl's from 3, ext_params' from 25, cl_name's from 30.
+    std::vector<uint8_t> expected(32, 0);
+    expected[2] = expected[1] = expected[3] = expected[25 + 1] = expected[30] = 2;
+    EXPECT_EQ(bytes_of(area, 32), expected);
+    EXPECT_EQ(sess_mgr_extended_params_proximity_state_flag_get(h, luid, &s->ext_params, &err), 2);
+    EXPECT_EQ(s->identity_attrs.sttr, area + 8);
+    sess_mgr_conn_hdl_conn_hdl_state_flag_set(h, luid, &s->hdl, 7, &err);
+    EXPECT_EQ(area[1], 7);
+    sess_mgr_session_start_set_all_state_tracking_flag(h, luid, s, 0x5A);
+    EXPECT_EQ(bytes_of(area, 32), std::vector<uint8_t>(32, 0x5A));
+    sess_mgr_client_hdl_destroy(h, luid, cl);
+    sess_mgr_session_start_destroy(h, luid, s);
+}
+
+TEST_F(Access, FlagsRefusedWhenTrackingIsOffOrTheInstanceUntracked) {
+    sess_mgr_conn_hdl *plain = sess_mgr_conn_hdl_create(h, luid); // no tracking record: no area
+    track();
+    sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create(h, luid);
+    *at(c, 24) = 0x33;
+    // Tracking off: values go in, flags stay, flag access is refused without a word.
+    track(MGX_STTR_UNTRACKED);
+    sess_mgr_conn_hdl_conn_hdl_set_value(h, luid, c, 5, &err);
+    EXPECT_EQ(c->conn_hdl, 5u);
+    sess_mgr_conn_hdl_set_all_state_tracking_flag(h, luid, c, 1);
+    EXPECT_EQ(sess_mgr_conn_hdl_conn_hdl_state_flag_get(h, luid, c, &err), 0);
+    EXPECT_EQ(err, MGX_EINVAL);
+    EXPECT_EQ(*at(c, 24), 0x33);
+    EXPECT_EQ(mgx_trace_count(), 0u);
+    // Tracking on, untracked instance: the value is written, the flag refused; two wordings.
+    track();
+    err = 0;
+    sess_mgr_conn_hdl_conn_hdl_set_value(h, luid, plain, 6, &err);
+    EXPECT_EQ(plain->conn_hdl, 6u);
+    EXPECT_EQ(err, MGX_EINVAL);
+    EXPECT_TRUE(traced("The object is not state tracked"));
+    err = 0;
+    EXPECT_EQ(sess_mgr_conn_hdl_conn_hdl_state_flag_get(h, luid, plain, &err), 0);
+    EXPECT_EQ(err, MGX_EINVAL);
+    EXPECT_TRUE(traced("The object is non state tracked"));
+    sess_mgr_conn_hdl_destroy(h, luid, plain);
+    sess_mgr_conn_hdl_destroy(h, luid, c);
+}
+
+// Records, for each write hook call, the 4 bytes at the address at the time of the call.
+std::vector<uint32_t> seen;
+mgx_write_hook_fn journal = nullptr;
+void remember(mgx_handle_t *h, const void *addr, size_t length, uint32_t l, const void *base) {
+    uint32_t word = 0;
+    std::memcpy(&word, addr, length < 4 ? length : 4);
+    seen.push_back(word);
+    journal(h, addr, length, l, base);
+}
+
+TEST_F(Access, WriteHookSeesEveryByteBeforeItChangesAndContainmentIsReported) {
+    track();
+    mgx_handle_set_flags(h, MGX_HANDLE_DATABASE);
+    sess_mgr_session_start *s = sess_mgr_session_start_create(h, luid);
+    s->hdl.conn_hdl = 0x11;
+    journal = h->write_hook;
+    h->write_hook = remember;
+    seen.clear();
+    mgx_hook_clear(h);
+    sess_mgr_conn_hdl_conn_hdl_set_value(h, luid, &s->hdl, 0x22, &err);
+    h->write_hook = journal;
+    EXPECT_EQ(seen, (std::vector<uint32_t>{0x11, 0})); // the value, then its flag byte
+    EXPECT_EQ(*at(s, start_area + 1), 2);
+
+    EXPECT_EQ(sess_mgr_session_start_hdl_get(h, luid, s, &err), &s->hdl);
+    EXPECT_EQ(sess_mgr_session_start_identity_attrs_get(h, luid, s, &err), &s->identity_attrs);
+    sess_mgr_session_start_get(h, luid, s);
+    std::vector<std::pair<const void *, const void *>> reported;
+    for (size_t i = 0; i < mgx_hook_count(h); ++i)
+        if (mgx_hook_entry(h, i)->kind == MGX_HOOK_CONTAINMENT)
+            reported.emplace_back(mgx_hook_entry(h, i)->object, mgx_hook_entry(h, i)->container);
+    const void *none = nullptr;
+    EXPECT_EQ(reported, (std::vector<std::pair<const void *, const void *>>{
+                            {&s->hdl.conn_hdl, &s->hdl}, // get of the value's address by set_value
+                            {&s->hdl, none},             // a record-valued field: alone, then as the child
+                            {&s->hdl, s},
+                            {&s->identity_attrs, s},     // an attribute list: once
+                            {s, none}}));                // the whole instance
+    EXPECT_EQ(err, 0u);
+    sess_mgr_session_start_destroy(h, luid, s);
+}
+
+TEST_F(Access, WholeSetCarriesValuesFlagsAndOwnershipUnderTracking) {
+    track();
+    sess_mgr_session_start *src = sess_mgr_session_start_create(h, luid);
+    sess_mgr_session_start *dst = sess_mgr_session_start_create(h, luid);
+    // dst finds its flags through a runtime-recorded offset (the same place, reached another way).
+    mgx_sttr_offset_set(h, dst, start_area);
+    dst->flags |= MGX_IF_STTR_OFFSET;
+    sess_mgr_conn_hdl_conn_hdl_set_value(h, luid, &src->hdl, 7, &err);
+    add_attr(&src->identity_attrs, 1, "alice");
+    put_name(&src->cl_name, "src-name");
+    sm_dot11_params *member = sm_dot11_params_create(h, luid);
+    src->ext_params.dot11_param = member;
+    sess_mgr_session_start_identity_attrs_state_flag_set(h, luid, src, 4, &err);
+    add_attr(&dst->identity_attrs, 2, "old"); // dst's old storage is released by the copy
+    put_name(&dst->cl_name, "old-name");
+    sess_mgr_session_start_set_all_state_tracking_flag(h, luid, dst, 0x77);
+    ASSERT_EQ(err, 0u);
+    mgx_journal_clear(h);
+
+    sess_mgr_session_start_set(h, luid, dst, src, &err);
+    ASSERT_EQ(err, 0u);
+    // The adjustment raises dst's layout byte; then header and fields are announced at once.
+    ASSERT_GT(mgx_journal_count(h), 1u);
+    EXPECT_EQ(mgx_journal_entry(h, 1)->address, dst);
+    EXPECT_EQ(mgx_journal_entry(h, 1)->length, 184u);
+    EXPECT_EQ(dst->hdl.conn_hdl, 7u);
+    EXPECT_EQ(bytes_of(at(dst, start_area), 32), bytes_of(at(src, start_area), 32));
+    EXPECT_TRUE(dst->flags & MGX_IF_STTR_OFFSET);
+    EXPECT_EQ(attr_text(&dst->identity_attrs, 0), "alice");
+    EXPECT_NE(dst->identity_attrs.body, src->identity_attrs.body);
+    EXPECT_STREQ(dst->cl_name.client_name, "src-name");
+    EXPECT_NE(dst->cl_name.client_name, src->cl_name.client_name);
+    EXPECT_EQ(dst->ext_params.dot11_param, member); // union members move
+    EXPECT_EQ(src->ext_params.dot11_param, nullptr);
+
+    mgx_journal_clear(h);
+    std::vector<uint8_t> before = bytes_of(dst, 232);
+    sess_mgr_session_start_set(h, luid, dst, dst, &err);
+    EXPECT_EQ(mgx_journal_count(h), 0u);
+    EXPECT_EQ(bytes_of(dst, 232), before);
+
+    // A later-variant source is refused; an untracked target gets the values, not the flags.
+    mgx_handle_set_domain_variant(h, "sess_mgr_session_start", 0);
+    sess_mgr_session_start *old = sess_mgr_session_start_create(h, luid);
+    sess_mgr_session_start_set(h, luid, old, src, &err);
+    EXPECT_EQ(err, MGX_EVARIANT);
+    mgx_handle_set_domain_variant(h, "sess_mgr_session_start", 1);
+    mgx_handle_set_state_tracking(h, 0, 0);
+    sess_mgr_session_start *untracked = sess_mgr_session_start_create(h, luid);
+    track();
+    err = 0;
+    sess_mgr_session_start_set(h, luid, untracked, src, &err);
+    EXPECT_EQ(err, MGX_EINVAL);
+    EXPECT_TRUE(traced("The object is not state tracked"));
+    EXPECT_EQ(untracked->hdl.conn_hdl, 7u);
+    EXPECT_NE(untracked->identity_attrs.body, src->identity_attrs.body);
+    for (auto *s : {src, dst, old, untracked}) sess_mgr_session_start_destroy(h, luid, s);
+}
+
+TEST_F(Access, GetAllAndSetAllAreDeliberatelyAsymmetric) {
+    sm_dot11_params *d = sm_dot11_params_create(h, luid);
+    d->oui[0] = 0xEE;
+    sm_dot11_params_set_all(h, luid, d, 1, 2, 0x303, 0x404, 0x505, 0x606, 7, &err);
+    EXPECT_EQ(d->oui[0], 0xEE); // arrays and addresses are in neither
+    u_int8 slot = 0, wlan = 0, control = 0;
+    u_int16 global = 0, vlan = 0, mcast = 0, etype = 0;
+    sm_dot11_params_get_all(h, luid, d, &slot, &wlan, &global, &vlan, &mcast, &etype, &control, &err);
+    EXPECT_EQ(std::vector<int>({slot, wlan, global, vlan, mcast, etype, control}),
+              std::vector<int>({1, 2, 0x303, 0x404, 0x505, 0x606, 7}));
+    EXPECT_EQ(d->eType, 0x606);
+
+    // The union: the integer and the discriminator out, the integer alone in.
+    ovrin_smd_resp_event *ev = ovrin_smd_resp_event_create(h, luid);
+    ovrin_sm_resp_type *kind = ovrin_sm_resp_type_create(h, luid);
+    kind->value = 4;
+    ovrin_smd_resp_event_resp_type_set(h, luid, ev, kind, &err);
+    ovrin_smd_resp_event_set_all(h, luid, ev, 21, &err);
+    uint32_t resp_type = 0;
+    u_int32 session_type = 0;
+    ovrin_smd_resp_event_get_all(h, luid, ev, &resp_type, &session_type, &err);
+    EXPECT_EQ(resp_type, 4u);
+    EXPECT_EQ(session_type, 21u);
+    EXPECT_EQ(err, 0u);
+    ovrin_sm_resp_type_destroy(h, luid, kind);
+    ovrin_smd_resp_event_destroy(h, luid, ev);
+    sm_dot11_params_destroy(h, luid, d);
+}
+
+TEST_F(Access, CleanupAfterARawCopyLeavesTwoIndependentOwners) {
+    sess_mgr_session_start *src = sess_mgr_session_start_create(h, luid);
+    add_attr(&src->identity_attrs, 1, "alice");
+    add_attr(&src->identity_attrs, 2, "bob");
+    put_name(&src->cl_name, "client");
+    sm_dot11_params *member = sm_dot11_params_create(h, luid);
+    src->ext_params.dot11_param = member;
+    auto *dst = static_cast<sess_mgr_session_start *>(h->inst_alloc(h->alloc_ctx, luid, start_area));
+    std::memcpy(dst, src, start_area);
+
+    sess_mgr_session_start_post_copyout_cleanup(h, luid, dst, src, &err);
+    ASSERT_EQ(err, 0u);
+    EXPECT_NE(dst->identity_attrs.body, src->identity_attrs.body);
+    EXPECT_NE(dst->cl_name.client_name, src->cl_name.client_name);
+    EXPECT_EQ(dst->ext_params.dot11_param, member);
+    EXPECT_EQ(src->ext_params.dot11_param, nullptr);
+    sess_mgr_session_start_destroy(h, luid, src); // each owner releases its own storage
+    EXPECT_EQ(attr_text(&dst->identity_attrs, 1), "bob");
+    EXPECT_STREQ(dst->cl_name.client_name, "client");
+    sess_mgr_session_start_destroy(h, luid, dst);
+}
+
+TEST_F(Access, ArrayOfRecordsIsDuplicatedByTheCopy) {
+    auto *src = sess_mgr_sess_attr_query_resp_create(h, luid);
+    auto *dst = sess_mgr_sess_attr_query_resp_create(h, luid);
+    // Two elements as the array setter leaves them: nested instances in one block.
+    const uint32_t elem = sess_mgr_query_resp_sizeof(h);
+    auto *block = static_cast<sess_mgr_query_resp *>(h->inst_alloc(h->alloc_ctx, luid, 2 * elem));
+    std::memset(block, 0, 2 * elem);
+    for (uint32_t k = 0; k < 2; ++k) {
+        sess_mgr_query_resp_initialize(h, luid, &block[k], &_sess_mgr_query_resp_type_info_internal, 0, 0,
+                                       MGX_IF_NESTED, nullptr, &err);
+        add_attr(&block[k].attr_list, k, k ? "second" : "first");
+    }
+    src->resp_array = block;
+    sess_mgr_sess_attr_query_resp_set_all(h, luid, src, 1, 0, 2, 0, 0, &err); // the count among them
+    sess_mgr_sess_attr_query_resp_set(h, luid, dst, src, &err);
+    ASSERT_EQ(err, 0u);
+    ASSERT_NE(dst->resp_array, src->resp_array);
+    EXPECT_NE(dst->resp_array[1].attr_list.body, src->resp_array[1].attr_list.body);
+    sess_mgr_sess_attr_query_resp_destroy(h, luid, src);
+    EXPECT_EQ(attr_text(&dst->resp_array[1].attr_list, 0), "second");
+    sess_mgr_sess_attr_query_resp_destroy(h, luid, dst);
+}
+
+template <class Fn> Fn op(const char *type, const char *name) {
+    return reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, (std::string(type) + "_" + name).c_str()));
+}
+
+TEST_F(Access, EveryTypeCopiesWholeAndAfterARawCopyWithoutSharingStorage) {
+    using create_fn = void *(*)(mgx_handle_t *, uint32_t);
+    using destroy_fn = void (*)(mgx_handle_t *, uint32_t, void *);
+    using copy_fn = void (*)(mgx_handle_t *, uint32_t, void *, void *, uint32_t *);
+    std::vector<const mgx_type_info_t *> types;
+    for (const mgx_module_node_t *n = mgx_module_tot_root.first; n; n = n->next)
+        if (!std::strcmp(n->domain_name, "ovrin_sm"))
+            for (const void *const *d = n->descriptor_table; *d; ++d)
+                if (!std::strcmp(static_cast<const mgx_type_info_t *>(*d)->kind, "type"))
+                    types.push_back(static_cast<const mgx_type_info_t *>(*d));
+    ASSERT_EQ(types.size(), 65u);
+    for (bool tracked : {false, true}) {
+        mgx_handle_set_state_tracking(h, tracked, MGX_STTR_TRACKED);
+        for (const mgx_type_info_t *t : types) {
+            const char *name = t->type_name;
+            auto destroy = op<destroy_fn>(name, "destroy");
+            void *src = op<create_fn>(name, "create")(h, luid), *dst = op<create_fn>(name, "create")(h, luid);
+            // As any mutation of src would have left it: at the layout of its variant.
+            static_cast<mgx_instance_hdr_t *>(src)->layout = static_cast<int8_t>(t->variant_info->n_variants - 1);
+            op<copy_fn>(name, "set")(h, luid, dst, src, &err);
+            uint32_t size = op<uint32_t (*)(mgx_handle_t *)>(name, "sizeof")(h);
+            void *copy = h->inst_alloc(h->alloc_ctx, luid, size);
+            std::memcpy(copy, dst, size);
+            op<copy_fn>(name, "post_copyout_cleanup")(h, luid, copy, dst, &err);
+            EXPECT_EQ(err, 0u) << name;
+            for (void *p : {src, dst, copy}) destroy(h, luid, p);
+            ASSERT_EQ(mgx_handle_live_allocations(h), 0u) << name << (tracked ? " tracked" : "");
+        }
+    }
+}
+
+TEST_F(Access, OffsetUpdateAndRemoveFollowTheNestedAreas) {
+    sess_mgr_session_start *s = sess_mgr_session_start_create(h, luid);
+    uint8_t base[32] = {};
+    sess_mgr_session_start_offset_update(h, luid, s, base, &err);
+    auto position = [&](const void *field) {
+        int64_t offset = 0;
+        EXPECT_TRUE(mgx_sttr_offset_lookup(h, field, &offset));
+        return static_cast<const uint8_t *>(field) + offset - base;
+    };
+    EXPECT_EQ(std::vector<long>({position(&s->hdl), position(&s->cl_hdl), position(&s->identity_attrs),
+                                 position(&s->ext_params), position(&s->cl_name)}),
+              std::vector<long>({1, 3, 8, 25, 30}));
+    EXPECT_EQ(s->identity_attrs.sttr, base + 8);
+    mgx_hook_clear(h);
+    sess_mgr_session_start_offset_remove(h, luid, s, &err);
+    EXPECT_EQ(mgx_hook_count_kind(h, MGX_HOOK_HD_MAPPING_DESTROY), 5u);
+    EXPECT_FALSE(mgx_sttr_offset_lookup(h, &s->hdl, nullptr));
+    EXPECT_EQ(s->identity_attrs.sttr, nullptr);
+    EXPECT_EQ(err, 0u);
+    sess_mgr_session_start_destroy(h, luid, s);
+}
+
+using AccessDeath = Access;
+
+TEST_F(AccessDeath, CorruptMarkerAbortsEveryTrackingPath) {
+    track();
+    sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create(h, luid);
+    track(0x1234);
+    mgx_trace_set_stderr_level(0);
+    EXPECT_DEATH(sess_mgr_conn_hdl_conn_hdl_set_value(h, luid, c, 1, &err), "Corrupted MGX Handle");
+    EXPECT_DEATH(sess_mgr_conn_hdl_conn_hdl_state_flag_get(h, luid, c, &err), "Corrupted MGX Handle");
+    EXPECT_DEATH(sess_mgr_conn_hdl_set_all_state_tracking_flag(h, luid, c, 1), "Corrupted MGX Handle");
+    mgx_trace_set_stderr_level(-1);
+    track();
+    sess_mgr_conn_hdl_destroy(h, luid, c);
+}
+
+} // namespace
