@@ -2,11 +2,16 @@
 # Developer entry point: installs what is missing (Debian 12, as root), configures, builds, and
 # runs the demo or the tests.
 #   tools/dev.sh demo [ARGS]   build and run the ovrin-sm main job
-#   tools/dev.sh test          build and run every test
+#   tools/dev.sh test          build and run every test, then every reliability gate below
+#   tools/dev.sh asan          the whole suite built with AddressSanitizer, UBSan and LeakSanitizer
+#   tools/dev.sh tsan          the concurrency tests built with ThreadSanitizer
+#   tools/dev.sh fuzz [SECS]   the fuzz targets (clang, libFuzzer) from their seeds, SECS each (25)
+# Build directories are $OVRIN_BUILD (default "build") and the same name with -asan, -tsan and
+# -fuzz appended; set OVRIN_BUILD to keep a checkout's builds apart from another's.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-packages=(cmake ninja-build g++ clang pkg-config libxml2-dev zlib1g-dev nettle-dev
+packages=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config libxml2-dev zlib1g-dev nettle-dev
           libgtest-dev libgmock-dev libbenchmark-dev)
 
 install_missing() {
@@ -29,21 +34,71 @@ build() {
     cmake --build "$dir" -j "$(nproc)"
 }
 
+out=${OVRIN_BUILD:-build}
+
+# The whole suite under AddressSanitizer + UndefinedBehaviorSanitizer (+ LeakSanitizer).
+gate_asan() {
+    echo "== gate: AddressSanitizer, UBSan, LeakSanitizer: whole suite ($out-asan)"
+    build "$out-asan" -DOVRIN_TESTS=ON -DOVRIN_SANITIZE=ON
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+        ctest --test-dir "$out-asan" --output-on-failure -j "$(nproc)"
+}
+
+# The concurrency tests under ThreadSanitizer: any reported race fails them.
+gate_tsan() {
+    echo "== gate: ThreadSanitizer: concurrency tests ($out-tsan)"
+    cmake -S . -B "$out-tsan" -G Ninja -DOVRIN_TESTS=ON -DOVRIN_TSAN=ON >/dev/null
+    cmake --build "$out-tsan" -j "$(nproc)" --target ovrin_sm_tests
+    TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+        ctest --test-dir "$out-tsan" --output-on-failure -R '^Concurrency\.'
+}
+
+# Each fuzz target from the seeds written from filled instances of every type, for a short time.
+# New inputs collect in $out-fuzz/corpus, crashes in $out-fuzz/artifacts.
+gate_fuzz() {
+    local seconds=${1:-25}
+    echo "== gate: fuzzing, ${seconds}s per target ($out-fuzz)"
+    CC=clang CXX=clang++ cmake -S . -B "$out-fuzz" -G Ninja -DOVRIN_TESTS=OFF -DOVRIN_FUZZ=ON >/dev/null
+    cmake --build "$out-fuzz" -j "$(nproc)" --target ovrin_fuzz_wire ovrin_fuzz_xml ovrin_fuzz_seeds
+    "$out-fuzz/fuzz/ovrin_fuzz_seeds" "$out-fuzz/seeds"
+    mkdir -p "$out-fuzz/artifacts"
+    local target
+    for target in wire xml; do
+        mkdir -p "$out-fuzz/corpus/$target"
+        local log="$out-fuzz/$target.log"
+        if ! "$out-fuzz/fuzz/ovrin_fuzz_$target" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 \
+                -print_final_stats=1 -artifact_prefix="$out-fuzz/artifacts/$target-" \
+                "$out-fuzz/corpus/$target" "$out-fuzz/seeds/$target" >"$log" 2>&1; then
+            tail -n 60 "$log"
+            echo "fuzz target $target failed: reproduce with $out-fuzz/fuzz/ovrin_fuzz_$target FILE" >&2
+            return 1
+        fi
+        echo "$target: $(grep -m1 -o 'cov: [0-9]*' <(grep '#' "$log" | tail -n 1)) \
+$(grep -E '^stat::number_of_executed_units' "$log" | tr -d ' ')"
+    done
+}
+
 cmd=${1:-test}
 shift || true
 case "$cmd" in
     demo)
         install_missing
-        build build -DOVRIN_TESTS=OFF
-        exec ./build/ovrin-sm "$@"
+        build "$out" -DOVRIN_TESTS=OFF
+        exec "./$out/ovrin-sm" demo "$@"
         ;;
     test)
         install_missing
-        build build -DOVRIN_TESTS=ON
-        ctest --test-dir build --output-on-failure -j "$(nproc)"
+        build "$out" -DOVRIN_TESTS=ON
+        ctest --test-dir "$out" --output-on-failure -j "$(nproc)"
+        gate_tsan
+        gate_fuzz
+        gate_asan # last: the output ends with the whole suite's summary
         ;;
+    asan) install_missing; gate_asan ;;
+    tsan) install_missing; gate_tsan ;;
+    fuzz) install_missing; gate_fuzz "$@" ;;
     *)
-        echo "usage: tools/dev.sh demo|test" >&2
+        echo "usage: tools/dev.sh demo|test|asan|tsan|fuzz" >&2
         exit 2
         ;;
 esac
