@@ -2,6 +2,7 @@
 #ifndef OVRIN_OPS_OPS_H
 #define OVRIN_OPS_OPS_H
 
+#include "ops/composite/composite.h"
 #include "ops/enum/enum.h"
 #include "ops/record/access.h"
 #include "ops/record/lifecycle.h"

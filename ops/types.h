@@ -78,6 +78,9 @@ struct Variant {
 // Per-type departures from the generic behaviour, as flags rather than branches on names.
 enum TypeFlag : uint32_t {
     type_flag_none = 0,
+    // Union: the member is chosen by the discriminator's stored value mapped to its user value
+    // (the enumeration's map_to_user_value), rather than by the stored value itself.
+    type_flag_select_by_user_value = 1u << 0,
 };
 
 struct Type {

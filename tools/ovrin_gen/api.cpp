@@ -121,6 +121,29 @@ bool has_value(const Field &f) {
 
 } // namespace
 
+// Composite fields.
+namespace {
+
+bool is_member(const Field &f) { return f.shape == Shape::member; }
+bool is_string(const Field &f) { return f.shape == Shape::var_string; }
+bool is_fixed_array(const Field &f) { return f.shape == Shape::fixed_array; }
+bool is_var_array(const Field &f) { return f.shape == Shape::var_array; }
+bool is_array(const Field &f) { return is_fixed_array(f) || is_var_array(f); }
+// A count field named <array>_length already is <array>_length_get/_get_value through its own
+// scalar accessors; the other variable arrays get length accessors of their own.
+bool needs_length_accessors(const Field &f) { return is_var_array(f) && f.companion_name != f.name + "_length"; }
+// Members and strings have one flag byte of their own; arrays have theirs per element.
+bool has_own_flag(const Field &f) { return is_member(f) || is_string(f); }
+// Fixed arrays read and written by value: integers in their own width, enumerations as user values.
+bool fixed_of_integers(const Field &f) {
+    return is_fixed_array(f) && f.prim &&
+           (*f.prim == Prim::u8 || *f.prim == Prim::u16 || *f.prim == Prim::u32 || *f.prim == Prim::u64 ||
+            *f.prim == Prim::boolean);
+}
+bool fixed_of_enums(const Field &f) { return is_fixed_array(f) && f.type && f.type->is_enum(); }
+
+} // namespace
+
 // The per-field families (accessors, state flags, array elements, strings, union members) go here,
 // each entry selecting its fields with `applies`.
 const std::vector<FieldEntryPoint> &field_entry_points() {
@@ -145,6 +168,88 @@ const std::vector<FieldEntryPoint> &field_entry_points() {
         {"state_flag_set", k_composite, single_element, "void",
          "mgx_handle_t *h, uint32_t luid, $T *instance, uint8_t value, uint32_t *err",
          "ovrin::state_flag_set($table, $field, h, luid, instance, value, err)"},
+        // Composite fields.
+        {"get", k_composite, is_member, "$FT *", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
+         "static_cast<$FT *>(ovrin::member_get($table, $field, h, luid, instance, err))"},
+        {"set", k_composite, is_member, "void", "mgx_handle_t *h, uint32_t luid, $T *instance, $FT *member, uint32_t *err",
+         "ovrin::member_set($table, $field, h, luid, instance, member, err)"},
+        {"set_cr", k_composite, is_member, "uint32_t", "mgx_handle_t *h, $T *instance, $FT *member",
+         "ovrin::member_set_cr($table, $field, h, instance, member)"},
+        {"get_detach", k_composite, is_member, "$FT *", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
+         "static_cast<$FT *>(ovrin::member_get_detach($table, $field, h, luid, instance, err))"},
+        {"state_flag_get", k_composite, has_own_flag, "uint8_t", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
+         "ovrin::field_flag_get($table, $field, h, luid, instance, err)"},
+        {"state_flag_set", k_composite, has_own_flag, "void",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint8_t value, uint32_t *err",
+         "ovrin::field_flag_set($table, $field, h, luid, instance, value, err)"},
+        {"get", k_composite, is_fixed_array, "$FT *",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t index, uint32_t *err",
+         "static_cast<$FT *>(ovrin::fixed_get($table, $field, h, luid, instance, index, err))"},
+        {"get_value", k_composite, fixed_of_integers, "$FT",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t index, uint32_t *err",
+         "static_cast<$FT>(ovrin::fixed_get_value($table, $field, h, luid, instance, index, err))"},
+        {"get_value", k_composite, fixed_of_enums, "uint32_t",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t index, uint32_t *err",
+         "static_cast<uint32_t>(ovrin::fixed_get_value($table, $field, h, luid, instance, index, err))"},
+        {"set", k_composite, is_fixed_array, "void",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t index, const $FT *value, uint32_t *err",
+         "ovrin::fixed_set($table, $field, h, luid, instance, index, value, err)"},
+        {"set_value", k_composite, fixed_of_integers, "void",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t index, $FT value, uint32_t *err",
+         "ovrin::fixed_set_value($table, $field, h, luid, instance, index, value, err)"},
+        {"set_value", k_composite, fixed_of_enums, "void",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t index, uint32_t value, uint32_t *err",
+         "ovrin::fixed_set_value($table, $field, h, luid, instance, index, value, err)"},
+        {"get_mem", k_composite, is_fixed_array, "void",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, $FT *buffer, int32_t length, uint32_t *err",
+         "ovrin::fixed_get_mem($table, $field, h, luid, instance, buffer, length, err)"},
+        {"set_mem", k_composite, is_fixed_array, "void",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, const $FT *buffer, int32_t length, uint32_t *err",
+         "ovrin::fixed_set_mem($table, $field, h, luid, instance, buffer, length, err)"},
+        {"set_mem_cr", k_composite, is_fixed_array, "uint32_t",
+         "mgx_handle_t *h, $T *instance, const $FT *buffer, int32_t length",
+         "ovrin::fixed_set_mem_cr($table, $field, h, instance, buffer, length)"},
+        {"state_flag_get", k_composite, is_array, "uint8_t",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t index, uint32_t *err",
+         "ovrin::element_flag_get($table, $field, h, luid, instance, index, err)"},
+        {"state_flag_set", k_composite, is_array, "void",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t index, uint8_t value, uint32_t *err",
+         "ovrin::element_flag_set($table, $field, h, luid, instance, index, value, err)"},
+        {"state_flag_whole_get", k_composite, is_array, "uint8_t",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
+         "ovrin::field_flag_get($table, $field, h, luid, instance, err)"},
+        {"state_flag_whole_set", k_composite, is_array, "void",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint8_t value, uint32_t *err",
+         "ovrin::field_flag_set($table, $field, h, luid, instance, value, err)"},
+        {"state_flag_get_arr", k_composite, is_array, "void",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint8_t **flags, uint32_t *err",
+         "ovrin::flag_array_get($table, $field, h, luid, instance, flags, err)"},
+        {"state_flag_set_arr", k_composite, is_array, "void",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, const uint8_t *flags, uint32_t count, uint32_t *err",
+         "ovrin::flag_array_set($table, $field, h, luid, instance, flags, count, err)"},
+        {"length_get", k_composite, needs_length_accessors, "u_int32 *", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
+         "ovrin::var_length_get($table, $field, h, luid, instance, err)"},
+        {"length_get_value", k_composite, needs_length_accessors, "uint32_t",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
+         "ovrin::var_length_get_value($table, $field, h, luid, instance, err)"},
+        {"get", k_composite, is_var_array, "$FT *",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t index, uint32_t *err",
+         "static_cast<$FT *>(ovrin::var_get($table, $field, h, luid, instance, index, err))"},
+        {"set", k_composite, is_var_array, "void",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t index, $FT *value, uint32_t *err",
+         "ovrin::var_set($table, $field, h, luid, instance, index, value, 1, err)"},
+        {"set_cr", k_composite, is_var_array, "uint32_t", "mgx_handle_t *h, $T *instance, uint32_t index, $FT *value, int deep",
+         "ovrin::var_set_cr($table, $field, h, instance, index, value, deep)"},
+        {"remove_elements", k_composite, is_var_array, "void", "mgx_handle_t *h, uint32_t luid, $T *instance",
+         "ovrin::var_remove_elements($table, $field, h, luid, instance)"},
+        {"set", k_composite, is_string, "void",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, const char *text, uint32_t length, uint32_t *err",
+         "ovrin::string_set($table, $field, h, luid, instance, text, length, err)"},
+        {"set_cr", k_composite, is_string, "uint32_t", "mgx_handle_t *h, $T *instance, const char *text, uint32_t length",
+         "ovrin::string_set_cr($table, $field, h, instance, text, length)"},
+        {"get", k_composite, is_string, "void",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, char *buffer, uint32_t size, uint32_t *err",
+         "ovrin::string_get($table, $field, h, luid, instance, buffer, size, err)"},
     };
     return list;
 }

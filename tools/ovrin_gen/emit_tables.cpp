@@ -48,6 +48,13 @@ const char *type_kind_name(TypeKind k) {
     return "";
 }
 
+// The TypeFlag bits of ops/types.h that the catalogue asks for.
+std::string type_flags(const Type &t) {
+    std::string s;
+    if (t.select_by_user_value) s += "type_flag_select_by_user_value";
+    return s.empty() ? "type_flag_none" : s;
+}
+
 unsigned msg_base(const Type &t) { return bundle_message_count() + t.index * type_message_count(); }
 
 std::string byte_array(const uint8_t *bytes, size_t n, const char *indent) {
@@ -119,7 +126,7 @@ std::string emit_tables(const Catalogue &c) {
         s += format("    .n_fields = %zu,\n    .n_literals = %zu,\n    .index = %u,\n", t.fields.size(), t.literals.size(), t.index);
         s += format("    .kind = TypeKind::%s,\n    .n_variants = %d,\n    .discriminator = %d,\n", type_kind_name(t.kind),
                     t.n_variants, t.discriminator);
-        s += format("    .sttr_align = %u,\n    .flags = type_flag_none,\n};\n", t.sttr_align);
+        s += format("    .sttr_align = %u,\n    .flags = %s,\n};\n", t.sttr_align, type_flags(t).c_str());
     }
     s += "\nconst Type *const all[type_count] = {\n";
     for (const auto &t : c.types) s += format("    &%s,\n", t->name.c_str());

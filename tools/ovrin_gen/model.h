@@ -66,6 +66,7 @@ struct Type {
     int n_variants = 1;
     std::string discriminator_name;
     int discriminator = -1;
+    bool select_by_user_value = false; // union: members chosen by the discriminator's user value
     std::vector<Field> fields;
     std::vector<Literal> literals;
     unsigned index = 0; // registration order

@@ -50,7 +50,7 @@ int take_from(int line, std::vector<std::string> &w, size_t first_optional) {
     return from;
 }
 
-// "<kind> <name> [variants N] [discriminator <field>]"
+// "<kind> <name> [variants N] [discriminator <field>] [select_by user_value|stored_value]"
 std::unique_ptr<Type> parse_type_line(int line, const std::vector<std::string> &w) {
     auto t = std::make_unique<Type>();
     t->line = line;
@@ -68,6 +68,10 @@ std::unique_ptr<Type> parse_type_line(int line, const std::vector<std::string> &
             t->n_variants = static_cast<int>(n);
         } else if (w[i] == "discriminator" && t->kind == TypeKind::union_) {
             t->discriminator_name = identifier(line, w[i + 1], "discriminator field");
+        } else if (w[i] == "select_by" && t->kind == TypeKind::union_) {
+            if (w[i + 1] == "user_value") t->select_by_user_value = true;
+            else if (w[i + 1] != "stored_value")
+                throw Error(line, "select_by takes 'user_value' or 'stored_value', not '" + w[i + 1] + "'");
         } else {
             throw Error(line, "unexpected '" + w[i] + "' in the definition of " + t->name);
         }

@@ -1,0 +1,410 @@
+// Union members, fixed and variable arrays and counted strings: member slots and the
+// discriminator, the move of a whole union, variant-bound members, array bounds and growth,
+// per-element flags, string copies and lengths, and the out-of-memory paths.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <utility>
+
+#include "mgx/runtime.h"
+#include "ovrin_sm/ops.h"
+
+namespace {
+
+constexpr uint32_t luid = 7;
+
+struct Composite : ::testing::Test {
+    mgx_handle_t *h = mgx_handle_create();
+    uint32_t err = 0;
+    void SetUp() override { mgx_trace_clear(); }
+    void TearDown() override {
+        EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
+        mgx_handle_destroy(h);
+    }
+    void track() { mgx_handle_set_state_tracking(h, 1, MGX_STTR_TRACKED); }
+    size_t traced(const std::string &text, int severity = 3) const {
+        size_t n = 0;
+        for (size_t i = 0; i < mgx_trace_count(); ++i) n += text == mgx_trace_text(i) && mgx_trace_severity(i) == severity;
+        return n;
+    }
+    // Takes the error slot's code and clears it for the next call.
+    uint32_t code() { return std::exchange(err, 0u); }
+};
+
+// ---------------------------------------------------------------- unions
+
+TEST_F(Composite, ASecondMemberKeepsBothSlotsAndOnlyTheSelectedOneDetaches) {
+    auto *u = ovrin_smd_resp_event_create(h, luid);
+    auto *reg = session_mgr_reg_result_create(h, luid);
+    auto *fresh = sess_mgr_new_client_notif_create(h, luid);
+    ovrin_smd_resp_event_reg_result_set(h, luid, u, reg, &err);
+    ovrin_smd_resp_event_new_client_set(h, luid, u, fresh, &err);
+    ASSERT_EQ(code(), 0u);
+    EXPECT_EQ(u->resp_type.value, SESS_MGR_RCL_NEW_CLIENT_NOTIFY_CB);
+    EXPECT_EQ(ovrin_smd_resp_event_reg_result_get(h, luid, u, &err), reg);
+    EXPECT_EQ(ovrin_smd_resp_event_new_client_get(h, luid, u, &err), fresh);
+
+    // The switched-away member does not come out and stays where it was.
+    EXPECT_EQ(ovrin_smd_resp_event_reg_result_get_detach(h, luid, u, &err), nullptr);
+    EXPECT_EQ(u->reg_result, reg);
+    EXPECT_EQ(ovrin_smd_resp_event_new_client_get_detach(h, luid, u, &err), fresh);
+    EXPECT_EQ(u->new_client, nullptr);
+    EXPECT_EQ(u->resp_type.value, 0u);
+    EXPECT_EQ(ovrin_smd_resp_event_new_client_get_detach(h, luid, u, &err), nullptr);
+    EXPECT_EQ(code(), 0u);
+
+    sess_mgr_new_client_notif_destroy(h, luid, fresh);
+    ovrin_smd_resp_event_destroy(h, luid, u); // takes reg_result with it
+}
+
+TEST_F(Composite, AReplacedMemberIsDetachedNotDestroyed) {
+    mgx_handle_set_flags(h, MGX_HANDLE_DATABASE);
+    mgx_handle_set_domain_mode(h, 1);
+    mgx_handle_set_descriptor_luid(h, luid);
+    auto *u = sess_mgr_oper_data_create(h, luid);
+    auto *first = sess_mgr_ctrl_dir_create(h, luid);
+    auto *second = sess_mgr_ctrl_dir_create(h, luid);
+    sess_mgr_oper_data_oper_ctrl_dir_set(h, luid, u, first, &err);
+    mgx_hook_clear(h);
+    EXPECT_EQ(sess_mgr_oper_data_oper_ctrl_dir_set_cr(h, u, second), 0u);
+    ASSERT_EQ(mgx_hook_count_kind(h, MGX_HOOK_DETACH), 1u);
+    bool detached_first = false;
+    for (size_t i = 0; i < mgx_hook_count(h); ++i)
+        detached_first |= mgx_hook_entry(h, i)->kind == MGX_HOOK_DETACH && mgx_hook_entry(h, i)->object == first;
+    EXPECT_TRUE(detached_first);
+    EXPECT_EQ(mgx_hook_count_kind(h, MGX_HOOK_DESTROY), 0u);
+    sess_mgr_ctrl_dir_destroy(h, luid, first); // still alive: the caller's to release
+    sess_mgr_oper_data_destroy(h, luid, u);
+}
+
+TEST_F(Composite, WholeUnionSetMovesTheMembersOutOfTheSource) {
+    auto *src = ovrin_smd_in_event_create(h, luid);
+    auto *dst = ovrin_smd_in_event_create(h, luid);
+    auto *on = sess_mgr_monitoring_create(h, luid);
+    auto *off = sess_mgr_monitoring_create(h, luid);
+    ovrin_smd_in_event_disable_mon_set(h, luid, src, off, &err);
+    ovrin_smd_in_event_enable_mon_set(h, luid, src, on, &err); // same type, own slot
+    ovrin_smd_in_event_set(h, luid, dst, src, &err);
+    ASSERT_EQ(code(), 0u);
+    EXPECT_EQ(dst->enable_mon, on);
+    EXPECT_EQ(dst->disable_mon, off);
+    EXPECT_EQ(dst->event_type.value, SESS_MGR_RCL_IN_ENABLE_MONITORING);
+    EXPECT_EQ(src->enable_mon, nullptr);
+    EXPECT_EQ(src->disable_mon, nullptr);
+    EXPECT_EQ(src->event_type.value, SESS_MGR_RCL_IN_ENABLE_MONITORING);
+    ovrin_smd_in_event_destroy(h, luid, src);
+    ovrin_smd_in_event_destroy(h, luid, dst); // each member freed exactly once
+}
+
+TEST_F(Composite, LaterMembersNeedTheInstanceVariantAndSelectByTheirStoredValue) {
+    mgx_handle_set_domain_variant(h, "ovrin_smd_in_event", 1);
+    auto *u = ovrin_smd_in_event_create(h, luid);
+    ASSERT_EQ(reinterpret_cast<mgx_instance_hdr_t *>(u)->variant, 1);
+    auto *status = sess_mgr_reader_status_create(h, luid);
+    ovrin_smd_in_event_reader_status_set(h, luid, u, status, &err);
+    EXPECT_EQ(code(), MGX_EVARIANT);
+    EXPECT_EQ(u->reader_status, nullptr);
+    EXPECT_EQ(ovrin_smd_in_event_reader_status_get(h, luid, u, &err), nullptr);
+    EXPECT_EQ(code(), MGX_EVARIANT);
+    sess_mgr_reader_status_destroy(h, luid, status);
+
+    // remote_update (value 25, travelling as 24) is chosen by the stored 25.
+    auto *remote = sess_mgr_remote_update_create(h, luid);
+    ovrin_smd_in_event_remote_update_set(h, luid, u, remote, &err);
+    ASSERT_EQ(code(), 0u);
+    EXPECT_EQ(u->event_type.value, SESS_MGR_RCL_IN_REMOTE_UPDATE);
+    EXPECT_EQ(ovrin_smd_in_event_remote_update_get_detach(h, luid, u, &err), remote);
+    sess_mgr_remote_update_destroy(h, luid, remote);
+    ovrin_smd_in_event_destroy(h, luid, u);
+}
+
+TEST_F(Composite, DiscriminatorValueBeyondItsVariantIsRefused) {
+    auto *u = sess_mgr_oper_data_create(h, luid);
+    sm_oper_data_type_set_value(h, luid, sess_mgr_oper_data_oper_type_get(h, luid, u, &err), 2, &err);
+    EXPECT_EQ(code(), MGX_EVARIANT);
+    EXPECT_EQ(u->oper_type.value, 0u);
+    sess_mgr_oper_data_destroy(h, luid, u);
+}
+
+TEST_F(Composite, MemberFlagsUnderTracking) {
+    auto *untracked = sess_mgr_ctrl_dir_create(h, luid);
+    track();
+    auto *u = sess_mgr_oper_data_create(h, luid);
+    sess_mgr_oper_data_oper_ctrl_dir_set(h, luid, u, untracked, &err);
+    EXPECT_EQ(code(), MGX_EINVAL);
+    EXPECT_EQ(traced("The val object is not state tracked"), 1u);
+    EXPECT_EQ(u->oper_ctrl_dir, untracked); // stored all the same
+    EXPECT_EQ(sess_mgr_oper_data_oper_ctrl_dir_state_flag_get(h, luid, u, &err), 0);
+
+    auto *member = sess_mgr_ctrl_dir_create(h, luid);
+    EXPECT_EQ(sess_mgr_oper_data_oper_ctrl_dir_get_detach(h, luid, u, &err), untracked);
+    sess_mgr_ctrl_dir_destroy(h, luid, untracked);
+    sess_mgr_oper_data_oper_ctrl_dir_set(h, luid, u, member, &err);
+    EXPECT_EQ(sess_mgr_oper_data_oper_ctrl_dir_state_flag_get(h, luid, u, &err), 2);
+    EXPECT_EQ(ovrin_smd_resp_event_reg_result_state_flag_get(h, luid, nullptr, &err), 0);
+    EXPECT_EQ(code(), MGX_EINVAL);
+    EXPECT_EQ(sess_mgr_oper_data_oper_ctrl_dir_get_detach(h, luid, u, &err), member);
+    EXPECT_EQ(sess_mgr_oper_data_oper_ctrl_dir_state_flag_get(h, luid, u, &err), 0);
+    EXPECT_EQ(code(), 0u);
+    sess_mgr_ctrl_dir_destroy(h, luid, member);
+    sess_mgr_oper_data_destroy(h, luid, u);
+}
+
+// ---------------------------------------------------------------- fixed arrays
+
+TEST_F(Composite, FixedArrayBoundsAndBulkCopies) {
+    auto *p = sm_dot11_params_create(h, luid);
+    p->eType = 0xBEEF;
+    const u_int8 oui[4] = {0x00, 0x1B, 0x2C, 0x3D};
+    sm_dot11_params_oui_set_mem(h, luid, p, oui, 4, &err);
+    EXPECT_EQ(code(), MGX_EINVAL);
+    EXPECT_EQ(p->oui[0] | p->oui[1] | p->oui[2], 0);
+    sm_dot11_params_oui_set_mem(h, luid, p, oui, 3, &err);
+    u_int8 out[4] = {9, 9, 9, 9};
+    sm_dot11_params_oui_get_mem(h, luid, p, out, 4, &err);
+    EXPECT_EQ(code(), MGX_EINVAL);
+    EXPECT_EQ(out[0], 9);
+    sm_dot11_params_oui_get_mem(h, luid, p, out, 3, &err);
+    EXPECT_EQ(code(), 0u);
+    EXPECT_EQ(std::memcmp(out, oui, 3), 0);
+    EXPECT_EQ(out[3], 9);
+
+    EXPECT_EQ(sm_dot11_params_oui_get_value(h, luid, p, 3, &err), 0);
+    EXPECT_EQ(code(), MGX_ENOENT);
+    sm_dot11_params_oui_set_value(h, luid, p, 3, 0xFF, &err);
+    EXPECT_EQ(code(), MGX_ENOENT);
+    // The pointer form trusts its index: no error, and nothing past the array is touched.
+    const u_int8 v = 0x77;
+    for (uint32_t index : {3u, 4u, 1000u}) sm_dot11_params_oui_set(h, luid, p, index, &v, &err);
+    EXPECT_EQ(code(), 0u);
+    EXPECT_EQ(p->eType, 0xBEEF);
+    sm_dot11_params_oui_set(h, luid, p, 2, &v, &err);
+    EXPECT_EQ(sm_dot11_params_oui_get_value(h, luid, p, 2, &err), 0x77);
+    sm_dot11_params_destroy(h, luid, p);
+}
+
+TEST_F(Composite, EnumerationElementsKeepTheirHeaders) {
+    auto *b = ovrin_epm_bind_policy_info_create(h, luid);
+    ovrin_epm_bind_policy_info_policy_src_set_value(h, luid, b, 1, OVRIN_EPM_SOURCE_AAA, &err);
+    EXPECT_EQ(ovrin_epm_bind_policy_info_policy_src_get_value(h, luid, b, 1, &err), OVRIN_EPM_SOURCE_AAA);
+    ovrin_epm_policy_source src[4] = {};
+    for (uint32_t i = 0; i < 4; ++i) src[i].value = OVRIN_EPM_SOURCE_LOCAL_WLAN - i;
+    void *descriptor = b->policy_src[3].descriptor;
+    EXPECT_EQ(ovrin_epm_bind_policy_info_policy_src_set_mem_cr(h, b, src, 4), 0u);
+    EXPECT_EQ(b->policy_src[3].value, OVRIN_EPM_SOURCE_LOCAL);
+    EXPECT_EQ(b->policy_src[3].descriptor, descriptor);
+    EXPECT_NE(b->policy_src[3].flags & MGX_IF_NESTED, 0);
+    EXPECT_EQ(code(), 0u);
+    ovrin_epm_bind_policy_info_destroy(h, luid, b);
+}
+
+TEST_F(Composite, FixedArrayFlagsAndTheAsymmetricFlagArrayCopy) {
+    track();
+    auto *p = sm_dot11_params_create(h, luid);
+    const u_int8 oui[3] = {1, 2, 3};
+    sm_dot11_params_oui_set_mem(h, luid, p, oui, 3, &err);
+    EXPECT_EQ(sm_dot11_params_oui_state_flag_whole_get(h, luid, p, &err), 2); // only the whole-array flag
+    for (uint32_t i = 0; i < 3; ++i) EXPECT_EQ(sm_dot11_params_oui_state_flag_get(h, luid, p, i, &err), 0);
+    sm_dot11_params_oui_set_value(h, luid, p, 1, 9, &err);
+    EXPECT_EQ(sm_dot11_params_oui_state_flag_get(h, luid, p, 1, &err), 2);
+    EXPECT_EQ(sm_dot11_params_oui_state_flag_get(h, luid, p, 3, &err), 0);
+    EXPECT_EQ(code(), MGX_ENOENT);
+
+    uint8_t *per_element = nullptr;
+    sm_dot11_params_oui_state_flag_get_arr(h, luid, p, &per_element, &err);
+    ASSERT_NE(per_element, nullptr);
+    EXPECT_EQ(per_element[1], 2);
+    const uint8_t flags[3] = {7, 8, 9};
+    sm_dot11_params_oui_state_flag_set_arr(h, luid, p, flags, 2, &err);
+    EXPECT_EQ(code(), MGX_ENOENT);
+    mgx_journal_clear(h);
+    sm_dot11_params_oui_state_flag_set_arr(h, luid, p, flags, 3, &err);
+    EXPECT_EQ(code(), 0u);
+    // Written at the start of the record's area (the first fields' bytes), unannounced.
+    EXPECT_EQ(per_element[0], 0);
+    EXPECT_EQ(per_element[1], 2);
+    EXPECT_EQ(sm_dot11_params_apfMsBssid_state_flag_get(h, luid, p, &err), 7);
+    EXPECT_EQ(sm_dot11_params_apfMsAddress_state_flag_get(h, luid, p, &err), 9);
+    EXPECT_EQ(mgx_journal_count(h), 0u);
+
+    mgx_handle_set_state_tracking(h, 1, MGX_STTR_UNTRACKED);
+    sm_dot11_params_oui_state_flag_set_arr(h, luid, p, flags, 3, &err);
+    EXPECT_EQ(code(), MGX_EINVAL);
+    EXPECT_EQ(traced("The object is not state tracked"), 0u);
+    sm_dot11_params_destroy(h, luid, p);
+}
+
+// ---------------------------------------------------------------- variable arrays
+
+fqdn_domain_name_bind *named(mgx_handle_t *h, const char *name) {
+    auto *e = fqdn_domain_name_bind_create(h, luid);
+    uint32_t err = 0;
+    fqdn_domain_name_bind_name_set_cr(h, e, name, static_cast<uint32_t>(std::strlen(name)));
+    fqdn_domain_name_bind_fqdn_register_set_value(h, luid, e, 1, &err);
+    return e;
+}
+
+TEST_F(Composite, SettingIndexFiveOfAnEmptyArrayGrowsItExactly) {
+    track();
+    auto *r = ovrin_svm_epm_notify_domain_name_bind_create(h, luid);
+    auto *value = named(h, "a.example");
+    uint64_t blocks = mgx_handle_live_allocations(h), used = mgx_handle_live_bytes(h);
+    ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, luid, r, 5, value, &err);
+    ASSERT_EQ(code(), 0u);
+    EXPECT_EQ(r->domain_names_length, 6u);
+    // One block of six elements and two state bytes each, plus the copied name.
+    EXPECT_EQ(mgx_handle_live_allocations(h), blocks + 2);
+    EXPECT_EQ(mgx_handle_live_bytes(h), used + 6 * sizeof(fqdn_domain_name_bind) + 6 * 2 + 10);
+    for (uint32_t i = 0; i < 5; ++i) {
+        fqdn_domain_name_bind *gap = ovrin_svm_epm_notify_domain_name_bind_domain_names_get(h, luid, r, i, &err);
+        ASSERT_NE(gap, nullptr);
+        EXPECT_EQ(gap->name_len, 0u);
+        EXPECT_EQ(gap->name, nullptr);
+        EXPECT_EQ(gap->descriptor, value->descriptor);
+        EXPECT_NE(gap->flags & MGX_IF_NESTED, 0);
+    }
+    fqdn_domain_name_bind *last = &r->domain_names[5];
+    EXPECT_STREQ(last->name, "a.example");
+    EXPECT_NE(last->name, value->name);
+    EXPECT_EQ(last->fqdn_register, 1);
+    EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_domain_names_get(h, luid, r, 6, &err), nullptr);
+    EXPECT_EQ(code(), MGX_ENOENT);
+
+    // Flags: the whole array and element 5 (its first byte of two) are marked.
+    EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_domain_names_state_flag_whole_get(h, luid, r, &err), 2);
+    uint8_t *flags = nullptr;
+    ovrin_svm_epm_notify_domain_name_bind_domain_names_state_flag_get_arr(h, luid, r, &flags, &err);
+    EXPECT_EQ(flags, reinterpret_cast<uint8_t *>(r->domain_names + 6));
+    EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_domain_names_state_flag_get(h, luid, r, 5, &err), 2);
+    EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_domain_names_state_flag_get(h, luid, r, 4, &err), 0);
+    EXPECT_EQ(code(), 0u);
+
+    ovrin_svm_epm_notify_domain_name_bind_domain_names_remove_elements(h, luid, r);
+    EXPECT_EQ(r->domain_names, nullptr);
+    EXPECT_EQ(r->domain_names_length, 0u);
+    EXPECT_EQ(mgx_handle_live_allocations(h), blocks);
+    ovrin_svm_epm_notify_domain_name_bind_domain_names_remove_elements(h, luid, r); // nothing left to do
+    fqdn_domain_name_bind_destroy(h, luid, value);
+    ovrin_svm_epm_notify_domain_name_bind_destroy(h, luid, r);
+}
+
+TEST_F(Composite, GrowingANonEmptyArrayMovesElementsAndTracesOncePerProcess) {
+    track();
+    const std::string text = "Reallocating resource for sess_mgr_sess_attr_query_resp";
+    auto *r = sess_mgr_sess_attr_query_resp_create(h, luid);
+    auto *value = sess_mgr_query_resp_create(h, luid);
+    value->label.session_label = 41;
+    EXPECT_EQ(sess_mgr_sess_attr_query_resp_resp_array_set_cr(h, r, 0, value, 1), 0u);
+    EXPECT_EQ(traced(text), 0u); // nothing to move from
+    value->label.session_label = 42;
+    EXPECT_EQ(sess_mgr_sess_attr_query_resp_resp_array_set_cr(h, r, 2, value, 0), 0u); // built from the wire form
+    EXPECT_EQ(sess_mgr_sess_attr_query_resp_resp_array_set_cr(h, r, 3, value, 1), 0u);
+    EXPECT_EQ(traced(text), 1u); // the first move of this type's arrays in the process
+    mgx_trace_clear();
+    EXPECT_EQ(sess_mgr_sess_attr_query_resp_resp_array_set_cr(h, r, 4, value, 1), 0u);
+    EXPECT_EQ(traced(text), 0u);
+
+    ASSERT_EQ(sess_mgr_sess_attr_query_resp_resp_array_length_get_value(h, luid, r, &err), 5u);
+    EXPECT_EQ(r->resp_array[0].label.session_label, 41u);
+    EXPECT_EQ(r->resp_array[1].label.session_label, 0u);
+    EXPECT_EQ(r->resp_array[2].label.session_label, 42u);
+    // Each moved element's nested label is registered against its second state byte in the new block.
+    auto *flags = reinterpret_cast<uint8_t *>(r->resp_array + 5);
+    for (uint32_t k = 0; k < 5; ++k) {
+        int64_t offset = 0;
+        ASSERT_TRUE(mgx_sttr_offset_lookup(h, &r->resp_array[k].label, &offset)) << k;
+        EXPECT_EQ(reinterpret_cast<uint8_t *>(&r->resp_array[k].label) + offset, flags + 2 * k + 1) << k;
+    }
+    sess_mgr_query_resp_destroy(h, luid, value);
+    sess_mgr_sess_attr_query_resp_destroy(h, luid, r);
+}
+
+TEST_F(Composite, FailedGrowthAndUntrackedValuesLeaveTheArrayAsItWas) {
+    auto *r = ovrin_svm_epm_notify_domain_name_bind_create(h, luid);
+    auto *value = named(h, "b.example");
+    ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, luid, r, 0, value, &err);
+    fqdn_domain_name_bind *block = r->domain_names;
+    uint64_t blocks = mgx_handle_live_allocations(h);
+    mgx_handle_fail_allocation(h, 1);
+    ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, luid, r, 3, value, &err);
+    EXPECT_EQ(code(), MGX_ENOMEM);
+    EXPECT_EQ(r->domain_names, block);
+    EXPECT_EQ(r->domain_names_length, 1u);
+    EXPECT_STREQ(block->name, "b.example");
+    EXPECT_EQ(mgx_handle_live_allocations(h), blocks);
+    ovrin_svm_epm_notify_domain_name_bind_destroy(h, luid, r);
+
+    track();
+    r = ovrin_svm_epm_notify_domain_name_bind_create(h, luid);
+    ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, luid, r, 0, value, &err);
+    EXPECT_EQ(code(), MGX_EINVAL);
+    EXPECT_EQ(traced("The val object is not state tracked"), 1u);
+    EXPECT_EQ(r->domain_names, nullptr);
+    fqdn_domain_name_bind_destroy(h, luid, value);
+    ovrin_svm_epm_notify_domain_name_bind_destroy(h, luid, r);
+}
+
+// ---------------------------------------------------------------- counted strings
+
+TEST_F(Composite, StringsCopyExactlyTheirLengthAndCutCopiesOut) {
+    auto *n = sess_mgr_client_name_create(h, luid);
+    sess_mgr_client_name_client_name_set(h, luid, n, "hello world", 5, &err);
+    EXPECT_STREQ(n->client_name, "hello");
+    EXPECT_EQ(sess_mgr_client_name_cl_name_len_get_value(h, luid, n, &err), 5u);
+    char out[8];
+    sess_mgr_client_name_client_name_get(h, luid, n, out, sizeof out, &err);
+    EXPECT_EQ(code(), 0u);
+    EXPECT_STREQ(out, "hello");
+    sess_mgr_client_name_client_name_get(h, luid, n, out, 5, &err);
+    EXPECT_EQ(code(), MGX_ERANGE);
+    EXPECT_STREQ(out, "hell");
+    sess_mgr_client_name_client_name_get(h, luid, n, out, 0, &err);
+    EXPECT_EQ(code(), MGX_EINVAL);
+
+    // An earlier NUL ends the text; the length stays the one given.
+    sess_mgr_client_name_client_name_set(h, luid, n, "ab\0cdef", 6, &err);
+    EXPECT_EQ(n->cl_name_len, 6u);
+    sess_mgr_client_name_client_name_get(h, luid, n, out, sizeof out, &err);
+    EXPECT_STREQ(out, "ab");
+
+    EXPECT_EQ(sess_mgr_client_name_client_name_set_cr(h, n, "ignored", 0), 0u);
+    EXPECT_EQ(n->client_name, nullptr);
+    EXPECT_EQ(n->cl_name_len, 0u);
+    sess_mgr_client_name_client_name_get(h, luid, n, out, sizeof out, &err);
+    EXPECT_EQ(code(), 0u);
+    EXPECT_STREQ(out, "");
+    sess_mgr_client_name_destroy(h, luid, n);
+}
+
+TEST_F(Composite, ShortLengthFieldsKeepTheLowSixteenBitsAndNoLimitApplies) {
+    auto *f = fqdn_domain_name_bind_create(h, luid);
+    const std::string text(70000, 'x');
+    EXPECT_EQ(fqdn_domain_name_bind_name_set_cr(h, f, text.c_str(), 65537), 0u);
+    EXPECT_EQ(f->name_len, 1u);
+    EXPECT_STREQ(f->name, "x");
+    fqdn_domain_name_bind_destroy(h, luid, f);
+
+    // A 32-bit length field takes lengths far above the domain's published limits.
+    auto *b = ovrin_epm_bind_policy_info_create(h, luid);
+    EXPECT_EQ(ovrin_epm_bind_policy_info_sgacl_name_set_cr(h, b, text.c_str(), 600), 0u);
+    EXPECT_EQ(b->max_sgacl_name_length, 600u);
+    EXPECT_EQ(std::strlen(b->sgacl_name), 600u);
+    ovrin_epm_bind_policy_info_destroy(h, luid, b);
+}
+
+TEST_F(Composite, AFailedStringAllocationLeavesNoStringAndTheOldLength) {
+    track();
+    auto *s = sess_mgr_sensor_update_create(h, luid);
+    sess_mgr_sensor_update_agent_name_set(h, luid, s, "curl", 4, &err);
+    EXPECT_EQ(sess_mgr_sensor_update_agent_name_state_flag_get(h, luid, s, &err), 2);
+    uint64_t blocks = mgx_handle_live_allocations(h);
+    mgx_handle_fail_allocation(h, 1);
+    EXPECT_EQ(sess_mgr_sensor_update_agent_name_set_cr(h, s, "wget-x", 6), MGX_ENOMEM);
+    EXPECT_EQ(s->agent_name, nullptr);
+    EXPECT_EQ(s->http_agent_name_len, 4u);
+    EXPECT_EQ(mgx_handle_live_allocations(h), blocks - 1);
+    sess_mgr_sensor_update_destroy(h, luid, s);
+}
+
+} // namespace
