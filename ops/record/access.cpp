@@ -277,7 +277,6 @@ void duplicate_array(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lu
     for (uint32_t k = 0; k < n; ++k) {
         void *element = bytes(copy) + k * f.elem_size;
         uint8_t *element_flags = tracked_block ? bytes(copy) + elements + 2 * k : nullptr;
-        if (element_flags) mgxlib_update_sttr_offset(h, luid, element, element_flags - bytes(element));
         initialize(*f.type, h, luid, element, f.type->descriptor, 0, 0, MGX_IF_NESTED, element_flags, err);
         copy_instance(*f.type, h, luid, element, bytes(source) + k * f.elem_size, err, true);
     }

@@ -37,6 +37,56 @@ const std::vector<EntryPoint> &entry_points() {
         {"get_object_references", k_all, "void",
          "mgx_handle_t *h, uint32_t luid, const $T *instance, uint64_t *array, uint32_t count, uint32_t *err",
          "ovrin::get_object_references($table, h, luid, instance, array, count, err)"},
+        // Compare, hash and validity.
+        {"compare", k_composite, "int32_t", "const $T *a, const $T *b", "ovrin::compare($table, a, b)"},
+        {"hash", k_composite, "uint32_t", "const $T *instance, uint32_t seed", "ovrin::hash($table, instance, seed)"},
+        {"is_valid_cr", k_composite, "mgx_boolean",
+         "mgx_handle_t *h, const $T *instance, uint32_t member_index, uint32_t flags",
+         "ovrin::is_valid_cr($table, h, instance, member_index, flags)"},
+        // Wire form and clone: records and unions.
+        {"len", k_composite, "uint32_t", "mgx_handle_t *h, uint32_t luid, const $T *instance",
+         "ovrin::wire_length($table, h, luid, instance)"},
+        {"len_cr", k_composite, "uint32_t", "mgx_handle_t *h, const $T *instance",
+         "ovrin::wire_length_cr($table, h, instance)"},
+        {"marshal", k_composite, "uint32_t",
+         "mgx_handle_t *h, uint32_t luid, uint8_t *buf, const $T *instance, int32_t space, uint32_t *err",
+         "ovrin::encode($table, h, luid, buf, instance, space, true, err)"},
+        {"marshal_for_clone", k_composite, "uint32_t",
+         "mgx_handle_t *h, uint32_t luid, uint8_t *buf, const $T *instance, int32_t space, uint32_t *err",
+         "ovrin::encode($table, h, luid, buf, instance, space, false, err)"},
+        {"unmarshal", k_composite, "uint32_t",
+         "mgx_handle_t *h, uint32_t luid, const uint8_t *buf, $T *instance, int32_t length, uint32_t flags, "
+         "uint32_t *err",
+         "ovrin::decode($table, h, luid, buf, instance, length, flags, err)"},
+        {"adjust_variant", k_composite, "uint32_t", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
+         "ovrin::adjust_variant($table, h, luid, instance, err)"},
+        {"clone", k_composite, "void",
+         "mgx_handle_t *h, uint32_t luid, const $T *source, $T **destination, uint8_t *buf, uint32_t length, "
+         "uint32_t *err",
+         "ovrin::clone($table, h, luid, source, reinterpret_cast<void **>(destination), buf, length, err)"},
+        {"clone_internal", k_composite, "void",
+         "mgx_handle_t *h, uint32_t luid, const $T *source, $T **destination, uint8_t *buf, uint32_t length, "
+         "uint32_t *err",
+         "ovrin::clone_internal($table, h, luid, source, reinterpret_cast<void **>(destination), buf, length, err)"},
+        {"clone_cr", k_composite, "$T *", "mgx_handle_t *h, const $T *source, uint32_t work_space_min",
+         "static_cast<$T *>(ovrin::clone_cr($table, h, source, work_space_min))"},
+        // XML and print forms: records and unions.
+        {"to_xml", k_composite, "uint32_t",
+         "mgx_handle_t *h, uint32_t luid, const char *name, char *buf, const $T *instance, uint32_t size, "
+         "uint8_t state_flag, uint32_t *err",
+         "ovrin::to_xml($table, h, luid, name, buf, instance, size, state_flag, err)"},
+        {"toxml_cr", k_composite, "uint32_t", "mgx_handle_t *h, const $T *instance, char *buf, uint32_t size",
+         "ovrin::toxml_cr($table, h, instance, buf, size)"},
+        {"from_xml", k_composite, "void",
+         "mgx_handle_t *h, uint32_t luid, const char *path, void *doc, $T *instance, uint32_t *err, char *msg, "
+         "uint32_t msg_size",
+         "ovrin::from_xml($table, h, luid, path, doc, instance, err, msg, msg_size)"},
+        {"print", k_composite, "uint32_t",
+         "mgx_handle_t *h, uint32_t luid, char *buf, uint32_t indent, const char *name, const $T *instance, "
+         "uint32_t size, uint32_t *err",
+         "ovrin::print($table, h, luid, buf, indent, name, instance, size, err)"},
+        {"print_cr", k_composite, "int32_t", "mgx_handle_t *h, const $T *instance, char *buf, uint32_t size",
+         "ovrin::print_cr($table, h, instance, buf, size)"},
         // Field access and state tracking.
         {"get", k_composite, "$T *", "mgx_handle_t *h, uint32_t luid, $T *instance", "static_cast<$T *>(ovrin::get($table, h, luid, instance))"},
         {"set", k_composite, "void", "mgx_handle_t *h, uint32_t luid, $T *dst, $T *src, uint32_t *err",
@@ -54,12 +104,6 @@ const std::vector<EntryPoint> &entry_points() {
          "ovrin::offset_update($table, h, luid, instance, flag_base, err)"},
         {"offset_remove", k_composite, "void", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
          "ovrin::offset_remove($table, h, luid, instance, err)"},
-        // Compare, hash and validity.
-        {"compare", k_composite, "int32_t", "const $T *a, const $T *b", "ovrin::compare($table, a, b)"},
-        {"hash", k_composite, "uint32_t", "const $T *instance, uint32_t seed", "ovrin::hash($table, instance, seed)"},
-        {"is_valid_cr", k_composite, "mgx_boolean",
-         "mgx_handle_t *h, const $T *instance, uint32_t member_index, uint32_t flags",
-         "ovrin::is_valid_cr($table, h, instance, member_index, flags)"},
         // Enumerations.
         {"map_to_user_value", k_enum, "uint32_t", "uint32_t value", "ovrin::enum_map_to_user_value($table, value)"},
         {"map_to_internal_value", k_enum, "uint32_t", "uint32_t value",
