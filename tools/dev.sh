@@ -73,7 +73,7 @@ gate_fuzz() {
             echo "fuzz target $target failed: reproduce with $out-fuzz/fuzz/ovrin_fuzz_$target FILE" >&2
             return 1
         fi
-        echo "$target: $(grep -m1 -o 'cov: [0-9]*' <(grep '#' "$log" | tail -n 1)) \
+        echo "$target: $(grep -E '^#[0-9]+' "$log" | tail -n 1 | grep -o 'cov: [0-9]* ft: [0-9]*'), \
 $(grep -E '^stat::number_of_executed_units' "$log" | tr -d ' ')"
     done
 }
