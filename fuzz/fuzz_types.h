@@ -27,6 +27,7 @@ struct TypeOps {
     uint32_t (*unmarshal)(mgx_handle_t *, uint32_t, const uint8_t *, void *, int32_t, uint32_t, uint32_t *);
     uint32_t (*record_len)(mgx_handle_t *, uint32_t, const void *);
     int32_t (*compare)(const void *, const void *); // null until the library has it
+    uint32_t (*hash)(const void *, uint32_t);         // likewise
     uint32_t (*to_xml)(mgx_handle_t *, uint32_t, const char *, char *, const void *, uint32_t, uint8_t, uint32_t *);
     void (*from_xml)(mgx_handle_t *, uint32_t, const char *, void *, void *, uint32_t *, char *, uint32_t);
 };
@@ -58,6 +59,7 @@ inline const std::vector<TypeOps> &types() {
                 t.unmarshal = lookup<decltype(t.unmarshal)>(t.name, "unmarshal");
                 if (!t.is_enum) t.record_len = lookup<decltype(t.record_len)>(t.name, "len");
                 t.compare = lookup<decltype(t.compare)>(t.name, "compare");
+                t.hash = lookup<decltype(t.hash)>(t.name, "hash");
                 t.to_xml = lookup<decltype(t.to_xml)>(t.name, "to_xml");
                 t.from_xml = lookup<decltype(t.from_xml)>(t.name, "from_xml");
                 if (!t.create || !t.destroy || !t.adjust_variant || !t.marshal || !t.unmarshal ||

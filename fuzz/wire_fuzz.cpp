@@ -5,8 +5,8 @@
 // wire form. Whatever the bytes, the decoder must not crash or read past them (the input is
 // copied to an exact-size heap block). When it accepts them, encoding the instance, decoding that
 // encoding into a second fresh instance and encoding again must give the same bytes, compare
-// must call the two equal, and decoding the encoding again over the first instance (reusing its
-// storage) must give it back too. In the end every block is freed.
+// must call the two equal and their hashes must agree, and decoding the encoding again over the
+// first instance (reusing its storage) must give it back too. In the end every block is freed.
 #include <memory>
 
 #include "fuzz/fuzz_types.h"
@@ -37,6 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         std::vector<uint8_t> second = fuzz::encode(t, h, b, &e, first.size());
         if (e || second != first) die(t.name + ": encode, decode, encode differs");
         if (t.compare && t.compare(a, b) != 0) die(t.name + ": compare says the round trip differs");
+        if (t.hash && t.hash(a, 7) != t.hash(b, 7)) die(t.name + ": the round trip hashes differently");
         if (t.unmarshal(h, 1, first.data(), a, static_cast<int32_t>(first.size()), 0xFFFFFFFFu, &e) != first.size() || e)
             die(t.name + ": decode over a filled instance fails, error " + std::to_string(e));
         if (fuzz::encode(t, h, a, &e, first.size()) != first || e) die(t.name + ": decode over a filled instance differs");
