@@ -84,7 +84,7 @@ case "$cmd" in
     demo)
         install_missing
         build "$out" -DOVRIN_TESTS=OFF
-        exec "./$out/ovrin-sm" demo "$@"
+        exec "$out/ovrin-sm" demo "$@"
         ;;
     test)
         install_missing
