@@ -232,7 +232,7 @@ TEST_F(Reliability, CompositeSettersFailEveryAllocationCleanly) {
 
 // Every prefix of a full encoding of every type (every member of a union), from an exact-size heap
 // copy so that AddressSanitizer sees any read past the cut, into a fresh instance: an error, no
-// more consumed than given, nothing leaked; the whole encoding decodes.
+// more consumed than given, nothing leaked. The whole encoding decodes to an equal instance.
 TEST_F(Reliability, EveryPrefixOfEveryTypeDecodesToAnError) {
     for (bool tracked : {false, true}) {
         set_tracked(tracked);
@@ -260,6 +260,10 @@ TEST_F(Reliability, EveryPrefixOfEveryTypeDecodesToAnError) {
                 EXPECT_EQ(o.unmarshal(h, 1, wire.data(), whole, static_cast<int32_t>(wire.size()), 0, &e), wire.size())
                     << what;
                 EXPECT_EQ(e, 0u) << what;
+                EXPECT_EQ(typeops::encode(o, h, whole, &e), wire) << what;
+                if (o.compare) {
+                    EXPECT_EQ(o.compare(source, whole), 0) << what;
+                }
                 o.destroy(h, 1, whole);
                 o.destroy(h, 1, source);
             }
