@@ -1,0 +1,117 @@
+#!/usr/bin/env bash
+# The installed package, used as a consumer would use it: installs the build tree into a fresh
+# prefix, checks what was installed (only under the prefix; SONAMEs; no C++ symbols exported; no
+# path back into the build tree), runs the installed tool, then builds tests/consumer/consumer.c
+# through find_package(ovrin_sm) and through pkg-config and runs both. consumer.c ends by checking
+# that its handle holds no allocation.
+#
+#   consumer_test.sh BUILD_DIR SOURCE_DIR C_COMPILER LIBDIR [SANITIZER_FLAGS]
+#
+# LIBDIR is the build's CMAKE_INSTALL_LIBDIR. SANITIZER_FLAGS are given when the libraries are
+# instrumented: a program that loads them must be built with the same sanitizers.
+set -euo pipefail
+
+build=$(realpath "$1")
+source=$(realpath "$2")
+cc=$3
+libdir=$4
+sanitize=${5:-}
+
+if [[ $libdir == /* ]]; then
+    echo "skipped: the libraries install to the absolute directory $libdir, outside any chosen prefix"
+    exit 77
+fi
+
+work=$(mktemp -d "$build/tests/package.XXXXXX")
+prefix=$work/prefix
+ok=0
+trap '[ $ok = 1 ] && rm -rf "$work" || echo "(work files kept in $work)"' EXIT
+
+fail() {
+    echo "FAIL: $*" >&2
+    exit 1
+}
+
+# A real user's environment does not point the loader into the build tree.
+unset LD_LIBRARY_PATH
+
+# The real path of the library named like $2 that the loader picks for the program $1.
+loaded() {
+    local path
+    path=$(LD_TRACE_LOADED_OBJECTS=1 "$1" | awk -v lib="$2" '$1 ~ "^" lib {print $3; exit}')
+    [ -n "$path" ] || fail "$1 does not load $2"
+    realpath "$path"
+}
+
+echo "== install into $prefix"
+cmake --install "$build" --prefix "$prefix" >"$work/install.log"
+installed=$(grep -E '^-- (Installing|Up-to-date): ' "$work/install.log" | sed -E 's/^-- [^:]*: //')
+[ -n "$installed" ] || fail "cmake --install reported no files"
+while read -r f; do
+    [[ $f == "$prefix"/* ]] || fail "installed outside the prefix: $f"
+done <<<"$installed"
+lib=$prefix/$libdir
+for h in mgx/contract.h mgx/runtime.h ovrin_sm/types.h ovrin_sm/ops.h; do
+    [ -f "$prefix/include/$h" ] || fail "header $h is not installed"
+done
+
+echo "== installed libraries"
+for name in mgx ovrin_sm; do
+    so=$lib/lib$name.so
+    [ "$(readlink "$so")" = "lib$name.so.0" ] || fail "lib$name.so does not link to lib$name.so.0"
+    soname=$(readelf -d "$so" | sed -nE 's/.*\(SONAME\).*\[(.*)\]/\1/p')
+    [ "$soname" = "lib$name.so.0" ] || fail "lib$name.so has SONAME '$soname'"
+    cxx=$(nm -D --defined-only "$so" | awk '$3 ~ /^_Z/ {print $3}' | head -n 5)
+    [ -z "$cxx" ] || fail "lib$name.so exports C++ symbols: $cxx"
+    if readelf -d "$so" | grep -E 'R(UN)?PATH' | grep -qF "$build"; then
+        fail "lib$name.so still searches the build tree"
+    fi
+    echo "lib$name.so: SONAME $soname, $(nm -D --defined-only "$so" | wc -l) symbols exported"
+done
+
+echo "== the installed tool"
+tool=$prefix/bin/ovrin-sm
+[ "$(loaded "$tool" libovrin_sm.so)" = "$(realpath "$lib/libovrin_sm.so.0")" ] ||
+    fail "ovrin-sm does not load the installed libovrin_sm"
+"$tool" types >"$work/types.txt"
+head -n 4 "$work/types.txt"
+[ "$(wc -l <"$work/types.txt")" -eq 80 ] || fail "ovrin-sm types did not list 79 types"
+"$tool" manifest >"$work/manifest.txt"
+manifest_lib=$(head -n 1 "$work/manifest.txt" | sed 's/: .ovrin_sm_manifest$//')
+[ "$(realpath "$manifest_lib")" = "$(realpath "$lib/libovrin_sm.so.0")" ] ||
+    fail "ovrin-sm manifest read $manifest_lib"
+
+expect_intact() {
+    "$1" >"$work/run.txt" || { cat "$work/run.txt"; fail "$1 failed"; }
+    cat "$work/run.txt"
+    grep -q "decoded intact for client 'consumer'" "$work/run.txt" || fail "$1 printed no round trip"
+}
+
+echo "== consumer through find_package(ovrin_sm)"
+generator=()
+command -v ninja >/dev/null && generator=(-G Ninja)
+cmake -S "$source/tests/consumer" -B "$work/cmake" "${generator[@]}" \
+    -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF \
+    -DCMAKE_C_COMPILER="$cc" -DCMAKE_C_FLAGS="$sanitize" -DCMAKE_EXE_LINKER_FLAGS="$sanitize" \
+    >"$work/cmake.log" || { cat "$work/cmake.log"; fail "the consumer does not configure"; }
+grep -qF "found in $prefix/" "$work/cmake.log" || { cat "$work/cmake.log"; fail "find_package did not use $prefix"; }
+cmake --build "$work/cmake" >"$work/build.log" || { cat "$work/build.log"; fail "the consumer does not build"; }
+[ "$(loaded "$work/cmake/consumer" libovrin_sm.so)" = "$(realpath "$lib/libovrin_sm.so.0")" ] ||
+    fail "the CMake-built consumer does not load the installed libovrin_sm"
+expect_intact "$work/cmake/consumer"
+
+echo "== consumer through pkg-config"
+export PKG_CONFIG_PATH=$lib/pkgconfig
+flags=$(pkg-config --cflags --libs ovrin_sm)
+echo "pkg-config --cflags --libs ovrin_sm: $flags"
+# shellcheck disable=SC2086 # the flags are words
+"$cc" -std=c11 -Wall -Wextra -Werror -pedantic $sanitize "$source/tests/consumer/consumer.c" $flags \
+    -o "$work/consumer-pc"
+pc_libdir=$(pkg-config --variable=libdir ovrin_sm)
+export LD_LIBRARY_PATH=$pc_libdir
+[ "$(loaded "$work/consumer-pc" libovrin_sm.so)" = "$(realpath "$lib/libovrin_sm.so.0")" ] ||
+    fail "the pkg-config consumer does not load the installed libovrin_sm"
+expect_intact "$work/consumer-pc"
+
+ok=1
+echo "package.consumer: passed"
