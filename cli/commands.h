@@ -15,7 +15,11 @@ int ovrin_cmd_decode(int argc, char **argv);
 // ovrin-sm encode TYPE [FILE] [--hex] [--tracked]: an XML document to wire bytes.
 int ovrin_cmd_encode(int argc, char **argv);
 
-// ovrin-sm demo [--xml|--hex|--quiet] [--count N] [--corrupt FRAME]: a client and a session
+// ovrin-sm trace FILE [--library LIBRARY]: a binary trace file decoded to timestamped lines with
+// the texts read from the non-loaded section of the library that wrote it.
+int ovrin_cmd_trace(int argc, char **argv);
+
+// ovrin-sm demo [--xml|--hex|--quiet] [--count N] [--corrupt FRAME] [--trace FILE]: a client and a session
 // manager in two processes exchanging one session's messages (or N sessions), each checked on
 // arrival; 0 when every message arrived intact and no allocation was left behind.
 int ovrin_cmd_demo(int argc, char **argv);

@@ -43,6 +43,8 @@ struct Options {
     // Frame of the first session (1-based, both directions in order) whose sender inverts the
     // second half of the encoding before sending it: the receiver must notice.
     int corrupt = 0;
+    // Binary trace file both processes append their emissions to ("ovrin-sm trace FILE" reads it).
+    const char *trace = nullptr;
 };
 
 // ------------------------------------------------------------------ the conversation
@@ -712,6 +714,7 @@ bool parse(int argc, char **argv, Options &o) {
         if (!std::strcmp(a, "--xml")) o.render = Render::xml;
         else if (!std::strcmp(a, "--hex")) o.render = Render::hex;
         else if (!std::strcmp(a, "--quiet")) o.render = Render::none;
+        else if (!std::strcmp(a, "--trace") && i + 1 < argc) o.trace = argv[++i];
         else if ((!std::strcmp(a, "--count") || !std::strcmp(a, "--corrupt")) && i + 1 < argc) {
             char *end = nullptr;
             long v = std::strtol(argv[++i], &end, 10);
@@ -729,8 +732,14 @@ bool parse(int argc, char **argv, Options &o) {
 int ovrin_cmd_demo(int argc, char **argv) {
     Options opt;
     if (!parse(argc, argv, opt)) {
-        std::fprintf(stderr, "usage: ovrin-sm demo [--xml | --hex | --quiet] [--count N] [--corrupt FRAME]\n");
+        std::fprintf(stderr, "usage: ovrin-sm demo [--xml | --hex | --quiet] [--count N] [--corrupt FRAME] [--trace FILE]\n");
         return 2;
+    }
+    if (opt.trace) {
+        if (int e = mgx_trace_file_open(opt.trace)) {
+            std::fprintf(stderr, "ovrin-sm demo: cannot write the trace file %s: %s\n", opt.trace, std::strerror(e));
+            return 1;
+        }
     }
     int fds[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) {

@@ -14,7 +14,9 @@ void usage(FILE *out) {
                "  manifest [LIBRARY]    print the type manifest and build record of a library file\n"
                "  decode TYPE [FILE]    wire bytes (binary, or hex with --hex) to the print form, or XML with --xml\n"
                "  encode TYPE [FILE]    an XML document to wire bytes (binary, or hex with --hex)\n"
-               "  demo [--xml|--hex|--quiet] [--count N]\n"
+               "  trace FILE [--library LIBRARY]\n"
+               "                        a binary trace file to timestamped lines, texts from the library file\n"
+               "  demo [--xml|--hex|--quiet] [--count N] [--corrupt FRAME] [--trace FILE]\n"
                "                        a client and a session manager exchanging messages in two processes\n"
                "  help                  show this text\n",
                out);
@@ -32,6 +34,7 @@ int main(int argc, char **argv) {
     if (!std::strcmp(argv[1], "manifest")) return ovrin_cmd_manifest(argc - 1, argv + 1);
     if (!std::strcmp(argv[1], "decode")) return ovrin_cmd_decode(argc - 1, argv + 1);
     if (!std::strcmp(argv[1], "encode")) return ovrin_cmd_encode(argc - 1, argv + 1);
+    if (!std::strcmp(argv[1], "trace")) return ovrin_cmd_trace(argc - 1, argv + 1);
     std::fprintf(stderr, "ovrin-sm: unknown command '%s'\n\n", argv[1]);
     usage(stderr);
     return 2;

@@ -81,9 +81,6 @@ inline uint64_t get_be(const uint8_t *p, unsigned width) {
     return v;
 }
 
-// Severity name for trace output.
-const char *severity_name(int severity);
-
 } // namespace mgx
 
 #endif

@@ -1,19 +1,29 @@
-// The trace facility (module registration, numbered emissions rendered from a bundle's
-// compressed message table, capture for tests, stderr output), the dependent bundles'
-// registration entry points, and the runtime's module list.
-#include <zlib.h>
+// The trace facility: module registration, numbered emissions rendered with texts read from the
+// bundle's library file (the texts are in a section that is not loaded), capture for tests,
+// stderr output, and the binary trace file for the off-line decoder. Also the dependent bundles'
+// registration entry points and the runtime's module list.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-#include <cstdarg>
+#include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <deque>
 #include <mutex>
 
+#include "runtime/elf_file.h"
 #include "runtime/internal.h"
+#include "runtime/trace_format.h"
 
 mgx_module_root_t mgx_module_tot_root = {0, nullptr, &mgx_module_tot_root.first};
 
 namespace {
+
+using mgx::tracefmt::Arg;
 
 struct Emission {
     uint16_t module;
@@ -24,13 +34,25 @@ struct Emission {
 
 constexpr size_t capture_limit = 100000;
 
+// What the runtime knows of one message table: its texts (empty when they could not be read,
+// with the reason) and the library file that holds them.
+struct TableTexts {
+    std::vector<std::string> texts;
+    std::string library;
+    std::string problem;
+};
+
 struct TraceState {
     std::mutex lock;
-    std::vector<std::string> modules;                                  // module id - 1 -> name
-    std::unordered_map<const void *, std::vector<std::string>> texts;  // expanded message tables
-    std::deque<Emission> captured;                                     // stable addresses for mgx_trace_text
-    int stderr_level = -2;                                             // -2: not yet read from the environment
+    std::vector<std::string> modules;                       // module id - 1 -> name
+    std::unordered_map<const void *, TableTexts> tables;    // by table address
+    std::deque<Emission> captured;                          // stable addresses for mgx_trace_text
+    int stderr_level = -2;                                  // -2: not yet read from the environment
     std::vector<std::string> bundle_calls;
+    // the trace file
+    bool file_env_read = false;
+    int file = -1;
+    std::unordered_map<const void *, uint16_t> file_tables; // tables described in the file so far
 };
 
 TraceState &state() {
@@ -46,74 +68,125 @@ int stderr_level_locked(TraceState &s) {
     return s.stderr_level;
 }
 
-// Expands a table's zlib-compressed, NUL-separated texts once.
-const std::vector<std::string> *table_texts(TraceState &s, mgx_trace_table_t *t) {
-    if (!t || t->magic != MGX_TRACE_TABLE_MAGIC) return nullptr;
-    auto it = s.texts.find(t);
-    if (it != s.texts.end()) return &it->second;
-    std::vector<std::string> &out = s.texts[t];
-    std::string raw(t->raw_length, '\0');
-    uLongf raw_len = t->raw_length;
-    if (t->zdata && uncompress(reinterpret_cast<Bytef *>(raw.data()), &raw_len, t->zdata, t->zlength) == Z_OK) {
-        raw.resize(raw_len);
-        size_t pos = 0;
-        while (pos < raw.size() && out.size() < t->count) {
-            size_t end = raw.find('\0', pos);
-            if (end == std::string::npos) end = raw.size();
-            out.emplace_back(raw, pos, end - pos);
-            pos = end + 1;
-        }
+// The absolute path of the file the table was loaded from (a shared library, or the program).
+std::string file_of(const void *address) {
+    Dl_info info{};
+    std::string path;
+    if (dladdr(address, &info) && info.dli_fname && *info.dli_fname) path = info.dli_fname;
+    char resolved[PATH_MAX];
+    if (path.empty()) {
+        ssize_t n = readlink("/proc/self/exe", resolved, sizeof resolved - 1);
+        if (n <= 0) return {};
+        return std::string(resolved, static_cast<size_t>(n));
     }
-    t->cache = &out;
-    return &out;
+    return realpath(path.c_str(), resolved) ? std::string(resolved) : path;
 }
 
-// The argument kinds a printf format asks for: 's' string, 'i' integer, 'p' pointer. Texts whose
-// conversions do not match the emission's arguments are shown unformatted instead of misread.
-std::string format_kinds(const std::string &fmt) {
-    std::string kinds;
-    for (size_t i = 0; i < fmt.size(); ++i) {
-        if (fmt[i] != '%') continue;
-        if (++i >= fmt.size()) break;
-        if (fmt[i] == '%') continue;
-        while (i < fmt.size() && std::strchr("-+ #0123456789.hlzjt", fmt[i])) ++i;
-        if (i >= fmt.size()) break;
-        char c = fmt[i];
-        kinds += c == 's' ? 's' : c == 'p' ? 'p' : std::strchr("diuxXoc", c) ? 'i' : '?';
-    }
-    return kinds;
+// Reads a table's texts once, from its section in the file the table lives in.
+TableTexts &table_texts(TraceState &s, mgx_trace_table_t *t) {
+    auto found = s.tables.find(t);
+    if (found != s.tables.end()) return found->second;
+    TableTexts &tt = s.tables[t];
+    tt.library = file_of(t);
+    std::string error;
+    auto file = tt.library.empty() ? std::nullopt : mgx::elf::read(tt.library, error);
+    const mgx::elf::Section *section = file && t->section ? file->find(t->section) : nullptr;
+    if (!file)
+        tt.problem = tt.library.empty() ? "the file holding the table is unknown" : error;
+    else if (!section)
+        tt.problem = tt.library + " has no " + (t->section ? t->section : "(unnamed)") + " section";
+    else if (!mgx::tracefmt::expand_texts(file->contents(*section), t->count, t->texts_crc, tt.texts, error))
+        tt.problem = tt.library + ": " + error;
+    t->cache = &tt;
+    return tt;
 }
 
-void emit(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, const char *kinds, ...) {
+void file_write(TraceState &s, const std::string &bytes) {
+    if (s.file < 0) return;
+    // One write per record: processes sharing the file (O_APPEND) never interleave inside one.
+    if (write(s.file, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
+        close(s.file); // a full disk or a closed descriptor: stop writing rather than leave damage
+        s.file = -1;
+    }
+}
+
+int file_open_locked(TraceState &s, const char *path) {
+    if (s.file >= 0) close(s.file);
+    s.file = -1;
+    s.file_tables.clear();
+    int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0) return errno;
+    struct stat st{};
+    if (fstat(fd, &st) != 0) {
+        int e = errno;
+        close(fd);
+        return e;
+    }
+    s.file = fd;
+    if (st.st_size == 0) file_write(s, mgx::tracefmt::file_header());
+    return 0;
+}
+
+void file_env_locked(TraceState &s) {
+    if (s.file_env_read) return;
+    s.file_env_read = true;
+    const char *path = std::getenv("MGX_TRACE_FILE");
+    if (path && *path) file_open_locked(s, path);
+}
+
+uint16_t file_table_locked(TraceState &s, mgx_trace_table_t *t, const TableTexts &tt) {
+    auto found = s.file_tables.find(t);
+    if (found != s.file_tables.end()) return found->second;
+    uint16_t index = static_cast<uint16_t>(s.file_tables.size());
+    s.file_tables[t] = index;
+    mgx::tracefmt::TableRecord r;
+    r.index = index;
+    r.count = t->count;
+    r.crc = t->texts_crc;
+    r.module = t->module_name ? t->module_name : "";
+    r.section = t->section ? t->section : "";
+    r.library = tt.library;
+    file_write(s, mgx::tracefmt::table_record(r));
+    return index;
+}
+
+uint64_t now_ns() {
+    timespec ts{};
+    clock_gettime(CLOCK_REALTIME, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
+}
+
+void emit(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, std::vector<Arg> args) {
     TraceState &s = state();
     std::lock_guard<std::mutex> guard(s.lock);
     int severity = static_cast<int>((flags >> 24) & 0x7);
-    const std::vector<std::string> *texts = table_texts(s, t);
-    std::string text;
-    if (texts && msg < texts->size()) {
-        const std::string &fmt = (*texts)[msg];
-        if (format_kinds(fmt) == kinds) {
-            va_list ap;
-            va_start(ap, kinds);
-            char buf[1024];
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-            std::vsnprintf(buf, sizeof buf, fmt.c_str(), ap);
-#pragma GCC diagnostic pop
-            va_end(ap);
-            text = buf;
-        } else {
-            text = fmt;
-        }
-    } else {
-        text = "message " + std::to_string(msg);
+    bool valid = t && t->magic == MGX_TRACE_TABLE_MAGIC;
+    const TableTexts *tt = valid ? &table_texts(s, t) : nullptr;
+    file_env_locked(s);
+    if (s.file >= 0 && tt) {
+        mgx::tracefmt::EmissionRecord r;
+        r.time_ns = now_ns();
+        r.pid = static_cast<uint32_t>(getpid());
+        r.table = file_table_locked(s, t, *tt);
+        r.module = module;
+        r.number = msg;
+        r.flags = flags;
+        r.args = args;
+        file_write(s, mgx::tracefmt::emission_record(r));
     }
+    std::string text = tt && msg < tt->texts.size() ? mgx::tracefmt::render(tt->texts[msg], args)
+                                                     : "message " + std::to_string(msg);
     if (severity <= stderr_level_locked(s)) {
         const char *mod = module >= 1 && module <= s.modules.size() ? s.modules[module - 1].c_str() : "?";
-        std::fprintf(stderr, "%s %s #%u: %s\n", mgx::severity_name(severity), mod, msg, text.c_str());
+        std::fprintf(stderr, "%s %s #%u: %s\n", mgx::tracefmt::severity_name(severity), mod, msg, text.c_str());
     }
     if (s.captured.size() < capture_limit) s.captured.push_back(Emission{module, msg, severity, std::move(text)});
 }
+
+Arg u(uint32_t v) { return Arg{'u', v, {}}; }
+Arg d(int32_t v) { return Arg{'d', static_cast<uint32_t>(v), {}}; }
+Arg str(const char *s) { return Arg{'s', 0, s ? s : "(null)"}; }
+Arg ptr(const void *p) { return Arg{'p', reinterpret_cast<uintptr_t>(p), {}}; }
 
 void log_bundle_call(const char *name, const std::string &args) {
     TraceState &s = state();
@@ -128,11 +201,6 @@ std::string hex(uint64_t v) {
 }
 
 } // namespace
-
-const char *mgx::severity_name(int severity) {
-    static const char *const names[] = {"EMERG", "ALERT", "CRIT", "ERR", "WARNING", "NOTICE", "INFO", "DEBUG"};
-    return severity >= 0 && severity < 8 ? names[severity] : "?";
-}
 
 extern "C" {
 
@@ -152,23 +220,62 @@ int qlog_module_init_fn(const char *module_name, uint16_t *module_id_out, uint32
 }
 
 void qlog_emit_0(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags) {
-    emit(t, msg, module, flags, "");
+    emit(t, msg, module, flags, {});
 }
 void qlog_emit_s(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, const char *s) {
-    emit(t, msg, module, flags, "s", s ? s : "(null)");
+    emit(t, msg, module, flags, {str(s)});
 }
 void qlog_emit_u(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, uint32_t a) {
-    emit(t, msg, module, flags, "i", a);
+    emit(t, msg, module, flags, {u(a)});
 }
 void qlog_emit_uu(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, uint32_t a, uint32_t b) {
-    emit(t, msg, module, flags, "ii", a, b);
+    emit(t, msg, module, flags, {u(a), u(b)});
 }
 void qlog_emit_ddd(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, int32_t a, int32_t b,
                    int32_t c) {
-    emit(t, msg, module, flags, "iii", a, b, c);
+    emit(t, msg, module, flags, {d(a), d(b), d(c)});
 }
 void qlog_emit_ps(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, const void *p, const char *s) {
-    emit(t, msg, module, flags, "ps", p, s ? s : "(null)");
+    emit(t, msg, module, flags, {ptr(p), str(s)});
+}
+
+int mgx_trace_texts_attach(mgx_trace_table_t *t, const void *section, size_t length) {
+    if (!t || t->magic != MGX_TRACE_TABLE_MAGIC || (!section && length)) return EINVAL;
+    TraceState &s = state();
+    std::lock_guard<std::mutex> guard(s.lock);
+    const uint8_t *bytes = static_cast<const uint8_t *>(section);
+    TableTexts tt;
+    std::string error;
+    if (!mgx::tracefmt::expand_texts({bytes, bytes + length}, t->count, t->texts_crc, tt.texts, error)) return EINVAL;
+    tt.library = file_of(t);
+    s.tables[t] = std::move(tt);
+    t->cache = &s.tables[t];
+    return 0;
+}
+
+const char *mgx_trace_texts_problem(mgx_trace_table_t *t) {
+    if (!t || t->magic != MGX_TRACE_TABLE_MAGIC) return "not a message table";
+    TraceState &s = state();
+    std::lock_guard<std::mutex> guard(s.lock);
+    const TableTexts &tt = table_texts(s, t);
+    return tt.problem.empty() ? nullptr : tt.problem.c_str();
+}
+
+int mgx_trace_file_open(const char *path) {
+    if (!path || !*path) return EINVAL;
+    TraceState &s = state();
+    std::lock_guard<std::mutex> guard(s.lock);
+    s.file_env_read = true; // an explicit file wins over MGX_TRACE_FILE
+    return file_open_locked(s, path);
+}
+
+void mgx_trace_file_close(void) {
+    TraceState &s = state();
+    std::lock_guard<std::mutex> guard(s.lock);
+    s.file_env_read = true;
+    if (s.file >= 0) close(s.file);
+    s.file = -1;
+    s.file_tables.clear();
 }
 
 size_t mgx_trace_count(void) {

@@ -1,7 +1,6 @@
 // The reference runtime's handle: allocation accounting and failure injection, registry, errors,
-// variants, OIDs, statistics, hooks, header wire pieces and the trace facility.
+// variants, OIDs, statistics, hooks, header wire pieces and dependent-bundle registrations.
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include <cstdio>
 #include <cstring>
@@ -266,64 +265,6 @@ TEST_F(HandleTest, WorkSpaceGrowsOnDemand) {
     EXPECT_GE(len, 10u);
     mgxlib_get_handle_ws(h, 1u << 20, &len);
     EXPECT_GE(len, 1u << 20);
-}
-
-// ------------------------------------------------------------------ trace facility
-
-struct Table {
-    std::vector<unsigned char> z;
-    mgx_trace_table_t t{};
-    explicit Table(const std::vector<std::string> &texts) {
-        std::string raw;
-        for (auto &s : texts) raw += s + '\0';
-        uLongf zlen = compressBound(raw.size());
-        z.resize(zlen);
-        compress(z.data(), &zlen, reinterpret_cast<const Bytef *>(raw.data()), raw.size());
-        t = {MGX_TRACE_TABLE_MAGIC, static_cast<uint32_t>(texts.size()), "test", z.data(),
-             static_cast<uint32_t>(zlen), static_cast<uint32_t>(raw.size()), nullptr};
-    }
-};
-
-TEST(Trace, ModuleRegistrationIsIdempotent) {
-    uint16_t id = 0, again = 0;
-    uint32_t state = 0, other_state = 0;
-    qlog_module_init_fn("mgx_test_module", &id, &state);
-    EXPECT_NE(id, 0);
-    EXPECT_NE(state, 0u);
-    again = 999;
-    qlog_module_init_fn("mgx_test_module", &again, &state); // state says done: nothing written
-    EXPECT_EQ(again, 999);
-    qlog_module_init_fn("mgx_test_module", &again, &other_state); // same name, same id
-    EXPECT_EQ(again, id);
-    EXPECT_STREQ(mgx_trace_module_name(id), "mgx_test_module");
-}
-
-TEST(Trace, EmissionsAreRenderedAndCaptured) {
-    Table tab({"Corrupted MGX Handle", "error in x create: %s",
-               "offset_jump read_len %d offset_jump_base %d _mgx_variant_jump %d",
-               "varinfo is NULL variant %u requested only %u variants present",
-               "Failed to decrement ref count of oid %p. Error %s"});
-    mgx_trace_clear();
-    qlog_emit_0(&tab.t, 0, 7, MGX_SEV_EMERG);
-    qlog_emit_s(&tab.t, 1, 7, MGX_SEV_ERROR, "Cannot allocate memory");
-    qlog_emit_ddd(&tab.t, 2, 7, MGX_SEV_DEBUG, 10, 6, 12);
-    qlog_emit_uu(&tab.t, 3, 7, MGX_SEV_INFO, 3, 2);
-    qlog_emit_s(&tab.t, 3, 7, MGX_SEV_INFO, "wrong shape"); // shown unformatted, never misread
-    qlog_emit_0(&tab.t, 99, 7, MGX_SEV_INFO);               // no such message
-    ASSERT_EQ(mgx_trace_count(), 6u);
-    EXPECT_STREQ(mgx_trace_text(0), "Corrupted MGX Handle");
-    EXPECT_EQ(mgx_trace_severity(0), 0);
-    EXPECT_STREQ(mgx_trace_text(1), "error in x create: Cannot allocate memory");
-    EXPECT_EQ(mgx_trace_severity(1), 3);
-    EXPECT_STREQ(mgx_trace_text(2), "offset_jump read_len 10 offset_jump_base 6 _mgx_variant_jump 12");
-    EXPECT_EQ(mgx_trace_severity(2), 7);
-    EXPECT_STREQ(mgx_trace_text(3), "varinfo is NULL variant 3 requested only 2 variants present");
-    EXPECT_STREQ(mgx_trace_text(4), "varinfo is NULL variant %u requested only %u variants present");
-    EXPECT_STREQ(mgx_trace_text(5), "message 99");
-    EXPECT_EQ(mgx_trace_number(2), 2u);
-    EXPECT_EQ(mgx_trace_module(2), 7);
-    mgx_trace_clear();
-    EXPECT_EQ(mgx_trace_count(), 0u);
 }
 
 TEST(Bundles, RegistrationsAreLoggedInCallOrder) {

@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "cli/elf_sections.h"
+#include "mgx/runtime.h"
+#include "runtime/trace_format.h"
 #include "ovrin_sm/ops.h"
 
 namespace {
@@ -44,6 +46,46 @@ bool all_of(const std::string &s, int (*is)(int)) {
 }
 
 int is_lower_hex(int ch) { return std::isdigit(ch) || (ch >= 'a' && ch <= 'f'); }
+
+// The trace texts are in the file only: the compressed section is not loaded and no loaded
+// section carries its bytes, yet the runtime renders the bundle's emissions from it, each type
+// with its own numbered copy of the messages.
+TEST_F(LibraryFile, TraceTextsLiveOnlyInANonLoadedSection) {
+    const ovrin::elf::Section *section = file.find(".ovrin_sm_trace_texts");
+    ASSERT_NE(section, nullptr);
+    EXPECT_EQ(section->flags & SHF_ALLOC, 0u);
+    std::vector<uint8_t> bytes = file.contents(*section);
+    std::vector<std::string> texts;
+    std::string error;
+    ASSERT_TRUE(mgx::tracefmt::expand_texts(bytes, 0, 0, texts, error)) << error;
+    EXPECT_NE(std::find(texts.begin(), texts.end(), "Corrupted MGX Handle"), texts.end());
+    for (const char *name : {"sess_mgr_conn_hdl", "ovrin_smd_in_event", "ovrin_epm_bind_policy_info"})
+        EXPECT_NE(std::find(texts.begin(), texts.end(), std::string("error in ") + name + " create: %s"), texts.end());
+    ASSERT_GT(bytes.size(), mgx::tracefmt::texts_header_size + 64);
+    std::vector<uint8_t> probe(bytes.begin() + mgx::tracefmt::texts_header_size,
+                               bytes.begin() + mgx::tracefmt::texts_header_size + 64);
+    for (const ovrin::elf::Section &s : file.sections) {
+        if (!(s.flags & SHF_ALLOC)) continue;
+        std::vector<uint8_t> loaded = file.contents(s);
+        EXPECT_EQ(std::search(loaded.begin(), loaded.end(), probe.begin(), probe.end()), loaded.end()) << s.name;
+    }
+
+    mgx_handle_t *h = mgx_handle_create();
+    mgx_trace_clear();
+    mgx_handle_fail_stats(h, 12);
+    EXPECT_EQ(sess_mgr_session_start_create(h, 1), nullptr);
+    size_t at = 0; // the create's own message (the statistics failure is traced before it)
+    while (at < mgx_trace_count() && std::string(mgx_trace_text(at)).rfind("error in", 0) != 0) ++at;
+    ASSERT_LT(at, mgx_trace_count());
+    uint32_t number = mgx_trace_number(at);
+    ASSERT_LT(number, texts.size());
+    EXPECT_EQ(texts[number], "error in sess_mgr_session_start create: %s");
+    EXPECT_STREQ(mgx_trace_text(at), "error in sess_mgr_session_start create: Cannot allocate memory");
+    EXPECT_STREQ(mgx_trace_module_name(mgx_trace_module(at)), "mgx_ovrin_sm");
+    mgx_trace_clear();
+    EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
+    mgx_handle_destroy(h);
+}
 
 TEST_F(LibraryFile, ManifestSectionIsNotLoadedAndHoldsTheTwoRecords) {
     const ovrin::elf::Section *section = file.find(".ovrin_sm_manifest");

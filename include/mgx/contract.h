@@ -217,17 +217,20 @@ MGX_API void mgxdb_plat_set_detach(mgx_handle_t *h, uint32_t luid, const void *o
 MGX_API void plinth_set_callsite_tag(uint32_t tag);
 
 /* ---------------------------------------------------------------- trace facility */
-/* A bundle's message table: texts by message number, kept zlib-compressed (NUL-separated). */
+/* A bundle's message table. The texts themselves are not in memory: they are kept, compressed,
+ * in a section of the bundle's library file that is not loaded, and the code passes message
+ * numbers only. Whoever renders an emission (the runtime's capture and stderr output, or the
+ * off-line decoder of a trace file) reads the section from the file; count and texts_crc tell
+ * that the section found belongs to this code. */
 typedef struct mgx_trace_table {
     uint32_t magic; /* MGX_TRACE_TABLE_MAGIC */
-    uint32_t count;
+    uint32_t count; /* texts, by message number */
     const char *module_name;
-    const unsigned char *zdata;
-    uint32_t zlength;
-    uint32_t raw_length;
-    void *cache; /* runtime-owned: the expanded texts */
+    const char *section; /* name of the section holding the texts */
+    uint32_t texts_crc;  /* CRC-32 of the NUL-separated texts */
+    void *cache;         /* runtime-owned: the expanded texts */
 } mgx_trace_table_t;
-#define MGX_TRACE_TABLE_MAGIC 0x51C0DE01u
+#define MGX_TRACE_TABLE_MAGIC 0x51C0DE02u
 
 MGX_API int qlog_module_init_fn(const char *module_name, uint16_t *module_id_out, uint32_t *state);
 MGX_API void qlog_emit_0(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags);

@@ -119,6 +119,17 @@ MGX_API void mgx_trace_clear(void);
 /* emissions at or below this severity also go to stderr; -1 (default) none. MGX_TRACE_LEVEL sets it too. */
 MGX_API void mgx_trace_set_stderr_level(int level);
 MGX_API const char *mgx_trace_module_name(uint16_t module);
+/* A table's texts are read from its section in the file the table was loaded from, the first time
+ * an emission needs them. attach supplies the section's bytes instead (for a program whose file
+ * was stripped or moved); 0, or EINVAL when they are not the table's texts. problem says why a
+ * table's texts cannot be read (null when they can); emissions then render as "message N". */
+MGX_API int mgx_trace_texts_attach(mgx_trace_table_t *t, const void *section, size_t length);
+MGX_API const char *mgx_trace_texts_problem(mgx_trace_table_t *t);
+/* ---- the binary trace file: every emission from now on is appended to path (the file and its
+ * header are created when missing), for "ovrin-sm trace FILE" to decode off-line with the texts
+ * of the libraries named in it. MGX_TRACE_FILE=path opens it at the first emission. 0 or errno. */
+MGX_API int mgx_trace_file_open(const char *path);
+MGX_API void mgx_trace_file_close(void);
 
 /* ---- dependent-bundle registrations, in call order, rendered as "name(args)" */
 MGX_API size_t mgx_bundle_call_count(void);

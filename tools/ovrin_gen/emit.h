@@ -76,6 +76,10 @@ std::string emit_descriptors(const Catalogue &c);
 std::string emit_entry_points(const Catalogue &c);
 std::string emit_trace_table(const Catalogue &c);
 std::string emit_manifest(const Catalogue &c, const BuildInfo &build);
+// An assembler block placing bytes in a named section that is kept in the file but not loaded.
+std::string nonloaded_section(const char *name, const std::vector<uint8_t> &bytes);
+// The section holding the compressed trace message texts.
+inline constexpr const char *trace_section = ".ovrin_sm_trace_texts";
 
 // Helpers shared by the emitters.
 std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));

@@ -96,20 +96,25 @@ void append_record(std::vector<uint8_t> &section, uint32_t kind, const std::stri
 
 } // namespace
 
+// The bytes as an assembler section with no SHF_ALLOC flag: kept in the file, never mapped.
+std::string nonloaded_section(const char *name, const std::vector<uint8_t> &bytes) {
+    std::string s = format("asm(R\"(\n    .pushsection %s,\"\",@progbits\n    .p2align 2\n", name);
+    for (size_t i = 0; i < bytes.size(); i += 16) {
+        s += "    .byte ";
+        for (size_t j = i; j < std::min(bytes.size(), i + 16); ++j) s += format("%s%u", j > i ? "," : "", bytes[j]);
+        s += "\n";
+    }
+    s += "    .popsection\n)\");\n";
+    return s;
+}
+
 std::string emit_manifest(const Catalogue &c, const BuildInfo &build) {
     std::vector<uint8_t> section;
     append_record(section, type_manifest_kind, type_manifest(c));
     append_record(section, build_record_kind, build_record(c, build));
     std::string s = format("// The manifest section (not loaded): the type manifest and the build record. %s\n",
                            generated_banner);
-    s += "asm(R\"(\n    .pushsection .ovrin_sm_manifest,\"\",@progbits\n    .p2align 2\n";
-    for (size_t i = 0; i < section.size(); i += 16) {
-        s += "    .byte ";
-        for (size_t j = i; j < std::min(section.size(), i + 16); ++j) s += format("%s%u", j > i ? "," : "", section[j]);
-        s += "\n";
-    }
-    s += "    .popsection\n)\");\n";
-    return s;
+    return s + nonloaded_section(".ovrin_sm_manifest", section);
 }
 
 } // namespace gen

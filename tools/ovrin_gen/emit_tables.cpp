@@ -1,9 +1,9 @@
 // The data the bundle runs on: the type tables for the generic operations, the exported
 // descriptors with their variant info and the descriptor table, and the compressed trace texts.
-#include <zlib.h>
 
 #include <stdexcept>
 
+#include "runtime/trace_format.h"
 #include "tools/ovrin_gen/emit.h"
 
 namespace gen {
@@ -179,22 +179,19 @@ std::string emit_descriptors(const Catalogue &c) {
 
 std::string emit_trace_table(const Catalogue &c) {
     std::vector<std::string> texts = trace_texts(c);
+    std::vector<uint8_t> section = mgx::tracefmt::texts_section(texts);
+    if (section.empty()) throw std::runtime_error("compressing the trace texts failed");
     std::string raw;
     for (const std::string &t : texts) raw += t + '\0';
-    uLongf zlength = compressBound(static_cast<uLong>(raw.size()));
-    std::vector<uint8_t> z(zlength);
-    if (compress2(z.data(), &zlength, reinterpret_cast<const Bytef *>(raw.data()), static_cast<uLong>(raw.size()),
-                  Z_BEST_COMPRESSION) != Z_OK)
-        throw std::runtime_error("compressing the trace texts failed");
-    std::string s = format("// The trace message texts, zlib-compressed, NUL-separated, by message number. %s\n",
-                           generated_banner);
+    std::string s = format("// The trace message texts live in a section that is not loaded: the code passes message\n"
+                           "// numbers only, and the texts are read from the library file when someone reads a trace.\n"
+                           "// %s\n", generated_banner);
     s += format("// %zu texts: %u for the bundle, then %u per type in registration order.\n", texts.size(),
                 bundle_message_count(), type_message_count());
-    s += "#include \"ovrin_sm_internal/tables.h\"\n\nnamespace {\n\nconst unsigned char texts_z[] = {\n";
-    s += byte_array(z.data(), zlength, "    ");
-    s += "\n};\n\n} // namespace\n\n";
-    s += format("mgx_trace_table_t ovrin::trace_table = {MGX_TRACE_TABLE_MAGIC, %zu, \"mgx_ovrin_sm\", texts_z, %lu, %zu, nullptr};\n",
-                texts.size(), static_cast<unsigned long>(zlength), raw.size());
+    s += "#include \"ovrin_sm_internal/tables.h\"\n\n";
+    s += nonloaded_section(trace_section, section);
+    s += format("\nmgx_trace_table_t ovrin::trace_table = {MGX_TRACE_TABLE_MAGIC, %zu, \"mgx_ovrin_sm\", \"%s\", 0x%08xu, nullptr};\n",
+                texts.size(), trace_section, mgx::tracefmt::texts_crc(raw));
     return s;
 }
 

@@ -1,0 +1,127 @@
+// ovrin-sm trace FILE [--library LIBRARY]: decodes a binary trace file written by the runtime
+// (mgx_trace_file_open or MGX_TRACE_FILE) into one line per emission:
+//   2026-11-22T07:40:01.123456Z [4242] ERR mgx_ovrin_sm #1234: error in sess_mgr_conn_hdl create: ...
+// The running code recorded message numbers and arguments only; the texts come from the
+// non-loaded section of the library file each table record names, or of LIBRARY when given (a
+// trace carried off the device, decoded beside a copy of its library).
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "cli/commands.h"
+#include "runtime/elf_file.h"
+#include "runtime/trace_format.h"
+
+namespace {
+
+namespace fmt = mgx::tracefmt;
+
+struct Texts {
+    std::string module;
+    std::vector<std::string> texts; // empty when they could not be read
+};
+
+// Reads the texts a table record names, warning once per table when they cannot be had.
+Texts load_texts(const fmt::TableRecord &t, const std::string &library_override) {
+    Texts out{t.module, {}};
+    std::string path = library_override.empty() ? t.library : library_override;
+    std::string error;
+    auto file = mgx::elf::read(path, error);
+    const mgx::elf::Section *section = file ? file->find(t.section) : nullptr;
+    if (file && !section) error = path + " has no " + t.section + " section";
+    if (section && !fmt::expand_texts(file->contents(*section), t.count, t.crc, out.texts, error))
+        error = path + ": " + error;
+    if (out.texts.empty())
+        std::fprintf(stderr, "ovrin-sm: texts of %s: %s; showing message numbers\n", t.module.c_str(), error.c_str());
+    return out;
+}
+
+std::string timestamp(uint64_t ns) {
+    time_t seconds = static_cast<time_t>(ns / 1000000000u);
+    tm parts{};
+    gmtime_r(&seconds, &parts);
+    char date[32], out[48];
+    std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &parts);
+    std::snprintf(out, sizeof out, "%s.%06uZ", date, static_cast<unsigned>(ns % 1000000000u / 1000u));
+    return out;
+}
+
+std::string numbers_only(const fmt::EmissionRecord &e) {
+    std::string s = "message " + std::to_string(e.number);
+    for (const fmt::Arg &a : e.args) {
+        char buf[32];
+        if (a.kind == 's')
+            s += " \"" + a.text + "\"";
+        else {
+            std::snprintf(buf, sizeof buf, a.kind == 'p' ? " 0x%llx" : a.kind == 'd' ? " %lld" : " %llu",
+                          a.kind == 'd' ? static_cast<unsigned long long>(static_cast<long long>(static_cast<int32_t>(a.value)))
+                                        : static_cast<unsigned long long>(a.value));
+            s += buf;
+        }
+    }
+    return s;
+}
+
+int usage(FILE *out, int status) {
+    std::fprintf(out, "usage: ovrin-sm trace FILE [--library LIBRARY]\n");
+    return status;
+}
+
+} // namespace
+
+int ovrin_cmd_trace(int argc, char **argv) {
+    std::string path, library;
+    for (int i = 1; i < argc; ++i) {
+        if (!std::strcmp(argv[i], "--help") || !std::strcmp(argv[i], "-h")) return usage(stdout, 0);
+        if (!std::strcmp(argv[i], "--library") && i + 1 < argc)
+            library = argv[++i];
+        else if (argv[i][0] != '-' && path.empty())
+            path = argv[i];
+        else
+            return usage(stderr, 2);
+    }
+    if (path.empty()) return usage(stderr, 2);
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        std::fprintf(stderr, "ovrin-sm: cannot open %s\n", path.c_str());
+        return 1;
+    }
+    std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    fmt::FileReader reader(bytes);
+    std::map<uint16_t, fmt::TableRecord> tables;
+    std::map<std::string, Texts> loaded; // by library, section and CRC: each file is read once
+    uint64_t emissions = 0;
+    for (uint8_t kind; (kind = reader.next()) != 0;) {
+        if (kind == fmt::record_table) {
+            tables[reader.table.index] = reader.table;
+            continue;
+        }
+        const fmt::EmissionRecord &e = reader.emission;
+        ++emissions;
+        auto table = tables.find(e.table);
+        const Texts *texts = nullptr;
+        if (table != tables.end()) {
+            const fmt::TableRecord &t = table->second;
+            std::string key = (library.empty() ? t.library : library) + '\n' + t.section + '\n' + std::to_string(t.crc);
+            auto found = loaded.find(key);
+            if (found == loaded.end()) found = loaded.emplace(key, load_texts(t, library)).first;
+            texts = &found->second;
+        }
+        std::string text = texts && e.number < texts->texts.size() ? fmt::render(texts->texts[e.number], e.args)
+                                                                   : numbers_only(e);
+        std::printf("%s [%u] %s %s #%u: %s\n", timestamp(e.time_ns).c_str(), e.pid,
+                    fmt::severity_name(static_cast<int>((e.flags >> 24) & 7)),
+                    texts ? texts->module.c_str() : "?", e.number, text.c_str());
+    }
+    if (!reader.error.empty()) {
+        std::fprintf(stderr, "ovrin-sm: %s: %s\n", path.c_str(), reader.error.c_str());
+        return 1;
+    }
+    if (emissions == 0) std::fprintf(stderr, "ovrin-sm: %s holds no emissions\n", path.c_str());
+    return 0;
+}

@@ -1,0 +1,255 @@
+// The trace facility: module registration, emissions rendered with texts from a message-texts
+// section, and the binary trace file with its reader.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "mgx/runtime.h"
+#include "runtime/trace_format.h"
+
+namespace {
+
+namespace fmt = mgx::tracefmt;
+
+// A message table whose texts are attached from a section built in memory, as the generator
+// builds the one it places in a bundle's file.
+struct Table {
+    mgx_trace_table_t t{};
+    explicit Table(const std::vector<std::string> &texts) {
+        std::string raw;
+        for (auto &s : texts) raw += s + '\0';
+        t = {MGX_TRACE_TABLE_MAGIC, static_cast<uint32_t>(texts.size()), "test", ".test_texts",
+             mgx::tracefmt::texts_crc(raw), nullptr};
+        std::vector<uint8_t> section = mgx::tracefmt::texts_section(texts);
+        EXPECT_EQ(mgx_trace_texts_attach(&t, section.data(), section.size()), 0);
+    }
+};
+
+TEST(Trace, ModuleRegistrationIsIdempotent) {
+    uint16_t id = 0, again = 0;
+    uint32_t state = 0, other_state = 0;
+    qlog_module_init_fn("mgx_test_module", &id, &state);
+    EXPECT_NE(id, 0);
+    EXPECT_NE(state, 0u);
+    again = 999;
+    qlog_module_init_fn("mgx_test_module", &again, &state); // state says done: nothing written
+    EXPECT_EQ(again, 999);
+    qlog_module_init_fn("mgx_test_module", &again, &other_state); // same name, same id
+    EXPECT_EQ(again, id);
+    EXPECT_STREQ(mgx_trace_module_name(id), "mgx_test_module");
+}
+
+TEST(Trace, EmissionsAreRenderedAndCaptured) {
+    Table tab({"Corrupted MGX Handle", "error in x create: %s",
+               "offset_jump read_len %d offset_jump_base %d _mgx_variant_jump %d",
+               "varinfo is NULL variant %u requested only %u variants present",
+               "Failed to decrement ref count of oid %p. Error %s"});
+    mgx_trace_clear();
+    qlog_emit_0(&tab.t, 0, 7, MGX_SEV_EMERG);
+    qlog_emit_s(&tab.t, 1, 7, MGX_SEV_ERROR, "Cannot allocate memory");
+    qlog_emit_ddd(&tab.t, 2, 7, MGX_SEV_DEBUG, 10, 6, 12);
+    qlog_emit_uu(&tab.t, 3, 7, MGX_SEV_INFO, 3, 2);
+    qlog_emit_s(&tab.t, 3, 7, MGX_SEV_INFO, "wrong shape"); // shown unformatted, never misread
+    qlog_emit_0(&tab.t, 99, 7, MGX_SEV_INFO);               // no such message
+    ASSERT_EQ(mgx_trace_count(), 6u);
+    EXPECT_STREQ(mgx_trace_text(0), "Corrupted MGX Handle");
+    EXPECT_EQ(mgx_trace_severity(0), 0);
+    EXPECT_STREQ(mgx_trace_text(1), "error in x create: Cannot allocate memory");
+    EXPECT_EQ(mgx_trace_severity(1), 3);
+    EXPECT_STREQ(mgx_trace_text(2), "offset_jump read_len 10 offset_jump_base 6 _mgx_variant_jump 12");
+    EXPECT_EQ(mgx_trace_severity(2), 7);
+    EXPECT_STREQ(mgx_trace_text(3), "varinfo is NULL variant 3 requested only 2 variants present");
+    EXPECT_STREQ(mgx_trace_text(4), "varinfo is NULL variant %u requested only %u variants present");
+    EXPECT_STREQ(mgx_trace_text(5), "message 99");
+    EXPECT_EQ(mgx_trace_number(2), 2u);
+    EXPECT_EQ(mgx_trace_module(2), 7);
+    mgx_trace_clear();
+    EXPECT_EQ(mgx_trace_count(), 0u);
+}
+
+fmt::Arg u(uint32_t v) { return fmt::Arg{'u', v, {}}; }
+fmt::Arg d(int32_t v) { return fmt::Arg{'d', static_cast<uint32_t>(v), {}}; }
+fmt::Arg s(const std::string &v) { return fmt::Arg{'s', 0, v}; }
+fmt::Arg p(uint64_t v) { return fmt::Arg{'p', v, {}}; }
+
+TEST(Trace, ConversionsTakeTheirArgumentsOrTheTextStandsAsItIs) {
+    EXPECT_EQ(fmt::render("%d%% of %u", {d(-5), u(7)}), "-5% of 7");
+    EXPECT_EQ(fmt::render("100%%", {}), "100%");
+    EXPECT_EQ(fmt::render("[%5s|%-3u]", {s("ab"), u(4)}), "[   ab|4  ]");
+    EXPECT_EQ(fmt::render("oid %p", {p(0x1234)}), "oid 0x1234");
+    EXPECT_EQ(fmt::render("%u", {u(0xFFFFFFFFu)}), "4294967295");
+    EXPECT_EQ(fmt::render("%d", {u(0xFFFFFFFFu)}), "-1"); // as a signed conversion reads it
+    // wrong count, wrong kind, or a conversion cut off: shown unformatted
+    EXPECT_EQ(fmt::render("%u and %u", {u(1)}), "%u and %u");
+    EXPECT_EQ(fmt::render("%d", {s("x")}), "%d");
+    EXPECT_EQ(fmt::render("%s", {u(1)}), "%s");
+    EXPECT_EQ(fmt::render("%lu", {u(1)}), "%lu");
+    EXPECT_EQ(fmt::render("50%", {}), "50%");
+    std::string big(5000, 'x');
+    EXPECT_EQ(fmt::render("<%s>", {s(big)}), "<" + big + ">");
+}
+
+TEST(Trace, TextsMustBelongToTheirTable) {
+    std::vector<std::string> texts = {"one %u", "two"};
+    std::vector<uint8_t> section = fmt::texts_section(texts);
+    std::string raw = std::string("one %u") + '\0' + "two" + '\0';
+    mgx_trace_table_t t = {MGX_TRACE_TABLE_MAGIC, 2, "test", ".test_texts", fmt::texts_crc(raw), nullptr};
+    mgx_trace_table_t other_count = t, other_crc = t, bad_magic = t;
+    other_count.count = 3;
+    other_crc.texts_crc ^= 1;
+    bad_magic.magic = 0;
+    EXPECT_EQ(mgx_trace_texts_attach(&other_count, section.data(), section.size()), EINVAL);
+    EXPECT_EQ(mgx_trace_texts_attach(&other_crc, section.data(), section.size()), EINVAL);
+    EXPECT_EQ(mgx_trace_texts_attach(&bad_magic, section.data(), section.size()), EINVAL);
+    std::vector<uint8_t> damaged = section;
+    damaged[damaged.size() / 2 + 12] ^= 0x5A;
+    EXPECT_EQ(mgx_trace_texts_attach(&t, damaged.data(), damaged.size()), EINVAL);
+    EXPECT_EQ(mgx_trace_texts_attach(&t, section.data(), fmt::texts_header_size - 1), EINVAL);
+    EXPECT_EQ(mgx_trace_texts_attach(&t, section.data(), section.size() - 1), EINVAL);
+
+    // This program has no such section: the table's emissions show their numbers, and why.
+    mgx_trace_clear();
+    qlog_emit_u(&t, 0, 3, MGX_SEV_INFO, 9);
+    ASSERT_EQ(mgx_trace_count(), 1u);
+    EXPECT_STREQ(mgx_trace_text(0), "message 0");
+    ASSERT_NE(mgx_trace_texts_problem(&t), nullptr);
+    EXPECT_NE(std::strstr(mgx_trace_texts_problem(&t), "has no .test_texts section"), nullptr);
+
+    ASSERT_EQ(mgx_trace_texts_attach(&t, section.data(), section.size()), 0);
+    EXPECT_EQ(mgx_trace_texts_problem(&t), nullptr);
+    qlog_emit_u(&t, 0, 3, MGX_SEV_INFO, 9);
+    EXPECT_STREQ(mgx_trace_text(1), "one 9");
+    mgx_trace_clear();
+}
+
+struct TraceFile : ::testing::Test {
+    std::string dir, path;
+    void SetUp() override {
+        char tmpl[] = "/tmp/mgx_trace_XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir = tmpl;
+        path = dir + "/run.trc";
+    }
+    void TearDown() override {
+        mgx_trace_file_close();
+        std::remove(path.c_str());
+        rmdir(dir.c_str());
+        mgx_trace_clear();
+    }
+    std::vector<uint8_t> bytes() const {
+        std::ifstream in(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    }
+};
+
+uint64_t now_ns() {
+    timespec ts{};
+    clock_gettime(CLOCK_REALTIME, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
+}
+
+TEST_F(TraceFile, EveryEmissionIsRecordedWithItsTableTimeAndArguments) {
+    Table a({"Corrupted MGX Handle", "error in x create: %s", "offset_jump %d %d %d", "oid %p. Error %s"});
+    Table b({"only %u %u"});
+    ASSERT_EQ(mgx_trace_file_open(path.c_str()), 0);
+    uint64_t before = now_ns();
+    qlog_emit_0(&a.t, 0, 5, MGX_SEV_EMERG);
+    qlog_emit_s(&a.t, 1, 5, MGX_SEV_ERROR, std::string(5000, 'y').c_str()); // cut to 4096 bytes
+    qlog_emit_ddd(&a.t, 2, 5, MGX_SEV_DEBUG, -1, 0, 7);
+    qlog_emit_uu(&b.t, 0, 6, MGX_SEV_INFO, 1, 2);
+    qlog_emit_ps(&a.t, 3, 5, MGX_SEV_ERROR, reinterpret_cast<void *>(0xbeef), nullptr);
+    uint64_t after = now_ns();
+    mgx_trace_file_close();
+    qlog_emit_0(&a.t, 0, 5, MGX_SEV_EMERG); // after close: not recorded
+
+    std::vector<uint8_t> file = bytes();
+    fmt::FileReader r(file);
+    char exe[PATH_MAX];
+    ASSERT_NE(realpath("/proc/self/exe", exe), nullptr);
+    std::vector<fmt::TableRecord> tables;
+    std::vector<fmt::EmissionRecord> emissions;
+    for (uint8_t kind; (kind = r.next()) != 0;)
+        kind == fmt::record_table ? tables.push_back(r.table) : emissions.push_back(r.emission);
+    EXPECT_EQ(r.error, "");
+    ASSERT_EQ(tables.size(), 2u); // each table described once, before its first emission
+    EXPECT_EQ(tables[0].index, 0);
+    EXPECT_EQ(tables[0].module, "test");
+    EXPECT_EQ(tables[0].section, ".test_texts");
+    EXPECT_EQ(tables[0].library, exe);
+    EXPECT_EQ(tables[0].count, 4u);
+    EXPECT_EQ(tables[0].crc, a.t.texts_crc);
+    EXPECT_EQ(tables[1].index, 1);
+    ASSERT_EQ(emissions.size(), 5u);
+    for (const auto &e : emissions) {
+        EXPECT_EQ(e.pid, static_cast<uint32_t>(getpid()));
+        EXPECT_GE(e.time_ns, before);
+        EXPECT_LE(e.time_ns, after);
+    }
+    EXPECT_EQ(emissions[0].flags, MGX_SEV_EMERG);
+    EXPECT_EQ(emissions[1].flags, MGX_SEV_ERROR);
+    EXPECT_EQ(emissions[1].args.at(0).text, std::string(4096, 'y'));
+    EXPECT_EQ(emissions[2].module, 5);
+    EXPECT_EQ(fmt::render("offset_jump %d %d %d", emissions[2].args), "offset_jump -1 0 7");
+    EXPECT_EQ(emissions[3].table, 1);
+    EXPECT_EQ(emissions[3].number, 0u);
+    EXPECT_EQ(emissions[3].module, 6);
+    ASSERT_EQ(emissions[4].args.size(), 2u);
+    EXPECT_EQ(emissions[4].args[0].kind, 'p');
+    EXPECT_EQ(emissions[4].args[0].value, 0xbeefu);
+    EXPECT_EQ(emissions[4].args[1].text, "(null)");
+
+    // Opening the same file again appends: one header, both runs' records.
+    ASSERT_EQ(mgx_trace_file_open(path.c_str()), 0);
+    qlog_emit_uu(&b.t, 0, 6, MGX_SEV_INFO, 3, 4);
+    mgx_trace_file_close();
+    std::vector<uint8_t> grown = bytes();
+    fmt::FileReader again(grown);
+    size_t n = 0;
+    while (again.next() != 0) ++n;
+    EXPECT_EQ(again.error, "");
+    EXPECT_EQ(n, 2u + 5u + 2u); // the new run describes its table again
+    EXPECT_EQ(mgx_trace_file_open((dir + "/no/such/dir/x.trc").c_str()), ENOENT);
+}
+
+TEST(TraceReader, StopsAtDamageAndSkipsWhatItDoesNotKnow) {
+    fmt::TableRecord t;
+    t.module = "m";
+    fmt::EmissionRecord e;
+    e.number = 7;
+    e.args = {u(1), s("two")};
+    std::string good = fmt::file_header() + fmt::record(99, "future") + fmt::table_record(t) + fmt::emission_record(e);
+    auto read_all = [](const std::string &text, std::string &error) {
+        std::vector<uint8_t> b(text.begin(), text.end());
+        fmt::FileReader r(b);
+        std::string kinds;
+        for (uint8_t k; (k = r.next()) != 0;) kinds += static_cast<char>('0' + k);
+        error = r.error;
+        return kinds;
+    };
+    std::string error;
+    EXPECT_EQ(read_all(good, error), "12");
+    EXPECT_EQ(error, "");
+    EXPECT_EQ(read_all(good.substr(0, good.size() - 1), error), "1");
+    EXPECT_NE(error.find("cut short"), std::string::npos);
+    std::string lying = good;
+    lying[lying.size() - 7] = 9;  // the string argument claims more bytes than its record holds
+    EXPECT_EQ(read_all(lying, error), "1");
+    EXPECT_NE(error.find("damaged"), std::string::npos);
+    EXPECT_EQ(read_all(fmt::file_header() + std::string(4, '\0'), error), "");
+    EXPECT_NE(error.find("damaged"), std::string::npos);
+    EXPECT_EQ(read_all(std::string("MGXTRACE\2\0\0\0\0\0\0\0", 16), error), "");
+    EXPECT_EQ(error, "trace file version 2 is not known");
+    EXPECT_EQ(read_all("#!/bin/sh\necho hi\n", error), "");
+    EXPECT_EQ(error, "not a trace file");
+}
+
+} // namespace
