@@ -3,7 +3,7 @@
 # prefix, checks what was installed (only under the prefix; SONAMEs; no C++ symbols exported; no
 # path back into the build tree), runs the installed tool, then builds tests/consumer/consumer.c
 # through find_package(ovrin_sm) and through pkg-config and runs both. consumer.c ends by checking
-# that its handle holds no allocation.
+# that its handle holds no allocation. docs/getting-started.md must show the program as it is.
 #
 #   consumer_test.sh BUILD_DIR SOURCE_DIR C_COMPILER LIBDIR [SANITIZER_FLAGS]
 #
@@ -42,6 +42,20 @@ loaded() {
     [ -n "$path" ] || fail "$1 does not load $2"
     realpath "$path"
 }
+
+# docs/getting-started.md shows consumer.c and its CMakeLists.txt whole: the first fenced block
+# after the line that names the file must be that file, byte for byte.
+shown() {
+    awk -v file="$1" 'index($0, "`" file "`") {found = 1; next}
+                      found && /^```/ {if (inside) exit; inside = 1; next}
+                      inside {print}' "$source/docs/getting-started.md" >"$work/shown"
+    cmp -s "$work/shown" "$source/$1" || {
+        diff "$work/shown" "$source/$1" | head -n 20
+        fail "docs/getting-started.md does not show $1 as it is"
+    }
+}
+shown tests/consumer/consumer.c
+shown tests/consumer/CMakeLists.txt
 
 echo "== install into $prefix"
 cmake --install "$build" --prefix "$prefix" >"$work/install.log"

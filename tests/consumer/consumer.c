@@ -7,7 +7,6 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 
 #include <mgx/runtime.h>
 #include <ovrin_sm/ops.h>
