@@ -6,17 +6,22 @@
 #   tools/dev.sh asan          the whole suite built with AddressSanitizer, UBSan and LeakSanitizer
 #   tools/dev.sh tsan          the concurrency tests built with ThreadSanitizer
 #   tools/dev.sh fuzz [SECS]   the fuzz targets (clang, libFuzzer) from their seeds, SECS each (25)
+#   tools/dev.sh bench [ARGS]  the benchmarks beside protocol buffers, Release build; ARGS go to the
+#                              benchmark binary (e.g. --benchmark_filter=medium); not part of test
 # Build directories are $OVRIN_BUILD (default "build") and the same name with -asan, -tsan and
-# -fuzz appended; set OVRIN_BUILD to keep a checkout's builds apart from another's.
+# -fuzz (and -bench) appended; set OVRIN_BUILD to keep a checkout's builds apart from another's.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config libxml2-dev zlib1g-dev nettle-dev
           libgtest-dev libgmock-dev libbenchmark-dev)
 
+# Only the benchmarks need these: the comparator's library and compiler.
+bench_packages=(libprotobuf-dev protobuf-compiler)
+
 install_missing() {
     local missing=()
-    for p in "${packages[@]}"; do
+    for p in "${packages[@]}" "$@"; do
         dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
     done
     if ((${#missing[@]})); then
@@ -97,8 +102,13 @@ case "$cmd" in
     asan) install_missing; gate_asan ;;
     tsan) install_missing; gate_tsan ;;
     fuzz) install_missing; gate_fuzz "$@" ;;
+    bench)
+        install_missing "${bench_packages[@]}"
+        build "$out-bench" -DCMAKE_BUILD_TYPE=Release -DOVRIN_TESTS=OFF -DOVRIN_BENCH=ON
+        exec "$out-bench/bench/ovrin_sm_bench" "$@"
+        ;;
     *)
-        echo "usage: tools/dev.sh demo|test|asan|tsan|fuzz" >&2
+        echo "usage: tools/dev.sh demo|test|asan|tsan|fuzz|bench" >&2
         exit 2
         ;;
 esac
