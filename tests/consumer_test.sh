@@ -5,10 +5,11 @@
 # through find_package(ovrin_sm) and through pkg-config and runs both. consumer.c ends by checking
 # that its handle holds no allocation. docs/getting-started.md must show the program as it is.
 #
-#   consumer_test.sh BUILD_DIR SOURCE_DIR C_COMPILER LIBDIR [SANITIZER_FLAGS]
+#   consumer_test.sh BUILD_DIR SOURCE_DIR C_COMPILER LIBDIR [SANITIZER_FLAGS [SANITIZER_LINK_FLAGS]]
 #
 # LIBDIR is the build's CMAKE_INSTALL_LIBDIR. SANITIZER_FLAGS are given when the libraries are
 # instrumented: a program that loads them must be built with the same sanitizers.
+# SANITIZER_LINK_FLAGS are what linking such a program needs besides (clang's C++ runtime parts).
 set -euo pipefail
 
 build=$(realpath "$1")
@@ -16,6 +17,7 @@ source=$(realpath "$2")
 cc=$3
 libdir=$4
 sanitize=${5:-}
+sanitize_link="$sanitize ${6:-}"
 
 if [[ $libdir == /* ]]; then
     echo "skipped: the libraries install to the absolute directory $libdir, outside any chosen prefix"
@@ -106,7 +108,7 @@ generator=()
 command -v ninja >/dev/null && generator=(-G Ninja)
 cmake -S "$source/tests/consumer" -B "$work/cmake" "${generator[@]}" \
     -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF \
-    -DCMAKE_C_COMPILER="$cc" -DCMAKE_C_FLAGS="$sanitize" -DCMAKE_EXE_LINKER_FLAGS="$sanitize" \
+    -DCMAKE_C_COMPILER="$cc" -DCMAKE_C_FLAGS="$sanitize" -DCMAKE_EXE_LINKER_FLAGS="$sanitize_link" \
     >"$work/cmake.log" || { cat "$work/cmake.log"; fail "the consumer does not configure"; }
 grep -qF "found in $prefix/" "$work/cmake.log" || { cat "$work/cmake.log"; fail "find_package did not use $prefix"; }
 cmake --build "$work/cmake" >"$work/build.log" || { cat "$work/build.log"; fail "the consumer does not build"; }
@@ -120,7 +122,7 @@ flags=$(pkg-config --cflags --libs ovrin_sm)
 echo "pkg-config --cflags --libs ovrin_sm: $flags"
 # shellcheck disable=SC2086 # the flags are words
 "$cc" -std=c11 -Wall -Wextra -Werror -pedantic $sanitize "$source/tests/consumer/consumer.c" $flags \
-    -o "$work/consumer-pc"
+    $sanitize_link -o "$work/consumer-pc"
 pc_libdir=$(pkg-config --variable=libdir ovrin_sm)
 export LD_LIBRARY_PATH=$pc_libdir
 [ "$(loaded "$work/consumer-pc" libovrin_sm.so)" = "$(realpath "$lib/libovrin_sm.so.0")" ] ||
