@@ -44,7 +44,7 @@ void SummaryReporter::ReportRuns(const std::vector<Run> &runs) {
         }
         bool median = run.run_type == Run::RT_Aggregate;
         if (median && run.aggregate_name != "median") continue;
-        Result &r = results_[run.run_name.str()];
+        Result &r = results_[run.run_name.function_name];
         if (r.median && !median) continue;
         r = Result{nanoseconds(run), counter(run, "bytes"), counter(run, "rt_allocs"), counter(run, "heap_allocs"),
                    median};
@@ -57,6 +57,7 @@ const SummaryReporter::Result *SummaryReporter::find(const std::string &name) co
 }
 
 void SummaryReporter::print_summary(std::FILE *out) const {
+    if (results_.empty()) return; // nothing ran (a filter that matched nothing, or only a listing)
     const double nan = std::nan("");
     auto ns = [&](const std::string &name) {
         const Result *r = find(name);

@@ -154,7 +154,7 @@ struct Tlv {
     // Every count and length is checked against the bytes left before anything is allocated; the
     // decoded attributes replace the list's, its object references stay.
     static uint32_t unmarshal(mgx_handle_t *h, uint32_t luid, const uint8_t *buf, aaa_tlv *field, int32_t length,
-                              uint32_t, uint32_t *err) {
+                              uint32_t flags, uint32_t *err) {
         if (err_set(err)) return 0;
         if (!buf || length < static_cast<int32_t>(kWireHeader)) {
             fail(h, err, MGX_ESHORT);
@@ -184,6 +184,21 @@ struct Tlv {
             return 0;
         }
         View old(field);
+        // Non-zero decode flags ask for storage to be kept when the sizes match: a body with as
+        // many attributes and value bytes is rewritten in place (its references stay as they are).
+        if (flags && field->body && old.count() == count && old.data_len() == data) {
+            Body *body = field->body;
+            uint32_t offset = 0;
+            uint64_t pos = kWireHeader;
+            for (uint64_t i = 0; i < count; ++i) {
+                auto value_len = static_cast<uint32_t>(get_be(buf + pos + 4, 4));
+                body->attrs()[i] = AaaAttr{static_cast<uint32_t>(get_be(buf + pos, 4)), value_len, offset};
+                if (value_len) std::memcpy(body->data() + offset, buf + pos + kWireAttr, value_len);
+                offset += value_len;
+                pos += kWireAttr + value_len;
+            }
+            return static_cast<uint32_t>(pos);
+        }
         Builder b;
         if (!b.start(h, luid, old.nrefs(), count, data, err)) return 0;
         b.refs_of(old);

@@ -260,9 +260,11 @@ void mgx_update_variant_info(mgx_handle_t *h, uint32_t luid, void *registered, c
 int8_t mgx_domain_lookup_variant(mgx_handle_t *, mgx_variant_domain_t *domain, const void *descriptor, uint32_t *) {
     if (!descriptor) return -1;
     if (domain && domain->impl) {
-        auto *table = static_cast<std::unordered_map<std::string, int8_t> *>(domain->impl);
-        auto it = table->find(info_of(descriptor)->type_name);
-        if (it != table->end()) return it->second;
+        auto *table = static_cast<const mgx::DomainVariants *>(domain->impl);
+        if (!table->empty()) {
+            auto it = table->find(std::string_view(info_of(descriptor)->type_name));
+            if (it != table->end()) return it->second;
+        }
     }
     return highest_variant(descriptor);
 }

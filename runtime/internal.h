@@ -6,12 +6,21 @@
 #include <cstring>
 #include <map>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
 #include "mgx/runtime.h"
 
 namespace mgx {
+
+// Type names looked up by the const char * the descriptors hold, without building a string: the
+// encoders ask for every record and enumeration they write.
+struct NameHash {
+    using is_transparent = void;
+    size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
+};
+using DomainVariants = std::unordered_map<std::string, int8_t, NameHash, std::equal_to<>>;
 
 struct OidEntry {
     void *instance;
@@ -30,7 +39,7 @@ struct Runtime {
     std::vector<void *> registry_blocks;
     std::unordered_map<std::string, void *> registry;
     // variant domain: per type name, the variant its instances have in this handle
-    std::unordered_map<std::string, int8_t> domain_variants;
+    DomainVariants domain_variants;
     mgx_sttr_record_t sttr_record{};
     // observability
     bool journal_enabled = true;

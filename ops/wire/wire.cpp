@@ -275,10 +275,35 @@ void destroy_elements(const Field &f, Reader &r, void *block, uint32_t count) {
         destroy_internal(*f.type, r.h, r.luid, bytes(block) + static_cast<size_t>(k) * f.elem_size, 0);
 }
 
+// The elements of a variable array, then its state byte and the elements' bytes.
+void decode_elements(const Field &f, Reader &r, void *block, uint32_t count, uint8_t *per_element) {
+    for (uint32_t k = 0; k < count && !*r.err; ++k)
+        r.pos += static_cast<int32_t>(decode_element(f, r, bytes(block) + static_cast<size_t>(k) * f.elem_size));
+    if (*r.err) return;
+    r.state_byte(f);
+    for (uint32_t k = 0; k < count && r.pos < r.length; ++k) {
+        if (r.copy_state && per_element) per_element[2 * k] = r.buf[r.pos];
+        if (r.copy_state || r.skip_state) ++r.pos;
+    }
+}
+
 void decode_array(const Type &t, const Field &f, Reader &r, void *instance, uint32_t old_count, bool tracked) {
     const Field &count_field = t.fields[f.companion];
     uint32_t count = read_count(instance, count_field);
     void *&block = *slot_of(instance, f);
+    size_t size = static_cast<size_t>(count) * f.elem_size + (tracked ? 2u * count : 0u);
+    uint8_t *per_element = nullptr;
+    // Non-zero decode flags keep storage of the same size: the block and its elements stay, and
+    // each element is decoded into as it is (keeping its own strings, lists and arrays when their
+    // sizes match in turn), as an instance decoded into again keeps what it owns.
+    if (r.flags && block && count == old_count && count > 0 &&
+        static_cast<int64_t>(count) * min_instance_bytes <= r.left()) {
+        notify(r.h, block, size, r.luid);
+        per_element = element_flags(f, block, count, tracked);
+        if (per_element) std::memset(per_element, 0, 2u * count);
+        decode_elements(f, r, block, count, per_element);
+        return;
+    }
     destroy_elements(f, r, block, old_count);
     if (count == 0) {
         free_block(r, block);
@@ -292,36 +317,24 @@ void decode_array(const Type &t, const Field &f, Reader &r, void *instance, uint
         r.error(MGX_ESHORT);
         return;
     }
-    size_t size = static_cast<size_t>(count) * f.elem_size + (tracked ? 2u * count : 0u);
-    if (r.flags && block && count == old_count) {
-        notify(r.h, block, size, r.luid);
-    } else {
-        free_block(r, block);
-        void *fresh = r.h->inst_alloc(r.h->alloc_ctx, r.luid, size);
-        if (!fresh) {
-            write_count(instance, count_field, 0);
-            r.error(MGX_ENOMEM);
-            return;
-        }
-        notify(r.h, &block, sizeof block, r.luid);
-        block = fresh;
+    free_block(r, block);
+    void *fresh = r.h->inst_alloc(r.h->alloc_ctx, r.luid, size);
+    if (!fresh) {
+        write_count(instance, count_field, 0);
+        r.error(MGX_ENOMEM);
+        return;
     }
+    notify(r.h, &block, sizeof block, r.luid);
+    block = fresh;
     std::memset(block, 0, size);
-    uint8_t *per_element = element_flags(f, block, count, tracked);
+    per_element = element_flags(f, block, count, tracked);
     for (uint32_t k = 0; k < count; ++k) {
         void *element = bytes(block) + static_cast<size_t>(k) * f.elem_size;
         uint32_t e = 0;
         initialize(*f.type, r.h, r.luid, element, f.type->descriptor, 0, 0, MGX_IF_NESTED,
                    per_element ? per_element + 2 * k : nullptr, &e);
     }
-    for (uint32_t k = 0; k < count && !*r.err; ++k)
-        r.pos += static_cast<int32_t>(decode_element(f, r, bytes(block) + static_cast<size_t>(k) * f.elem_size));
-    if (*r.err) return;
-    r.state_byte(f);
-    for (uint32_t k = 0; k < count && r.pos < r.length; ++k) {
-        if (r.copy_state && per_element) per_element[2 * k] = r.buf[r.pos];
-        if (r.copy_state || r.skip_state) ++r.pos;
-    }
+    decode_elements(f, r, block, count, per_element);
 }
 
 void decode_arm(const Field &f, Reader &r, void *instance, uint32_t arm_index) {
