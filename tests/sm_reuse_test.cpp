@@ -18,13 +18,26 @@ std::atomic<uint64_t> heap_allocations{0};
 } // namespace
 
 // Every operator new of the test binary, the runtime's and the bundle's included, is counted.
-void *operator new(std::size_t size) {
+// Kept out of line: inlined beside a new-expression, the frees would look mismatched to GCC.
+[[gnu::noinline]] void *operator new(std::size_t size) {
     heap_allocations.fetch_add(1, std::memory_order_relaxed);
     if (void *p = std::malloc(size ? size : 1)) return p;
     throw std::bad_alloc();
 }
-void operator delete(void *p) noexcept { std::free(p); }
-void operator delete(void *p, std::size_t) noexcept { std::free(p); }
+[[gnu::noinline]] void *operator new[](std::size_t size) { return operator new(size); }
+[[gnu::noinline]] void *operator new(std::size_t size, const std::nothrow_t &) noexcept {
+    heap_allocations.fetch_add(1, std::memory_order_relaxed);
+    return std::malloc(size ? size : 1);
+}
+[[gnu::noinline]] void *operator new[](std::size_t size, const std::nothrow_t &t) noexcept {
+    return operator new(size, t);
+}
+[[gnu::noinline]] void operator delete(void *p) noexcept { std::free(p); }
+[[gnu::noinline]] void operator delete(void *p, std::size_t) noexcept { std::free(p); }
+[[gnu::noinline]] void operator delete(void *p, const std::nothrow_t &) noexcept { std::free(p); }
+[[gnu::noinline]] void operator delete[](void *p) noexcept { std::free(p); }
+[[gnu::noinline]] void operator delete[](void *p, std::size_t) noexcept { std::free(p); }
+[[gnu::noinline]] void operator delete[](void *p, const std::nothrow_t &) noexcept { std::free(p); }
 
 namespace {
 
