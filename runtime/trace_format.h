@@ -189,7 +189,7 @@ inline std::string render(const std::string &fmt, const std::vector<Arg> &args) 
             out.push_back(fmt[i]);
             if (fmt[i] == '%') ++i; // "%%" shows one '%'
         }
-        std::string spec = fmt.substr(pieces[k].begin, pieces[k].end - pieces[k].begin);
+        std::string conversion = fmt.substr(pieces[k].begin, pieces[k].end - pieces[k].begin);
         const Arg &a = args[k];
         char buf[64];
         int n;
@@ -198,18 +198,18 @@ inline std::string render(const std::string &fmt, const std::vector<Arg> &args) 
         if (a.kind == 's') {
             std::string s;
             s.resize(a.text.size() + 256);
-            n = std::snprintf(s.data(), s.size(), spec.c_str(), a.text.c_str());
+            n = std::snprintf(s.data(), s.size(), conversion.c_str(), a.text.c_str());
             s.resize(n > 0 ? std::min(static_cast<size_t>(n), s.size() - 1) : 0);
             out += s;
             at = pieces[k].end;
             continue;
         }
         if (a.kind == 'p')
-            n = std::snprintf(buf, sizeof buf, spec.c_str(), reinterpret_cast<void *>(static_cast<uintptr_t>(a.value)));
+            n = std::snprintf(buf, sizeof buf, conversion.c_str(), reinterpret_cast<void *>(static_cast<uintptr_t>(a.value)));
         else if (a.kind == 'd')
-            n = std::snprintf(buf, sizeof buf, spec.c_str(), static_cast<int32_t>(static_cast<uint32_t>(a.value)));
+            n = std::snprintf(buf, sizeof buf, conversion.c_str(), static_cast<int32_t>(static_cast<uint32_t>(a.value)));
         else
-            n = std::snprintf(buf, sizeof buf, spec.c_str(), static_cast<uint32_t>(a.value));
+            n = std::snprintf(buf, sizeof buf, conversion.c_str(), static_cast<uint32_t>(a.value));
 #pragma GCC diagnostic pop
         if (n > 0) out.append(buf, std::min(static_cast<size_t>(n), sizeof buf - 1));
         at = pieces[k].end;
