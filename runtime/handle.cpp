@@ -46,7 +46,7 @@ void *instance_alloc(void *ctx, uint32_t, size_t size) {
     if (countdown_fires(r->fail_nth)) return nullptr;
     void *p = std::malloc(size ? size : 1);
     if (!p) return nullptr;
-    r->live.emplace(p, size);
+    r->live.insert(p, size);
     r->live_bytes += size;
     r->total_allocations++;
     return p;
@@ -56,20 +56,20 @@ void instance_free(void *ctx, uint32_t, void *p) {
     if (!p) return;
     auto *h = static_cast<mgx_handle_t *>(ctx);
     Runtime *r = rt(h);
-    auto it = r->live.find(p);
-    if (it == r->live.end()) {
+    size_t size = r->live.take(p);
+    if (size == mgx::BlockTable::absent) {
         std::fprintf(stderr, "mgx: free of a block this handle does not own: %p\n", p);
         std::abort();
     }
-    size_t size = it->second;
     r->live_bytes -= size;
-    r->live.erase(it);
-    erase_range(r->sttr_offsets, p, size);
-    erase_range(r->retained, p, size);
-    auto oid = r->oid_of.find(p);
-    if (oid != r->oid_of.end()) {
-        r->oids.erase(oid->second);
-        r->oid_of.erase(oid);
+    if (!r->sttr_offsets.empty()) erase_range(r->sttr_offsets, p, size);
+    if (!r->retained.empty()) erase_range(r->retained, p, size);
+    if (!r->oid_of.empty()) {
+        auto oid = r->oid_of.find(p);
+        if (oid != r->oid_of.end()) {
+            r->oids.erase(oid->second);
+            r->oid_of.erase(oid);
+        }
     }
     std::free(p);
 }
@@ -137,7 +137,7 @@ mgx_handle_t *mgx_handle_create(void) {
 void mgx_handle_destroy(mgx_handle_t *h) {
     if (!h) return;
     Runtime *r = rt(h);
-    for (auto &[p, size] : r->live) std::free(p);
+    r->live.for_each([](void *p, size_t) { std::free(p); });
     for (void *p : r->registry_blocks) std::free(p);
     delete r;
     delete h;

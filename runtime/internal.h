@@ -28,9 +28,68 @@ struct OidEntry {
     bool destroy_pending; // mapping removal was asked while references were outstanding
 };
 
+// The live blocks of a handle's instance allocator: an open-addressing table (linear probing,
+// tombstones, grown at half load) so that accounting a block allocates nothing per block; a
+// node-based map cost one heap allocation per instance block.
+class BlockTable {
+  public:
+    static constexpr size_t absent = ~size_t{0};
+
+    void insert(void *p, size_t size) {
+        if ((used_ + 1) * 2 > slots_.size()) rehash(slots_.empty() ? 64 : (count_ + 1) * 4);
+        size_t i = home(p);
+        while (slots_[i].key && slots_[i].key != tombstone()) i = (i + 1) & mask();
+        if (!slots_[i].key) ++used_;
+        slots_[i] = Slot{p, size};
+        ++count_;
+    }
+    // The block's size, and the block forgotten; absent when the table does not hold it.
+    size_t take(void *p) {
+        if (slots_.empty() || !p) return absent;
+        for (size_t i = home(p);; i = (i + 1) & mask()) {
+            if (!slots_[i].key) return absent;
+            if (slots_[i].key == p) {
+                size_t size = slots_[i].size;
+                slots_[i].key = tombstone();
+                --count_;
+                return size;
+            }
+        }
+    }
+    size_t size() const { return count_; }
+    template <class Fn> void for_each(Fn fn) const {
+        for (const Slot &s : slots_)
+            if (s.key && s.key != tombstone()) fn(s.key, s.size);
+    }
+
+  private:
+    struct Slot {
+        void *key = nullptr;
+        size_t size = 0;
+    };
+    static void *tombstone() { return reinterpret_cast<void *>(uintptr_t{1}); }
+    size_t mask() const { return slots_.size() - 1; }
+    size_t home(const void *p) const {
+        auto v = reinterpret_cast<uintptr_t>(p) >> 4;
+        return static_cast<size_t>(v * 0x9E3779B97F4A7C15ull >> 20) & mask();
+    }
+    void rehash(size_t at_least) {
+        size_t n = 64;
+        while (n < at_least) n *= 2;
+        std::vector<Slot> old(n);
+        old.swap(slots_);
+        used_ = count_ = 0;
+        for (const Slot &s : old)
+            if (s.key && s.key != tombstone()) insert(s.key, s.size);
+    }
+    std::vector<Slot> slots_;
+    size_t count_ = 0; // live blocks
+    size_t used_ = 0;  // slots ever filled since the last rehash (live and tombstones)
+};
+
 struct Runtime {
     // instance allocator accounting
-    std::unordered_map<void *, size_t> live;
+    BlockTable live;
     uint64_t live_bytes = 0;
     uint64_t total_allocations = 0;
     uint32_t fail_nth = 0;

@@ -54,6 +54,33 @@ TEST_F(HandleTest, AllocationAccountingAndFailureInjection) {
     EXPECT_EQ(mgx_handle_total_allocations(h), 4u);
 }
 
+// The live-block table under churn: growth, reuse of freed slots and rehashing keep every block
+// and its size; a block freed once is no longer the handle's.
+TEST_F(HandleTest, AccountingHoldsThroughHeavyChurn) {
+    std::vector<void *> blocks;
+    for (size_t round = 0; round < 4; ++round) {
+        for (size_t i = 0; i < 3000; ++i) {
+            blocks.push_back(alloc(i % 97 + 1));
+        }
+        for (size_t i = 0; i < blocks.size(); i += 2) { // every other block goes
+            release(blocks[i]);
+            blocks[i] = nullptr;
+        }
+        std::vector<void *> kept;
+        for (void *p : blocks)
+            if (p) kept.push_back(p);
+        blocks.swap(kept);
+        EXPECT_EQ(mgx_handle_live_allocations(h), blocks.size());
+    }
+    for (void *p : blocks) release(p);
+    EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
+    EXPECT_EQ(mgx_handle_live_bytes(h), 0u);
+    EXPECT_EQ(mgx_handle_total_allocations(h), 12000u);
+    void *again = alloc(8);
+    release(again);
+    EXPECT_DEATH(release(again), "does not own");
+}
+
 TEST_F(HandleTest, FreeOfForeignBlockAborts) {
     int local = 0;
     EXPECT_DEATH(release(&local), "does not own");
