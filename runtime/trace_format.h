@@ -137,6 +137,10 @@ inline bool expand_texts(const std::vector<uint8_t> &section, uint32_t count, ui
         error = "message texts too long";
         return false;
     }
+    if (n > raw_length) { // every text ends with its NUL
+        error = "the message texts are damaged";
+        return false;
+    }
     std::string raw(raw_length, '\0');
     uLongf raw_len = raw_length;
     if (uncompress(reinterpret_cast<Bytef *>(raw.data()), &raw_len, c.p, zlength) != Z_OK || raw_len != raw_length ||

@@ -64,11 +64,11 @@ gate_fuzz() {
     local seconds=${1:-25}
     echo "== gate: fuzzing, ${seconds}s per target ($out-fuzz)"
     CC=clang CXX=clang++ cmake -S . -B "$out-fuzz" -G Ninja -DOVRIN_TESTS=OFF -DOVRIN_FUZZ=ON >/dev/null
-    cmake --build "$out-fuzz" -j "$(nproc)" --target ovrin_fuzz_wire ovrin_fuzz_xml ovrin_fuzz_seeds
+    cmake --build "$out-fuzz" -j "$(nproc)" --target ovrin_fuzz_wire ovrin_fuzz_xml ovrin_fuzz_trace ovrin_fuzz_seeds
     "$out-fuzz/fuzz/ovrin_fuzz_seeds" "$out-fuzz/seeds"
     mkdir -p "$out-fuzz/artifacts"
     local target
-    for target in wire xml; do
+    for target in wire xml trace; do
         mkdir -p "$out-fuzz/corpus/$target"
         local log="$out-fuzz/$target.log"
         if ! "$out-fuzz/fuzz/ovrin_fuzz_$target" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 \
