@@ -1,6 +1,7 @@
 // The enumeration operations over the type tables.
 #include "ops/enum/enum.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -40,16 +41,18 @@ bool prepare_store(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance
 
 } // namespace
 
+// Literals are listed in strictly increasing user value and travel as their position (the
+// generator refuses anything else), so both lookups are direct: an index for the common dense
+// enumeration, a binary search for the sparse ones.
 const Literal *literal_named_by(const Type &t, uint32_t user) {
-    for (uint16_t i = 0; i < t.n_literals; ++i)
-        if (t.literals[i].user == user) return &t.literals[i];
-    return nullptr;
+    if (user < t.n_literals && t.literals[user].user == user) return &t.literals[user];
+    const Literal *end = t.literals + t.n_literals;
+    const Literal *l = std::lower_bound(t.literals, end, user, [](const Literal &a, uint32_t v) { return a.user < v; });
+    return l != end && l->user == user ? l : nullptr;
 }
 
 const Literal *literal_on_wire(const Type &t, uint32_t wire) {
-    for (uint16_t i = 0; i < t.n_literals; ++i)
-        if (t.literals[i].wire == wire) return &t.literals[i];
-    return nullptr;
+    return wire < t.n_literals ? &t.literals[wire] : nullptr;
 }
 
 uint32_t enum_map_to_internal_value(const Type &t, uint32_t user) {

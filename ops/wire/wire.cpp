@@ -19,36 +19,11 @@ constexpr uint32_t arm_callsite_tag = 0xB03C3000u;
 constexpr unsigned enum_value_offset = 12;             // the value word of an enumeration instance
 constexpr int32_t min_instance_bytes = 6;              // a record's wire header: the least an element takes
 
-// The runtime's primitives, reached by kind.
-struct PrimWire {
-    uint32_t (*marshal)(mgx_handle_t *, uint32_t, uint8_t *, const void *, int32_t, uint32_t *);
-    uint32_t (*unmarshal)(mgx_handle_t *, uint32_t, const uint8_t *, void *, int32_t, uint32_t, uint32_t *);
-    uint32_t (*len)(mgx_handle_t *, uint32_t, const void *);
-};
-
-template <class T, auto Marshal, auto Unmarshal, auto Len> constexpr PrimWire prim_wire() {
-    return PrimWire{
-        [](mgx_handle_t *h, uint32_t luid, uint8_t *buf, const void *f, int32_t space, uint32_t *err) {
-            return Marshal(h, luid, buf, static_cast<const T *>(f), space, err);
-        },
-        [](mgx_handle_t *h, uint32_t luid, const uint8_t *buf, void *f, int32_t length, uint32_t flags, uint32_t *err) {
-            return Unmarshal(h, luid, buf, static_cast<T *>(f), length, flags, err);
-        },
-        [](mgx_handle_t *h, uint32_t luid, const void *f) { return Len(h, luid, static_cast<const T *>(f)); },
-    };
-}
-
-#define OVRIN_PRIM_WIRE(T) prim_wire<T, T##_marshal, T##_unmarshal, T##_len>()
-
-const PrimWire &prim_wire_of(Kind k) {
-    static const PrimWire table[] = {
-        OVRIN_PRIM_WIRE(u_int8),      OVRIN_PRIM_WIRE(u_int16),   OVRIN_PRIM_WIRE(u_int32),
-        OVRIN_PRIM_WIRE(u_int64),     OVRIN_PRIM_WIRE(mgx_boolean), OVRIN_PRIM_WIRE(mgx_mac_addr),
-        OVRIN_PRIM_WIRE(ipv4_addr),   OVRIN_PRIM_WIRE(ipv6_addr), OVRIN_PRIM_WIRE(aaa_tlv),
-    };
-    static_assert(static_cast<int>(Kind::u8) == 0 && static_cast<int>(Kind::aaa_tlv) == 8);
-    return table[static_cast<int>(k)];
-}
+// The runtime's primitives by kind and type name: each operation below switches over this list
+// and calls the primitive directly.
+#define OVRIN_WIRE_PRIMS(X)                                                                            \
+    X(u8, u_int8) X(u16, u_int16) X(u32, u_int32) X(u64, u_int64) X(boolean, mgx_boolean)                 \
+    X(mac_addr, mgx_mac_addr) X(ipv4_addr, ipv4_addr) X(ipv6_addr, ipv6_addr) X(aaa_tlv, aaa_tlv)
 
 // A count or length field that belongs to a variable array or counted string: on the wire it
 // stands as its own member but carries no state byte (the array or string carries it).
@@ -90,10 +65,15 @@ uint8_t *element_flags(const Field &f, void *block, uint32_t count, bool tracked
 
 uint32_t element_length(const Field &f, mgx_handle_t *h, uint32_t luid, const void *element) {
     switch (f.kind) {
+#define OVRIN_LEN(K, T)                                                                                \
+    case Kind::K: return T##_len(h, luid, static_cast<const T *>(element));
+        OVRIN_WIRE_PRIMS(OVRIN_LEN)
+#undef OVRIN_LEN
     case Kind::record: return wire_length(*f.type, h, luid, element);
     case Kind::enumeration: return 5;
-    default: return prim_wire_of(f.kind).len(h, luid, element);
+    case Kind::character: break;
     }
+    return 0;
 }
 
 // ------------------------------------------------------------------ encoder
@@ -107,13 +87,6 @@ struct Writer {
     int32_t pos = 0;
 
     int32_t left() const { return space - pos; }
-    // Each piece gets its own error cell, so that one piece's failure (or the variant error of the
-    // header) does not silence the pieces after it; the first error reaches the caller's cell.
-    template <class Fn> void put(Fn fn) {
-        uint32_t e = 0;
-        pos += static_cast<int32_t>(fn(buf + pos, left(), &e));
-        if (e && !*err) *err = e;
-    }
     // A member's state byte is stored even at the end of the space, one byte past it: callers of
     // a tracked encode give a buffer one byte longer than the space they declare.
     void state_byte(uint8_t v) {
@@ -126,27 +99,38 @@ struct Writer {
     }
 };
 
-uint32_t encode_element(const Field &f, Writer &w, const void *element, uint8_t *buf, int32_t space, uint32_t *err) {
+// One element, straight to the runtime's primitive or the nested type's encoder.
+inline uint32_t put_element(const Field &f, mgx_handle_t *h, uint32_t luid, uint8_t *b, const void *element,
+                            int32_t space, uint32_t *e) {
     switch (f.kind) {
-    case Kind::record: return encode(*f.type, w.h, w.luid, buf, element, space, true, err);
-    case Kind::enumeration: return enum_marshal(*f.type, w.h, w.luid, buf, element, space, err);
-    default: return prim_wire_of(f.kind).marshal(w.h, w.luid, buf, element, space, err);
+#define OVRIN_MARSHAL(K, T)                                                                            \
+    case Kind::K: return T##_marshal(h, luid, b, static_cast<const T *>(element), space, e);
+        OVRIN_WIRE_PRIMS(OVRIN_MARSHAL)
+#undef OVRIN_MARSHAL
+    case Kind::enumeration: return enum_marshal(*f.type, h, luid, b, element, space, e);
+    case Kind::record: return encode(*f.type, h, luid, b, element, space, true, e);
+    case Kind::character: break;
     }
+    return 0;
 }
 
-void encode_member(const Type &t, const Field &f, Writer &w, const void *instance, const uint8_t *area, bool tracked) {
+// Each piece gets its own error cell, so that one piece's failure (or the variant error of a
+// nested header) does not silence the pieces after it; the first error reaches the caller's cell.
+inline void put_piece(const Field &f, Writer &w, const void *element) {
+    uint32_t e = 0;
+    w.pos += static_cast<int32_t>(put_element(f, w.h, w.luid, w.buf + w.pos, element, w.left(), &e));
+    if (e && !*w.err) *w.err = e;
+}
+
+// Arrays, counted strings and union arms; scalars take the short road in encode().
+void encode_composite(const Type &t, const Field &f, Writer &w, const void *instance, const uint8_t *area,
+                      bool tracked, bool arm_selected) {
     const void *field = field_at(instance, f);
     uint8_t flag = area ? area[f.sttr_pos] : 0;
     switch (f.shape) {
-    case Shape::scalar:
-        w.put([&](uint8_t *b, int32_t s, uint32_t *e) { return encode_element(f, w, field, b, s, e); });
-        if (tracked && !is_companion(f)) w.state_byte(flag);
-        return;
+    case Shape::scalar: return;
     case Shape::fixed_array:
-        for (uint16_t i = 0; i < f.count; ++i) {
-            const void *element = bytes(field) + i * f.elem_size;
-            w.put([&](uint8_t *b, int32_t s, uint32_t *e) { return encode_element(f, w, element, b, s, e); });
-        }
+        for (uint16_t i = 0; i < f.count; ++i) put_piece(f, w, bytes(field) + i * f.elem_size);
         if (tracked) w.state_byte(flag);
         return;
     case Shape::var_string: {
@@ -169,10 +153,8 @@ void encode_member(const Type &t, const Field &f, Writer &w, const void *instanc
         uint32_t count = read_count(instance, t.fields[f.companion]);
         if (count == 0) return; // deliberately without the array's state byte
         void *block = *slot_of(instance, f);
-        for (uint32_t k = 0; k < count; ++k) {
-            const void *element = block ? bytes(block) + static_cast<size_t>(k) * f.elem_size : nullptr;
-            w.put([&](uint8_t *b, int32_t s, uint32_t *e) { return encode(*f.type, w.h, w.luid, b, element, s, true, e); });
-        }
+        for (uint32_t k = 0; k < count; ++k)
+            put_piece(f, w, block ? bytes(block) + static_cast<size_t>(k) * f.elem_size : nullptr);
         if (!tracked) return;
         w.state_byte(flag);
         const uint8_t *per_element = element_flags(f, block, count, true);
@@ -180,12 +162,12 @@ void encode_member(const Type &t, const Field &f, Writer &w, const void *instanc
         return;
     }
     case Shape::member: {
-        if (selected(t, f, instance)) {
+        if (arm_selected) {
             const void *arm = *slot_of(instance, f);
             if (!arm)
                 w.error(MGX_ENOENT);
             else
-                w.put([&](uint8_t *b, int32_t s, uint32_t *e) { return encode(*f.type, w.h, w.luid, b, arm, s, true, e); });
+                put_piece(f, w, arm);
         }
         if (tracked && w.left() >= 2) w.buf[w.pos++] = flag;
         return;
@@ -219,10 +201,15 @@ struct Reader {
 uint32_t decode_element(const Field &f, Reader &r, void *element) {
     const uint8_t *b = r.buf + r.pos;
     switch (f.kind) {
+#define OVRIN_UNMARSHAL(K, T)                                                                          \
+    case Kind::K: return T##_unmarshal(r.h, r.luid, b, static_cast<T *>(element), r.left(), r.flags, r.err);
+        OVRIN_WIRE_PRIMS(OVRIN_UNMARSHAL)
+#undef OVRIN_UNMARSHAL
     case Kind::record: return decode(*f.type, r.h, r.luid, b, element, r.left(), r.flags, r.err);
     case Kind::enumeration: return enum_unmarshal(*f.type, r.h, r.luid, b, element, r.left(), r.flags, r.err);
-    default: return prim_wire_of(f.kind).unmarshal(r.h, r.luid, b, element, r.left(), r.flags, r.err);
+    case Kind::character: break;
     }
+    return 0;
 }
 
 void free_block(Reader &r, void *&block) {
@@ -428,7 +415,9 @@ uint32_t encode(const Type &t, mgx_handle_t *h, uint32_t luid, uint8_t *buf, con
     if (variant > t.last_variant()) variant = t.last_variant();
 
     Writer w{h, luid, buf, space, err};
-    w.put([&](uint8_t *b, int32_t s, uint32_t *e) { return _mgx_instance_variant_marshal(h, luid, b, variant, s, e); });
+    uint32_t e = 0;
+    w.pos += static_cast<int32_t>(_mgx_instance_variant_marshal(h, luid, buf, variant, space, &e));
+    if (e && !*err) *err = e;
     uint8_t flag = mgx_get_instance_obj_flag(instance, 1, 0);
     const uint8_t *area = nullptr;
     bool tracked = tracking(t, h);
@@ -439,19 +428,36 @@ uint32_t encode(const Type &t, mgx_handle_t *h, uint32_t luid, uint8_t *buf, con
         flag &= static_cast<uint8_t>(~MGX_IF_TRACKED);
     }
     flag &= wire_flag_mask;
-    w.put([&](uint8_t *b, int32_t s, uint32_t *e) { return _mgx_instance_obj_flag_marshal(h, luid, b, flag, s, e); });
-    if (flag & MGX_IF_HD_MAPPED)
-        w.put([&](uint8_t *b, int32_t s, uint32_t *e) { return _mgx_instance_ra_data_marshal(h, luid, b, instance, s, e); });
+    e = 0;
+    w.pos += static_cast<int32_t>(_mgx_instance_obj_flag_marshal(h, luid, buf + w.pos, flag, w.left(), &e));
+    if (e && !*err) *err = e;
+    if (flag & MGX_IF_HD_MAPPED) {
+        e = 0;
+        w.pos += static_cast<int32_t>(_mgx_instance_ra_data_marshal(h, luid, buf + w.pos, instance, w.left(), &e));
+        if (e && !*err) *err = e;
+    }
     int32_t header = w.pos;
-    w.put([&](uint8_t *b, int32_t s, uint32_t *e) { return _mgx_variant_jump_marshal(h, luid, b, 0, s, e); });
+    e = 0;
+    w.pos += static_cast<int32_t>(_mgx_variant_jump_marshal(h, luid, buf + w.pos, 0, w.left(), &e));
+    if (e && !*err) *err = e;
     bool jump_written = w.pos == header + 4;
 
-    if (variant >= 0)
-        for (uint16_t i = 0; i < t.n_fields; ++i)
-            if (present(t.fields[i], variant)) encode_member(t, t.fields[i], w, instance, area, tracked);
+    if (variant >= 0 && instance) {
+        uint32_t selector = t.discriminator >= 0 ? discriminator_value(t, instance) : 0;
+        const Field *end = t.fields + t.n_fields;
+        for (const Field *f = t.fields; f != end; ++f) {
+            if (f->from_variant > variant) continue;
+            if (f->shape != Shape::scalar) {
+                encode_composite(t, *f, w, instance, area, tracked, f->select == selector);
+                continue;
+            }
+            put_piece(*f, w, field_at(instance, *f));
+            if (tracked && !is_companion(*f)) w.state_byte(area ? area[f->sttr_pos] : 0);
+        }
+    }
 
     if (jump_written) {
-        uint32_t e = 0;
+        e = 0;
         _mgx_variant_jump_marshal(h, luid, buf + header, static_cast<uint32_t>(w.pos - header), 4, &e);
     }
     return static_cast<uint32_t>(w.pos);
