@@ -63,7 +63,7 @@ uint8_t *element_flags(const Field &f, void *block, uint32_t count, bool tracked
 
 // ------------------------------------------------------------------ length
 
-uint32_t element_length(const Field &f, mgx_handle_t *h, uint32_t luid, const void *element) {
+[[gnu::always_inline]] inline uint32_t element_length(const Field &f, mgx_handle_t *h, uint32_t luid, const void *element) {
     switch (f.kind) {
 #define OVRIN_LEN(K, T)                                                                                \
     case Kind::K: return T##_len(h, luid, static_cast<const T *>(element));
@@ -100,7 +100,7 @@ struct Writer {
 };
 
 // One element, straight to the runtime's primitive or the nested type's encoder.
-inline uint32_t put_element(const Field &f, mgx_handle_t *h, uint32_t luid, uint8_t *b, const void *element,
+[[gnu::always_inline]] inline uint32_t put_element(const Field &f, mgx_handle_t *h, uint32_t luid, uint8_t *b, const void *element,
                             int32_t space, uint32_t *e) {
     switch (f.kind) {
 #define OVRIN_MARSHAL(K, T)                                                                            \
@@ -116,7 +116,7 @@ inline uint32_t put_element(const Field &f, mgx_handle_t *h, uint32_t luid, uint
 
 // Each piece gets its own error cell, so that one piece's failure (or the variant error of a
 // nested header) does not silence the pieces after it; the first error reaches the caller's cell.
-inline void put_piece(const Field &f, Writer &w, const void *element) {
+[[gnu::always_inline]] inline void put_piece(const Field &f, Writer &w, const void *element) {
     uint32_t e = 0;
     w.pos += static_cast<int32_t>(put_element(f, w.h, w.luid, w.buf + w.pos, element, w.left(), &e));
     if (e && !*w.err) *w.err = e;
@@ -198,7 +198,7 @@ struct Reader {
     void error(uint32_t code) { fail(h, err, code); }
 };
 
-uint32_t decode_element(const Field &f, Reader &r, void *element) {
+[[gnu::always_inline]] inline uint32_t decode_element(const Field &f, Reader &r, void *element) {
     const uint8_t *b = r.buf + r.pos;
     switch (f.kind) {
 #define OVRIN_UNMARSHAL(K, T)                                                                          \
@@ -504,21 +504,28 @@ uint32_t decode(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *bu
     }
 
     if (variant >= 0) {
-        std::array<uint32_t, 64> old_counts{}; // counts and lengths as they were before this decode
+        // Counts and lengths as they were before this decode, written when a count or length
+        // field is decoded and read only by the array or string it counts, which comes after it
+        // in the same variant: no slot is read before it is written.
+        std::array<uint32_t, 64> old_counts;
+        bool state_bytes = r.copy_state || r.skip_state;
         uint32_t arm_index = 0;
-        for (uint16_t i = 0; i < t.n_fields && !*err; ++i) {
+        for (uint16_t i = 0; i < t.n_fields; ++i) {
             const Field &f = t.fields[i];
-            bool is_arm = f.shape == Shape::member;
             if (!present(f, variant)) {
-                arm_index += is_arm;
+                arm_index += f.shape == Shape::member;
                 continue;
             }
             void *field = field_at(instance, f);
             switch (f.shape) {
             case Shape::scalar:
-                if (is_companion(f) && i < old_counts.size()) old_counts[i] = read_count(instance, f);
-                r.pos += static_cast<int32_t>(decode_element(f, r, field));
-                if (!*err && !is_companion(f)) r.state_byte(f);
+                if (f.companion >= 0) {
+                    if (i < old_counts.size()) old_counts[i] = read_count(instance, f);
+                    r.pos += static_cast<int32_t>(decode_element(f, r, field));
+                } else {
+                    r.pos += static_cast<int32_t>(decode_element(f, r, field));
+                    if (state_bytes && !*err) r.state_byte(f);
+                }
                 break;
             case Shape::fixed_array:
                 for (uint16_t k = 0; k < f.count && !*err; ++k)
@@ -537,8 +544,8 @@ uint32_t decode(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *bu
                 ++arm_index;
                 break;
             }
+            if (*err) return static_cast<uint32_t>(r.pos);
         }
-        if (*err) return static_cast<uint32_t>(r.pos);
     }
 
     int64_t end = static_cast<int64_t>(header) + jump;
