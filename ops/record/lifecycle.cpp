@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "ovrin_sm/ops.h"
+#include "ovrin_sm_internal/tables.h"
 
 namespace ovrin {
 
@@ -66,15 +67,70 @@ bool inline_instance(const Field &f) {
     return f.kind == Kind::record || f.kind == Kind::enumeration || prim_instance_of(f.kind);
 }
 
-template <class Fn> void for_each_element(void *instance, const Field &f, Fn fn) {
-    for (uint16_t i = 0; i < f.count; ++i) fn(bytes(instance) + f.offset + i * f.elem_size);
+// A field a lifecycle walk has to visit, by its index in its type's table, with the runtime
+// primitive that handles its elements (null for records, unions and enumerations).
+struct Step {
+    uint16_t field;
+    const PrimInstance *prim;
+};
+
+// What the lifecycle walks of one type visit, worked out once from its table: most fields are
+// integers, and create, decode and destroy would otherwise test every one of them per instance.
+struct Plan {
+    const Step *owning = nullptr; // destroy: members, strings, arrays and inline instances, in declaration order
+    const Step *inline_ = nullptr; // initialize and embed: inline instances
+    const Step *areas = nullptr;   // tracked initialize: scalar records and attribute lists with an area of their own
+    uint16_t n_owning = 0, n_inline = 0, n_areas = 0;
+};
+
+bool owning(const Field &f) {
+    return f.shape == Shape::member || f.shape == Shape::var_string || f.shape == Shape::var_array ||
+           inline_instance(f);
+}
+
+bool nested_area(const Field &f) {
+    return f.shape == Shape::scalar && f.sttr_nested != no_area && (f.kind == Kind::record || f.kind == Kind::aaa_tlv);
+}
+
+// The plans of every type of the bundle, by registration order, in one block of steps.
+class Plans {
+  public:
+    Plans() {
+        size_t n = 0;
+        for (const Type *t : table::all)
+            for (uint16_t i = 0; i < t->n_fields; ++i) n += owning(t->fields[i]) + inline_instance(t->fields[i]) +
+                                                              nested_area(t->fields[i]);
+        steps_.reserve(n);
+        for (unsigned k = 0; k < table::type_count; ++k) {
+            const Type &t = *table::all[k];
+            Plan &p = plans_[t.index];
+            p.owning = collect(t, owning, p.n_owning);
+            p.inline_ = collect(t, inline_instance, p.n_inline);
+            p.areas = collect(t, nested_area, p.n_areas);
+        }
+    }
+    const Plan &of(const Type &t) const { return plans_[t.index]; }
+
+  private:
+    const Step *collect(const Type &t, bool (*wanted)(const Field &), uint16_t &count) {
+        size_t first = steps_.size();
+        for (uint16_t i = 0; i < t.n_fields; ++i)
+            if (wanted(t.fields[i])) steps_.push_back(Step{i, prim_instance_of(t.fields[i].kind)});
+        count = static_cast<uint16_t>(steps_.size() - first);
+        return steps_.data() + first;
+    }
+    std::vector<Step> steps_;
+    Plan plans_[table::type_count];
+};
+
+const Plan &plan_of(const Type &t) {
+    static const Plans plans;
+    return plans.of(t);
 }
 
 void hooked_write(mgx_handle_t *h, bool use_hook, void *addr, size_t n, uint32_t luid, const void *base) {
     if (use_hook) notify(h, addr, n, luid, base);
 }
-
-int8_t header_variant(const void *instance) { return mgx_get_instance_variant(instance, 1, 0); }
 
 // The statistics entry of a variant: an out-of-range variant is reported and capped.
 void *stats_block(const Type &t, const mgx_type_info_t *d, int8_t variant) {
@@ -91,8 +147,14 @@ void *stats_block(const Type &t, const mgx_type_info_t *d, int8_t variant) {
 
 void count_stats(const Type &t, mgx_handle_t *h, uint32_t luid, const mgx_type_info_t *d, int8_t variant, bool created,
                  uint32_t *err) {
-    void *block = stats_block(t, d, variant);
-    if (!block) return;
+    // A variant that both the descriptor and the table know names its own entry; anything else
+    // takes the reporting and capping path.
+    const mgx_type_variant_info_t *vi = d->variant_info;
+    void *block;
+    if (vi && variant >= 0 && variant <= vi->n_variants && variant < t.n_variants)
+        block = vi->entries[variant].stats;
+    else if (!(block = stats_block(t, d, variant)))
+        return;
     uint32_t local = 0;
     if (created)
         mgxlib_type_stats_create_object(h, luid, d, block, &local);
@@ -127,9 +189,10 @@ bool release_references(const Type &t, mgx_handle_t *h, uint32_t luid, void *fie
 }
 
 // Destroys the fields of an instance in declaration order. False when the destroy is abandoned.
-bool destroy_fields(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, int8_t variant, uint32_t *err) {
-    for (uint16_t i = 0; i < t.n_fields; ++i) {
-        const Field &f = t.fields[i];
+bool destroy_fields(const Type &t, const Plan &p, mgx_handle_t *h, uint32_t luid, void *instance, int8_t variant,
+                    uint32_t *err) {
+    for (const Step *s = p.owning, *end = p.owning + p.n_owning; s != end; ++s) {
+        const Field &f = t.fields[s->field];
         if (!present(f, variant)) continue;
         void *field = field_at(instance, f);
         if (f.shape == Shape::member) {
@@ -161,38 +224,24 @@ bool destroy_fields(const Type &t, mgx_handle_t *h, uint32_t luid, void *instanc
             }
             continue;
         }
-        if (!inline_instance(f)) continue;
-        const PrimInstance *prim = prim_instance_of(f.kind);
-        bool abandoned = false;
-        for_each_element(instance, f, [&](void *element) {
-            if (abandoned) return;
-            if (*err) {
-                if (f.type)
-                    trace(*f.type, Message::oid_count_error_present, MGX_SEV_ERROR);
-                else
-                    trace(t, Message::oid_count_error_present, MGX_SEV_ERROR);
-            }
+        const PrimInstance *prim = s->prim;
+        for (uint16_t i = 0; i < f.count; ++i) {
+            void *element = bytes(field) + i * f.elem_size;
+            if (*err) trace(f.type ? *f.type : t, Message::oid_count_error_present, MGX_SEV_ERROR);
             // Nested records and attribute lists may hold object references for their container
-            // to release.
-            if (f.kind == Kind::record || f.kind == Kind::aaa_tlv) {
-                uint32_t n = f.kind == Kind::record ? get_oid_count(*f.type, h, luid, element, err)
-                                                    : prim->get_oid_count(h, luid, element, err);
-                if (n > 0) {
-                    auto list = f.kind == Kind::aaa_tlv
-                                    ? prim->get_object_references
-                                    : nullptr;
-                    if (list && !release_references(t, h, luid, element, n, list, err)) {
-                        abandoned = true;
-                        return;
-                    }
-                }
+            // to release; a nested record lists none.
+            if (f.kind == Kind::record) {
+                get_oid_count(*f.type, h, luid, element, err);
+            } else if (f.kind == Kind::aaa_tlv) {
+                uint32_t n = prim->get_oid_count(h, luid, element, err);
+                if (n > 0 && !release_references(t, h, luid, element, n, prim->get_object_references, err))
+                    return false;
             }
             if (prim)
                 prim->destroy_internal(h, luid, element, 0);
             else
                 destroy_internal(*f.type, h, luid, element, 0);
-        });
-        if (abandoned) return false;
+        }
     }
     return true;
 }
@@ -243,7 +292,7 @@ void *create_internal(const Type &t, mgx_handle_t *h, uint32_t luid) {
                 result = t.placeholder;
             }
         } else {
-            std::memset(block, 0, tracking(t, h) ? t.tracked_size() : t.size);
+            std::memset(block, 0, size);
             uint32_t err = 0;
             initialize(t, h, luid, block, t.descriptor, 1, 0, 0, nullptr, &err);
             if (err) {
@@ -298,8 +347,9 @@ void initialize(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, c
     count_stats(t, h, luid, static_cast<const mgx_type_info_t *>(registered ? registered : descriptor), variant, true,
                 err);
 
+    const Plan &p = plan_of(t);
     uint8_t *base = nullptr;
-    if (tracking(t, h)) {
+    if (tracked) {
         if ((hd->flags & MGX_IF_NESTED) && !sttr_base) {
             fail(h, err, MGX_EINVAL);
             trace(t, Message::nested_without_sttr_base, MGX_SEV_ERROR);
@@ -309,33 +359,31 @@ void initialize(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, c
             base = bytes(instance) + mgxlib_get_sttr_offset(h, luid, instance);
         else
             base = sttr_base ? sttr_base : bytes(instance) + t.size;
-        for (uint16_t i = 0; i < t.n_fields; ++i) {
-            const Field &f = t.fields[i];
-            if (f.shape != Shape::scalar || f.sttr_nested == no_area) continue;
-            if (f.kind != Kind::record && f.kind != Kind::aaa_tlv) continue;
+        for (const Step *s = p.areas, *end = p.areas + p.n_areas; s != end; ++s) {
+            const Field &f = t.fields[s->field];
             void *field = field_at(instance, f);
             mgxlib_update_sttr_offset(h, luid, field, base + f.sttr_nested - bytes(field));
             if (f.kind == Kind::aaa_tlv) aaa_tlv_offset_update(h, luid, static_cast<aaa_tlv *>(field), base + f.sttr_nested, err);
         }
     }
 
-    for (uint16_t i = 0; i < t.n_fields; ++i) {
-        const Field &f = t.fields[i];
-        if (!inline_instance(f)) continue;
-        const PrimInstance *prim = prim_instance_of(f.kind);
+    for (const Step *s = p.inline_, *end = p.inline_ + p.n_inline; s != end; ++s) {
+        const Field &f = t.fields[s->field];
+        const PrimInstance *prim = s->prim;
         // A nested instance's flags start at its area inside ours; one without an area of its own
         // (an enumeration) is handed our base.
         uint8_t *nested_base = !base ? sttr_base
                                : f.sttr_nested != no_area && f.shape == Shape::scalar ? base + f.sttr_nested
                                                                                       : base;
-        for_each_element(instance, f, [&](void *element) {
+        uint8_t *element = bytes(field_at(instance, f));
+        for (uint16_t i = 0; i < f.count; ++i, element += f.elem_size) {
             if (prim)
                 prim->initialize(h, luid, element, prim->descriptor, use_write_hook, header_only, MGX_IF_NESTED,
                                  nested_base, err);
             else
                 initialize(*f.type, h, luid, element, f.type->descriptor, use_write_hook, header_only, MGX_IF_NESTED,
                            nested_base, err);
-        });
+        }
     }
 }
 
@@ -344,16 +392,16 @@ void set_instance_embedded(const Type &t, mgx_handle_t *h, uint32_t luid, void *
         trace(t, Message::embed_null, MGX_SEV_ERROR);
         return;
     }
-    for (uint16_t i = 0; i < t.n_fields; ++i) {
-        const Field &f = t.fields[i];
-        if (!inline_instance(f)) continue;
-        const PrimInstance *prim = prim_instance_of(f.kind);
-        for_each_element(instance, f, [&](void *element) {
-            if (prim)
-                prim->set_instance_embedded(h, luid, element);
+    const Plan &p = plan_of(t);
+    for (const Step *s = p.inline_, *end = p.inline_ + p.n_inline; s != end; ++s) {
+        const Field &f = t.fields[s->field];
+        uint8_t *element = bytes(field_at(instance, f));
+        for (uint16_t i = 0; i < f.count; ++i, element += f.elem_size) {
+            if (s->prim)
+                s->prim->set_instance_embedded(h, luid, element);
             else
                 set_instance_embedded(*f.type, h, luid, element);
-        });
+        }
     }
     mgx_instance_hdr_t *hd = hdr(instance);
     notify(h, &hd->flags, 1, luid, instance);
@@ -389,9 +437,10 @@ void destroy_internal(const Type &t, mgx_handle_t *h, uint32_t luid, void *insta
     // Later-variant fields are destroyed when the instance has them; an instance whose memory is
     // laid out for a later variant (its layout byte) may still own them after a decode of an
     // older variant lowered its variant, so that counts too: nothing it owns is left behind.
-    int8_t variant = header_variant(instance);
+    int8_t variant = hd->variant;
     int8_t owned = variant >= 0 && hd->layout > variant ? hd->layout : variant;
-    if (variant >= 0 && !destroy_fields(t, h, luid, instance, owned, &err)) return;
+    const Plan &p = plan_of(t);
+    if (variant >= 0 && p.n_owning && !destroy_fields(t, p, h, luid, instance, owned, &err)) return;
 
     if (hd->flags & MGX_IF_TRACKED) {
         if (hd->flags & MGX_IF_STTR_OFFSET)
@@ -399,7 +448,7 @@ void destroy_internal(const Type &t, mgx_handle_t *h, uint32_t luid, void *insta
         else
             tracking(t, h);
     }
-    auto *d = static_cast<const mgx_type_info_t *>(mgx_get_manifested_type_info(instance));
+    auto *d = static_cast<const mgx_type_info_t *>(hd->descriptor);
     if (!d || d->magic != MGX_TYPE_INFO_MAGIC) fatal(t, Message::descriptor_corrupt);
     count_stats(t, h, luid, d, hd->variant, false, &err);
 
