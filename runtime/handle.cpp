@@ -17,6 +17,9 @@ namespace {
 
 thread_local uint32_t pending_callsite_tag = 0;
 thread_local bool callsite_tag_pending = false;
+// Tags set by any thread and not yet consumed: while none is, an allocation does not look at its
+// thread's own (reaching thread-local storage from a shared library is a call per access).
+std::atomic<uint32_t> callsite_tags_pending{0};
 
 // A countdown that fires on its nth step: 1 = the next one; 0 = never.
 bool countdown_fires(uint32_t &nth) {
@@ -39,9 +42,10 @@ template <class Map> void erase_range(Map &m, const void *p, size_t size) {
 void *instance_alloc(void *ctx, uint32_t, size_t size) {
     auto *h = static_cast<mgx_handle_t *>(ctx);
     Runtime *r = rt(h);
-    if (callsite_tag_pending) {
+    if (callsite_tags_pending.load(std::memory_order_relaxed) != 0 && callsite_tag_pending) {
         r->callsite_tags.push_back(pending_callsite_tag);
         callsite_tag_pending = false;
+        callsite_tags_pending.fetch_sub(1, std::memory_order_relaxed);
     }
     if (countdown_fires(r->fail_nth)) return nullptr;
     void *p = std::malloc(size ? size : 1);
@@ -74,9 +78,15 @@ void instance_free(void *ctx, uint32_t, void *p) {
     std::free(p);
 }
 
+[[gnu::noinline]] void journal_append(Runtime *r, const void *addr, size_t length, uint32_t luid, const void *base) {
+    r->journal.push_back(mgx_write_record_t{addr, length, luid, base});
+}
+
+// Called before every write an operation makes: with journalling off it returns at once, without
+// the set-up of an append.
 void journal_write(mgx_handle_t *h, const void *addr, size_t length, uint32_t luid, const void *base) {
     Runtime *r = rt(h);
-    if (r->journal_enabled) r->journal.push_back(mgx_write_record_t{addr, length, luid, base});
+    if (r->journal_enabled) journal_append(r, addr, length, luid, base);
 }
 
 void *registry_alloc(void *ctx, uint32_t, size_t size) {
@@ -178,7 +188,16 @@ const mgx_write_record_t *mgx_journal_entry(const mgx_handle_t *h, size_t i) {
     return i < rt(h)->journal.size() ? &rt(h)->journal[i] : nullptr;
 }
 void mgx_journal_clear(mgx_handle_t *h) { rt(h)->journal.clear(); }
-void mgx_journal_enable(mgx_handle_t *h, int enabled) { rt(h)->journal_enabled = enabled != 0; }
+// With journalling off, the handle carries no write hook at all (when the journal is its hook), so
+// that bundles skip the call before every write; turning it on again puts the journal back. A hook
+// of the caller's own is left in place either way.
+void mgx_journal_enable(mgx_handle_t *h, int enabled) {
+    rt(h)->journal_enabled = enabled != 0;
+    if (enabled && !h->write_hook)
+        h->write_hook = journal_write;
+    else if (!enabled && h->write_hook == journal_write)
+        h->write_hook = nullptr;
+}
 
 size_t mgx_hook_count(const mgx_handle_t *h) { return rt(h)->hooks.size(); }
 const mgx_hook_record_t *mgx_hook_entry(const mgx_handle_t *h, size_t i) {
@@ -460,6 +479,7 @@ void mgxdb_plat_set_detach(mgx_handle_t *h, uint32_t luid, const void *object) {
 
 void plinth_set_callsite_tag(uint32_t tag) {
     pending_callsite_tag = tag;
+    if (!callsite_tag_pending) callsite_tags_pending.fetch_add(1, std::memory_order_relaxed);
     callsite_tag_pending = true;
 }
 

@@ -133,7 +133,7 @@ void hooked_write(mgx_handle_t *h, bool use_hook, void *addr, size_t n, uint32_t
 }
 
 // The statistics entry of a variant: an out-of-range variant is reported and capped.
-void *stats_block(const Type &t, const mgx_type_info_t *d, int8_t variant) {
+[[gnu::noinline, gnu::cold]] void *stats_block(const Type &t, const mgx_type_info_t *d, int8_t variant) {
     if (!d->variant_info) {
         trace(t, Message::variant_info, MGX_SEV_EMERG, static_cast<uint32_t>(variant), 0u);
         std::abort();
@@ -145,13 +145,18 @@ void *stats_block(const Type &t, const mgx_type_info_t *d, int8_t variant) {
     return d->variant_info->entries[entry].stats;
 }
 
-void count_stats(const Type &t, mgx_handle_t *h, uint32_t luid, const mgx_type_info_t *d, int8_t variant, bool created,
-                 uint32_t *err) {
+[[gnu::noinline, gnu::cold]] void stats_failed(const Type &t, uint32_t code, uint32_t *err) {
+    trace(t, Message::stats_failed, MGX_SEV_ERROR, std::strerror(static_cast<int>(code)));
+    if (err && !*err) *err = code;
+}
+
+[[gnu::always_inline]] inline void count_stats(const Type &t, mgx_handle_t *h, uint32_t luid, const mgx_type_info_t *d,
+                                               int8_t variant, bool created, uint32_t *err) {
     // A variant that both the descriptor and the table know names its own entry; anything else
     // takes the reporting and capping path.
     const mgx_type_variant_info_t *vi = d->variant_info;
     void *block;
-    if (vi && variant >= 0 && variant <= vi->n_variants && variant < t.n_variants)
+    if (vi && variant >= 0 && variant <= vi->n_variants && variant < t.n_variants) [[likely]]
         block = vi->entries[variant].stats;
     else if (!(block = stats_block(t, d, variant)))
         return;
@@ -160,10 +165,8 @@ void count_stats(const Type &t, mgx_handle_t *h, uint32_t luid, const mgx_type_i
         mgxlib_type_stats_create_object(h, luid, d, block, &local);
     else
         mgxlib_type_stats_destroy_object(h, luid, d, block, &local);
-    if (local) {
-        trace(t, Message::stats_failed, MGX_SEV_ERROR, std::strerror(static_cast<int>(local)));
-        if (err && !*err) *err = local;
-    }
+    if (local) [[unlikely]]
+        stats_failed(t, local, err);
 }
 
 // Releases the object references a field holds, then destroys the field. False when the
@@ -318,11 +321,27 @@ void *create_cr(const Type &t, mgx_handle_t *h) {
     return result;
 }
 
-void initialize(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, const void *descriptor,
-                int use_write_hook, int header_only, uint32_t flags_to_set, uint8_t *sttr_base, uint32_t *err) {
+namespace {
+
+// The arguments an initialization hands down unchanged to every instance nested in it.
+struct Walk {
+    mgx_handle_t *h;
+    uint32_t luid;
+    int use_write_hook;
+    uint32_t *err;
+};
+
+void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *sttr_base);
+
+[[gnu::always_inline]] inline void initialize_instance(const Type &t, const Walk &w, void *instance,
+                                                       const void *descriptor, int header_only,
+                                                       uint32_t flags_to_set, uint8_t *sttr_base) {
+    mgx_handle_t *h = w.h;
+    uint32_t luid = w.luid;
+    uint32_t *err = w.err;
     if (!begin(h, luid, instance, err)) return;
     mgx_instance_hdr_t *hd = hdr(instance);
-    bool hook = use_write_hook != 0;
+    bool hook = w.use_write_hook != 0;
     int8_t variant = record_variant_cap(
         t, static_cast<uint8_t>(mgx_domain_lookup_variant(h, &h->variant_domain, descriptor, err)));
 
@@ -378,13 +397,24 @@ void initialize(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, c
         uint8_t *element = bytes(field_at(instance, f));
         for (uint16_t i = 0; i < f.count; ++i, element += f.elem_size) {
             if (prim)
-                prim->initialize(h, luid, element, prim->descriptor, use_write_hook, header_only, MGX_IF_NESTED,
-                                 nested_base, err);
+                prim->initialize(h, luid, element, prim->descriptor, w.use_write_hook, 0, MGX_IF_NESTED, nested_base,
+                                 err);
             else
-                initialize(*f.type, h, luid, element, f.type->descriptor, use_write_hook, header_only, MGX_IF_NESTED,
-                           nested_base, err);
+                initialize_nested(*f.type, w, element, nested_base);
         }
     }
+}
+
+void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *sttr_base) {
+    initialize_instance(t, w, instance, t.descriptor, 0, MGX_IF_NESTED, sttr_base);
+}
+
+} // namespace
+
+void initialize(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, const void *descriptor,
+                int use_write_hook, int header_only, uint32_t flags_to_set, uint8_t *sttr_base, uint32_t *err) {
+    initialize_instance(t, Walk{h, luid, use_write_hook, err}, instance, descriptor, header_only, flags_to_set,
+                        sttr_base);
 }
 
 void set_instance_embedded(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance) {
