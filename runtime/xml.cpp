@@ -1,6 +1,10 @@
-// XML documents (libxml2) queried with XPath, the tag writers, and the escaping of element text.
+// XML documents (libxml2) and their path queries, the tag writers, and the escaping of element
+// text. The paths the readers build (element names and positions) are answered by walking the
+// tree directly; any other path goes to libxml2's XPath engine, which gives the same node sets.
 #include <climits>
 #include <cstdio>
+#include <cstring>
+#include <string_view>
 
 #include <libxml/parser.h>
 #include <libxml/tree.h>
@@ -80,6 +84,157 @@ struct Query {
     int count() const { return status == 0 && obj->nodesetval ? obj->nodesetval->nodeNr : 0; }
 };
 
+// One step of a plain path: an element name and, when not 0, the position N of "[N]".
+struct Step {
+    const char *name;
+    size_t length;
+    uint32_t position;
+};
+constexpr size_t max_steps = 32;
+
+// Characters of the element names a plain path may hold: 2 where a name may start, 1 inside.
+constexpr struct NameChars {
+    uint8_t kind[256] = {};
+    constexpr NameChars() {
+        for (int c = 0; c < 256; ++c) {
+            bool start = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_';
+            kind[c] = start ? 2 : (c >= '0' && c <= '9') || c == '.' || c == '-';
+        }
+    }
+} name_chars;
+bool name_start(char c) { return name_chars.kind[static_cast<unsigned char>(c)] == 2; }
+bool name_char(char c) { return name_chars.kind[static_cast<unsigned char>(c)] != 0; }
+
+// The element's name is the step's name.
+bool same_name(const xmlChar *name, const Step &s) {
+    size_t i = 0;
+    while (i < s.length && name[i] == static_cast<unsigned char>(s.name[i])) ++i; // stops at name's end
+    return i == s.length && name[i] == 0;
+}
+
+// Splits a path of the plain form the readers build (an optional leading '/', then element names
+// separated by single '/', each with an optional "[N]", N from 1) into steps. Any other path
+// answers false and goes to the XPath engine.
+bool plain_steps(const char *path, Step (&steps)[max_steps], size_t &n) {
+    const char *p = path;
+    if (*p == '/') ++p;
+    n = 0;
+    for (;;) {
+        if (n == max_steps || !name_start(*p)) return false;
+        Step &s = steps[n++];
+        s.name = p;
+        while (name_char(*p)) ++p;
+        s.length = static_cast<size_t>(p - s.name);
+        s.position = 0;
+        if (*p == '[') {
+            uint64_t v = 0;
+            const char *digits = ++p;
+            while (*p >= '0' && *p <= '9' && p - digits < 10) v = v * 10 + static_cast<unsigned>(*p++ - '0');
+            if (p == digits || *p != ']' || v == 0 || v > INT_MAX) return false;
+            s.position = static_cast<uint32_t>(v);
+            ++p;
+        }
+        if (*p == '\0') return true;
+        if (*p++ != '/') return false;
+    }
+}
+
+// Calls visit on every element the steps select from the nodes starting at first and their
+// siblings, in document order (the order of XPath's node set): children that are elements without
+// a namespace (all an unprefixed name matches) and have the step's name, only the N-th of them
+// per parent with "[N]". Stops as soon as visit answers false, and answers false then.
+template <class Visit> bool walk(xmlNodePtr first, const Step *s, const Step *end, Visit &visit) {
+    uint32_t seen = 0;
+    for (xmlNodePtr c = first; c; c = c->next) {
+        if (c->type != XML_ELEMENT_NODE || c->ns || !same_name(c->name, *s)) continue;
+        if (s->position && ++seen != s->position) continue;
+        if (!(s + 1 == end ? visit(c) : walk(c->children, s + 1, end, visit))) return false;
+        if (s->position) return true;
+    }
+    return true;
+}
+
+// How many nodes path selects: status 0, or 2 for no document or a path that is not a node set.
+uint32_t node_count(void *doc, const char *path, uint32_t &count) {
+    count = 0;
+    Step steps[max_steps];
+    size_t n;
+    if (doc && path && plain_steps(path, steps, n)) {
+        auto visit = [&count](xmlNodePtr) { return ++count, true; };
+        walk(static_cast<xmlDocPtr>(doc)->children, steps, steps + n, visit);
+        return 0;
+    }
+    Query q(doc, path);
+    count = static_cast<uint32_t>(q.count());
+    return q.status;
+}
+
+// Hands the first node path selects to use and answers what it answers; 2 when there is none.
+// The node lives only as long as the call (XPath copies some nodes into its result).
+template <class Use> uint32_t with_first_node(void *doc, const char *path, Use use) {
+    Step steps[max_steps];
+    size_t n;
+    if (doc && path && plain_steps(path, steps, n)) {
+        xmlNodePtr found = nullptr;
+        auto visit = [&found](xmlNodePtr node) { return found = node, false; };
+        walk(static_cast<xmlDocPtr>(doc)->children, steps, steps + n, visit);
+        return found ? use(found) : MGX_ENOENT;
+    }
+    Query q(doc, path);
+    if (q.status) return q.status;
+    if (q.count() == 0) return MGX_ENOENT;
+    return use(q.obj->nodesetval->nodeTab[0]);
+}
+
+// The string value of node, escapes not yet undone: the content of an element's only text child
+// read in place, else the text of the whole subtree gathered into scratch.
+uint32_t raw_text(xmlNodePtr node, std::string &scratch, std::string_view &text) {
+    if (node->type == XML_ELEMENT_NODE) {
+        xmlNodePtr c = node->children;
+        if (!c) {
+            text = {};
+            return 0;
+        }
+        if (!c->next && (c->type == XML_TEXT_NODE || c->type == XML_CDATA_SECTION_NODE)) {
+            text = c->content ? std::string_view(reinterpret_cast<const char *>(c->content)) : std::string_view();
+            return 0;
+        }
+    }
+    xmlBufferPtr b = xmlBufferCreate();
+    if (!b) return MGX_ENOMEM;
+    uint32_t status = 0;
+    if (xmlNodeBufGetContent(b, node) != 0)
+        status = MGX_ENOMEM;
+    else
+        scratch.assign(reinterpret_cast<const char *>(xmlBufferContent(b)), static_cast<size_t>(xmlBufferLength(b)));
+    xmlBufferFree(b);
+    text = scratch;
+    return status;
+}
+
+// Undoes the private-use escapes of text (U+E000 + b is EE, 80 | b >> 6, 80 | (b & 3F) in UTF-8),
+// writing at most cap bytes of the result to dst; answers the whole result's length. dst may be
+// text's own storage: nothing is written ahead of what has been read.
+size_t unescape_private(std::string_view text, char *dst, size_t cap) {
+    const auto *s = reinterpret_cast<const unsigned char *>(text.data());
+    const size_t n = text.size();
+    const void *escape = n ? std::memchr(s, 0xEE, n) : nullptr;
+    size_t r = escape ? static_cast<size_t>(static_cast<const unsigned char *>(escape) - s) : n;
+    if (dst != text.data() && r && cap) std::memmove(dst, s, r < cap ? r : cap);
+    size_t w = r;
+    for (; r < n; ++w) {
+        unsigned char c;
+        if (s[r] == 0xEE && r + 2 < n && (s[r + 1] & 0xFC) == 0x80 && (s[r + 2] & 0xC0) == 0x80) {
+            c = static_cast<unsigned char>((s[r + 1] & 3) << 6 | (s[r + 2] & 0x3F));
+            r += 3;
+        } else {
+            c = s[r++];
+        }
+        if (w < cap) dst[w] = static_cast<char>(c);
+    }
+    return w;
+}
+
 void write_start(TextOut &out, const char *name, uint8_t state_flag) {
     if (state_flag)
         out.fmt("<%s state=\"%u\">", name ? name : "", state_flag);
@@ -125,36 +280,17 @@ std::string xml_escape(const char *s, size_t n) {
     return out;
 }
 
-void xml_unescape_private(std::string &text) {
-    // U+E000 + b is EE, 80 | b >> 6, 80 | (b & 3F) in UTF-8.
-    size_t w = 0;
-    for (size_t r = 0; r < text.size(); ++w) {
-        auto at = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
-        if (at(r) == 0xEE && r + 2 < text.size() && (at(r + 1) & 0xFC) == 0x80 && (at(r + 2) & 0xC0) == 0x80) {
-            text[w] = static_cast<char>((at(r + 1) & 3) << 6 | (at(r + 2) & 0x3F));
-            r += 3;
-        } else {
-            text[w] = text[r++];
-        }
-    }
-    text.resize(w);
-}
+void xml_unescape_private(std::string &text) { text.resize(unescape_private(text, text.data(), text.size())); }
 
 uint32_t xml_value(void *doc, const char *path, std::string &out) {
-    Query q(doc, path);
-    if (q.status) return q.status;
-    if (q.count() == 0) return MGX_ENOENT;
-    xmlBufferPtr b = xmlBufferCreate();
-    if (!b) return MGX_ENOMEM;
-    uint32_t status = 0;
-    if (xmlNodeBufGetContent(b, q.obj->nodesetval->nodeTab[0]) != 0) {
-        status = MGX_ENOMEM;
-    } else {
-        out.assign(reinterpret_cast<const char *>(xmlBufferContent(b)), static_cast<size_t>(xmlBufferLength(b)));
+    return with_first_node(doc, path, [&out](xmlNodePtr node) {
+        std::string_view text;
+        uint32_t status = raw_text(node, out, text);
+        if (status) return status;
+        if (text.data() != out.data()) out.assign(text);
         xml_unescape_private(out);
-    }
-    xmlBufferFree(b);
-    return status;
+        return 0u;
+    });
 }
 
 uint32_t xml_element(char *buf, uint32_t size, const char *name, uint8_t state_flag, const char *text,
@@ -186,9 +322,10 @@ void mgx_xml_document_free(void *document) {
 }
 
 uint32_t xml_get_element_nodecount(void *doc, const char *path, uint32_t *count) {
-    Query q(doc, path);
-    if (count) *count = static_cast<uint32_t>(q.count());
-    return q.status;
+    uint32_t n = 0;
+    uint32_t status = node_count(doc, path, n);
+    if (count) *count = n;
+    return status;
 }
 
 // The text of the first node at path. With no buffer, an empty text answers 0 (nothing to read)
@@ -196,15 +333,20 @@ uint32_t xml_get_element_nodecount(void *doc, const char *path, uint32_t *count)
 // cut to size-1 characters and answers 28.
 uint32_t xml_get_element_value(void *doc, const char *path, char *buf, uint32_t size, uint32_t *length_out) {
     if (length_out) *length_out = 0;
-    std::string text;
-    uint32_t status = xml_value(doc, path, text);
-    if (status) return status;
-    uint32_t length = text.size() > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(text.size());
-    if (length_out) *length_out = length;
-    if (!buf || !size) return length ? MGX_ERANGE : 0;
-    TextOut out(buf, size);
-    out.raw(text);
-    return length < size ? 0 : MGX_ERANGE;
+    return with_first_node(doc, path, [&](xmlNodePtr node) {
+        std::string scratch;
+        std::string_view text;
+        uint32_t status = raw_text(node, scratch, text);
+        if (status) return status;
+        // The text goes straight from the document into buf, escapes undone on the way.
+        size_t room = buf && size ? size - 1 : 0;
+        size_t full = unescape_private(text, buf, room);
+        uint32_t length = full > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(full);
+        if (length_out) *length_out = length;
+        if (!buf || !size) return length ? MGX_ERANGE : 0u;
+        buf[full < room ? full : room] = '\0';
+        return length < size ? 0u : MGX_ERANGE;
+    });
 }
 
 uint32_t start_tag(char *buf, uint32_t size, const char *name, uint8_t state_flag) {

@@ -1,6 +1,8 @@
 // XML documents and queries, the bounded text writers, escaping, and counted strings.
 #include <unistd.h>
 
+#include <libxml/xpath.h>
+
 #include "prim_fixture.h"
 
 namespace {
@@ -96,6 +98,73 @@ TEST_F(XmlTest, ElementValueAndNodeCountStatuses) {
     EXPECT_EQ(xml_get_element_nodecount(doc.get(), "r/none", &count), 0u);
     EXPECT_EQ(count, 0u);
     EXPECT_NE(xml_get_element_nodecount(doc.get(), "r/[", &count), 0u);
+}
+
+// Every path, simple or not, selects what libxml2's XPath engine selects from the document node:
+// the same count, and the text of the first node with entities expanded and comments left out.
+TEST_F(XmlTest, PathQueriesAnswerAsXPathDoes) {
+    const char *docs[] = {
+        "<r><a><b>1</b><b>2</b><c/></a><a><b>3</b></a><a/><b>top</b><a><b>4</b><b>5<!--c-->6</b></a></r>",
+        "<r xmlns:p='urn:p'><p:a>ns</p:a><a>plain</a><q xmlns='urn:d'><a>default</a></q><q><a>none</a></q></r>",
+        "<!DOCTYPE r [<!ENTITY e 'ent<i>in</i>'>]><r>lead<!--c--><m>x<i>y</i>z</m><e>&e;</e><e>&amp;&#65;</e>"
+        "<d><![CDATA[<raw>]]></d><d><![CDATA[a]]>b</d><?pi x?><w> </w><w/><u-v.w_1>h</u-v.w_1><and>k</and>"
+        "<text>t</text></r>",
+    };
+    const char *paths[] = {
+        "r", "/r", "r/a", "r/a/b", "/r/a/b", "r/a[2]/b", "r/a/b[2]", "r/a[4]/b[2]", "r/a[1]/b[1]", "r/a[007]/b",
+        "r/a[9]", "r/b", "r/a/c", "r/a/b/x", "a", "r/q/a", "r/q[2]/a", "r/p:a", "r/m", "r/m/i", "r/e", "r/e[2]",
+        "r/e/i", "r/d", "r/d[2]", "r/w", "r/w[2]", "r/u-v.w_1", "r/and", "r/text",
+        // not of the simple form: left to the XPath engine
+        "//b", "r//b", "r/*", "r/a/..", ".", "r/.", "r/a[0]", "r/a[99999999999]", "r/a[last()]", "r/a[1][1]",
+        "r/a[b]", "r/a[ 1]", "r /a", "r/@x", "r/a/b/text()", "r/comment()", "r/namespace::*", "r/a/b | r/b", "/",
+        "", "r/", "r//", "r/[", "r/-a", "r/1a", "count(r/a)", "r/a[1.0]",
+    };
+    for (const char *text : docs) {
+        auto doc = parse_xml(text);
+        ASSERT_NE(doc, nullptr) << text;
+        for (const char *path : paths) {
+            SCOPED_TRACE(std::string(text) + " @ " + path);
+            xmlXPathContextPtr ctx = xmlXPathNewContext(static_cast<xmlDocPtr>(doc.get()));
+            ctx->error = [](void *, xmlErrorPtr) {};
+            ctx->node = static_cast<xmlNodePtr>(doc.get());
+            xmlXPathObjectPtr obj = xmlXPathEvalExpression(reinterpret_cast<const xmlChar *>(path), ctx);
+            bool nodes = obj && obj->type == XPATH_NODESET;
+            uint32_t want_count = nodes && obj->nodesetval ? obj->nodesetval->nodeNr : 0;
+            std::string want;
+            if (want_count) {
+                xmlChar *content = xmlNodeGetContent(obj->nodesetval->nodeTab[0]);
+                want = content ? reinterpret_cast<const char *>(content) : "";
+                xmlFree(content);
+            }
+            xmlXPathFreeObject(obj);
+            xmlXPathFreeContext(ctx);
+
+            uint32_t count = 99, length = 99;
+            EXPECT_EQ(xml_get_element_nodecount(doc.get(), path, &count), nodes ? 0u : MGX_ENOENT);
+            EXPECT_EQ(count, want_count);
+            char buf[64];
+            uint32_t status = want_count ? 0u : MGX_ENOENT;
+            EXPECT_EQ(xml_get_element_value(doc.get(), path, buf, sizeof buf, &length), status);
+            if (status) continue;
+            EXPECT_EQ(std::string(buf), want);
+            EXPECT_EQ(length, want.size());
+            EXPECT_EQ(xml_get_element_value(doc.get(), path, nullptr, 0, &length), want.empty() ? 0u : MGX_ERANGE);
+            EXPECT_EQ(length, want.size());
+            err = 0;
+            var_string_from_xml(h, 0, path, doc.get(), buf, sizeof buf, &err);
+            EXPECT_EQ(err, 0u);
+            EXPECT_EQ(std::string(buf), want);
+        }
+    }
+    // Escapes are undone on the way into a short buffer, which keeps a prefix of the undone text.
+    auto doc = parse_xml("<s>a&#xE001;b&#xE0FF;</s>");
+    char buf[4];
+    uint32_t length = 0;
+    EXPECT_EQ(xml_get_element_value(doc.get(), "s", buf, 3, &length), MGX_ERANGE);
+    EXPECT_EQ(length, 4u);
+    EXPECT_EQ(std::string(buf), "a\x01");
+    EXPECT_EQ(xml_get_element_value(doc.get(), "/s", buf, 4, &length), MGX_ERANGE);
+    EXPECT_EQ(std::string(buf), "a\x01" "b");
 }
 
 TEST_F(XmlTest, DocumentsMustBeWellFormedAndLoadNothingFromOutside) {
