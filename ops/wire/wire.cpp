@@ -247,8 +247,14 @@ void decode_string(const Type &t, const Field &f, Reader &r, void *instance, uin
         notify(r.h, &text, sizeof text, r.luid);
         text = fresh;
     }
-    std::memset(text, 0, size);
+    // The characters, then zeros to the end of the storage: the stored string is always
+    // terminated (a length the input cannot hold was refused above).
     std::memcpy(text, r.buf + r.pos, len);
+    char *tail = static_cast<char *>(text) + len;
+    if (size - len == 1)
+        *tail = 0; // one-byte characters: the terminator alone
+    else
+        std::memset(tail, 0, size - len);
     r.pos += static_cast<int32_t>(len);
     if (r.copy_state) {
         r.state_byte(f);
