@@ -359,14 +359,16 @@ uint32_t wire_length(const Type &t, mgx_handle_t *h, uint32_t luid, const void *
     int8_t variant = mgx_get_instance_variant(instance, 1, 0);
     uint32_t n = 6, state = 0;
     if (variant >= 0) {
-        for (uint16_t i = 0; i < t.n_fields; ++i) {
-            const Field &f = t.fields[i];
-            if (!present(f, variant)) continue;
+        uint32_t selector = t.discriminator >= 0 ? discriminator_value(t, instance) : 0;
+        const Field *end = t.fields + t.n_fields;
+        for (const Field *fp = t.fields; fp != end; ++fp) {
+            const Field &f = *fp;
+            if (f.from_variant > variant) continue;
             const void *field = field_at(instance, f);
             switch (f.shape) {
             case Shape::scalar:
                 n += element_length(f, h, luid, field);
-                state += is_companion(f) ? 0 : 1;
+                state += f.companion < 0;
                 break;
             case Shape::fixed_array:
                 for (uint16_t k = 0; k < f.count; ++k) n += element_length(f, h, luid, bytes(field) + k * f.elem_size);
@@ -387,7 +389,7 @@ uint32_t wire_length(const Type &t, mgx_handle_t *h, uint32_t luid, const void *
                 break;
             }
             case Shape::member:
-                if (selected(t, f, instance)) n += wire_length(*f.type, h, luid, *slot_of(instance, f));
+                if (f.select == selector) n += wire_length(*f.type, h, luid, *slot_of(instance, f));
                 state += 1;
                 break;
             }
