@@ -48,7 +48,8 @@ void *instance_alloc(void *ctx, uint32_t, size_t size) {
         callsite_tags_pending.fetch_sub(1, std::memory_order_relaxed);
     }
     if (countdown_fires(r->fail_nth)) return nullptr;
-    void *p = std::malloc(size ? size : 1);
+    void *p = r->spare.take(size);
+    if (!p) p = std::malloc(mgx::BlockCache::heap_size(size));
     if (!p) return nullptr;
     r->live.insert(p, size);
     r->live_bytes += size;
@@ -75,7 +76,7 @@ void instance_free(void *ctx, uint32_t, void *p) {
             r->oid_of.erase(oid);
         }
     }
-    std::free(p);
+    if (!r->spare.keep(p, size)) std::free(p);
 }
 
 [[gnu::noinline]] void journal_append(Runtime *r, const void *addr, size_t length, uint32_t luid, const void *base) {

@@ -3,6 +3,7 @@
 #define MGX_RUNTIME_INTERNAL_H
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <string>
@@ -87,9 +88,67 @@ class BlockTable {
     size_t used_ = 0;  // slots ever filled since the last rehash (live and tombstones)
 };
 
+// Freed instance blocks of the small sizes, kept for the next allocation of the same size class:
+// decoding a message into a new instance and destroying it again would otherwise go to the C
+// heap for every nested record, string and array. Blocks of a class are allocated at the class's
+// full size so that any request of the class can take any of them. Off under AddressSanitizer,
+// which has to see every free to report a use after it.
+class BlockCache {
+public:
+#if defined(__SANITIZE_ADDRESS__)
+    static constexpr bool enabled = false;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+    static constexpr bool enabled = false;
+#else
+    static constexpr bool enabled = true;
+#endif
+#else
+    static constexpr bool enabled = true;
+#endif
+    static constexpr size_t granule = 16, classes = 32, depth = 64; // classes up to 512 bytes
+    static constexpr size_t max_bytes = 256 * 1024;                 // kept at most, per handle
+
+    BlockCache() = default;
+    BlockCache(const BlockCache &) = delete;
+    BlockCache &operator=(const BlockCache &) = delete;
+    ~BlockCache() {
+        for (size_t c = 0; c < classes; ++c)
+            for (uint8_t i = 0; i < count_[c]; ++i) std::free(blocks_[c][i]);
+    }
+    size_t bytes() const { return bytes_; }
+
+    // The bytes to ask the heap for when a request of this size is not met from the cache.
+    static size_t heap_size(size_t size) {
+        size_t c = class_of(size);
+        return enabled && c < classes ? (c + 1) * granule : (size ? size : 1);
+    }
+    void *take(size_t size) {
+        size_t c = class_of(size);
+        if (!enabled || c >= classes || count_[c] == 0) return nullptr;
+        bytes_ -= (c + 1) * granule;
+        return blocks_[c][--count_[c]];
+    }
+    // False when the block is to go back to the heap.
+    bool keep(void *p, size_t size) {
+        size_t c = class_of(size);
+        if (!enabled || c >= classes || count_[c] == depth || bytes_ + (c + 1) * granule > max_bytes) return false;
+        bytes_ += (c + 1) * granule;
+        blocks_[c][count_[c]++] = p;
+        return true;
+    }
+
+private:
+    static size_t class_of(size_t size) { return size ? (size - 1) / granule : 0; }
+    void *blocks_[classes][depth];
+    uint8_t count_[classes] = {};
+    size_t bytes_ = 0;
+};
+
 struct Runtime {
     // instance allocator accounting
     BlockTable live;
+    BlockCache spare; // freed blocks kept for reuse (not live, not counted)
     uint64_t live_bytes = 0;
     uint64_t total_allocations = 0;
     uint32_t fail_nth = 0;
