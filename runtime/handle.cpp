@@ -43,7 +43,9 @@ void *instance_alloc(void *ctx, uint32_t, size_t size) {
     auto *h = static_cast<mgx_handle_t *>(ctx);
     Runtime *r = rt(h);
     if (callsite_tags_pending.load(std::memory_order_relaxed) != 0 && callsite_tag_pending) {
-        r->callsite_tags.push_back(pending_callsite_tag);
+        // Recorded, like writes, only while the handle journals: a long-running process with the
+        // journal off would otherwise collect one tag per union member it ever decoded.
+        if (r->journal_enabled) r->callsite_tags.push_back(pending_callsite_tag);
         callsite_tag_pending = false;
         callsite_tags_pending.fetch_sub(1, std::memory_order_relaxed);
     }

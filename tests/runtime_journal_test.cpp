@@ -69,7 +69,14 @@ TEST_F(Recording, CallsiteTagIsTakenOnlyByItsOwnThread) {
     EXPECT_EQ(mgx_callsite_tag(h, 0), 0xB03C3002u);
     void *untagged = h->inst_alloc(h->alloc_ctx, 1, 8); // the tag was consumed: none is left
     EXPECT_EQ(mgx_callsite_tag_count(h), 1u);
-    for (void *p : {mine, theirs, untagged}) h->inst_free(h->alloc_ctx, 1, p);
+    // With the journal off a tag is consumed all the same, and not kept.
+    mgx_journal_enable(h, 0);
+    plinth_set_callsite_tag(0xB03C3003);
+    void *quiet = h->inst_alloc(h->alloc_ctx, 1, 8);
+    mgx_journal_enable(h, 1);
+    void *after = h->inst_alloc(h->alloc_ctx, 1, 8);
+    EXPECT_EQ(mgx_callsite_tag_count(h), 1u);
+    for (void *p : {mine, theirs, untagged, quiet, after}) h->inst_free(h->alloc_ctx, 1, p);
 }
 
 } // namespace
