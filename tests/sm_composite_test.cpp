@@ -97,7 +97,7 @@ TEST_F(Composite, WholeUnionSetMovesTheMembersOutOfTheSource) {
     ovrin_smd_in_event_destroy(h, luid, dst); // each member freed exactly once
 }
 
-TEST_F(Composite, LaterMembersNeedTheInstanceVariantAndSelectByTheirStoredValue) {
+TEST_F(Composite, VariantBoundMembersAndDiscriminatorValues) {
     mgx_handle_set_domain_variant(h, "ovrin_smd_in_event", 1);
     auto *u = ovrin_smd_in_event_create(h, luid);
     ASSERT_EQ(reinterpret_cast<mgx_instance_hdr_t *>(u)->variant, 1);
@@ -117,14 +117,13 @@ TEST_F(Composite, LaterMembersNeedTheInstanceVariantAndSelectByTheirStoredValue)
     EXPECT_EQ(ovrin_smd_in_event_remote_update_get_detach(h, luid, u, &err), remote);
     sess_mgr_remote_update_destroy(h, luid, remote);
     ovrin_smd_in_event_destroy(h, luid, u);
-}
 
-TEST_F(Composite, DiscriminatorValueBeyondItsVariantIsRefused) {
-    auto *u = sess_mgr_oper_data_create(h, luid);
-    sm_oper_data_type_set_value(h, luid, sess_mgr_oper_data_oper_type_get(h, luid, u, &err), 2, &err);
+    // A discriminator set in place, through its getter, refuses a value beyond its variant.
+    auto *o = sess_mgr_oper_data_create(h, luid);
+    sm_oper_data_type_set_value(h, luid, sess_mgr_oper_data_oper_type_get(h, luid, o, &err), 2, &err);
     EXPECT_EQ(code(), MGX_EVARIANT);
-    EXPECT_EQ(u->oper_type.value, 0u);
-    sess_mgr_oper_data_destroy(h, luid, u);
+    EXPECT_EQ(o->oper_type.value, 0u);
+    sess_mgr_oper_data_destroy(h, luid, o);
 }
 
 TEST_F(Composite, MemberFlagsUnderTracking) {
