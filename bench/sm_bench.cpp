@@ -87,7 +87,6 @@ private:
 template <class T> class Ours {
 public:
     template <class C> Ours(const Ops<T> &ops, const C &content) : ops(ops), h(mgx_handle_create()) {
-        mgx_journal_enable(h, 0);
         msg = build(h, content);
         if (!msg) return;
         wire.resize(ops.len(h, kLuid, msg));

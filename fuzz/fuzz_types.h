@@ -87,7 +87,6 @@ inline mgx_handle_t *handle(bool tracked) {
                 mgx_handle_destroy(handles[i]);
             }
             handles[i] = mgx_handle_create();
-            mgx_journal_enable(handles[i], 0);
         }
         mgx_handle_set_state_tracking(handles[1], 1, MGX_STTR_TRACKED);
     }

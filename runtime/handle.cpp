@@ -27,9 +27,12 @@ bool countdown_fires(uint32_t &nth) {
     return --nth == 0;
 }
 
+bool recording(const Runtime *r, uint32_t recorder) { return (r->recorders & recorder) != 0; }
+
 void record_hook(mgx_handle_t *h, mgx_hook_kind_t kind, uint32_t luid, const void *object, const void *container,
                  int64_t arg) {
-    rt(h)->hooks.push_back(mgx_hook_record_t{kind, luid, object, container, arg});
+    Runtime *r = rt(h);
+    if (recording(r, MGX_RECORD_HOOKS)) mgx::record(r->hooks, mgx_hook_record_t{kind, luid, object, container, arg});
 }
 
 // Drops the bookkeeping of every address inside [p, p + size) when a block goes away.
@@ -43,9 +46,9 @@ void *instance_alloc(void *ctx, uint32_t, size_t size) {
     auto *h = static_cast<mgx_handle_t *>(ctx);
     Runtime *r = rt(h);
     if (callsite_tags_pending.load(std::memory_order_relaxed) != 0 && callsite_tag_pending) {
-        // Recorded, like writes, only while the handle journals: a long-running process with the
-        // journal off would otherwise collect one tag per union member it ever decoded.
-        if (r->journal_enabled) r->callsite_tags.push_back(pending_callsite_tag);
+        // Recorded only when asked for: a long-running process would otherwise collect one tag
+        // per union member it ever decoded.
+        if (recording(r, MGX_RECORD_CALLSITE_TAGS)) mgx::record(r->callsite_tags, pending_callsite_tag);
         callsite_tag_pending = false;
         callsite_tags_pending.fetch_sub(1, std::memory_order_relaxed);
     }
@@ -53,7 +56,12 @@ void *instance_alloc(void *ctx, uint32_t, size_t size) {
     void *p = r->spare.take(size);
     if (!p) p = std::malloc(mgx::BlockCache::heap_size(size));
     if (!p) return nullptr;
-    r->live.insert(p, size);
+    try {
+        r->live.insert(p, size); // may grow the table
+    } catch (...) {
+        std::free(p);
+        return nullptr;
+    }
     r->live_bytes += size;
     r->total_allocations++;
     return p;
@@ -81,33 +89,38 @@ void instance_free(void *ctx, uint32_t, void *p) {
     if (!r->spare.keep(p, size)) std::free(p);
 }
 
-[[gnu::noinline]] void journal_append(Runtime *r, const void *addr, size_t length, uint32_t luid, const void *base) {
-    r->journal.push_back(mgx_write_record_t{addr, length, luid, base});
-}
-
-// Called before every write an operation makes: with journalling off it returns at once, without
-// the set-up of an append.
+// The handle's write hook while the journal records: called before every write an operation makes.
 void journal_write(mgx_handle_t *h, const void *addr, size_t length, uint32_t luid, const void *base) {
     Runtime *r = rt(h);
-    if (r->journal_enabled) journal_append(r, addr, length, luid, base);
+    if (recording(r, MGX_RECORD_JOURNAL)) mgx::record(r->journal, mgx_write_record_t{addr, length, luid, base});
 }
 
 void *registry_alloc(void *ctx, uint32_t, size_t size) {
     auto *r = static_cast<Runtime *>(ctx);
     if (countdown_fires(r->registry_fail_nth)) return nullptr;
     void *p = std::calloc(1, size);
-    if (p) r->registry_blocks.push_back(p);
+    if (!p) return nullptr;
+    try {
+        r->registry_blocks.push_back(p);
+    } catch (...) {
+        std::free(p);
+        return nullptr;
+    }
     return p;
 }
 
 void *registry_lookup(void *ctx, uint32_t, const char *key) {
     auto *r = static_cast<Runtime *>(ctx);
-    auto it = r->registry.find(key);
+    if (!key) return nullptr;
+    auto it = r->registry.find(std::string_view(key));
     return it == r->registry.end() ? nullptr : it->second;
 }
 
+// A copy that cannot be inserted is not found by later lookups; the handle's error store says 12.
 void registry_insert(void *ctx, uint32_t, const char *key, void *descriptor) {
-    static_cast<Runtime *>(ctx)->registry[key] = descriptor;
+    auto *r = static_cast<Runtime *>(ctx);
+    if (!key) return;
+    mgx::guarded(r->handle, nullptr, [&] { r->registry.insert_or_assign(std::string(key), descriptor); });
 }
 
 const mgx_type_info_t *info_of(const void *descriptor) { return static_cast<const mgx_type_info_t *>(descriptor); }
@@ -133,10 +146,11 @@ mgx_handle_t *mgx_handle_create(void) {
         return nullptr;
     }
     h->runtime = r;
+    r->handle = h;
     h->inst_alloc = instance_alloc;
     h->inst_free = instance_free;
     h->alloc_ctx = h;
-    h->write_hook = journal_write;
+    h->write_hook = nullptr; // the journal, off until asked for
     h->reg_alloc = registry_alloc;
     h->reg_mem_ctx = r;
     h->reg_lookup = registry_lookup;
@@ -161,8 +175,11 @@ void mgx_handle_set_state_tracking(mgx_handle_t *h, int present, uint32_t marker
     h->sttr = present ? &rt(h)->sttr_record : nullptr;
 }
 
-void mgx_handle_set_domain_variant(mgx_handle_t *h, const char *type_name, int8_t variant) {
-    rt(h)->domain_variants[type_name] = variant;
+int mgx_handle_set_domain_variant(mgx_handle_t *h, const char *type_name, int8_t variant) {
+    if (!type_name) return MGX_EINVAL;
+    uint32_t err = 0;
+    mgx::guarded(h, &err, [&] { rt(h)->domain_variants.insert_or_assign(std::string(type_name), variant); });
+    return static_cast<int>(err);
 }
 
 void mgx_handle_set_domain_mode(mgx_handle_t *h, uint32_t mode) { h->domain_mode = mode; }
@@ -191,16 +208,18 @@ const mgx_write_record_t *mgx_journal_entry(const mgx_handle_t *h, size_t i) {
     return i < rt(h)->journal.size() ? &rt(h)->journal[i] : nullptr;
 }
 void mgx_journal_clear(mgx_handle_t *h) { rt(h)->journal.clear(); }
-// With journalling off, the handle carries no write hook at all (when the journal is its hook), so
-// that bundles skip the call before every write; turning it on again puts the journal back. A hook
-// of the caller's own is left in place either way.
-void mgx_journal_enable(mgx_handle_t *h, int enabled) {
-    rt(h)->journal_enabled = enabled != 0;
-    if (enabled && !h->write_hook)
+// With the journal off, the handle carries no write hook at all (when the journal is its hook), so
+// that bundles skip the call before every write; turning it on puts the journal in as the hook. A
+// hook of the caller's own is left in place either way.
+void mgx_handle_set_recorders(mgx_handle_t *h, uint32_t recorders) {
+    rt(h)->recorders = recorders & MGX_RECORD_ALL;
+    bool journal = recorders & MGX_RECORD_JOURNAL;
+    if (journal && !h->write_hook)
         h->write_hook = journal_write;
-    else if (!enabled && h->write_hook == journal_write)
+    else if (!journal && h->write_hook == journal_write)
         h->write_hook = nullptr;
 }
+uint32_t mgx_handle_recorders(const mgx_handle_t *h) { return rt(h)->recorders; }
 
 size_t mgx_hook_count(const mgx_handle_t *h) { return rt(h)->hooks.size(); }
 const mgx_hook_record_t *mgx_hook_entry(const mgx_handle_t *h, size_t i) {
@@ -239,7 +258,7 @@ void *mgxlib_get_handle_ws(mgx_handle_t *h, uint32_t min_length, uint32_t *lengt
     if (ws.size() < want) {
         try {
             ws.resize(want);
-        } catch (const std::bad_alloc &) {
+        } catch (...) {
             if (length_out) *length_out = 0;
             return nullptr;
         }
@@ -323,9 +342,19 @@ uint64_t mgx_oid_map(mgx_handle_t *h, void *instance) {
     if (!instance) return 0;
     auto it = r->oid_of.find(instance);
     if (it != r->oid_of.end()) return it->second;
-    uint64_t oid = r->next_oid++;
-    r->oids.emplace(oid, mgx::OidEntry{instance, 0, false});
-    r->oid_of.emplace(instance, oid);
+    uint64_t oid = r->next_oid;
+    uint32_t err = 0;
+    mgx::guarded(h, &err, [&] {
+        r->oids.emplace(oid, mgx::OidEntry{instance, 0, false});
+        try {
+            r->oid_of.emplace(instance, oid);
+        } catch (...) {
+            r->oids.erase(oid);
+            throw;
+        }
+    });
+    if (err) return 0;
+    r->next_oid++;
     static_cast<mgx_instance_hdr_t *>(instance)->flags |= MGX_IF_OID_MAPPED;
     return oid;
 }
@@ -367,8 +396,8 @@ int mgx_request_oid_mapping_destroy(mgx_handle_t *h, uint32_t luid, void *instan
         if (err) *err = code;
     } else if (auto it = r->oid_of.find(instance); it == r->oid_of.end()) {
         if (err) *err = MGX_ENOENT;
-    } else if (mgx::OidEntry &e = r->oids[it->second]; e.refs > 0) {
-        e.destroy_pending = true;
+    } else if (auto entry = r->oids.find(it->second); entry != r->oids.end() && entry->second.refs > 0) {
+        entry->second.destroy_pending = true;
     } else {
         remove_mapping(r, it->second);
         result = 1;
@@ -396,9 +425,10 @@ void mgxlib_lookup_and_update_oid_ref_count(mgx_handle_t *h, uint32_t luid, uint
     remove_mapping(r, oid);
     const mgx_type_info_t *d = info_of(mgx_get_manifested_type_info(instance));
     if (!d || d->magic != MGX_TYPE_INFO_MAGIC) return;
-    std::string name = std::string(d->type_name) + "_destroy";
+    char name[sizeof d->type_name + sizeof "_destroy"];
+    std::snprintf(name, sizeof name, "%.*s_destroy", static_cast<int>(sizeof d->type_name), d->type_name);
     using destroy_fn = void (*)(mgx_handle_t *, uint32_t, void *);
-    if (auto fn = reinterpret_cast<destroy_fn>(dlsym(RTLD_DEFAULT, name.c_str()))) fn(h, luid, instance);
+    if (auto fn = reinterpret_cast<destroy_fn>(dlsym(RTLD_DEFAULT, name))) fn(h, luid, instance);
 }
 
 void mgx_hd_mapping_destroy(mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
@@ -420,8 +450,10 @@ int64_t mgxlib_get_sttr_offset(mgx_handle_t *h, uint32_t, const void *instance) 
     return it == m.end() ? 0 : it->second;
 }
 
+// An offset that cannot be recorded leaves the field without a state-flag area (its flags are
+// then neither read nor written) and 12 in the handle's error store.
 void mgxlib_update_sttr_offset(mgx_handle_t *h, uint32_t luid, const void *field, int64_t offset) {
-    rt(h)->sttr_offsets[reinterpret_cast<uintptr_t>(field)] = offset;
+    mgx::guarded(h, nullptr, [&] { rt(h)->sttr_offsets.insert_or_assign(reinterpret_cast<uintptr_t>(field), offset); });
     record_hook(h, MGX_HOOK_STTR_OFFSET, luid, field, nullptr, offset);
 }
 
@@ -433,8 +465,10 @@ int mgx_sttr_offset_lookup(const mgx_handle_t *h, const void *field, int64_t *of
     return 1;
 }
 
-void mgx_sttr_offset_set(mgx_handle_t *h, const void *instance, int64_t offset) {
-    rt(h)->sttr_offsets[reinterpret_cast<uintptr_t>(instance)] = offset;
+int mgx_sttr_offset_set(mgx_handle_t *h, const void *instance, int64_t offset) {
+    uint32_t err = 0;
+    mgx::guarded(h, &err, [&] { rt(h)->sttr_offsets.insert_or_assign(reinterpret_cast<uintptr_t>(instance), offset); });
+    return static_cast<int>(err);
 }
 
 // ------------------------------------------------------------------ statistics
@@ -493,10 +527,13 @@ uint32_t mgx_callsite_tag(const mgx_handle_t *h, size_t i) {
 
 // ------------------------------------------------------------------ retained data
 
+// 1, or 0 (and 12 in the handle's error store) when the bytes cannot be kept.
 int mgx_retained_data_set(mgx_handle_t *h, const void *instance, const void *bytes, uint16_t length) {
-    auto &v = rt(h)->retained[reinterpret_cast<uintptr_t>(instance)];
-    v.assign(static_cast<const uint8_t *>(bytes), static_cast<const uint8_t *>(bytes) + length);
-    return 1;
+    const auto *p = static_cast<const uint8_t *>(bytes);
+    return mgx::guarded(h, nullptr, 0, [&] {
+        rt(h)->retained.insert_or_assign(reinterpret_cast<uintptr_t>(instance), std::vector<uint8_t>(p, p + length));
+        return 1;
+    });
 }
 
 uint16_t mgx_retained_data_get(const mgx_handle_t *h, const void *instance, const void **bytes) {

@@ -6,9 +6,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <new>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "mgx/runtime.h"
@@ -22,6 +25,8 @@ struct NameHash {
     size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
 };
 using DomainVariants = std::unordered_map<std::string, int8_t, NameHash, std::equal_to<>>;
+
+using NameTable = std::unordered_map<std::string, void *, NameHash, std::equal_to<>>;
 
 struct OidEntry {
     void *instance;
@@ -146,6 +151,7 @@ private:
 };
 
 struct Runtime {
+    mgx_handle_t *handle = nullptr; // the handle this is the state of
     // instance allocator accounting
     BlockTable live;
     BlockCache spare; // freed blocks kept for reuse (not live, not counted)
@@ -155,12 +161,12 @@ struct Runtime {
     // registry
     uint32_t registry_fail_nth = 0;
     std::vector<void *> registry_blocks;
-    std::unordered_map<std::string, void *> registry;
+    NameTable registry; // looked up by the caller's key without building a string
     // variant domain: per type name, the variant its instances have in this handle
     DomainVariants domain_variants;
     mgx_sttr_record_t sttr_record{};
-    // observability
-    bool journal_enabled = true;
+    // observability: the recorders switched on (MGX_RECORD_*), none in a new handle
+    uint32_t recorders = 0;
     std::vector<mgx_write_record_t> journal;
     std::vector<mgx_hook_record_t> hooks;
     std::vector<uint32_t> callsite_tags;
@@ -196,6 +202,38 @@ inline void handle_free(mgx_handle_t *h, uint32_t luid, void *p) {
 inline void fail(mgx_handle_t *h, uint32_t *err, uint32_t code) {
     if (err) *err = code;
     if (h) mgx_store_err(h, code);
+}
+
+// Appends to a recorder. A recorder that cannot grow drops the record: the operation it watches
+// goes on as it would with the recorder off.
+template <class Log, class Item> void record(Log &log, Item &&item) noexcept {
+    try {
+        log.push_back(std::forward<Item>(item));
+    } catch (...) {
+    }
+}
+
+// Runs the body of an exported function so that no C++ exception leaves the runtime: running out
+// of memory in the runtime's own containers becomes 12 in the error slot and the handle, anything
+// else 22, and the function returns fallback. Every exported function whose work can allocate
+// through the C++ library runs its body this way.
+template <class R, class Body> R guarded(mgx_handle_t *h, uint32_t *err, R fallback, Body &&body) noexcept {
+    try {
+        return body();
+    } catch (const std::bad_alloc &) {
+        fail(h, err, MGX_ENOMEM);
+    } catch (const std::length_error &) {
+        fail(h, err, MGX_ENOMEM);
+    } catch (...) {
+        fail(h, err, MGX_EINVAL);
+    }
+    return fallback;
+}
+template <class Body> void guarded(mgx_handle_t *h, uint32_t *err, Body &&body) noexcept {
+    guarded(h, err, 0, [&] {
+        body();
+        return 0;
+    });
 }
 
 // Big-endian helpers for the wire form.

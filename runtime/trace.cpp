@@ -14,6 +14,7 @@
 #include <ctime>
 #include <deque>
 #include <mutex>
+#include <set>
 
 #include "runtime/elf_file.h"
 #include "runtime/internal.h"
@@ -32,7 +33,13 @@ struct Emission {
     std::string text;
 };
 
-constexpr size_t capture_limit = 100000;
+// Captured emissions are a ring: the newest capture_ring are kept, older ones fall out. So is the
+// log of dependent-bundle calls. Neither grows with the life of the process.
+constexpr size_t capture_ring = 4096;
+constexpr size_t bundle_call_ring = 256;
+// Distinct texts of dependent-bundle calls kept for the process's life (their pointers are handed
+// out); calls beyond that are logged under one shared text.
+constexpr size_t bundle_call_texts = 1024;
 
 // What the runtime knows of one message table: its texts (empty when they could not be read,
 // with the reason) and the library file that holds them.
@@ -44,11 +51,15 @@ struct TableTexts {
 
 struct TraceState {
     std::mutex lock;
-    std::vector<std::string> modules;                       // module id - 1 -> name
+    // module id - 1 -> name; a deque never moves its elements, so a name handed out stays put for
+    // the process's life
+    std::deque<std::string> modules;
     std::unordered_map<const void *, TableTexts> tables;    // by table address
-    std::deque<Emission> captured;                          // stable addresses for mgx_trace_text
+    std::deque<Emission> captured;                          // the ring of captured emissions
+    size_t dropped = 0;                                     // emissions that fell out of the ring
     int stderr_level = -2;                                  // -2: not yet read from the environment
-    std::vector<std::string> bundle_calls;
+    std::set<std::string, std::less<>> call_texts;           // interned texts of bundle calls
+    std::deque<const char *> bundle_calls;                  // the ring of bundle calls, by text
     // the trace file
     bool file_env_read = false;
     int file = -1;
@@ -86,7 +97,8 @@ std::string file_of(const void *address) {
 TableTexts &table_texts(TraceState &s, mgx_trace_table_t *t) {
     auto found = s.tables.find(t);
     if (found != s.tables.end()) return found->second;
-    TableTexts &tt = s.tables[t];
+    // Built aside and kept whole: running out of memory half-way leaves no entry behind.
+    TableTexts tt;
     tt.library = file_of(t);
     std::string error;
     auto file = tt.library.empty() ? std::nullopt : mgx::elf::read(tt.library, error);
@@ -97,8 +109,9 @@ TableTexts &table_texts(TraceState &s, mgx_trace_table_t *t) {
         tt.problem = tt.library + " has no " + (t->section ? t->section : "(unnamed)") + " section";
     else if (!mgx::tracefmt::expand_texts(file->contents(*section), t->count, t->texts_crc, tt.texts, error))
         tt.problem = tt.library + ": " + error;
-    t->cache = &tt;
-    return tt;
+    TableTexts &kept = s.tables.emplace(t, std::move(tt)).first->second;
+    t->cache = &kept;
+    return kept;
 }
 
 void file_write(TraceState &s, const std::string &bytes) {
@@ -156,9 +169,22 @@ uint64_t now_ns() {
     return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
 }
 
-void emit(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, std::vector<Arg> args) {
-    TraceState &s = state();
-    std::lock_guard<std::mutex> guard(s.lock);
+void emit_locked(TraceState &s, mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags,
+                 const std::vector<Arg> &args);
+
+// An emission that cannot be rendered or kept for want of memory is dropped: tracing never fails
+// the operation that traces.
+template <class... A> void emit(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, A... args) noexcept {
+    try {
+        TraceState &s = state();
+        std::lock_guard<std::mutex> guard(s.lock);
+        emit_locked(s, t, msg, module, flags, std::vector<Arg>{args...});
+    } catch (...) {
+    }
+}
+
+void emit_locked(TraceState &s, mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags,
+                 const std::vector<Arg> &args) {
     int severity = static_cast<int>((flags >> 24) & 0x7);
     bool valid = t && t->magic == MGX_TRACE_TABLE_MAGIC;
     const TableTexts *tt = valid ? &table_texts(s, t) : nullptr;
@@ -180,7 +206,11 @@ void emit(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, s
         const char *mod = module >= 1 && module <= s.modules.size() ? s.modules[module - 1].c_str() : "?";
         std::fprintf(stderr, "%s %s #%u: %s\n", mgx::tracefmt::severity_name(severity), mod, msg, text.c_str());
     }
-    if (s.captured.size() < capture_limit) s.captured.push_back(Emission{module, msg, severity, std::move(text)});
+    if (s.captured.size() == capture_ring) {
+        s.captured.pop_front();
+        ++s.dropped;
+    }
+    s.captured.push_back(Emission{module, msg, severity, std::move(text)});
 }
 
 Arg u(uint32_t v) { return Arg{'u', v, {}}; }
@@ -188,10 +218,19 @@ Arg d(int32_t v) { return Arg{'d', static_cast<uint32_t>(v), {}}; }
 Arg str(const char *s) { return Arg{'s', 0, s ? s : "(null)"}; }
 Arg ptr(const void *p) { return Arg{'p', reinterpret_cast<uintptr_t>(p), {}}; }
 
-void log_bundle_call(const char *name, const std::string &args) {
-    TraceState &s = state();
-    std::lock_guard<std::mutex> guard(s.lock);
-    s.bundle_calls.push_back(std::string(name) + "(" + args + ")");
+void log_bundle_call(const char *name, const std::string &args) noexcept {
+    try {
+        TraceState &s = state();
+        std::string text = std::string(name) + "(" + args + ")";
+        std::lock_guard<std::mutex> guard(s.lock);
+        auto found = s.call_texts.find(text);
+        if (found == s.call_texts.end())
+            found = s.call_texts.size() < bundle_call_texts ? s.call_texts.insert(std::move(text)).first
+                                                              : s.call_texts.insert("(more distinct calls than kept)").first;
+        if (s.bundle_calls.size() == bundle_call_ring) s.bundle_calls.pop_front();
+        s.bundle_calls.push_back(found->c_str());
+    } catch (...) {
+    }
 }
 
 std::string hex(uint64_t v) {
@@ -211,32 +250,40 @@ int qlog_module_init_fn(const char *module_name, uint16_t *module_id_out, uint32
     TraceState &s = state();
     std::lock_guard<std::mutex> guard(s.lock);
     if (state_word && __atomic_load_n(state_word, __ATOMIC_RELAXED) != 0) return 0;
+    if (!module_name) return EINVAL;
     size_t id = 0;
     while (id < s.modules.size() && s.modules[id] != module_name) ++id;
-    if (id == s.modules.size()) s.modules.emplace_back(module_name);
+    if (id == s.modules.size()) {
+        if (id == UINT16_MAX) return ENOSPC; // module ids are 16 bits
+        try {
+            s.modules.emplace_back(module_name);
+        } catch (...) {
+            return ENOMEM;
+        }
+    }
     if (module_id_out) __atomic_store_n(module_id_out, static_cast<uint16_t>(id + 1), __ATOMIC_RELAXED);
     if (state_word) __atomic_store_n(state_word, 1u, __ATOMIC_RELEASE);
     return 0;
 }
 
 void qlog_emit_0(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags) {
-    emit(t, msg, module, flags, {});
+    emit(t, msg, module, flags);
 }
 void qlog_emit_s(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, const char *s) {
-    emit(t, msg, module, flags, {str(s)});
+    emit(t, msg, module, flags, str(s));
 }
 void qlog_emit_u(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, uint32_t a) {
-    emit(t, msg, module, flags, {u(a)});
+    emit(t, msg, module, flags, u(a));
 }
 void qlog_emit_uu(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, uint32_t a, uint32_t b) {
-    emit(t, msg, module, flags, {u(a), u(b)});
+    emit(t, msg, module, flags, u(a), u(b));
 }
 void qlog_emit_ddd(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, int32_t a, int32_t b,
                    int32_t c) {
-    emit(t, msg, module, flags, {d(a), d(b), d(c)});
+    emit(t, msg, module, flags, d(a), d(b), d(c));
 }
 void qlog_emit_ps(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, const void *p, const char *s) {
-    emit(t, msg, module, flags, {ptr(p), str(s)});
+    emit(t, msg, module, flags, ptr(p), str(s));
 }
 
 int mgx_trace_texts_attach(mgx_trace_table_t *t, const void *section, size_t length) {
@@ -244,21 +291,31 @@ int mgx_trace_texts_attach(mgx_trace_table_t *t, const void *section, size_t len
     TraceState &s = state();
     std::lock_guard<std::mutex> guard(s.lock);
     const uint8_t *bytes = static_cast<const uint8_t *>(section);
-    TableTexts tt;
-    std::string error;
-    if (!mgx::tracefmt::expand_texts({bytes, bytes + length}, t->count, t->texts_crc, tt.texts, error)) return EINVAL;
-    tt.library = file_of(t);
-    s.tables[t] = std::move(tt);
-    t->cache = &s.tables[t];
-    return 0;
+    try {
+        TableTexts tt;
+        std::string error;
+        if (!mgx::tracefmt::expand_texts({bytes, bytes + length}, t->count, t->texts_crc, tt.texts, error))
+            return EINVAL;
+        tt.library = file_of(t);
+        TableTexts &kept = s.tables[t];
+        kept = std::move(tt);
+        t->cache = &kept;
+        return 0;
+    } catch (...) {
+        return ENOMEM;
+    }
 }
 
 const char *mgx_trace_texts_problem(mgx_trace_table_t *t) {
     if (!t || t->magic != MGX_TRACE_TABLE_MAGIC) return "not a message table";
     TraceState &s = state();
     std::lock_guard<std::mutex> guard(s.lock);
-    const TableTexts &tt = table_texts(s, t);
-    return tt.problem.empty() ? nullptr : tt.problem.c_str();
+    try {
+        const TableTexts &tt = table_texts(s, t);
+        return tt.problem.empty() ? nullptr : tt.problem.c_str();
+    } catch (...) {
+        return "out of memory reading the texts";
+    }
 }
 
 int mgx_trace_file_open(const char *path) {
@@ -266,7 +323,11 @@ int mgx_trace_file_open(const char *path) {
     TraceState &s = state();
     std::lock_guard<std::mutex> guard(s.lock);
     s.file_env_read = true; // an explicit file wins over MGX_TRACE_FILE
-    return file_open_locked(s, path);
+    try {
+        return file_open_locked(s, path);
+    } catch (...) {
+        return ENOMEM;
+    }
 }
 
 void mgx_trace_file_close(void) {
@@ -308,6 +369,12 @@ uint16_t mgx_trace_module(size_t i) {
 void mgx_trace_clear(void) {
     std::lock_guard<std::mutex> guard(state().lock);
     state().captured.clear();
+    state().dropped = 0;
+}
+
+size_t mgx_trace_dropped(void) {
+    std::lock_guard<std::mutex> guard(state().lock);
+    return state().dropped;
 }
 
 void mgx_trace_set_stderr_level(int level) {
@@ -368,7 +435,7 @@ size_t mgx_bundle_call_count(void) {
 const char *mgx_bundle_call(size_t i) {
     std::lock_guard<std::mutex> guard(state().lock);
     auto &calls = state().bundle_calls;
-    return i < calls.size() ? calls[i].c_str() : nullptr;
+    return i < calls.size() ? calls[i] : nullptr;
 }
 
 void mgx_bundle_calls_clear(void) {

@@ -75,7 +75,10 @@ uint32_t _mgx_instance_ra_data_unmarshal(mgx_handle_t *h, uint32_t, const uint8_
         mgx::fail(h, err, MGX_ESHORT);
         return 0;
     }
-    mgx_retained_data_set(h, instance, buf + 2, static_cast<uint16_t>(n));
+    if (!mgx_retained_data_set(h, instance, buf + 2, static_cast<uint16_t>(n))) {
+        mgx::fail(h, err, MGX_ENOMEM);
+        return 0;
+    }
     return 2u + static_cast<uint32_t>(n);
 }
 

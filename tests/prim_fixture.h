@@ -24,9 +24,17 @@ inline std::unique_ptr<uint8_t[]> exact_block(size_t n, const uint8_t *p = nullp
     return b;
 }
 
+// A handle with every recorder on, for the tests that read the journal, the hook records and the
+// call-site tags (a new handle keeps none of them).
+inline mgx_handle_t *recording_handle() {
+    mgx_handle_t *h = mgx_handle_create();
+    if (h) mgx_handle_set_recorders(h, MGX_RECORD_ALL);
+    return h;
+}
+
 class RuntimeFixture : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_NE(h = mgx_handle_create(), nullptr); }
+    void SetUp() override { ASSERT_NE(h = recording_handle(), nullptr); }
     void TearDown() override {
         EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
         mgx_handle_destroy(h);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "mgx/runtime.h"
+#include "tests/prim_fixture.h"
 #include "ovrin_sm/ops.h"
 
 namespace {
@@ -17,7 +18,7 @@ constexpr uint32_t luid = 1;
 constexpr size_t start_area = 200; // sess_mgr_session_start: untracked size, where its flags begin
 
 struct Access : ::testing::Test {
-    mgx_handle_t *h = mgx_handle_create();
+    mgx_handle_t *h = recording_handle();
     uint32_t err = 0;
     void SetUp() override { mgx_trace_clear(); }
     void TearDown() override {

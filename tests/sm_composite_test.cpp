@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "mgx/runtime.h"
+#include "tests/prim_fixture.h"
 #include "ovrin_sm/ops.h"
 
 namespace {
@@ -15,7 +16,7 @@ namespace {
 constexpr uint32_t luid = 7;
 
 struct Composite : ::testing::Test {
-    mgx_handle_t *h = mgx_handle_create();
+    mgx_handle_t *h = recording_handle();
     uint32_t err = 0;
     void SetUp() override { mgx_trace_clear(); }
     void TearDown() override {

@@ -16,12 +16,13 @@
 
 #include "frame/module_list.h"
 #include "mgx/runtime.h"
+#include "tests/prim_fixture.h"
 #include "ovrin_sm/ops.h"
 
 namespace {
 
 struct BundleHandle : ::testing::Test {
-    mgx_handle_t *h = mgx_handle_create();
+    mgx_handle_t *h = recording_handle();
     void TearDown() override {
         EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
         mgx_handle_destroy(h);

@@ -71,7 +71,6 @@ template <class Prepare> void every_type(Prepare prepare) {
         for (uint32_t arm = 0; arm < members; ++arm) {
             SCOPED_TRACE(std::string(t->name) + " member " + std::to_string(arm));
             mgx_handle_t *h = mgx_handle_create();
-            mgx_journal_enable(h, 0);
             prepare(h);
             Ops ops = ops_of(*t);
             void *source = testfill::create(*t, h);

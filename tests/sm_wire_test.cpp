@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "mgx/runtime.h"
+#include "tests/prim_fixture.h"
 #include "ovrin_sm/ops.h"
 #include "tests/sm_fill.h"
 
@@ -16,7 +17,7 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 
 struct Wire : ::testing::Test {
-    mgx_handle_t *h = mgx_handle_create();
+    mgx_handle_t *h = recording_handle();
     void SetUp() override { mgx_trace_clear(); }
     void TearDown() override {
         EXPECT_EQ(mgx_handle_live_allocations(h), 0u);

@@ -20,7 +20,8 @@ extern "C" {
 MGX_API mgx_handle_t *mgx_handle_create(void);
 MGX_API void mgx_handle_destroy(mgx_handle_t *h);
 MGX_API void mgx_handle_set_state_tracking(mgx_handle_t *h, int present, uint32_t marker);
-MGX_API void mgx_handle_set_domain_variant(mgx_handle_t *h, const char *type_name, int8_t variant);
+/* 0, or 12 when the handle cannot keep the name */
+MGX_API int mgx_handle_set_domain_variant(mgx_handle_t *h, const char *type_name, int8_t variant);
 MGX_API void mgx_handle_set_domain_mode(mgx_handle_t *h, uint32_t mode);
 MGX_API uint32_t mgx_handle_last_error(const mgx_handle_t *h);
 /* blocks allocated through the handle's instance allocator and not yet freed */
@@ -39,7 +40,19 @@ MGX_API const void *mgx_handle_registry_lookup(const mgx_handle_t *h, const char
 MGX_API void mgx_handle_set_flags(mgx_handle_t *h, uint32_t flags);
 MGX_API void mgx_handle_set_descriptor_luid(mgx_handle_t *h, uint32_t luid);
 
-/* ---- write-hook journal: every write hook call, in order */
+/* ---- recorders. Every recorder of a handle is off when the handle is created, so that a program
+ * that creates, decodes and destroys messages for weeks keeps a flat footprint; tests and tools
+ * switch on what they read. While a recorder is off it keeps nothing (what it held stays until
+ * its clear call or the handle's end). */
+#define MGX_RECORD_JOURNAL 1u       /* every write-hook call, in order (the journal is the handle's hook) */
+#define MGX_RECORD_HOOKS 2u         /* database hooks, registry/variant-info updates, OID and mapping calls */
+#define MGX_RECORD_CALLSITE_TAGS 4u /* call-site tags as the handle's allocations consume them */
+#define MGX_RECORD_ALL 7u
+MGX_API void mgx_handle_set_recorders(mgx_handle_t *h, uint32_t recorders);
+MGX_API uint32_t mgx_handle_recorders(const mgx_handle_t *h);
+
+/* ---- write-hook journal: every write hook call, in order, while MGX_RECORD_JOURNAL is on. With
+ * the journal off the handle has no write hook at all, unless the program installed its own. */
 typedef struct mgx_write_record {
     const void *address;
     size_t length;
@@ -49,10 +62,8 @@ typedef struct mgx_write_record {
 MGX_API size_t mgx_journal_count(const mgx_handle_t *h);
 MGX_API const mgx_write_record_t *mgx_journal_entry(const mgx_handle_t *h, size_t i);
 MGX_API void mgx_journal_clear(mgx_handle_t *h);
-/* journalling is on by default; benchmarks turn it off */
-MGX_API void mgx_journal_enable(mgx_handle_t *h, int enabled);
 
-/* ---- recorded hook calls: database hooks, registry/variant-info updates, OID and mapping calls */
+/* ---- recorded hook calls (while MGX_RECORD_HOOKS is on): database hooks, registry/variant-info updates, OID and mapping calls */
 typedef enum mgx_hook_kind {
     MGX_HOOK_CONTAINMENT = 1, /* mgxdb_record_containment2: object, container */
     MGX_HOOK_DIRTY,           /* mgxdb_plat_set_dirty */
@@ -89,7 +100,7 @@ MGX_API void mgx_handle_fail_hd_mapping_destroy(mgx_handle_t *h, uint32_t code);
 
 /* ---- state-flag offsets recorded through mgxlib_update_sttr_offset / the instance's own offset */
 MGX_API int mgx_sttr_offset_lookup(const mgx_handle_t *h, const void *field, int64_t *offset_out);
-MGX_API void mgx_sttr_offset_set(mgx_handle_t *h, const void *instance, int64_t offset);
+MGX_API int mgx_sttr_offset_set(mgx_handle_t *h, const void *instance, int64_t offset); /* 0 or 12 */
 
 /* ---- statistics kept in a descriptor's variant entries */
 MGX_API uint64_t mgx_stats_created(const void *descriptor, int variant);
@@ -97,7 +108,8 @@ MGX_API uint64_t mgx_stats_destroyed(const void *descriptor, int variant);
 /* the next statistics count fails with code */
 MGX_API void mgx_handle_fail_stats(mgx_handle_t *h, uint32_t code);
 
-/* ---- call-site tags set with plinth_set_callsite_tag, as consumed by the following allocations */
+/* ---- call-site tags set with plinth_set_callsite_tag, as consumed by the following allocations
+ * (while MGX_RECORD_CALLSITE_TAGS is on) */
 MGX_API size_t mgx_callsite_tag_count(const mgx_handle_t *h);
 MGX_API uint32_t mgx_callsite_tag(const mgx_handle_t *h, size_t i);
 
@@ -109,8 +121,10 @@ MGX_API uint16_t mgx_retained_data_get(const mgx_handle_t *h, const void *instan
 MGX_API void *mgx_xml_document_parse(const char *text, size_t length); /* null when not well-formed */
 MGX_API void mgx_xml_document_free(void *document);
 
-/* ---- trace capture (process-wide) */
-MGX_API size_t mgx_trace_count(void);        /* captured emissions since the last clear */
+/* ---- trace capture (process-wide): a ring of the newest 4096 emissions, oldest first. A text's
+ * pointer stays valid until its emission falls out of the ring or mgx_trace_clear. */
+MGX_API size_t mgx_trace_count(void);        /* captured emissions held (at most 4096) */
+MGX_API size_t mgx_trace_dropped(void);      /* emissions that fell out of the ring since the last clear */
 MGX_API const char *mgx_trace_text(size_t i); /* rendered text of emission i */
 MGX_API int mgx_trace_severity(size_t i);    /* 0..7 */
 MGX_API uint32_t mgx_trace_number(size_t i);
@@ -118,6 +132,7 @@ MGX_API uint16_t mgx_trace_module(size_t i);
 MGX_API void mgx_trace_clear(void);
 /* emissions at or below this severity also go to stderr; -1 (default) none. MGX_TRACE_LEVEL sets it too. */
 MGX_API void mgx_trace_set_stderr_level(int level);
+/* a registered module's name; the pointer stays valid for the process's life */
 MGX_API const char *mgx_trace_module_name(uint16_t module);
 /* A table's texts are read from its section in the file the table was loaded from, the first time
  * an emission needs them. attach supplies the section's bytes instead (for a program whose file
@@ -131,7 +146,8 @@ MGX_API const char *mgx_trace_texts_problem(mgx_trace_table_t *t);
 MGX_API int mgx_trace_file_open(const char *path);
 MGX_API void mgx_trace_file_close(void);
 
-/* ---- dependent-bundle registrations, in call order, rendered as "name(args)" */
+/* ---- dependent-bundle registrations, in call order, rendered as "name(args)": a ring of the
+ * newest 256 calls; each text's pointer stays valid for the process's life */
 MGX_API size_t mgx_bundle_call_count(void);
 MGX_API const char *mgx_bundle_call(size_t i);
 MGX_API void mgx_bundle_calls_clear(void);
