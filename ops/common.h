@@ -4,6 +4,7 @@
 #define OVRIN_OPS_COMMON_H
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 #include "frame/trace.h"
@@ -61,6 +62,30 @@ void *descriptor_for(const Type &t, mgx_handle_t *h, uint32_t luid);
 
 // The variant the handle's domain gives t, capped to t's variants (negative kept).
 int8_t domain_variant(const Type &t, mgx_handle_t *h, uint32_t *err);
+
+// Room for the object references a field lists: on the stack for the usual few, from the C heap
+// beyond. The bundle makes no C++ allocation (it is built without exceptions), so nothing it
+// allocates can throw; ok() is false when the heap refuses.
+class RefList {
+  public:
+    explicit RefList(uint32_t n)
+        : refs_(n <= kept ? local_ : static_cast<uint64_t *>(std::calloc(n, sizeof(uint64_t)))), n_(n) {}
+    ~RefList() {
+        if (refs_ != local_) std::free(refs_);
+    }
+    RefList(const RefList &) = delete;
+    RefList &operator=(const RefList &) = delete;
+    bool ok() const { return refs_ != nullptr; }
+    uint64_t *data() { return refs_; }
+    const uint64_t *begin() const { return refs_; }
+    const uint64_t *end() const { return refs_ + n_; }
+
+  private:
+    static constexpr uint32_t kept = 16;
+    uint64_t local_[kept] = {};
+    uint64_t *refs_;
+    uint32_t n_;
+};
 
 } // namespace ovrin
 

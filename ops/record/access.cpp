@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <vector>
 
 #include "ops/enum/enum.h"
 #include "ops/record/lifecycle.h"
@@ -152,12 +151,13 @@ void release_list(mgx_handle_t *h, uint32_t luid, aaa_tlv *dst, const aaa_tlv *s
     uint32_t local = 0;
     uint32_t n = aaa_tlv_get_oid_count(h, luid, dst, &local);
     if (n && !local) {
-        std::vector<uint64_t> refs(n);
-        aaa_tlv_get_object_references(h, luid, dst, refs.data(), n, &local);
-        // A reference that cannot be released stays with the runtime; the list goes regardless.
-        for (uint32_t i = 0; i < n && !local; ++i) {
+        // A reference that cannot be listed or released stays with the runtime; the list goes
+        // regardless.
+        RefList refs(n);
+        if (refs.ok()) aaa_tlv_get_object_references(h, luid, dst, refs.data(), n, &local);
+        for (const uint64_t *r = refs.begin(); refs.ok() && r != refs.end() && !local; ++r) {
             uint32_t release = 0;
-            mgxlib_lookup_and_update_oid_ref_count(h, luid, refs[i], 0, &release);
+            mgxlib_lookup_and_update_oid_ref_count(h, luid, *r, 0, &release);
         }
     }
     aaa_tlv_destroy_internal(h, luid, dst, 0);

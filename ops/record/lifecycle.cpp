@@ -3,7 +3,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 #include "ovrin_sm/ops.h"
 #include "ovrin_sm_internal/tables.h"
@@ -92,15 +91,12 @@ bool nested_area(const Field &f) {
     return f.shape == Shape::scalar && f.sttr_nested != no_area && (f.kind == Kind::record || f.kind == Kind::aaa_tlv);
 }
 
-// The plans of every type of the bundle, by registration order, in one block of steps.
+// The plans of every type of the bundle, by registration order, in one block of steps. A field
+// takes at most one step in each of the three lists, so the block is sized from the field count
+// and the plans need no allocation.
 class Plans {
   public:
     Plans() {
-        size_t n = 0;
-        for (const Type *t : table::all)
-            for (uint16_t i = 0; i < t->n_fields; ++i) n += owning(t->fields[i]) + inline_instance(t->fields[i]) +
-                                                              nested_area(t->fields[i]);
-        steps_.reserve(n);
         for (unsigned k = 0; k < table::type_count; ++k) {
             const Type &t = *table::all[k];
             Plan &p = plans_[t.index];
@@ -113,13 +109,14 @@ class Plans {
 
   private:
     const Step *collect(const Type &t, bool (*wanted)(const Field &), uint16_t &count) {
-        size_t first = steps_.size();
+        const Step *first = steps_ + n_steps_;
         for (uint16_t i = 0; i < t.n_fields; ++i)
-            if (wanted(t.fields[i])) steps_.push_back(Step{i, prim_instance_of(t.fields[i].kind)});
-        count = static_cast<uint16_t>(steps_.size() - first);
-        return steps_.data() + first;
+            if (wanted(t.fields[i])) steps_[n_steps_++] = Step{i, prim_instance_of(t.fields[i].kind)};
+        count = static_cast<uint16_t>(steps_ + n_steps_ - first);
+        return first;
     }
-    std::vector<Step> steps_;
+    Step steps_[3 * table::field_count + 1];
+    size_t n_steps_ = 0;
     Plan plans_[table::type_count];
 };
 
@@ -174,7 +171,12 @@ void hooked_write(mgx_handle_t *h, bool use_hook, void *addr, size_t n, uint32_t
 bool release_references(const Type &t, mgx_handle_t *h, uint32_t luid, void *field, uint32_t n,
                         void (*list)(mgx_handle_t *, uint32_t, const void *, uint64_t *, uint32_t, uint32_t *),
                         uint32_t *err) {
-    std::vector<uint64_t> refs(n);
+    RefList refs(n);
+    if (!refs.ok()) {
+        fail(h, err, MGX_ENOMEM);
+        trace(t, Message::destroy_references_failed, MGX_SEV_ERROR, std::strerror(MGX_ENOMEM));
+        return false;
+    }
     list(h, luid, field, refs.data(), n, err);
     if (*err) {
         trace(t, Message::destroy_references_failed, MGX_SEV_ERROR, std::strerror(static_cast<int>(*err)));

@@ -83,7 +83,10 @@ std::string emit_tables_header(const Catalogue &c) {
     std::string s = format("// The type tables of the bundle. %s\n", generated_banner);
     s += "#ifndef OVRIN_SM_INTERNAL_TABLES_H\n#define OVRIN_SM_INTERNAL_TABLES_H\n\n"
          "#include \"ops/types.h\"\n#include \"ovrin_sm/types.h\"\n\nnamespace ovrin {\n\nnamespace table {\n\n";
-    s += format("inline constexpr unsigned type_count = %zu;\n\n", c.types.size());
+    size_t fields = 0;
+    for (const auto &t : c.types) fields += t->fields.size();
+    s += format("inline constexpr unsigned type_count = %zu;\n", c.types.size());
+    s += format("// Fields of all types together: what per-type plans are sized by.\ninline constexpr unsigned field_count = %zu;\n\n", fields);
     for (const auto &t : c.types) s += format("extern const Type %s;\n", t->name.c_str());
     s += "\n// Every type, in registration order.\nextern const Type *const all[type_count];\n\n} // namespace table\n\n";
     s += "// The exported descriptors in registration order, null-terminated.\n"
