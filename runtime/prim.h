@@ -33,8 +33,9 @@ public:
     void xml_text(const char *s, size_t n);
     uint32_t count() const { return n_; }
 
-private:
     bool whole(const char *s, size_t n); // all of s, or nothing
+
+private:
     char *buf_;
     uint32_t size_;
     uint32_t n_ = 0;
@@ -51,6 +52,8 @@ uint32_t xml_element(char *buf, uint32_t size, const char *name, uint8_t state_f
 // bytes of a literal U+E000..U+E0FF. xml_unescape_private undoes it, so any byte string survives
 // a write and a read exactly.
 std::string xml_escape(const char *s, size_t n);
+// The same, handed over piece by piece: a run of plain text, or one whole reference.
+void xml_escape_pieces(const char *s, size_t n, void (*piece)(void *, const char *, size_t), void *sink);
 void xml_unescape_private(std::string &text);
 
 // The text of the first node at path (private-use escapes undone). Status 0, 2 (no document,

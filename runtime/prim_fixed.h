@@ -128,7 +128,8 @@ template <class V> int32_t three_way(const V &a, const V &b) { return a < b ? -1
 
 } // namespace mgx
 
-// The exported C entry points of each family, forwarding to Fixed<T, Traits> (P).
+// The exported C entry points of each family, forwarding to Fixed<T, Traits> (P). The text forms
+// are the ones that build strings; they run guarded, so running out of memory is error 12.
 #define MGX_EXPORT_VALUE_OPS(T, P)                                                                               \
     T *T##_get(mgx_handle_t *h, uint32_t luid, T *field, uint32_t *err) { return P::get(h, luid, field, err); }    \
     void T##_set(mgx_handle_t *h, uint32_t luid, T *field, const T *value, uint32_t *err) {                        \
@@ -145,15 +146,16 @@ template <class V> int32_t three_way(const V &a, const V &b) { return a < b ? -1
     uint32_t T##_len(mgx_handle_t *h, uint32_t luid, const T *field) { return P::len(h, luid, field); }            \
     uint32_t T##_print(mgx_handle_t *h, uint32_t luid, char *buf, uint32_t indent, const char *name,              \
                        const T *field, uint32_t size, uint32_t *err) {                                             \
-        return P::print(h, luid, buf, indent, name, field, size, err);                                             \
+        return mgx::guarded(h, err, 0u, [&] { return P::print(h, luid, buf, indent, name, field, size, err); });  \
     }                                                                                                              \
     uint32_t T##_to_xml(mgx_handle_t *h, uint32_t luid, const char *name, char *buf, const T *field,              \
                         uint32_t size, uint8_t state_flag, uint32_t *err) {                                        \
-        return P::to_xml(h, luid, name, buf, field, size, state_flag, err);                                        \
+        return mgx::guarded(h, err, 0u,                                                                            \
+                            [&] { return P::to_xml(h, luid, name, buf, field, size, state_flag, err); });          \
     }                                                                                                              \
     void T##_from_xml(mgx_handle_t *h, uint32_t luid, const char *path, void *doc, T *field, uint32_t *err,        \
                       char *msg, uint32_t msg_size) {                                                              \
-        P::from_xml(h, luid, path, doc, field, err, msg, msg_size);                                                \
+        mgx::guarded(h, err, [&] { P::from_xml(h, luid, path, doc, field, err, msg, msg_size); });                \
     }                                                                                                              \
     uint32_t T##_hash(const T *field, uint32_t seed) { return P::hash(field, seed); }
 

@@ -60,15 +60,18 @@ void TextOut::fmt(const char *format, ...) {
 }
 
 void TextOut::xml_text(const char *s, size_t n) {
-    std::string escaped = xml_escape(s, n);
-    // Break only between escapes: a piece is one plain byte or one whole "&...;" reference.
-    size_t i = 0;
-    while (i < escaped.size() && !full_) {
-        size_t end = i + 1;
-        if (escaped[i] == '&') end = escaped.find(';', i) + 1;
-        whole(escaped.data() + i, end - i);
-        i = end;
-    }
+    // Escaped straight into the buffer, nothing built aside. A reference ("&...;") is written
+    // whole or not at all; plain text may be cut anywhere.
+    xml_escape_pieces(
+        s, n,
+        [](void *sink, const char *p, size_t k) {
+            auto *out = static_cast<TextOut *>(sink);
+            if (*p == '&')
+                out->whole(p, k);
+            else
+                out->raw(p, k);
+        },
+        this);
 }
 
 std::string_view trim_blanks(std::string_view text) {

@@ -30,12 +30,14 @@ void var_string_from_xml(mgx_handle_t *h, uint32_t, const char *path, void *doc,
                          uint32_t *err) {
     if (err_set(err)) return;
     if (!out || !out_size) return fail(h, err, MGX_EINVAL);
-    std::string text;
-    uint32_t status = xml_value(doc, path, text);
-    if (!status && text.size() >= out_size) status = MGX_ERANGE; // out is left as it was
-    if (status) return fail(h, err, status);
-    std::memcpy(out, text.data(), text.size());
-    out[text.size()] = '\0';
+    guarded(h, err, [&] {
+        std::string text;
+        uint32_t status = xml_value(doc, path, text);
+        if (!status && text.size() >= out_size) status = MGX_ERANGE; // out is left as it was
+        if (status) return fail(h, err, status);
+        std::memcpy(out, text.data(), text.size());
+        out[text.size()] = '\0';
+    });
 }
 
 } // extern "C"

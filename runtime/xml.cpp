@@ -246,9 +246,7 @@ void write_end(TextOut &out, const char *name) { out.fmt("</%s>", name ? name : 
 
 } // namespace
 
-std::string xml_escape(const char *s, size_t n) {
-    std::string out;
-    out.reserve(n);
+void xml_escape_pieces(const char *s, size_t n, void (*piece)(void *, const char *, size_t), void *sink) {
     const auto *u = reinterpret_cast<const unsigned char *>(s);
     for (size_t i = 0; i < n;) {
         const char *entity = nullptr;
@@ -262,21 +260,28 @@ std::string xml_escape(const char *s, size_t n) {
         default: break;
         }
         if (entity) {
-            out += entity;
+            piece(sink, entity, std::strlen(entity));
             ++i;
             continue;
         }
         size_t len = plain_char_length(u + i, n - i);
         if (len) {
-            out.append(s + i, len);
+            piece(sink, s + i, len);
             i += len;
         } else {
             char ref[12];
-            std::snprintf(ref, sizeof ref, "&#x%X;", 0xE000u + u[i]);
-            out += ref;
+            int k = std::snprintf(ref, sizeof ref, "&#x%X;", 0xE000u + u[i]);
+            piece(sink, ref, static_cast<size_t>(k));
             ++i;
         }
     }
+}
+
+std::string xml_escape(const char *s, size_t n) {
+    std::string out;
+    out.reserve(n);
+    xml_escape_pieces(
+        s, n, [](void *sink, const char *p, size_t k) { static_cast<std::string *>(sink)->append(p, k); }, &out);
     return out;
 }
 
@@ -323,7 +328,7 @@ void mgx_xml_document_free(void *document) {
 
 uint32_t xml_get_element_nodecount(void *doc, const char *path, uint32_t *count) {
     uint32_t n = 0;
-    uint32_t status = node_count(doc, path, n);
+    uint32_t status = guarded(nullptr, &status, MGX_ENOMEM, [&] { return node_count(doc, path, n); });
     if (count) *count = n;
     return status;
 }
@@ -333,7 +338,8 @@ uint32_t xml_get_element_nodecount(void *doc, const char *path, uint32_t *count)
 // cut to size-1 characters and answers 28.
 uint32_t xml_get_element_value(void *doc, const char *path, char *buf, uint32_t size, uint32_t *length_out) {
     if (length_out) *length_out = 0;
-    return with_first_node(doc, path, [&](xmlNodePtr node) {
+    uint32_t ignored = 0;
+    return guarded(nullptr, &ignored, MGX_ENOMEM, [&] { return with_first_node(doc, path, [&](xmlNodePtr node) {
         std::string scratch;
         std::string_view text;
         uint32_t status = raw_text(node, scratch, text);
@@ -346,7 +352,7 @@ uint32_t xml_get_element_value(void *doc, const char *path, char *buf, uint32_t 
         if (!buf || !size) return length ? MGX_ERANGE : 0u;
         buf[full < room ? full : room] = '\0';
         return length < size ? 0u : MGX_ERANGE;
-    });
+    }); });
 }
 
 uint32_t start_tag(char *buf, uint32_t size, const char *name, uint8_t state_flag) {

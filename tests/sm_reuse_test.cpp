@@ -4,40 +4,12 @@
 // leaves an instance equal to the source.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
 #include <vector>
 
 #include "mgx/runtime.h"
 #include "ovrin_sm/ops.h"
 #include "tests/sm_fill.h"
-
-namespace {
-std::atomic<uint64_t> heap_allocations{0};
-} // namespace
-
-// Every operator new of the test binary, the runtime's and the bundle's included, is counted.
-// Kept out of line: inlined beside a new-expression, the frees would look mismatched to GCC.
-[[gnu::noinline]] void *operator new(std::size_t size) {
-    heap_allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void *p = std::malloc(size ? size : 1)) return p;
-    throw std::bad_alloc();
-}
-[[gnu::noinline]] void *operator new[](std::size_t size) { return operator new(size); }
-[[gnu::noinline]] void *operator new(std::size_t size, const std::nothrow_t &) noexcept {
-    heap_allocations.fetch_add(1, std::memory_order_relaxed);
-    return std::malloc(size ? size : 1);
-}
-[[gnu::noinline]] void *operator new[](std::size_t size, const std::nothrow_t &t) noexcept {
-    return operator new(size, t);
-}
-[[gnu::noinline]] void operator delete(void *p) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete(void *p, std::size_t) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete(void *p, const std::nothrow_t &) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete[](void *p) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete[](void *p, std::size_t) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete[](void *p, const std::nothrow_t &) noexcept { std::free(p); }
+#include "tests/sm_heap.h"
 
 namespace {
 
@@ -60,7 +32,7 @@ Ops ops_of(const ovrin::Type &t) {
 struct Counts {
     uint64_t handle, heap;
 };
-Counts counts(mgx_handle_t *h) { return {mgx_handle_total_allocations(h), heap_allocations.load()}; }
+Counts counts(mgx_handle_t *h) { return {mgx_handle_total_allocations(h), heap::allocations()}; }
 
 // Runs the checks over every record and union of the catalogue, each filled with every union
 // member in turn, in a handle as the caller prepares it.

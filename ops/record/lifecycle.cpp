@@ -354,6 +354,12 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
     void *registered = h->domain_mode == 0
                            ? const_cast<void *>(descriptor)
                            : mgx_type_info_ptr_get(h, luid, descriptor, ovrin_sm_typeinfo_initialize);
+    if (!registered) {
+        // The handle could not keep the bundle's registration (its registry ran out of memory):
+        // an instance without a descriptor could never be destroyed, so none is made.
+        fail(h, err, MGX_ENOMEM);
+        return;
+    }
     hooked_write(h, hook, &hd->descriptor, sizeof hd->descriptor, luid, nullptr);
     hd->descriptor = registered;
     hooked_write(h, hook, &hd->flags, 1, luid, instance);
@@ -387,6 +393,9 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
             if (f.kind == Kind::aaa_tlv) aaa_tlv_offset_update(h, luid, static_cast<aaa_tlv *>(field), base + f.sttr_nested, err);
         }
     }
+    // The runtime says in the handle's store when it could not record an offset. The instance is
+    // still laid out whole below, so that whoever sees the error can destroy it.
+    const bool offsets_lost = base && p.n_areas && h->last_error == MGX_ENOMEM;
 
     for (const Step *s = p.inline_, *end = p.inline_ + p.n_inline; s != end; ++s) {
         const Field &f = t.fields[s->field];
@@ -405,6 +414,7 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
                 initialize_nested(*f.type, w, element, nested_base);
         }
     }
+    if (offsets_lost && !(err && *err)) fail(h, err, MGX_ENOMEM);
 }
 
 void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *sttr_base) {

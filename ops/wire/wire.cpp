@@ -326,6 +326,13 @@ void decode_array(const Type &t, const Field &f, Reader &r, void *instance, uint
         uint32_t e = 0;
         initialize(*f.type, r.h, r.luid, element, f.type->descriptor, 0, 0, MGX_IF_NESTED,
                    per_element ? per_element + 2 * k : nullptr, &e);
+        if (e) { // the elements laid out so far go again, and the array stays empty
+            destroy_elements(f, r, block, k + 1);
+            free_block(r, block);
+            write_count(instance, count_field, 0);
+            r.error(e);
+            return;
+        }
     }
     decode_elements(f, r, block, count, per_element);
 }
