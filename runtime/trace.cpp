@@ -174,11 +174,13 @@ void emit_locked(TraceState &s, mgx_trace_table_t *t, uint32_t msg, uint16_t mod
 
 // An emission that cannot be rendered or kept for want of memory is dropped: tracing never fails
 // the operation that traces.
-template <class... A> void emit(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, A... args) noexcept {
+// The arguments are made inside too (a string argument is a copy).
+template <class Args> void emit(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, Args args) noexcept {
     try {
+        std::vector<Arg> made = args();
         TraceState &s = state();
         std::lock_guard<std::mutex> guard(s.lock);
-        emit_locked(s, t, msg, module, flags, std::vector<Arg>{args...});
+        emit_locked(s, t, msg, module, flags, made);
     } catch (...) {
     }
 }
@@ -267,23 +269,23 @@ int qlog_module_init_fn(const char *module_name, uint16_t *module_id_out, uint32
 }
 
 void qlog_emit_0(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags) {
-    emit(t, msg, module, flags);
+    emit(t, msg, module, flags, [] { return std::vector<Arg>{}; });
 }
 void qlog_emit_s(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, const char *s) {
-    emit(t, msg, module, flags, str(s));
+    emit(t, msg, module, flags, [&] { return std::vector<Arg>{str(s)}; });
 }
 void qlog_emit_u(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, uint32_t a) {
-    emit(t, msg, module, flags, u(a));
+    emit(t, msg, module, flags, [&] { return std::vector<Arg>{u(a)}; });
 }
 void qlog_emit_uu(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, uint32_t a, uint32_t b) {
-    emit(t, msg, module, flags, u(a), u(b));
+    emit(t, msg, module, flags, [&] { return std::vector<Arg>{u(a), u(b)}; });
 }
 void qlog_emit_ddd(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, int32_t a, int32_t b,
                    int32_t c) {
-    emit(t, msg, module, flags, d(a), d(b), d(c));
+    emit(t, msg, module, flags, [&] { return std::vector<Arg>{d(a), d(b), d(c)}; });
 }
 void qlog_emit_ps(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, const void *p, const char *s) {
-    emit(t, msg, module, flags, ptr(p), str(s));
+    emit(t, msg, module, flags, [&] { return std::vector<Arg>{ptr(p), str(s)}; });
 }
 
 int mgx_trace_texts_attach(mgx_trace_table_t *t, const void *section, size_t length) {
