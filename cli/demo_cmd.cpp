@@ -45,6 +45,9 @@ struct Options {
     int corrupt = 0;
     // Binary trace file both processes append their emissions to ("ovrin-sm trace FILE" reads it).
     const char *trace = nullptr;
+    // Each process reports its resident memory and its handle's live allocations after every
+    // this many sessions (0: never), so that a long run shows whether anything grows.
+    long memory_every = 0;
 };
 
 // ------------------------------------------------------------------ the conversation
@@ -618,6 +621,30 @@ struct Side {
     }
 
     uint64_t live() const { return mgx_handle_live_allocations(h); }
+
+    // One line with this process's resident set size now and at its peak, in KiB as the kernel
+    // counts them, and the allocations its handle holds, after `session` when it is a multiple of
+    // --memory-every. Written at once, as one line, between the peer's lines.
+    void report_memory(long session) {
+        if (opt.memory_every == 0 || session % opt.memory_every != 0) return;
+        long rss = -1, peak = -1;
+        if (FILE *f = std::fopen("/proc/self/status", "r")) {
+            char line[256];
+            while (std::fgets(line, sizeof line, f)) {
+                std::sscanf(line, "VmRSS: %ld", &rss);
+                std::sscanf(line, "VmHWM: %ld", &peak);
+            }
+            std::fclose(f);
+        }
+        if (rss < 0 || peak < 0) {
+            std::fprintf(stderr, "%s: no resident set size in /proc/self/status\n", name);
+            return;
+        }
+        std::fflush(stdout);
+        std::printf("memory: %s after %ld sessions: rss %ld KiB, peak %ld KiB, live allocations %" PRIu64 "\n", name,
+                    session, rss, peak, live());
+        std::fflush(stdout);
+    }
 };
 
 // The session manager: answers every request of the script, for as many sessions as asked.
@@ -637,6 +664,7 @@ int run_manager(const Options &opt, int fd) {
             }
             if (!going) break;
         }
+        if (going) sm.report_memory(s);
     }
     // The client hangs up once it has everything; only then is the summary printed, after the
     // client's last line. Anything still arriving is a request the script does not have.
@@ -672,7 +700,10 @@ int run_client(const Options &opt, int fd, pid_t manager) {
             }
             if (!going) break;
         }
-        if (going) sessions = s;
+        if (going) {
+            sessions = s;
+            cl.report_memory(s);
+        }
         const auto now = std::chrono::steady_clock::now();
         if (opt.count > 1 && now - last_progress >= std::chrono::seconds(1)) {
             last_progress = now;
@@ -715,11 +746,13 @@ bool parse(int argc, char **argv, Options &o) {
         else if (!std::strcmp(a, "--hex")) o.render = Render::hex;
         else if (!std::strcmp(a, "--quiet")) o.render = Render::none;
         else if (!std::strcmp(a, "--trace") && i + 1 < argc) o.trace = argv[++i];
-        else if ((!std::strcmp(a, "--count") || !std::strcmp(a, "--corrupt")) && i + 1 < argc) {
+        else if ((!std::strcmp(a, "--count") || !std::strcmp(a, "--corrupt") || !std::strcmp(a, "--memory-every")) &&
+                 i + 1 < argc) {
             char *end = nullptr;
             long v = std::strtol(argv[++i], &end, 10);
             if (!*argv[i] || *end || v < 1 || v > 1000000000L) return false;
             if (!std::strcmp(a, "--count")) o.count = v;
+            else if (!std::strcmp(a, "--memory-every")) o.memory_every = v;
             else o.corrupt = static_cast<int>(v);
         } else
             return false;
@@ -732,7 +765,8 @@ bool parse(int argc, char **argv, Options &o) {
 int ovrin_cmd_demo(int argc, char **argv) {
     Options opt;
     if (!parse(argc, argv, opt)) {
-        std::fprintf(stderr, "usage: ovrin-sm demo [--xml | --hex | --quiet] [--count N] [--corrupt FRAME] [--trace FILE]\n");
+        std::fprintf(stderr, "usage: ovrin-sm demo [--xml | --hex | --quiet] [--count N] [--corrupt FRAME] [--trace FILE]\n"
+                             "                      [--memory-every N]\n");
         return 2;
     }
     if (opt.trace) {
