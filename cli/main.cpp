@@ -16,7 +16,7 @@ void usage(FILE *out) {
                "  encode TYPE [FILE]    an XML document to wire bytes (binary, or hex with --hex)\n"
                "  trace FILE [--library LIBRARY]\n"
                "                        a binary trace file to timestamped lines, texts from the library file\n"
-               "  demo [--xml|--hex|--quiet] [--count N] [--corrupt FRAME] [--trace FILE]\n"
+               "  demo [--xml|--hex|--quiet] [--count N] [--corrupt FRAME] [--trace FILE] [--memory-every N]\n"
                "                        a client and a session manager exchanging messages in two processes\n"
                "  help                  show this text\n",
                out);
