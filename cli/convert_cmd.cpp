@@ -6,12 +6,12 @@
 #include <cctype>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
-#include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "cli/commands.h"
+#include "cli/input.h"
 #include "mgx/runtime.h"
 #include "ovrin_sm/ops.h"
 
@@ -90,29 +90,20 @@ bool find_type(const std::string &name, TypeOps &ops) {
     return ops.create && ops.destroy && ops.marshal && ops.unmarshal;
 }
 
-bool read_input(const char *file, std::string &out) {
-    if (!file || !std::strcmp(file, "-")) {
-        out.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-        return true;
-    }
-    FILE *f = std::fopen(file, "rb");
-    if (!f) {
-        std::fprintf(stderr, "ovrin-sm: cannot read %s: %s\n", file, std::strerror(errno));
-        return false;
-    }
-    char chunk[65536];
-    size_t n;
-    while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) out.append(chunk, n);
-    std::fclose(f);
-    return true;
+// The message input: FILE, or standard input when it is absent or "-".
+bool read_message(const char *file, std::vector<uint8_t> &out) {
+    std::string error;
+    if (ovrin::input::read(file ? file : "-", ovrin::input::message_limit, "the input limit", out, error)) return true;
+    std::fprintf(stderr, "ovrin-sm: %s\n", error.c_str());
+    return false;
 }
 
-bool from_hex(const std::string &text, std::vector<uint8_t> &out) {
+bool from_hex(const std::vector<uint8_t> &text, std::vector<uint8_t> &out) {
     int high = -1;
-    for (char c : text) {
-        if (std::isspace(static_cast<unsigned char>(c))) continue;
-        if (!std::isxdigit(static_cast<unsigned char>(c))) return false;
-        int v = std::isdigit(static_cast<unsigned char>(c)) ? c - '0' : std::tolower(c) - 'a' + 10;
+    for (uint8_t c : text) {
+        if (std::isspace(c)) continue;
+        if (!std::isxdigit(c)) return false;
+        int v = std::isdigit(c) ? c - '0' : std::tolower(c) - 'a' + 10;
         if (high < 0) {
             high = v;
         } else {
@@ -175,10 +166,9 @@ int ovrin_cmd_decode(int argc, char **argv) {
     }
     TypeOps ops;
     if (!find_type(o.type, ops)) return 2;
-    std::string raw;
-    if (!read_input(o.file, raw)) return 1;
-    std::vector<uint8_t> bytes(raw.begin(), raw.end());
-    if (o.hex && (bytes.clear(), !from_hex(raw, bytes))) {
+    std::vector<uint8_t> bytes;
+    if (!read_message(o.file, bytes)) return 1;
+    if (o.hex && !from_hex(std::exchange(bytes, {}), bytes)) {
         std::fprintf(stderr, "ovrin-sm: the input is not hexadecimal bytes\n");
         return 1;
     }
@@ -218,9 +208,9 @@ int ovrin_cmd_encode(int argc, char **argv) {
     }
     TypeOps ops;
     if (!find_type(o.type, ops)) return 2;
-    std::string text;
-    if (!read_input(o.file, text)) return 1;
-    void *doc = mgx_xml_document_parse(text.data(), text.size());
+    std::vector<uint8_t> text;
+    if (!read_message(o.file, text)) return 1;
+    void *doc = mgx_xml_document_parse(reinterpret_cast<const char *>(text.data()), text.size());
     if (!doc) {
         std::fprintf(stderr, "ovrin-sm: the input is not a well-formed XML document\n");
         return 1;

@@ -1,6 +1,8 @@
 // ovrin-sm: the command-line tool of the ovrin_sm message library.
 #include <cstdio>
 #include <cstring>
+#include <exception>
+#include <new>
 
 #include "cli/commands.h"
 
@@ -22,9 +24,7 @@ void usage(FILE *out) {
                out);
 }
 
-} // namespace
-
-int main(int argc, char **argv) {
+int dispatch(int argc, char **argv) {
     if (argc < 2 || !std::strcmp(argv[1], "help") || !std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h")) {
         usage(stdout);
         return 0;
@@ -38,4 +38,21 @@ int main(int argc, char **argv) {
     std::fprintf(stderr, "ovrin-sm: unknown command '%s'\n\n", argv[1]);
     usage(stderr);
     return 2;
+}
+
+} // namespace
+
+// The commands report what they meet and return 1; anything that still escapes one ends the
+// tool with status 1 and a message rather than an abort.
+int main(int argc, char **argv) {
+    try {
+        return dispatch(argc, argv);
+    } catch (const std::bad_alloc &) {
+        std::fprintf(stderr, "ovrin-sm: out of memory\n");
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "ovrin-sm: internal error: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "ovrin-sm: internal error: an unknown exception\n");
+    }
+    return 1;
 }

@@ -9,6 +9,7 @@
 
 #include "cli/commands.h"
 #include "cli/elf_sections.h"
+#include "cli/input.h"
 #include "ovrin_sm/ops.h"
 
 namespace {
@@ -42,7 +43,7 @@ int ovrin_cmd_manifest(int argc, char **argv) {
         return 1;
     }
     std::string error;
-    auto file = ovrin::elf::read(path, error);
+    auto file = ovrin::input::read_library(path, error);
     if (!file) {
         std::fprintf(stderr, "ovrin-sm: %s\n", error.c_str());
         return 1;

@@ -7,14 +7,13 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <fstream>
-#include <iterator>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "cli/commands.h"
-#include "runtime/elf_file.h"
+#include "cli/input.h"
 #include "runtime/trace_format.h"
 
 namespace {
@@ -26,15 +25,23 @@ struct Texts {
     std::vector<std::string> texts; // empty when they could not be read
 };
 
-// Reads the texts a table record names, warning once per table when they cannot be had.
-Texts load_texts(const fmt::TableRecord &t, const std::string &library_override) {
+// Reads the texts a table record names from library, or from the file the record names when
+// library is null, warning once per table when they cannot be had. unreadable is set when the
+// library file itself could not be read or is damaged, as opposed to lacking matching texts.
+Texts load_texts(const fmt::TableRecord &t, const mgx::elf::File *library, const std::string &library_path,
+                 bool &unreadable) {
     Texts out{t.module, {}};
-    std::string path = library_override.empty() ? t.library : library_override;
+    std::string path = library ? library_path : t.library;
     std::string error;
-    auto file = mgx::elf::read(path, error);
-    const mgx::elf::Section *section = file ? file->find(t.section) : nullptr;
-    if (file && !section) error = path + " has no " + t.section + " section";
-    if (section && !fmt::expand_texts(file->contents(*section), t.count, t.crc, out.texts, error))
+    std::optional<mgx::elf::File> named;
+    if (!library) {
+        named = ovrin::input::read_library(path, error);
+        library = named ? &*named : nullptr;
+        unreadable = unreadable || !named;
+    }
+    const mgx::elf::Section *section = library ? library->find(t.section) : nullptr;
+    if (library && !section) error = path + " has no " + t.section + " section";
+    if (section && !fmt::expand_texts(library->contents(*section), t.count, t.crc, out.texts, error))
         error = path + ": " + error;
     if (out.texts.empty())
         std::fprintf(stderr, "ovrin-sm: texts of %s: %s; showing message numbers\n", t.module.c_str(), error.c_str());
@@ -86,12 +93,19 @@ int ovrin_cmd_trace(int argc, char **argv) {
             return usage(stderr, 2);
     }
     if (path.empty()) return usage(stderr, 2);
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        std::fprintf(stderr, "ovrin-sm: cannot open %s\n", path.c_str());
+    std::vector<uint8_t> bytes;
+    std::string error;
+    if (!ovrin::input::read(path, ovrin::input::file_limit, "the limit for a trace file", bytes, error)) {
+        std::fprintf(stderr, "ovrin-sm: %s\n", error.c_str());
         return 1;
     }
-    std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    // A library named on the command line is read once, before any line is printed.
+    std::optional<mgx::elf::File> override_file;
+    if (!library.empty() && !(override_file = ovrin::input::read_library(library, error))) {
+        std::fprintf(stderr, "ovrin-sm: %s\n", error.c_str());
+        return 1;
+    }
+    bool unreadable_library = false;
     fmt::FileReader reader(bytes);
     std::map<uint16_t, fmt::TableRecord> tables;
     std::map<std::string, Texts> loaded; // by library, section and CRC: each file is read once
@@ -109,7 +123,9 @@ int ovrin_cmd_trace(int argc, char **argv) {
             const fmt::TableRecord &t = table->second;
             std::string key = (library.empty() ? t.library : library) + '\n' + t.section + '\n' + std::to_string(t.crc);
             auto found = loaded.find(key);
-            if (found == loaded.end()) found = loaded.emplace(key, load_texts(t, library)).first;
+            if (found == loaded.end())
+                found = loaded.emplace(key, load_texts(t, override_file ? &*override_file : nullptr, library,
+                                                       unreadable_library)).first;
             texts = &found->second;
         }
         std::string text = texts && e.number < texts->texts.size() ? fmt::render(texts->texts[e.number], e.args)
@@ -123,5 +139,5 @@ int ovrin_cmd_trace(int argc, char **argv) {
         return 1;
     }
     if (emissions == 0) std::fprintf(stderr, "ovrin-sm: %s holds no emissions\n", path.c_str());
-    return 0;
+    return unreadable_library ? 1 : 0;
 }
