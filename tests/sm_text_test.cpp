@@ -134,16 +134,19 @@ TEST_F(Text, PartialDocumentsKeepWhatTheyDoNotMention) {
     EXPECT_EQ(r->session_type, 5u);
     EXPECT_EQ(r->cb_bitmap, 99u);
     EXPECT_EQ(r->rcl_conn_hdl.conn_hdl, 4u);
-    // The element itself missing: 2. A count the document does not back: 22, nothing allocated.
+    // The element itself missing: 2. A count the document does not back: 22 naming the count,
+    // nothing allocated.
     read_back(testfill::type("sess_mgr_register"), "<other/>", r, &err);
     EXPECT_EQ(err, 2u);
     err = 0;
     ovrin_svm_epm_notify_domain_name_bind *b = ovrin_svm_epm_notify_domain_name_bind_create(h, 1);
     uint64_t before = mgx_handle_total_allocations(h);
     void *doc = mgx_xml_document_parse("<x><domain_names_length>4000000000</domain_names_length></x>", 61);
-    ovrin_svm_epm_notify_domain_name_bind_from_xml(h, 1, "x", doc, b, &err, nullptr, 0);
+    char msg[64];
+    ovrin_svm_epm_notify_domain_name_bind_from_xml(h, 1, "x", doc, b, &err, msg, sizeof msg);
     mgx_xml_document_free(doc);
     EXPECT_EQ(err, 22u);
+    EXPECT_STREQ(msg, "Invalid value at x/domain_names_length"); // the place, as for any other bad value
     EXPECT_EQ(b->domain_names_length, 0u);
     EXPECT_EQ(mgx_handle_total_allocations(h), before);
     ovrin_svm_epm_notify_domain_name_bind_destroy(h, 1, b);

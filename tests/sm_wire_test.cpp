@@ -71,6 +71,13 @@ struct Wire : ::testing::Test {
         b.resize(w);
         return b;
     }
+    static Bytes encode_resp(mgx_handle_t *x, const ovrin_smd_resp_event *e) {
+        Bytes b(ovrin_smd_resp_event_len(x, 1, e) + 1);
+        uint32_t err = 0;
+        b.resize(ovrin_smd_resp_event_marshal(x, 1, b.data(), e, static_cast<int32_t>(b.size() - 1), &err));
+        EXPECT_EQ(err, 0u);
+        return b;
+    }
 };
 
 Bytes be32(uint32_t v) { return {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}; }
@@ -165,6 +172,56 @@ TEST_F(Wire, UnionsEncodeTheSelectedArmOnly) {
     EXPECT_EQ(mgx_callsite_tag(h, mgx_callsite_tag_count(h) - 1), 0xB03C3000u); // the first arm's call site
     ovrin_smd_resp_event_destroy(h, 1, r);
     ovrin_smd_resp_event_destroy(h, 1, e);
+}
+
+// A negative variant byte decodes as the header alone, over an instance that held a union arm
+// too; destroy then releases what the instance holds up to its layout (the arm), though the
+// variant says it has no members.
+TEST_F(Wire, AHeaderAloneDecodedOverAHeldArmLeavesNothingBehind) {
+    uint32_t err = 0;
+    ovrin_smd_resp_event *e = ovrin_smd_resp_event_create(h, 1);
+    e->resp_type.value = SESS_MGR_RCL_REGISTER_RESULT_NOTIFY;
+    ovrin_smd_resp_event_reg_result_set(h, 1, e, session_mgr_reg_result_create(h, 1), &err);
+    const Bytes negative = {0xff, 0x00, 0x00, 0x00, 0x00, 0x04};
+    EXPECT_EQ(ovrin_smd_resp_event_unmarshal(h, 1, negative.data(), e, 6, 0, &err), 6u);
+    EXPECT_EQ(err, 0u);
+    EXPECT_EQ(e->variant, -1);
+    EXPECT_EQ(encode_resp(h, e), negative); // and encodes as that header again
+    ovrin_smd_resp_event_destroy(h, 1, e); // the fixture checks that the arm went too
+}
+
+// Decoded without state bytes (an untracked sender), a tracking instance keeps the state flags it
+// had: the same bytes decoded over an instance that earlier took a tracked message with an arm,
+// and into a new one, compare equal but encode that arm's state byte differently.
+TEST_F(Wire, StateFlagsOutliveADecodeWithoutStateBytes) {
+    mgx_handle_t *tracked = mgx_handle_create(), *plain = mgx_handle_create();
+    track(tracked);
+    uint32_t err = 0;
+    ovrin_smd_resp_event *with_arm = ovrin_smd_resp_event_create(tracked, 1);
+    with_arm->resp_type.value = SESS_MGR_RCL_REGISTER_RESULT_NOTIFY;
+    ovrin_smd_resp_event_reg_result_set(tracked, 1, with_arm, session_mgr_reg_result_create(tracked, 1), &err);
+    ovrin_smd_resp_event *without = ovrin_smd_resp_event_create(plain, 1);
+    const Bytes first = encode_resp(tracked, with_arm), second = encode_resp(plain, without);
+
+    track(h);
+    ovrin_smd_resp_event *reused = ovrin_smd_resp_event_create(h, 1), *fresh = ovrin_smd_resp_event_create(h, 1);
+    ovrin_smd_resp_event_unmarshal(h, 1, first.data(), reused, static_cast<int32_t>(first.size()), 0, &err);
+    ovrin_smd_resp_event_unmarshal(h, 1, second.data(), reused, static_cast<int32_t>(second.size()), 0, &err);
+    ovrin_smd_resp_event_unmarshal(h, 1, second.data(), fresh, static_cast<int32_t>(second.size()), 0, &err);
+    ASSERT_EQ(err, 0u);
+    EXPECT_EQ(ovrin_smd_resp_event_compare(reused, fresh), 0);
+    const Bytes a = encode_resp(h, reused), b = encode_resp(h, fresh);
+    ASSERT_EQ(a.size(), b.size());
+    size_t arm_byte = a.size() - 13; // reg_result's arm byte, the first of the 14 at the end
+    for (size_t i = 0; i < a.size(); ++i) EXPECT_EQ(a[i], i == arm_byte ? 2 : b[i]) << "byte " << i;
+    EXPECT_EQ(b[arm_byte], 0);
+
+    for (auto [x, e] : {std::pair{h, reused}, {h, fresh}, {tracked, with_arm}, {plain, without}})
+        ovrin_smd_resp_event_destroy(x, 1, e);
+    for (mgx_handle_t *x : {tracked, plain}) {
+        EXPECT_EQ(mgx_handle_live_allocations(x), 0u);
+        mgx_handle_destroy(x);
+    }
 }
 
 TEST_F(Wire, RoundTripAcrossTrackingModes) {

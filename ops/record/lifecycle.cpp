@@ -478,11 +478,13 @@ void destroy_internal(const Type &t, mgx_handle_t *h, uint32_t luid, void *insta
     }
     // Later-variant fields are destroyed when the instance has them; an instance whose memory is
     // laid out for a later variant (its layout byte) may still own them after a decode of an
-    // older variant lowered its variant, so that counts too: nothing it owns is left behind.
+    // older variant lowered its variant, so that counts too: nothing it owns is left behind. The
+    // same holds for a negative variant (a header alone decoded over an instance that held
+    // members): what the instance owns up to its layout is destroyed, rather than leaked.
     int8_t variant = hd->variant;
-    int8_t owned = variant >= 0 && hd->layout > variant ? hd->layout : variant;
+    int8_t owned = hd->layout > variant ? hd->layout : variant;
     const Plan &p = plan_of(t);
-    if (variant >= 0 && p.n_owning && !destroy_fields(t, p, h, luid, instance, owned, &err)) return;
+    if (owned >= 0 && p.n_owning && !destroy_fields(t, p, h, luid, instance, owned, &err)) return;
 
     if (hd->flags & MGX_IF_TRACKED) {
         if (hd->flags & MGX_IF_STTR_OFFSET)

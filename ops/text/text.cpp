@@ -148,6 +148,13 @@ struct XmlIn {
     uint32_t msg_size;
 };
 
+// A value the document gives but the type cannot take: 22, and "Invalid value at <path>" in the
+// caller's message buffer, as the primitive readers say it.
+void invalid_at(XmlIn &in, const char *path) {
+    fail(in.h, in.err, MGX_EINVAL);
+    if (in.msg && in.msg_size) std::snprintf(in.msg, in.msg_size, "Invalid value at %s", path);
+}
+
 // An absent element is no error to the record that reads it: the field keeps its value.
 bool absent_is_fine(uint32_t *err) {
     if (*err != MGX_ENOENT) return *err == 0;
@@ -218,6 +225,13 @@ bool resize_array(const Type &t, const Field &f, XmlIn &in, void *instance, uint
         uint32_t e = 0;
         initialize(*f.type, in.h, in.luid, bytes(fresh) + static_cast<size_t>(k) * f.elem_size, f.type->descriptor, 0,
                    0, MGX_IF_NESTED, flags ? flags + 2 * k : nullptr, &e);
+        if (e) { // the elements laid out so far go again, and the array stays empty
+            for (uint32_t j = 0; j <= k; ++j)
+                destroy_internal(*f.type, in.h, in.luid, bytes(fresh) + static_cast<size_t>(j) * f.elem_size, 0);
+            in.h->inst_free(in.h->alloc_ctx, in.luid, fresh);
+            fail(in.h, in.err, e);
+            return false;
+        }
     }
     block = fresh;
     write_count(in.h, in.luid, instance, count_field, count);
@@ -234,7 +248,11 @@ void array_from_xml(const Type &t, const Field &f, XmlIn &in, const char *path, 
         uint32_t count = read_count(instance, t.fields[f.companion]);
         write_count(in.h, in.luid, instance, t.fields[f.companion], old_count); // the storage's own count
         if (count > present) { // a count the document does not back is refused, not allocated
-            fail(in.h, in.err, MGX_EINVAL);
+            const char *slash = std::strrchr(path, '/');
+            char count_path[path_size];
+            format_into(count_path, "%.*s/%s", static_cast<int>(slash ? slash - path : 0), path,
+                        t.fields[f.companion].name);
+            invalid_at(in, count_path);
             return;
         }
         if (!resize_array(t, f, in, instance, count)) return;
