@@ -8,6 +8,11 @@
 #   tools/dev.sh fuzz [SECS]   the fuzz targets (clang, libFuzzer) from their seeds, SECS each (25)
 #   tools/dev.sh bench [ARGS]  the benchmarks beside protocol buffers, Release build; ARGS go to the
 #                              benchmark binary (e.g. --benchmark_filter=medium); not part of test
+#   tools/dev.sh soak [SESSIONS [ROUND_TRIPS]]
+#                              memory over a long run: the demo for SESSIONS (1000000) and the library
+#                              alone for ROUND_TRIPS (1000000), resident memory sampled every tenth;
+#                              logs, tables and chart in $OVRIN_BUILD/soak/ (about 10 minutes; test
+#                              runs only the shorter soak.demo and soak.library gates)
 # Build directories are $OVRIN_BUILD (default "build") and the same name with -asan, -tsan and
 # -fuzz (and -bench) appended; set OVRIN_BUILD to keep a checkout's builds apart from another's.
 set -euo pipefail
@@ -107,8 +112,22 @@ case "$cmd" in
         build "$out-bench" -DCMAKE_BUILD_TYPE=Release -DOVRIN_TESTS=OFF -DOVRIN_BENCH=ON
         exec "$out-bench/bench/ovrin_sm_bench" "$@"
         ;;
+    soak)
+        install_missing python3
+        build "$out" -DOVRIN_TESTS=ON
+        sessions=${1:-1000000}
+        round_trips=${2:-1000000}
+        mkdir -p "$out/soak"
+        echo "== soak: $sessions demo sessions, then $round_trips library round trips ($out/soak)"
+        "$out/ovrin-sm" demo --quiet --count "$sessions" --memory-every $((sessions >= 10 ? sessions / 10 : 1)) \
+            2>/dev/null | tee "$out/soak/demo.log" | grep -E '^(memory|verdict|[0-9]+ sessions)'
+        "$out/tests/ovrin_soak_library" "$round_trips" | tee "$out/soak/library.log"
+        python3 tools/plot_memory.py -o "$out/soak/memory.svg" "$out/soak/demo.log" "$out/soak/library.log" \
+            | tee "$out/soak/memory.md"
+        echo "chart: $out/soak/memory.svg (docs/memory-over-time.svg), tables: $out/soak/memory.md"
+        ;;
     *)
-        echo "usage: tools/dev.sh demo|test|asan|tsan|fuzz|bench" >&2
+        echo "usage: tools/dev.sh demo|test|asan|tsan|fuzz|bench|soak" >&2
         exit 2
         ;;
 esac
