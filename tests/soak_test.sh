@@ -33,7 +33,8 @@ every=$((sessions / 10))
 # address-space ceiling of 1 GiB (it needs some 50 MiB), and is stopped at the first sample that
 # is already past the allowed growth.
 log=$(mktemp)
-trap 'rm -f "$log"' EXIT
+errors=$(mktemp)
+trap 'rm -f "$log" "$errors"' EXIT
 failed=0
 fail() {
     echo "FAIL: $*"
@@ -41,7 +42,7 @@ fail() {
 }
 
 SECONDS=0
-exec {demo}< <(ulimit -v 1048576; exec "$tool" demo --quiet --count "$sessions" --memory-every "$every" 2>/dev/null)
+exec {demo}< <(ulimit -v 1048576; exec "$tool" demo --quiet --count "$sessions" --memory-every "$every" 2>"$errors")
 pid=$!
 declare -A first last samples
 pattern='^memory: (client|session manager) after ([0-9]+) sessions: rss ([0-9]+) KiB, peak [0-9]+ KiB, live allocations ([0-9]+)$'
@@ -65,9 +66,10 @@ status=0
 wait "$pid" || status=$?
 echo "$sessions sessions in ${SECONDS}s (exit status $status)"
 grep -E '^(verdict|client|session manager):' "$log" || true
+grep -v '^progress:' "$errors" | tail -n 5 || true
 
 if ((failed == 0)); then
-    [ "$status" = 0 ] || fail "the demo exited with status $status"
+    [ "$status" = 0 ] || fail "the demo exited with status $status (out of memory under the 1 GiB ceiling?)"
     grep -q '^verdict: PASS' "$log" || fail "the demo did not pass"
     for side in "client" "session manager"; do
         if [ "${samples[$side]:-0}" != 10 ]; then
