@@ -68,17 +68,17 @@ std::string hex_encode(const uint8_t *p, size_t n);
 bool hex_decode(std::string_view text, std::string &out);
 
 // Reads the element at path with xml_value and hands its blank-trimmed text to parse. Absent: 2;
-// rejected by parse: 22 and, when msg is given, "Invalid value at <path>". Returns true on success.
+// rejected by parse or refused by xml_value: 22 and, when msg is given, "Invalid value at <path>". Returns true on success.
 template <class Parse>
 bool read_xml_field(mgx_handle_t *h, const char *path, void *doc, uint32_t *err, char *msg, uint32_t msg_size,
                     Parse parse) {
     std::string text;
     uint32_t status = xml_value(doc, path, text);
-    if (status) {
+    if (status && status != MGX_EINVAL) { // 22: a value that refers to an entity
         fail(h, err, status);
         return false;
     }
-    if (!parse(trim_blanks(text))) {
+    if (status || !parse(trim_blanks(text))) {
         fail(h, err, MGX_EINVAL);
         if (msg && msg_size) {
             TextOut out(msg, msg_size);

@@ -186,30 +186,61 @@ template <class Use> uint32_t with_first_node(void *doc, const char *path, Use u
     return use(q.obj->nodesetval->nodeTab[0]);
 }
 
-// The string value of node, escapes not yet undone: the content of an element's only text child
-// read in place, else the text of the whole subtree gathered into scratch.
-uint32_t raw_text(xmlNodePtr node, std::string &scratch, std::string_view &text) {
-    if (node->type == XML_ELEMENT_NODE) {
-        xmlNodePtr c = node->children;
-        if (!c) {
-            text = {};
-            return 0;
-        }
-        if (!c->next && (c->type == XML_TEXT_NODE || c->type == XML_CDATA_SECTION_NODE)) {
-            text = c->content ? std::string_view(reinterpret_cast<const char *>(c->content)) : std::string_view();
-            return 0;
+// Appends the text of node's subtree to out: text and CDATA, element by element, comments and
+// processing instructions passed over. An entity reference is refused with 22: the parser has
+// already replaced the five predefined entities and character references, and any other entity
+// would be expanded here, as often as the document refers to it.
+uint32_t gather_text(xmlNodePtr node, std::string &out) {
+    for (xmlNodePtr c = node->children; c; c = c->next) {
+        switch (c->type) {
+        case XML_TEXT_NODE:
+        case XML_CDATA_SECTION_NODE:
+            if (c->content) out.append(reinterpret_cast<const char *>(c->content));
+            break;
+        case XML_ELEMENT_NODE:
+            if (uint32_t status = gather_text(c, out)) return status;
+            break;
+        case XML_ENTITY_REF_NODE: return MGX_EINVAL;
+        default: break;
         }
     }
-    xmlBufferPtr b = xmlBufferCreate();
-    if (!b) return MGX_ENOMEM;
-    uint32_t status = 0;
-    if (xmlNodeBufGetContent(b, node) != 0)
-        status = MGX_ENOMEM;
-    else
-        scratch.assign(reinterpret_cast<const char *>(xmlBufferContent(b)), static_cast<size_t>(xmlBufferLength(b)));
-    xmlBufferFree(b);
-    text = scratch;
-    return status;
+    return 0;
+}
+
+// The string value of node, escapes not yet undone: the content of an element's only text child
+// read in place, else the text of the whole subtree gathered into scratch (22 for an entity
+// reference in it).
+uint32_t raw_text(xmlNodePtr node, std::string &scratch, std::string_view &text) {
+    text = {};
+    switch (node->type) {
+    case XML_TEXT_NODE:
+    case XML_CDATA_SECTION_NODE:
+    case XML_COMMENT_NODE:
+    case XML_PI_NODE:
+        if (node->content) text = reinterpret_cast<const char *>(node->content);
+        return 0;
+    case XML_NAMESPACE_DECL: { // XPath hands namespace nodes over as xmlNs, not xmlNode
+        const xmlChar *href = reinterpret_cast<xmlNsPtr>(node)->href;
+        if (href) text = reinterpret_cast<const char *>(href);
+        return 0;
+    }
+    case XML_ENTITY_REF_NODE: return MGX_EINVAL;
+    case XML_ELEMENT_NODE:
+    case XML_ATTRIBUTE_NODE:
+    case XML_DOCUMENT_NODE:
+    case XML_DOCUMENT_FRAG_NODE: {
+        xmlNodePtr c = node->children;
+        if (c && !c->next && (c->type == XML_TEXT_NODE || c->type == XML_CDATA_SECTION_NODE)) {
+            if (c->content) text = reinterpret_cast<const char *>(c->content);
+            return 0;
+        }
+        scratch.clear();
+        uint32_t status = gather_text(node, scratch);
+        text = scratch;
+        return status;
+    }
+    default: return 0;
+    }
 }
 
 // Undoes the private-use escapes of text (U+E000 + b is EE, 80 | b >> 6, 80 | (b & 3F) in UTF-8),
@@ -234,6 +265,84 @@ size_t unescape_private(std::string_view text, char *dst, size_t cap) {
     }
     return w;
 }
+
+// libxml2 checks each attribute of an element against the ones before it, so one element with
+// very many attributes costs the square of their number. A linear scan finds the start tags first
+// and counts their attributes (one '=' outside quotes each); comments, CDATA sections, processing
+// instructions and declarations are stepped over. False, with the line, when one has too many.
+bool attributes_within_limit(const char *text, size_t n, size_t &line) {
+    size_t i = 0, lines = 1;
+    auto skip_to = [&](std::string_view end) {
+        for (; i < n; ++i) {
+            if (text[i] == '\n') ++lines;
+            if (n - i >= end.size() && std::memcmp(text + i, end.data(), end.size()) == 0) {
+                i += end.size();
+                return;
+            }
+        }
+    };
+    auto starts = [&](std::string_view s) { return n - i >= s.size() && std::memcmp(text + i, s.data(), s.size()) == 0; };
+    while (i < n) {
+        if (text[i] != '<') {
+            if (text[i++] == '\n') ++lines;
+            continue;
+        }
+        if (starts("<!--")) {
+            skip_to("-->");
+        } else if (starts("<![CDATA[")) {
+            skip_to("]]>");
+        } else if (starts("<?")) {
+            skip_to("?>");
+        } else if (starts("<!")) { // a declaration: up to its '>' outside brackets and quotes
+            int depth = 0;
+            char quote = 0;
+            for (++i; i < n; ++i) {
+                char c = text[i];
+                if (c == '\n') ++lines;
+                if (quote) {
+                    if (c == quote) quote = 0;
+                } else if (c == '"' || c == '\'') {
+                    quote = c;
+                } else if (c == '[') {
+                    ++depth;
+                } else if (c == ']') {
+                    --depth;
+                } else if (c == '>' && depth <= 0) {
+                    ++i;
+                    break;
+                }
+            }
+        } else { // a start or end tag
+            unsigned attributes = 0;
+            char quote = 0;
+            size_t at = lines;
+            for (++i; i < n; ++i) {
+                char c = text[i];
+                if (c == '\n') ++lines;
+                if (quote) {
+                    if (c == quote) quote = 0;
+                } else if (c == '"' || c == '\'') {
+                    quote = c;
+                } else if (c == '=') {
+                    if (++attributes > MGX_XML_MAX_ATTRIBUTES) {
+                        line = at;
+                        return false;
+                    }
+                } else if (c == '>') {
+                    ++i;
+                    break;
+                }
+            }
+        }
+    }
+    return true;
+}
+
+struct FirstError {
+    bool seen = false;
+    int line = 0, column = 0;
+    char message[256] = {};
+};
 
 void write_start(TextOut &out, const char *name, uint8_t state_flag) {
     if (state_flag)
@@ -313,13 +422,47 @@ using namespace mgx;
 
 extern "C" {
 
-void *mgx_xml_document_parse(const char *text, size_t length) {
-    if (!text || length > static_cast<size_t>(INT_MAX)) return nullptr;
+void *mgx_xml_document_parse(const char *text, size_t length) { return mgx_xml_document_read(text, length, nullptr, 0); }
+
+void *mgx_xml_document_read(const char *text, size_t length, char *message, size_t message_size) {
+    auto say = [&](const char *format, auto... args) -> void * {
+        if (message && message_size) std::snprintf(message, message_size, format, args...);
+        return nullptr;
+    };
+    if (message && message_size) message[0] = '\0';
+    if (!text) return say("no document");
+    if (length > MGX_XML_MAX_DOCUMENT)
+        return say("the document is larger than %u bytes", static_cast<unsigned>(MGX_XML_MAX_DOCUMENT));
+    size_t line = 0;
+    if (!attributes_within_limit(text, length, line))
+        return say("line %zu: an element has more than %u attributes", line, MGX_XML_MAX_ATTRIBUTES);
     ensure_parser();
     // No network, no external DTD and no substitution of entities (external entities are never
-    // loaded); malformed input gives no document.
-    return xmlReadMemory(text, static_cast<int>(length), nullptr, nullptr,
-                         XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+    // loaded, internal ones are refused where a value is read); malformed input gives no document.
+    xmlParserCtxtPtr ctx = xmlNewParserCtxt();
+    if (!ctx) return say("out of memory");
+    // The first error is the one that says what is wrong; later ones follow from it.
+    FirstError first;
+    ctx->_private = &first;
+    ctx->sax->serror = [](void *user, xmlErrorPtr e) {
+        auto *f = static_cast<FirstError *>(static_cast<xmlParserCtxtPtr>(user)->_private);
+        if (f->seen || !e || e->level < XML_ERR_ERROR) return;
+        f->seen = true;
+        f->line = e->line;
+        f->column = e->int2;
+        std::snprintf(f->message, sizeof f->message, "%s", e->message ? e->message : "not well-formed");
+        for (size_t n = std::strlen(f->message); n && f->message[n - 1] == '\n';) f->message[--n] = '\0';
+    };
+    xmlDocPtr doc = xmlCtxtReadMemory(ctx, text, static_cast<int>(length), nullptr, nullptr,
+                                      XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+    if (!doc) {
+        if (first.seen)
+            say("line %d, column %d: %s", first.line, first.column, first.message);
+        else
+            say("not a well-formed XML document");
+    }
+    xmlFreeParserCtxt(ctx);
+    return doc;
 }
 
 void mgx_xml_document_free(void *document) {

@@ -106,7 +106,7 @@ TEST_F(XmlTest, PathQueriesAnswerAsXPathDoes) {
     const char *docs[] = {
         "<r><a><b>1</b><b>2</b><c/></a><a><b>3</b></a><a/><b>top</b><a><b>4</b><b>5<!--c-->6</b></a></r>",
         "<r xmlns:p='urn:p'><p:a>ns</p:a><a>plain</a><q xmlns='urn:d'><a>default</a></q><q><a>none</a></q></r>",
-        "<!DOCTYPE r [<!ENTITY e 'ent<i>in</i>'>]><r>lead<!--c--><m>x<i>y</i>z</m><e>&e;</e><e>&amp;&#65;</e>"
+        "<r>lead<!--c--><m>x<i>y</i>z</m><e>ent<i>in</i></e><e>&amp;&#65;</e>"
         "<d><![CDATA[<raw>]]></d><d><![CDATA[a]]>b</d><?pi x?><w> </w><w/><u-v.w_1>h</u-v.w_1><and>k</and>"
         "<text>t</text></r>",
     };
@@ -170,19 +170,62 @@ TEST_F(XmlTest, PathQueriesAnswerAsXPathDoes) {
 TEST_F(XmlTest, DocumentsMustBeWellFormedAndLoadNothingFromOutside) {
     for (const std::string bad : {"", "<a><b></a>", "<a>&undefined;</a>", "<a></a><b/>", "text"})
         EXPECT_EQ(parse_xml(bad), nullptr) << bad;
+    char why[128];
+    const char *mismatched = "<a>\n  <b></a>";
+    EXPECT_EQ(mgx_xml_document_read(mismatched, std::strlen(mismatched), why, sizeof why), nullptr);
+    EXPECT_STREQ(why, "line 2, column 10: Opening and ending tag mismatch: b line 2 and a");
+
+    // Entities other than the predefined ones are refused where a value is read (22, with the
+    // place), never expanded: not a file's contents, not a small entity referred to many times.
     char path[] = "/tmp/mgx_xml_secret_XXXXXX";
     int fd = mkstemp(path);
     ASSERT_GE(fd, 0);
     ASSERT_EQ(write(fd, "TOPSECRET", 9), 9);
     close(fd);
-    auto doc = parse_xml(std::string("<!DOCTYPE r [<!ENTITY x SYSTEM \"file://") + path + "\">]><r>[&x;]</r>");
-    unlink(path);
-    char value[64] = "";
-    uint32_t length = 0;
-    if (doc) {
-        EXPECT_EQ(xml_get_element_value(doc.get(), "r", value, sizeof value, &length), 0u);
+    std::string many = "<!DOCTYPE r [<!ENTITY x \"" + std::string(100000, 'x') + "\">]><r><v>" ;
+    for (int i = 0; i < 100000; ++i) many += "&x;";
+    many += "</v><w>&lt;&#65;</w></r>";
+    for (const std::string &text :
+         {std::string("<!DOCTYPE r [<!ENTITY x SYSTEM \"file://") + path + "\">]><r><v>[&x;]</v><w>&lt;&#65;</w></r>", many}) {
+        auto doc = parse_xml(text);
+        ASSERT_NE(doc, nullptr);
+        char value[64] = "";
+        uint32_t length = 0;
+        EXPECT_EQ(xml_get_element_value(doc.get(), "r/v", value, sizeof value, &length), MGX_EINVAL);
+        EXPECT_EQ(std::string(value).find("TOPSECRET"), std::string::npos);
+        EXPECT_EQ(xml_get_element_value(doc.get(), "r", value, sizeof value, &length), MGX_EINVAL);
+        char msg[64] = "";
+        u_int32 v = 0;
+        u_int32_from_xml(h, 0, "r/v", doc.get(), &v, &err, msg, sizeof msg);
+        EXPECT_EQ(err, MGX_EINVAL);
+        EXPECT_STREQ(msg, "Invalid value at r/v");
+        err = 0;
+        // The predefined entities and character references were replaced by the parser.
+        EXPECT_EQ(xml_get_element_value(doc.get(), "r/w", value, sizeof value, &length), 0u);
+        EXPECT_STREQ(value, "<A");
     }
-    EXPECT_EQ(std::string(value).find("TOPSECRET"), std::string::npos);
+    unlink(path);
+}
+
+// The documented limits, refused with a reason before libxml2 sees the text (one element with many
+// attributes costs it the square of their number).
+TEST_F(XmlTest, DocumentSizeAndAttributesPerElementAreBounded) {
+    auto element = [](unsigned attributes) {
+        std::string text = "<!-- a=1 b=2 --><r";
+        for (unsigned i = 0; i < attributes; ++i) text += " a" + std::to_string(i) + "='='";
+        return text + "/>";
+    };
+    char why[128];
+    void *doc = mgx_xml_document_read(element(MGX_XML_MAX_ATTRIBUTES).c_str(), element(MGX_XML_MAX_ATTRIBUTES).size(),
+                                      why, sizeof why);
+    EXPECT_NE(doc, nullptr) << why;
+    mgx_xml_document_free(doc);
+    std::string over = "<x>\n" + element(MGX_XML_MAX_ATTRIBUTES + 1) + "</x>";
+    EXPECT_EQ(mgx_xml_document_read(over.c_str(), over.size(), why, sizeof why), nullptr);
+    EXPECT_STREQ(why, "line 2: an element has more than 256 attributes");
+    std::string big(MGX_XML_MAX_DOCUMENT + 1, ' ');
+    EXPECT_EQ(mgx_xml_document_read(big.c_str(), big.size(), why, sizeof why), nullptr);
+    EXPECT_STREQ(why, "the document is larger than 67108864 bytes");
 }
 
 TEST_F(XmlTest, CountedStrings) {

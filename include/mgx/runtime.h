@@ -117,8 +117,16 @@ MGX_API uint32_t mgx_callsite_tag(const mgx_handle_t *h, size_t i);
 MGX_API int mgx_retained_data_set(mgx_handle_t *h, const void *instance, const void *bytes, uint16_t length);
 MGX_API uint16_t mgx_retained_data_get(const mgx_handle_t *h, const void *instance, const void **bytes);
 
-/* ---- XML documents */
-MGX_API void *mgx_xml_document_parse(const char *text, size_t length); /* null when not well-formed */
+/* ---- XML documents. The reader takes documents of at most MGX_XML_MAX_DOCUMENT bytes with at most
+ * MGX_XML_MAX_ATTRIBUTES attributes on any element, reads no external entity or DTD, and refuses
+ * (error 22, "Invalid value at <path>") a value that refers to an entity other than the five
+ * predefined ones and character references. */
+#define MGX_XML_MAX_DOCUMENT (64u * 1024u * 1024u)
+#define MGX_XML_MAX_ATTRIBUTES 256u
+MGX_API void *mgx_xml_document_parse(const char *text, size_t length); /* null when not taken */
+/* The same; when no document results, message (if given) says why: a limit, or libxml2's
+ * "line L, column C: ..." for a document that is not well-formed. */
+MGX_API void *mgx_xml_document_read(const char *text, size_t length, char *message, size_t message_size);
 MGX_API void mgx_xml_document_free(void *document);
 
 /* ---- trace capture (process-wide): a ring of the newest 4096 emissions, oldest first. A text's

@@ -179,7 +179,8 @@ void string_from_xml(const Type &t, const Field &f, XmlIn &in, const char *path,
     uint32_t status = xml_get_element_value(in.doc, path, nullptr, 0, &len);
     if (status != MGX_ERANGE) {
         write_count(in.h, in.luid, instance, t.fields[f.companion], old_len);
-        if (status != 0) fail(in.h, in.err, status); // 0: nothing to read, the field stays as it is
+        if (status == MGX_EINVAL) invalid_at(in, path); // an entity reference in the text
+        else if (status != 0) fail(in.h, in.err, status); // 0: nothing to read, the field stays as it is
         return;
     }
     auto *text = static_cast<char *>(in.h->inst_alloc(in.h->alloc_ctx, in.luid, len + 1));
