@@ -47,6 +47,8 @@ struct TableTexts {
     std::vector<std::string> texts;
     std::string library;
     std::string problem;
+    uint32_t count = 0, crc = 0; // of the table they were read for
+    bool for_table(const mgx_trace_table_t *t) const { return count == t->count && crc == t->texts_crc; }
 };
 
 struct TraceState {
@@ -95,10 +97,14 @@ std::string file_of(const void *address) {
 
 // Reads a table's texts once, from its section in the file the table lives in.
 TableTexts &table_texts(TraceState &s, mgx_trace_table_t *t) {
+    // A table at the address of one seen before (a library unloaded and another loaded there)
+    // has its texts read afresh.
     auto found = s.tables.find(t);
-    if (found != s.tables.end()) return found->second;
+    if (found != s.tables.end() && found->second.for_table(t)) return found->second;
     // Built aside and kept whole: running out of memory half-way leaves no entry behind.
     TableTexts tt;
+    tt.count = t->count;
+    tt.crc = t->texts_crc;
     tt.library = file_of(t);
     std::string error;
     auto file = tt.library.empty() ? std::nullopt : mgx::elf::read(tt.library, error);
@@ -109,7 +115,7 @@ TableTexts &table_texts(TraceState &s, mgx_trace_table_t *t) {
         tt.problem = tt.library + " has no " + (t->section ? t->section : "(unnamed)") + " section";
     else if (!mgx::tracefmt::expand_texts(file->contents(*section), t->count, t->texts_crc, tt.texts, error))
         tt.problem = tt.library + ": " + error;
-    TableTexts &kept = s.tables.emplace(t, std::move(tt)).first->second;
+    TableTexts &kept = s.tables.insert_or_assign(t, std::move(tt)).first->second;
     t->cache = &kept;
     return kept;
 }
@@ -299,6 +305,8 @@ int mgx_trace_texts_attach(mgx_trace_table_t *t, const void *section, size_t len
         if (!mgx::tracefmt::expand_texts({bytes, bytes + length}, t->count, t->texts_crc, tt.texts, error))
             return EINVAL;
         tt.library = file_of(t);
+        tt.count = t->count;
+        tt.crc = t->texts_crc;
         TableTexts &kept = s.tables[t];
         kept = std::move(tt);
         t->cache = &kept;

@@ -48,6 +48,39 @@ TEST(Trace, ModuleRegistrationIsIdempotent) {
     EXPECT_STREQ(mgx_trace_module_name(id), "mgx_test_module");
 }
 
+// What the trace facility keeps is bounded, and the names it hands out stay put: a module name
+// through later registrations, a bundle-call text through the ring's turnover.
+TEST(Trace, RecordsAreBoundedAndNamesStayValid) {
+    uint16_t id = 0;
+    uint32_t state = 0;
+    qlog_module_init_fn("mgx_stable_name_module", &id, &state);
+    const char *name = mgx_trace_module_name(id);
+    for (int i = 0; i < 40; ++i) {
+        uint16_t other = 0;
+        uint32_t other_state = 0;
+        qlog_module_init_fn(("mgx_more_module_" + std::to_string(i)).c_str(), &other, &other_state);
+    }
+    EXPECT_STREQ(name, "mgx_stable_name_module");
+
+    mgx_bundle_calls_clear();
+    aaa_common_bundle_handler_register(0xabc);
+    const char *first = mgx_bundle_call(0);
+    for (uint64_t i = 0; i < 300; ++i) aaa_proxy_bundle_handler_register(i % 3);
+    EXPECT_EQ(mgx_bundle_call_count(), 256u);
+    EXPECT_STREQ(mgx_bundle_call(255), "aaa_proxy_bundle_handler_register(0x2)");
+    EXPECT_STREQ(first, "aaa_common_bundle_handler_register(0xabc)");
+    mgx_bundle_calls_clear();
+
+    mgx_trace_clear();
+    for (uint32_t i = 0; i < 5000; ++i) qlog_emit_0(nullptr, i, 7, MGX_SEV_DEBUG);
+    EXPECT_EQ(mgx_trace_count(), 4096u);
+    EXPECT_EQ(mgx_trace_dropped(), 904u);
+    EXPECT_EQ(mgx_trace_number(0), 904u); // the oldest kept
+    EXPECT_STREQ(mgx_trace_text(4095), "message 4999");
+    mgx_trace_clear();
+    EXPECT_EQ(mgx_trace_dropped(), 0u);
+}
+
 TEST(Trace, EmissionsAreRenderedAndCaptured) {
     Table tab({"Corrupted MGX Handle", "error in x create: %s",
                "offset_jump read_len %d offset_jump_base %d _mgx_variant_jump %d",
