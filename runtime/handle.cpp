@@ -186,6 +186,10 @@ void mgx_handle_set_domain_mode(mgx_handle_t *h, uint32_t mode) { h->domain_mode
 uint32_t mgx_handle_last_error(const mgx_handle_t *h) { return h->last_error; }
 uint64_t mgx_handle_live_allocations(const mgx_handle_t *h) { return rt(h)->live.size(); }
 uint64_t mgx_handle_live_bytes(const mgx_handle_t *h) { return rt(h)->live_bytes; }
+size_t mgx_handle_bookkeeping(const mgx_handle_t *h) {
+    const Runtime *r = rt(h);
+    return r->oids.size() + r->oid_of.size() + r->sttr_offsets.size() + r->retained.size();
+}
 uint64_t mgx_handle_total_allocations(const mgx_handle_t *h) { return rt(h)->total_allocations; }
 void mgx_handle_fail_allocation(mgx_handle_t *h, uint32_t nth) { rt(h)->fail_nth = nth; }
 void mgx_handle_fail_registry_allocation(mgx_handle_t *h, uint32_t nth) { rt(h)->registry_fail_nth = nth; }

@@ -425,12 +425,12 @@ extern "C" {
 void *mgx_xml_document_parse(const char *text, size_t length) { return mgx_xml_document_read(text, length, nullptr, 0); }
 
 void *mgx_xml_document_read(const char *text, size_t length, char *message, size_t message_size) {
-    auto say = [&](const char *format, auto... args) -> void * {
-        if (message && message_size) std::snprintf(message, message_size, format, args...);
+    auto say = [&](auto... args) -> void * {
+        if (message && message_size) std::snprintf(message, message_size, args...);
         return nullptr;
     };
     if (message && message_size) message[0] = '\0';
-    if (!text) return say("no document");
+    if (!text) return say("%s", "no document");
     if (length > MGX_XML_MAX_DOCUMENT)
         return say("the document is larger than %u bytes", static_cast<unsigned>(MGX_XML_MAX_DOCUMENT));
     size_t line = 0;
@@ -440,7 +440,7 @@ void *mgx_xml_document_read(const char *text, size_t length, char *message, size
     // No network, no external DTD and no substitution of entities (external entities are never
     // loaded, internal ones are refused where a value is read); malformed input gives no document.
     xmlParserCtxtPtr ctx = xmlNewParserCtxt();
-    if (!ctx) return say("out of memory");
+    if (!ctx) return say("%s", "out of memory");
     // The first error is the one that says what is wrong; later ones follow from it.
     FirstError first;
     ctx->_private = &first;
@@ -459,7 +459,7 @@ void *mgx_xml_document_read(const char *text, size_t length, char *message, size
         if (first.seen)
             say("line %d, column %d: %s", first.line, first.column, first.message);
         else
-            say("not a well-formed XML document");
+            say("%s", "not a well-formed XML document");
     }
     xmlFreeParserCtxt(ctx);
     return doc;

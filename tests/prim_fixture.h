@@ -37,6 +37,7 @@ protected:
     void SetUp() override { ASSERT_NE(h = recording_handle(), nullptr); }
     void TearDown() override {
         EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
+        EXPECT_EQ(mgx_handle_bookkeeping(h), 0u);
         mgx_handle_destroy(h);
     }
     mgx_handle_t *h = nullptr;

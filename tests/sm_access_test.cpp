@@ -23,6 +23,7 @@ struct Access : ::testing::Test {
     void SetUp() override { mgx_trace_clear(); }
     void TearDown() override {
         EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
+        EXPECT_EQ(mgx_handle_bookkeeping(h), 0u);
         mgx_handle_destroy(h);
     }
     void track(uint32_t marker = MGX_STTR_TRACKED) { mgx_handle_set_state_tracking(h, 1, marker); }

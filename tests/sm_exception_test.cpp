@@ -31,7 +31,7 @@ struct Room {
 struct Outcome {
     bool escaped = false;  // an exception reached the caller
     uint32_t error = 0;    // the first error an operation reported
-    uint64_t live = 0;     // handle blocks left after every instance was destroyed
+    uint64_t live = 0;     // handle blocks and bookkeeping entries left after every instance was destroyed
     bool differs = false;  // the cycle completed, but a copy did not compare equal
 };
 
@@ -74,7 +74,7 @@ Outcome cycle(const typeops::Ops &o, print_fn print, Mode setup, const std::vect
         out.error = err;
         for (void *p : {x, copy, back})
             if (p) o.destroy(h, 1, p);
-        out.live = mgx_handle_live_allocations(h);
+        out.live = mgx_handle_live_allocations(h) + mgx_handle_bookkeeping(h);
         mgx_handle_destroy(h);
     } catch (...) {
         out.escaped = true;

@@ -25,6 +25,7 @@ struct BundleHandle : ::testing::Test {
     mgx_handle_t *h = recording_handle();
     void TearDown() override {
         EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
+        EXPECT_EQ(mgx_handle_bookkeeping(h), 0u);
         mgx_handle_destroy(h);
     }
 };

@@ -21,6 +21,7 @@ struct Wire : ::testing::Test {
     void SetUp() override { mgx_trace_clear(); }
     void TearDown() override {
         EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
+        EXPECT_EQ(mgx_handle_bookkeeping(h), 0u);
         mgx_handle_destroy(h);
     }
     void track(mgx_handle_t *x) { mgx_handle_set_state_tracking(x, 1, MGX_STTR_TRACKED); }

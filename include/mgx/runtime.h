@@ -27,6 +27,9 @@ MGX_API uint32_t mgx_handle_last_error(const mgx_handle_t *h);
 /* blocks allocated through the handle's instance allocator and not yet freed */
 MGX_API uint64_t mgx_handle_live_allocations(const mgx_handle_t *h);
 MGX_API uint64_t mgx_handle_live_bytes(const mgx_handle_t *h);
+/* entries the handle keeps about objects (OID mappings, state-flag offsets, retained data): each
+ * goes with the object it describes, so with no live object this is 0 */
+MGX_API size_t mgx_handle_bookkeeping(const mgx_handle_t *h);
 /* instance allocations made since the handle was created (freed or not) */
 MGX_API uint64_t mgx_handle_total_allocations(const mgx_handle_t *h);
 /* the nth instance allocation from now fails (1 = the next); 0 = none */
