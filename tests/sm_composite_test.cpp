@@ -125,7 +125,22 @@ TEST_F(Composite, VariantBoundMembersAndDiscriminatorValues) {
     sm_oper_data_type_set_value(h, luid, sess_mgr_oper_data_oper_type_get(h, luid, o, &err), 2, &err);
     EXPECT_EQ(code(), MGX_EVARIANT);
     EXPECT_EQ(o->oper_type.value, 0u);
+    // The discriminator's own scalar accessors: the enumeration's user value, refused beyond its
+    // variant as well, and marked set under tracking.
+    sess_mgr_oper_data_oper_type_set_value(h, luid, o, 2, &err);
+    EXPECT_EQ(code(), MGX_EVARIANT);
+    sess_mgr_oper_data_oper_type_set_value(h, luid, o, 1, &err);
+    EXPECT_EQ(sess_mgr_oper_data_oper_type_get_value(h, luid, o, &err), 1u);
+    EXPECT_EQ(code(), 0u);
     sess_mgr_oper_data_destroy(h, luid, o);
+    track();
+    auto *e = ovrin_smd_in_event_create(h, luid);
+    ovrin_smd_in_event_event_type_set_value(h, luid, e, SESS_MGR_RCL_IN_REMOTE_UPDATE, &err);
+    EXPECT_EQ(e->event_type.value, SESS_MGR_RCL_IN_REMOTE_UPDATE);
+    EXPECT_EQ(ovrin_smd_in_event_event_type_get_value(h, luid, e, &err), uint32_t{SESS_MGR_RCL_IN_REMOTE_UPDATE});
+    EXPECT_EQ(ovrin_smd_in_event_event_type_state_flag_get(h, luid, e, &err), 2);
+    EXPECT_EQ(code(), 0u);
+    ovrin_smd_in_event_destroy(h, luid, e);
 }
 
 TEST_F(Composite, MemberFlagsUnderTracking) {
@@ -360,8 +375,10 @@ TEST_F(Composite, StringsCopyExactlyTheirLengthAndCutCopiesOut) {
     sess_mgr_client_name_client_name_get(h, luid, n, out, 5, &err);
     EXPECT_EQ(code(), MGX_ERANGE);
     EXPECT_STREQ(out, "hell");
+    out[0] = '#';
     sess_mgr_client_name_client_name_get(h, luid, n, out, 0, &err);
     EXPECT_EQ(code(), MGX_EINVAL);
+    EXPECT_EQ(out[0], '#'); // a buffer of size 0 is not written at all
 
     // An earlier NUL ends the text; the length stays the one given.
     sess_mgr_client_name_client_name_set(h, luid, n, "ab\0cdef", 6, &err);

@@ -488,9 +488,11 @@ void field_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, vo
     report(h, luid, value, instance);
 }
 
+// Integer fields by value; an enumeration field (a union's discriminator) by its user value.
 uint64_t field_get_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
     void *field = field_get(t, f, h, luid, instance, err);
-    return field ? prim_get_value(f.kind, h, luid, field, err) : 0;
+    if (!field) return 0;
+    return f.kind == Kind::enumeration ? enum_get_value(h, luid, field, err) : prim_get_value(f.kind, h, luid, field, err);
 }
 
 void field_set_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint64_t value,
@@ -503,7 +505,10 @@ void field_set_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lu
         fail(h, err, MGX_ENOENT);
         return;
     }
-    prim_set_value(f.kind, h, luid, field, value, err);
+    if (f.kind == Kind::enumeration)
+        enum_set_value(*f.type, h, luid, field, static_cast<uint32_t>(value), err);
+    else
+        prim_set_value(f.kind, h, luid, field, value, err);
     if (err && *err) return;
     mark_set(t, f, h, luid, instance, err);
 }

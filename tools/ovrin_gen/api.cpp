@@ -162,6 +162,8 @@ bool has_value(const Field &f) {
     return single_element(f) && f.prim && (*f.prim == Prim::u8 || *f.prim == Prim::u16 || *f.prim == Prim::u32 ||
                                             *f.prim == Prim::u64 || *f.prim == Prim::boolean);
 }
+// A union's discriminator is read and written by value too, as the user value of its enumeration.
+bool discriminator(const Field &f) { return f.discriminator; }
 
 } // namespace
 
@@ -205,6 +207,12 @@ const std::vector<FieldEntryPoint> &field_entry_points() {
          "static_cast<$FT>(ovrin::field_get_value($table, $field, h, luid, instance, err))"},
         {"set_value", k_composite, has_value, "void",
          "mgx_handle_t *h, uint32_t luid, $T *instance, $FT value, uint32_t *err",
+         "ovrin::field_set_value($table, $field, h, luid, instance, value, err)"},
+        {"get_value", k_composite, discriminator, "uint32_t",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
+         "static_cast<uint32_t>(ovrin::field_get_value($table, $field, h, luid, instance, err))"},
+        {"set_value", k_composite, discriminator, "void",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t value, uint32_t *err",
          "ovrin::field_set_value($table, $field, h, luid, instance, value, err)"},
         {"state_flag_get", k_composite, single_element, "uint8_t",
          "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",

@@ -109,10 +109,11 @@ void resolve_record(Catalogue &c, Type &t) {
 
     auto d = index_of.find(t.discriminator_name);
     if (d == index_of.end()) throw Error(t.line, "discriminator " + t.discriminator_name + " is not a field of " + t.name);
-    const Field &disc = t.fields[static_cast<size_t>(d->second)];
+    Field &disc = t.fields[static_cast<size_t>(d->second)];
     if (disc.shape != Shape::scalar || !disc.type || !disc.type->is_enum() || disc.from != 0)
         throw Error(disc.line, "discriminator " + disc.name + " must be a variant-0 enumeration field");
     t.discriminator = d->second;
+    disc.discriminator = true;
     std::set<uint32_t> selected;
     for (Field &f : t.fields) {
         if (f.shape != Shape::member) continue;

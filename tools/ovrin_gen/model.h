@@ -44,6 +44,7 @@ struct Field {
     std::string select_name;         // member: discriminator literal
     uint32_t select = 0;
     int from = 0;
+    bool discriminator = false;      // the field that selects a union's member
 
     // layout
     unsigned offset = 0, size = 0, elem_size = 0, align = 1;
