@@ -1,7 +1,7 @@
 // Binding the bundle's types to a runtime handle's registry, and the variant dump.
 #include <cstring>
 
-#include "frame/trace.h"
+#include "ops/trace.h"
 #include "ovrin_sm/ops.h"
 #include "ovrin_sm_internal/tables.h"
 
@@ -42,7 +42,7 @@ void ovrin_sm_type_variant_dump(int (*print)(const char *format, ...)) {
     for (const void *const *entry = ovrin::descriptor_table; *entry; ++entry) {
         const mgx_type_variant_info_t *info = descriptor(*entry)->variant_info;
         if (!info) {
-            ovrin::trace(ovrin::BundleMessage::dump_no_variant_info, MGX_SEV_ERROR);
+            ovrin::trace(ovrin::bundle, ovrin::BundleMessage::dump_no_variant_info, MGX_SEV_ERROR);
             continue;
         }
         int n = info->n_variants;

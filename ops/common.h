@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "frame/trace.h"
+#include "ops/trace.h"
 #include "ops/types.h"
 
 namespace ovrin {

@@ -83,7 +83,22 @@ enum TypeFlag : uint32_t {
     type_flag_select_by_user_value = 1u << 0,
 };
 
+// What the engine needs of the bundle a type belongs to; everything else it knows of a type is in
+// the type's own table. The generator emits one per catalogue and points every type at it, so the
+// engine itself is compiled without any catalogue.
+struct Bundle {
+    const char *domain;              // the catalogue's domain name
+    unsigned type_count;
+    const Type *const *types;        // registration order
+    mgx_register_fn register_types;  // copies the bundle's descriptors into a handle's registry
+    int (*trace_init)(void);         // registers the bundle's trace module, once
+    mgx_trace_table_t *trace_table;  // the bundle's message table
+    const uint16_t *trace_module;    // where trace_init leaves the module id
+    uint8_t *traced_once;            // type_count flags for the messages given once per process
+};
+
 struct Type {
+    const Bundle *bundle;
     const char *name;
     mgx_type_info_t *descriptor;   // the exported static descriptor
     const Field *fields;           // declaration order
@@ -101,6 +116,13 @@ struct Type {
     int8_t discriminator;          // union: index of the discriminator field; -1 otherwise
     uint8_t sttr_align;            // 8 when the area holds an address, else 1
     uint32_t flags;                // TypeFlag bits
+    // The fields the lifecycle walks visit, worked out by the generator: most fields are plain
+    // integers, and create, decode and destroy would otherwise test each of them per instance.
+    // plan holds n_owning indices (destroy: members, strings, arrays and inline instances, in
+    // declaration order), then n_inline (initialize and embed: inline instances), then n_areas
+    // (tracked initialize: scalar records and attribute lists with a flag area of their own).
+    const uint16_t *plan;
+    uint16_t n_owning, n_inline, n_areas;
 
     uint32_t tracked_size() const { return size + sttr_size; }
     int8_t last_variant() const { return static_cast<int8_t>(n_variants - 1); }

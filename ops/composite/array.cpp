@@ -10,7 +10,6 @@
 #include "ops/record/access.h"
 #include "ops/record/lifecycle.h"
 #include "ops/wire/wire.h"
-#include "ovrin_sm_internal/tables.h"
 
 namespace ovrin {
 
@@ -93,9 +92,7 @@ void set_flag_reference(const Type &t, const Field &f, mgx_handle_t *h, uint32_t
 
 // The first time in the process that each record type has to move an array block.
 void note_reallocation(const Type &t) {
-    static std::atomic<bool> reallocated[table::type_count];
-    if (t.index < table::type_count && !reallocated[t.index].exchange(true))
-        trace(t, Message::reallocating, MGX_SEV_ERROR);
+    if (first_time(t)) trace(t, Message::reallocating, MGX_SEV_ERROR);
 }
 
 // Elements moved to a new block take their nested flag registrations along: each element's

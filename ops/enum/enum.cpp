@@ -6,15 +6,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "ovrin_sm/ops.h"
-
 namespace ovrin {
 
-// Every generated enumeration struct has this one layout.
+// Every generated enumeration struct has this one layout (the generated tables check theirs).
 static_assert(sizeof(EnumInstance) == 16 && offsetof(EnumInstance, value) == 12);
-static_assert(sizeof(::sm_peer_state) == sizeof(EnumInstance) &&
-              offsetof(::sm_peer_state, value) == offsetof(EnumInstance, value) &&
-              offsetof(::sm_peer_state, flags) == offsetof(EnumInstance, flags));
 
 namespace {
 

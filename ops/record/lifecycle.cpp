@@ -4,8 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "ovrin_sm/ops.h"
-#include "ovrin_sm_internal/tables.h"
 
 namespace ovrin {
 
@@ -59,70 +57,14 @@ const PrimInstance *prim_instance_of(Kind k) {
     }
 }
 
-// Fields held inline as instances of their own: nested records, unions and enumerations (also
-// as fixed-array elements), and the runtime's instance-like primitives.
-bool inline_instance(const Field &f) {
-    if (f.shape != Shape::scalar && f.shape != Shape::fixed_array) return false;
-    return f.kind == Kind::record || f.kind == Kind::enumeration || prim_instance_of(f.kind);
-}
-
-// A field a lifecycle walk has to visit, by its index in its type's table, with the runtime
-// primitive that handles its elements (null for records, unions and enumerations).
-struct Step {
-    uint16_t field;
-    const PrimInstance *prim;
-};
-
-// What the lifecycle walks of one type visit, worked out once from its table: most fields are
-// integers, and create, decode and destroy would otherwise test every one of them per instance.
+// The generator's plan of a type, as the walks read it.
 struct Plan {
-    const Step *owning = nullptr; // destroy: members, strings, arrays and inline instances, in declaration order
-    const Step *inline_ = nullptr; // initialize and embed: inline instances
-    const Step *areas = nullptr;   // tracked initialize: scalar records and attribute lists with an area of their own
-    uint16_t n_owning = 0, n_inline = 0, n_areas = 0;
+    const uint16_t *owning, *inline_, *areas;
+    uint16_t n_owning, n_inline, n_areas;
 };
 
-bool owning(const Field &f) {
-    return f.shape == Shape::member || f.shape == Shape::var_string || f.shape == Shape::var_array ||
-           inline_instance(f);
-}
-
-bool nested_area(const Field &f) {
-    return f.shape == Shape::scalar && f.sttr_nested != no_area && (f.kind == Kind::record || f.kind == Kind::aaa_tlv);
-}
-
-// The plans of every type of the bundle, by registration order, in one block of steps. A field
-// takes at most one step in each of the three lists, so the block is sized from the field count
-// and the plans need no allocation.
-class Plans {
-  public:
-    Plans() {
-        for (unsigned k = 0; k < table::type_count; ++k) {
-            const Type &t = *table::all[k];
-            Plan &p = plans_[t.index];
-            p.owning = collect(t, owning, p.n_owning);
-            p.inline_ = collect(t, inline_instance, p.n_inline);
-            p.areas = collect(t, nested_area, p.n_areas);
-        }
-    }
-    const Plan &of(const Type &t) const { return plans_[t.index]; }
-
-  private:
-    const Step *collect(const Type &t, bool (*wanted)(const Field &), uint16_t &count) {
-        const Step *first = steps_ + n_steps_;
-        for (uint16_t i = 0; i < t.n_fields; ++i)
-            if (wanted(t.fields[i])) steps_[n_steps_++] = Step{i, prim_instance_of(t.fields[i].kind)};
-        count = static_cast<uint16_t>(steps_ + n_steps_ - first);
-        return first;
-    }
-    Step steps_[3 * table::field_count + 1];
-    size_t n_steps_ = 0;
-    Plan plans_[table::type_count];
-};
-
-const Plan &plan_of(const Type &t) {
-    static const Plans plans;
-    return plans.of(t);
+Plan plan_of(const Type &t) {
+    return Plan{t.plan, t.plan + t.n_owning, t.plan + t.n_owning + t.n_inline, t.n_owning, t.n_inline, t.n_areas};
 }
 
 void hooked_write(mgx_handle_t *h, bool use_hook, void *addr, size_t n, uint32_t luid, const void *base) {
@@ -196,8 +138,8 @@ bool release_references(const Type &t, mgx_handle_t *h, uint32_t luid, void *fie
 // Destroys the fields of an instance in declaration order. False when the destroy is abandoned.
 bool destroy_fields(const Type &t, const Plan &p, mgx_handle_t *h, uint32_t luid, void *instance, int8_t variant,
                     uint32_t *err) {
-    for (const Step *s = p.owning, *end = p.owning + p.n_owning; s != end; ++s) {
-        const Field &f = t.fields[s->field];
+    for (const uint16_t *s = p.owning, *end = p.owning + p.n_owning; s != end; ++s) {
+        const Field &f = t.fields[*s];
         if (!present(f, variant)) continue;
         void *field = field_at(instance, f);
         if (f.shape == Shape::member) {
@@ -229,7 +171,7 @@ bool destroy_fields(const Type &t, const Plan &p, mgx_handle_t *h, uint32_t luid
             }
             continue;
         }
-        const PrimInstance *prim = s->prim;
+        const PrimInstance *prim = prim_instance_of(f.kind);
         for (uint16_t i = 0; i < f.count; ++i) {
             void *element = bytes(field) + i * f.elem_size;
             if (*err) trace(f.type ? *f.type : t, Message::oid_count_error_present, MGX_SEV_ERROR);
@@ -270,7 +212,7 @@ uint8_t *state_area(const Type &t, mgx_handle_t *h, uint32_t luid, void *instanc
 
 void *descriptor_for(const Type &t, mgx_handle_t *h, uint32_t luid) {
     if (h->domain_mode == 0) return t.descriptor;
-    return mgx_type_info_ptr_get(h, luid, t.descriptor, ovrin_sm_typeinfo_initialize);
+    return mgx_type_info_ptr_get(h, luid, t.descriptor, t.bundle->register_types);
 }
 
 int8_t domain_variant(const Type &t, mgx_handle_t *h, uint32_t *err) {
@@ -279,7 +221,7 @@ int8_t domain_variant(const Type &t, mgx_handle_t *h, uint32_t *err) {
 }
 
 void *create(const Type &t, mgx_handle_t *h, uint32_t luid) {
-    mgx_ovrin_sm_trace_init();
+    t.bundle->trace_init();
     return create_internal(t, h, luid);
 }
 
@@ -316,7 +258,7 @@ void *create_internal(const Type &t, mgx_handle_t *h, uint32_t luid) {
 }
 
 void *create_cr(const Type &t, mgx_handle_t *h) {
-    mgx_ovrin_sm_trace_init();
+    t.bundle->trace_init();
     h->desc_call = 1;
     void *result = create_internal(t, h, h->desc_call_luid);
     h->desc_call = 0;
@@ -353,7 +295,7 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
     hd->variant = variant;
     void *registered = h->domain_mode == 0
                            ? const_cast<void *>(descriptor)
-                           : mgx_type_info_ptr_get(h, luid, descriptor, ovrin_sm_typeinfo_initialize);
+                           : mgx_type_info_ptr_get(h, luid, descriptor, t.bundle->register_types);
     if (!registered) {
         // The handle could not keep the bundle's registration (its registry ran out of memory):
         // an instance without a descriptor could never be destroyed, so none is made.
@@ -374,7 +316,7 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
     count_stats(t, h, luid, static_cast<const mgx_type_info_t *>(registered ? registered : descriptor), variant, true,
                 err);
 
-    const Plan &p = plan_of(t);
+    const Plan p = plan_of(t);
     uint8_t *base = nullptr;
     if (tracked) {
         if ((hd->flags & MGX_IF_NESTED) && !sttr_base) {
@@ -386,8 +328,8 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
             base = bytes(instance) + mgxlib_get_sttr_offset(h, luid, instance);
         else
             base = sttr_base ? sttr_base : bytes(instance) + t.size;
-        for (const Step *s = p.areas, *end = p.areas + p.n_areas; s != end; ++s) {
-            const Field &f = t.fields[s->field];
+        for (const uint16_t *s = p.areas, *end = p.areas + p.n_areas; s != end; ++s) {
+            const Field &f = t.fields[*s];
             void *field = field_at(instance, f);
             mgxlib_update_sttr_offset(h, luid, field, base + f.sttr_nested - bytes(field));
             if (f.kind == Kind::aaa_tlv) aaa_tlv_offset_update(h, luid, static_cast<aaa_tlv *>(field), base + f.sttr_nested, err);
@@ -397,9 +339,9 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
     // still laid out whole below, so that whoever sees the error can destroy it.
     const bool offsets_lost = base && p.n_areas && h->last_error == MGX_ENOMEM;
 
-    for (const Step *s = p.inline_, *end = p.inline_ + p.n_inline; s != end; ++s) {
-        const Field &f = t.fields[s->field];
-        const PrimInstance *prim = s->prim;
+    for (const uint16_t *s = p.inline_, *end = p.inline_ + p.n_inline; s != end; ++s) {
+        const Field &f = t.fields[*s];
+        const PrimInstance *prim = prim_instance_of(f.kind);
         // A nested instance's flags start at its area inside ours; one without an area of its own
         // (an enumeration) is handed our base.
         uint8_t *nested_base = !base ? sttr_base
@@ -434,13 +376,14 @@ void set_instance_embedded(const Type &t, mgx_handle_t *h, uint32_t luid, void *
         trace(t, Message::embed_null, MGX_SEV_ERROR);
         return;
     }
-    const Plan &p = plan_of(t);
-    for (const Step *s = p.inline_, *end = p.inline_ + p.n_inline; s != end; ++s) {
-        const Field &f = t.fields[s->field];
+    const Plan p = plan_of(t);
+    for (const uint16_t *s = p.inline_, *end = p.inline_ + p.n_inline; s != end; ++s) {
+        const Field &f = t.fields[*s];
+        const PrimInstance *prim = prim_instance_of(f.kind);
         uint8_t *element = bytes(field_at(instance, f));
         for (uint16_t i = 0; i < f.count; ++i, element += f.elem_size) {
-            if (s->prim)
-                s->prim->set_instance_embedded(h, luid, element);
+            if (prim)
+                prim->set_instance_embedded(h, luid, element);
             else
                 set_instance_embedded(*f.type, h, luid, element);
         }
@@ -483,7 +426,7 @@ void destroy_internal(const Type &t, mgx_handle_t *h, uint32_t luid, void *insta
     // members): what the instance owns up to its layout is destroyed, rather than leaked.
     int8_t variant = hd->variant;
     int8_t owned = hd->layout > variant ? hd->layout : variant;
-    const Plan &p = plan_of(t);
+    const Plan p = plan_of(t);
     if (owned >= 0 && p.n_owning && !destroy_fields(t, p, h, luid, instance, owned, &err)) return;
 
     if (hd->flags & MGX_IF_TRACKED) {

@@ -8,7 +8,6 @@
 
 #include "ops/enum/enum.h"
 #include "ops/record/lifecycle.h"
-#include "ovrin_sm/ops.h"
 
 namespace ovrin {
 
@@ -627,7 +626,7 @@ void clone_internal(const Type &t, mgx_handle_t *h, uint32_t luid, const void *s
     uint32_t n = encode(t, h, luid, buf, source, space, false, err);
     if (*err) return;
     if (!*destination) {
-        mgx_ovrin_sm_trace_init();
+        t.bundle->trace_init();
         void *fresh = create_internal(t, h, luid);
         if (!fresh) {
             fail(h, err, MGX_ENOMEM);

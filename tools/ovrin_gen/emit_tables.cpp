@@ -77,6 +77,43 @@ std::string field_entry(const Field &f) {
                   nested.c_str(), f.select);
 }
 
+// The lifecycle plan of a type (see Type::plan): which fields create, embed, tracked initialize
+// and destroy visit. Inline instances are nested records, unions and enumerations (also as
+// fixed-array elements) and the runtime's instance-like primitives, which it initialises and
+// destroys itself; integers need nothing.
+bool inline_instance(const Field &f) {
+    if (f.shape != Shape::scalar && f.shape != Shape::fixed_array) return false;
+    return f.type || (f.prim && *f.prim != Prim::u8 && *f.prim != Prim::u16 && *f.prim != Prim::u32 &&
+                      *f.prim != Prim::u64);
+}
+bool owning(const Field &f) {
+    return f.shape == Shape::member || f.shape == Shape::var_string || f.shape == Shape::var_array ||
+           inline_instance(f);
+}
+bool nested_area(const Field &f) {
+    return f.shape == Shape::scalar && f.sttr_nested != no_area &&
+           ((f.type && !f.type->is_enum()) || (f.prim && *f.prim == Prim::aaa_tlv));
+}
+
+struct Plan {
+    std::vector<unsigned> fields;
+    size_t n_owning = 0, n_inline = 0, n_areas = 0;
+};
+
+Plan plan_of(const Type &t) {
+    Plan p;
+    auto collect = [&](bool (*wanted)(const Field &)) {
+        size_t before = p.fields.size();
+        for (size_t i = 0; i < t.fields.size(); ++i)
+            if (wanted(t.fields[i])) p.fields.push_back(static_cast<unsigned>(i));
+        return p.fields.size() - before;
+    };
+    p.n_owning = collect(owning);
+    p.n_inline = collect(inline_instance);
+    p.n_areas = collect(nested_area);
+    return p;
+}
+
 } // namespace
 
 std::string emit_tables_header(const Catalogue &c) {
@@ -86,12 +123,13 @@ std::string emit_tables_header(const Catalogue &c) {
     size_t fields = 0;
     for (const auto &t : c.types) fields += t->fields.size();
     s += format("inline constexpr unsigned type_count = %zu;\n", c.types.size());
-    s += format("// Fields of all types together: what per-type plans are sized by.\ninline constexpr unsigned field_count = %zu;\n\n", fields);
+    s += format("inline constexpr unsigned field_count = %zu; // fields of all types together\n\n", fields);
     for (const auto &t : c.types) s += format("extern const Type %s;\n", t->name.c_str());
     s += "\n// Every type, in registration order.\nextern const Type *const all[type_count];\n\n} // namespace table\n\n";
     s += "// The exported descriptors in registration order, null-terminated.\n"
          "extern const void *const descriptor_table[table::type_count + 1];\n\n"
          "// The bundle's trace message texts, by message number.\nextern mgx_trace_table_t trace_table;\n\n"
+         "// What the engine needs of this bundle; every type of it points here.\nextern const Bundle bundle;\n\n"
          "} // namespace ovrin\n\n#endif\n";
     return s;
 }
@@ -116,11 +154,15 @@ std::string emit_tables(const Catalogue &c) {
             for (const Field &f : t.fields) s += field_entry(f);
             s += "};\n";
         }
+        Plan p = plan_of(t);
+        s += format("const uint16_t plan_%s[] = {", t.name.c_str());
+        for (size_t i = 0; i < p.fields.size(); ++i) s += format("%s%u", i ? ", " : "", p.fields[i]);
+        s += p.fields.empty() ? "0};\n" : "};\n"; // an array may not be empty
     }
     s += "\n} // namespace\n";
     for (const auto &tp : c.types) {
         const Type &t = *tp;
-        s += format("\nconst Type %s = {\n", t.name.c_str());
+        s += format("\nconst Type %s = {\n    .bundle = &ovrin::bundle,\n", t.name.c_str());
         s += format("    .name = %s,\n    .descriptor = &_%s_type_info_internal,\n", c_string(t.name).c_str(), t.name.c_str());
         s += t.is_enum() ? "    .fields = nullptr,\n" : format("    .fields = fields_%s,\n", t.name.c_str());
         s += t.is_enum() ? format("    .literals = literals_%s,\n", t.name.c_str()) : "    .literals = nullptr,\n";
@@ -129,7 +171,10 @@ std::string emit_tables(const Catalogue &c) {
         s += format("    .n_fields = %zu,\n    .n_literals = %zu,\n    .index = %u,\n", t.fields.size(), t.literals.size(), t.index);
         s += format("    .kind = TypeKind::%s,\n    .n_variants = %d,\n    .discriminator = %d,\n", type_kind_name(t.kind),
                     t.n_variants, t.discriminator);
-        s += format("    .sttr_align = %u,\n    .flags = %s,\n};\n", t.sttr_align, type_flags(t).c_str());
+        Plan p = plan_of(t);
+        s += format("    .sttr_align = %u,\n    .flags = %s,\n", t.sttr_align, type_flags(t).c_str());
+        s += format("    .plan = plan_%s,\n    .n_owning = %zu,\n    .n_inline = %zu,\n    .n_areas = %zu,\n};\n",
+                    t.name.c_str(), p.n_owning, p.n_inline, p.n_areas);
     }
     s += "\nconst Type *const all[type_count] = {\n";
     for (const auto &t : c.types) s += format("    &%s,\n", t->name.c_str());
@@ -139,9 +184,23 @@ std::string emit_tables(const Catalogue &c) {
 
 std::string emit_tables_source(const Catalogue &c) {
     std::string s = format("// The type tables, held against the public structs. %s\n", generated_banner);
-    s += "#include \"ovrin_sm_internal/tables.inc\"\n\n";
+    s += "#include \"ovrin_sm_internal/tables.inc\"\n#include \"ops/enum/enum.h\"\n#include \"ovrin_sm/ops.h\"\n\n";
+    // The library's own copy of the tables points at the bundle context; private copies (tests,
+    // tools) define a context of their own.
+    s += format("namespace {\nuint8_t traced_once[%zu];\n} // namespace\n\n", c.types.size());
+    s += format("const ovrin::Bundle ovrin::bundle = {\n    .domain = \"ovrin_sm\",\n    .type_count = %zu,\n"
+                "    .types = ovrin::table::all,\n    .register_types = ovrin_sm_typeinfo_initialize,\n"
+                "    .trace_init = mgx_ovrin_sm_trace_init,\n    .trace_table = &ovrin::trace_table,\n"
+                "    .trace_module = &g_mgx_ovrin_sm_trace_module_id,\n    .traced_once = traced_once,\n};\n\n",
+                c.types.size());
     for (const auto &t : c.types) {
-        if (t->is_enum()) continue;
+        if (t->is_enum()) {
+            s += format("static_assert(sizeof(::%s) == sizeof(ovrin::EnumInstance) && "
+                        "offsetof(::%s, value) == offsetof(ovrin::EnumInstance, value) && "
+                        "offsetof(::%s, flags) == offsetof(ovrin::EnumInstance, flags));\n",
+                        t->name.c_str(), t->name.c_str(), t->name.c_str());
+            continue;
+        }
         for (const Field &f : t->fields)
             s += format("static_assert(offsetof(::%s, %s) == %u);\n", t->name.c_str(), f.name.c_str(), f.offset);
     }
