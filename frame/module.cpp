@@ -1,10 +1,10 @@
 // The bundle's module node, linked into the runtime's module list while the library is loaded.
+#include "bundle_frame.h"
 #include "frame/module_list.h"
-#include "ovrin_sm_internal/tables.h"
 
 namespace {
 
-mgx_module_node_t module_node = {"ovrin_sm", ovrin::descriptor_table, nullptr, nullptr};
+mgx_module_node_t module_node = {OVRIN_BUNDLE_DOMAIN, ovrin::descriptor_table, nullptr, nullptr};
 uint8_t module_linked = 0;
 
 __attribute__((constructor)) void link_bundle_module() {

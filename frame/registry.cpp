@@ -1,9 +1,8 @@
 // Binding the bundle's types to a runtime handle's registry, and the variant dump.
 #include <cstring>
 
+#include "bundle_frame.h"
 #include "ops/trace.h"
-#include "ovrin_sm/ops.h"
-#include "ovrin_sm_internal/tables.h"
 
 namespace {
 
@@ -15,7 +14,7 @@ extern "C" {
 
 // Registers a copy of every descriptor under its fingerprint text, in registration order. Types
 // the handle already knows keep their registration and only get their variant info refreshed.
-void ovrin_sm_typeinfo_initialize(mgx_handle_t *h, uint32_t luid, uint32_t *err) {
+void OVRIN_BUNDLE_EXPORT(typeinfo_initialize)(mgx_handle_t *h, uint32_t luid, uint32_t *err) {
     for (const void *const *entry = ovrin::descriptor_table; *entry; ++entry) {
         const mgx_type_info_t *d = descriptor(*entry);
         if (void *found = h->reg_lookup(h->reg_ctx, luid, d->fingerprint_text)) {
@@ -38,7 +37,7 @@ void ovrin_sm_typeinfo_initialize(mgx_handle_t *h, uint32_t luid, uint32_t *err)
     }
 }
 
-void ovrin_sm_type_variant_dump(int (*print)(const char *format, ...)) {
+void OVRIN_BUNDLE_EXPORT(type_variant_dump)(int (*print)(const char *format, ...)) {
     for (const void *const *entry = ovrin::descriptor_table; *entry; ++entry) {
         const mgx_type_variant_info_t *info = descriptor(*entry)->variant_info;
         if (!info) {

@@ -1,5 +1,5 @@
 // The bundle's trace module: registered once, its id exported beside the unused stub id.
-#include "ovrin_sm/ops.h"
+#include "bundle_frame.h"
 
 namespace {
 
@@ -9,11 +9,11 @@ uint32_t trace_registration_state = 0; // lets the trace facility register the m
 
 extern "C" {
 
-uint16_t g_mgx_ovrin_sm_trace_module_id = 0;
-uint16_t g_mgx_ovrin_sm_stub_trace_module_id = 0; // exported beside the real id; never used here
+uint16_t OVRIN_BUNDLE_TRACE_MODULE_ID = 0;
+uint16_t OVRIN_BUNDLE_STUB_TRACE_MODULE_ID = 0; // exported beside the real id; never used here
 
-int mgx_ovrin_sm_trace_init(void) {
-    return qlog_module_init_fn("mgx_ovrin_sm", &g_mgx_ovrin_sm_trace_module_id, &trace_registration_state);
+int OVRIN_BUNDLE_TRACE_INIT(void) {
+    return qlog_module_init_fn(OVRIN_BUNDLE_TRACE_MODULE, &OVRIN_BUNDLE_TRACE_MODULE_ID, &trace_registration_state);
 }
 
 } // extern "C"

@@ -308,20 +308,20 @@ const std::vector<FieldEntryPoint> &field_entry_points() {
 
 const std::vector<BundleSymbol> &bundle_functions() {
     static const std::vector<BundleSymbol> list = {
-        {"ovrin_sm_bundle_handler_register", "uint64_t ovrin_sm_bundle_handler_register(uint64_t handler, void *arg)"},
-        {"ovrin_sm_bundle_handler_unregister", "uint64_t ovrin_sm_bundle_handler_unregister(void *arg)"},
-        {"ovrin_sm_typeinfo_initialize", "void ovrin_sm_typeinfo_initialize(mgx_handle_t *h, uint32_t luid, uint32_t *err)"},
-        {"ovrin_sm_type_variant_dump", "void ovrin_sm_type_variant_dump(int (*print)(const char *format, ...))"},
-        {"mgx_ovrin_sm_trace_init", "int mgx_ovrin_sm_trace_init(void)"},
+        {"@D@_bundle_handler_register", "uint64_t @D@_bundle_handler_register(uint64_t handler, void *arg)"},
+        {"@D@_bundle_handler_unregister", "uint64_t @D@_bundle_handler_unregister(void *arg)"},
+        {"@D@_typeinfo_initialize", "void @D@_typeinfo_initialize(mgx_handle_t *h, uint32_t luid, uint32_t *err)"},
+        {"@D@_type_variant_dump", "void @D@_type_variant_dump(int (*print)(const char *format, ...))"},
+        {"mgx_@D@_trace_init", "int mgx_@D@_trace_init(void)"},
     };
     return list;
 }
 
 const std::vector<BundleSymbol> &bundle_data() {
     static const std::vector<BundleSymbol> list = {
-        {"ovrin_sm_bundle_registered_handler", "extern uint64_t ovrin_sm_bundle_registered_handler"},
-        {"g_mgx_ovrin_sm_trace_module_id", "extern uint16_t g_mgx_ovrin_sm_trace_module_id"},
-        {"g_mgx_ovrin_sm_stub_trace_module_id", "extern uint16_t g_mgx_ovrin_sm_stub_trace_module_id"},
+        {"@D@_bundle_registered_handler", "extern uint64_t @D@_bundle_registered_handler"},
+        {"g_mgx_@D@_trace_module_id", "extern uint16_t g_mgx_@D@_trace_module_id"},
+        {"g_mgx_@D@_stub_trace_module_id", "extern uint16_t g_mgx_@D@_stub_trace_module_id"},
     };
     return list;
 }

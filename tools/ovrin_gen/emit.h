@@ -76,17 +76,20 @@ std::string emit_descriptors(const Catalogue &c);
 std::string emit_entry_points(const Catalogue &c);
 std::string emit_trace_table(const Catalogue &c);
 std::string emit_manifest(const Catalogue &c, const BuildInfo &build);
+std::string emit_frame_names(const Catalogue &c);
 // An assembler block placing bytes in a named section that is kept in the file but not loaded.
 std::string nonloaded_section(const char *name, const std::vector<uint8_t> &bytes);
 // The section holding the compressed trace message texts.
-inline constexpr const char *trace_section = ".ovrin_sm_trace_texts";
+// Emitted text names the bundle through placeholders that the writer fills in from the domain:
+// @D@ the domain ("ovrin_sm"), @U@ the same in capitals.
+inline constexpr const char *trace_section = ".@D@_trace_texts";
 
 // Helpers shared by the emitters.
 std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 std::string c_string(const std::string &s);
 std::string replace_all(std::string s, const std::string &from, const std::string &to);
 std::vector<std::string> exported_names(const Catalogue &c);
-inline constexpr const char *generated_banner = "Generated from catalogue/ovrin_sm.types by ovrin_gen; do not edit.";
+inline constexpr const char *generated_banner = "Generated from the @D@ catalogue by ovrin_gen; do not edit.";
 
 } // namespace gen
 

@@ -82,7 +82,7 @@ std::string enum_definition(const Type &t) {
     s += "};\n";
     s += "struct " + t.name + " {\n    void *descriptor;\n    int8_t variant;\n    int8_t layout;\n    uint8_t flags;\n"
          "    uint32_t value; /* the user value */\n};\n";
-    s += format("OVRIN_SM_LAYOUT_ASSERT(sizeof(struct %s) == %u, \"%s instance size\");\n\n", t.name.c_str(), t.size,
+    s += format("@U@_LAYOUT_ASSERT(sizeof(struct %s) == %u, \"%s instance size\");\n\n", t.name.c_str(), t.size,
                 t.name.c_str());
     return s;
 }
@@ -109,10 +109,10 @@ std::string record_definition(const Type &t) {
         const Field *last = nullptr;
         for (const Field &f : t.fields)
             if (f.from <= v) last = &f;
-        s += format("OVRIN_SM_LAYOUT_ASSERT(OVRIN_SM_FIELD_END(struct %s, %s) == %u, \"%s variant %d used length\");\n",
+        s += format("@U@_LAYOUT_ASSERT(@U@_FIELD_END(struct %s, %s) == %u, \"%s variant %d used length\");\n",
                     t.name.c_str(), last->name.c_str(), t.used[static_cast<size_t>(v)], t.name.c_str(), v);
     }
-    s += format("OVRIN_SM_LAYOUT_ASSERT(sizeof(struct %s) == %u, \"%s instance size\");\n\n", t.name.c_str(), t.size,
+    s += format("@U@_LAYOUT_ASSERT(sizeof(struct %s) == %u, \"%s instance size\");\n\n", t.name.c_str(), t.size,
                 t.name.c_str());
     return s;
 }
@@ -130,23 +130,23 @@ const char *c_epilogue = R"(#ifdef __cplusplus
 } // namespace
 
 std::string emit_public_types(const Catalogue &c) {
-    std::string s = format("/* The types of the ovrin_sm domain. %s\n *\n", generated_banner);
+    std::string s = format("/* The types of the @D@ domain. %s\n *\n", generated_banner);
     s += " * Every instance starts with the 11-byte instance header (descriptor word, variant, layout\n"
          " * byte, flags); the fields follow in declaration order at their natural alignment. A tracked\n"
          " * instance carries its state-flag area right after the instance size given here. */\n";
-    s += "#ifndef OVRIN_SM_TYPES_H\n#define OVRIN_SM_TYPES_H\n\n#include <stddef.h>\n#include <stdint.h>\n\n"
+    s += "#ifndef @U@_TYPES_H\n#define @U@_TYPES_H\n\n#include <stddef.h>\n#include <stdint.h>\n\n"
          "#include \"mgx/contract.h\"\n\n";
-    s += "#ifndef OVRIN_SM_API\n#define OVRIN_SM_API __attribute__((visibility(\"default\")))\n#endif\n";
-    s += "#ifdef __cplusplus\n#define OVRIN_SM_LAYOUT_ASSERT(cond, what) static_assert(cond, what)\n#else\n"
-         "#define OVRIN_SM_LAYOUT_ASSERT(cond, what) _Static_assert(cond, what)\n#endif\n";
-    s += "#define OVRIN_SM_FIELD_END(type, field) (offsetof(type, field) + sizeof(((type *)0)->field))\n\n";
+    s += "#ifndef @U@_API\n#define @U@_API __attribute__((visibility(\"default\")))\n#endif\n";
+    s += "#ifdef __cplusplus\n#define @U@_LAYOUT_ASSERT(cond, what) static_assert(cond, what)\n#else\n"
+         "#define @U@_LAYOUT_ASSERT(cond, what) _Static_assert(cond, what)\n#endif\n";
+    s += "#define @U@_FIELD_END(type, field) (offsetof(type, field) + sizeof(((type *)0)->field))\n\n";
     s += c_prologue;
     s += "\n";
     for (const auto &t : c.types) s += format("typedef struct %s %s;\n", t->name.c_str(), t->name.c_str());
     s += "\n";
     for (const Type *t : definition_order(c)) s += t->is_enum() ? enum_definition(*t) : record_definition(*t);
     s += "/* The static type descriptors, in registration order. */\n";
-    for (const auto &t : c.types) s += format("OVRIN_SM_API extern mgx_type_info_t _%s_type_info_internal;\n", t->name.c_str());
+    for (const auto &t : c.types) s += format("@U@_API extern mgx_type_info_t _%s_type_info_internal;\n", t->name.c_str());
     s += "\n";
     s += c_epilogue;
     s += "\n#endif\n";
@@ -154,16 +154,16 @@ std::string emit_public_types(const Catalogue &c) {
 }
 
 std::string emit_public_ops(const Catalogue &c) {
-    std::string s = format("/* The exported operations of the ovrin_sm bundle. %s */\n", generated_banner);
-    s += "#ifndef OVRIN_SM_OPS_H\n#define OVRIN_SM_OPS_H\n\n#include \"ovrin_sm/types.h\"\n\n";
+    std::string s = format("/* The exported operations of the @D@ bundle. %s */\n", generated_banner);
+    s += "#ifndef @U@_OPS_H\n#define @U@_OPS_H\n\n#include \"@D@/types.h\"\n\n";
     s += c_prologue;
     s += "\n/* The bundle. */\n";
-    for (const BundleSymbol &b : bundle_functions()) s += "OVRIN_SM_API " + std::string(b.declaration) + ";\n";
-    for (const BundleSymbol &b : bundle_data()) s += "OVRIN_SM_API " + std::string(b.declaration) + ";\n";
+    for (const BundleSymbol &b : bundle_functions()) s += "@U@_API " + std::string(b.declaration) + ";\n";
+    for (const BundleSymbol &b : bundle_data()) s += "@U@_API " + std::string(b.declaration) + ";\n";
     for (const auto &t : c.types) {
         s += "\n/* " + t->name + " */\n";
         for (const Wrapper &w : wrappers_of(*t))
-            s += format("OVRIN_SM_API %s %s(%s);\n", w.result.c_str(), w.name.c_str(), w.params.c_str());
+            s += format("@U@_API %s %s(%s);\n", w.result.c_str(), w.name.c_str(), w.params.c_str());
     }
     s += "\n";
     s += c_epilogue;
@@ -174,7 +174,7 @@ std::string emit_public_ops(const Catalogue &c) {
 std::string emit_entry_points(const Catalogue &c) {
     std::string s = format("// The per-type entry points: each a call of a generic operation with its type's table.\n// %s\n",
                            generated_banner);
-    s += "#include \"ops/ops.h\"\n#include \"ovrin_sm/ops.h\"\n#include \"ovrin_sm_internal/tables.h\"\n\nextern \"C\" {\n";
+    s += "#include \"ops/ops.h\"\n#include \"@D@/ops.h\"\n#include \"@D@_internal/tables.h\"\n\nextern \"C\" {\n";
     for (const auto &t : c.types) {
         s += "\n";
         for (const Wrapper &w : wrappers_of(*t))
@@ -186,7 +186,7 @@ std::string emit_entry_points(const Catalogue &c) {
 }
 
 std::string emit_export_list(const Catalogue &c) {
-    std::string s = format("// Every symbol libovrin_sm.so exports, and nothing else. %s\n", generated_banner);
+    std::string s = format("// Every symbol lib@D@.so exports, and nothing else. %s\n", generated_banner);
     for (const std::string &name : exported_names(c)) s += c_string(name) + ",\n";
     return s;
 }
@@ -195,6 +195,25 @@ std::string emit_version_script(const Catalogue &c) {
     std::string s = format("/* %s */\n{\n  global:\n", generated_banner);
     for (const std::string &name : exported_names(c)) s += "    " + name + ";\n";
     s += "  local:\n    *;\n};\n";
+    return s;
+}
+
+} // namespace gen
+
+namespace gen {
+
+// The names the frame's sources (module node, registration, trace module, adoption) give the
+// bundle's exports, so that the same sources serve any catalogue.
+std::string emit_frame_names(const Catalogue &) {
+    std::string s = format("// The bundle's names, for the frame's sources. %s\n", generated_banner);
+    s += "#ifndef OVRIN_BUNDLE_FRAME_H\n#define OVRIN_BUNDLE_FRAME_H\n\n"
+         "#include \"@D@/ops.h\"\n#include \"@D@_internal/tables.h\"\n\n"
+         "#define OVRIN_BUNDLE_DOMAIN \"@D@\"\n"
+         "#define OVRIN_BUNDLE_TRACE_MODULE \"mgx_@D@\"\n"
+         "#define OVRIN_BUNDLE_EXPORT(name) @D@_##name\n"
+         "#define OVRIN_BUNDLE_TRACE_INIT mgx_@D@_trace_init\n"
+         "#define OVRIN_BUNDLE_TRACE_MODULE_ID g_mgx_@D@_trace_module_id\n"
+         "#define OVRIN_BUNDLE_STUB_TRACE_MODULE_ID g_mgx_@D@_stub_trace_module_id\n\n#endif\n";
     return s;
 }
 

@@ -31,7 +31,7 @@ std::string type_manifest(const Catalogue &c) {
     std::vector<const Type *> sorted;
     for (const auto &t : c.types) sorted.push_back(t.get());
     std::sort(sorted.begin(), sorted.end(), [](const Type *a, const Type *b) { return a->name < b->name; });
-    std::string text = "# ovrin_sm manifest\n";
+    std::string text = "# " + c.domain + " manifest\n"; // compressed below: named here, not by the writer
     for (const Type *t : sorted) {
         std::string line = type_line(*t);
         if (line.size() != 79) throw std::runtime_error("manifest line of " + t->name + " is not 79 characters");
@@ -74,7 +74,7 @@ std::string build_time() {
 }
 
 std::string build_record(const Catalogue &c, const BuildInfo &build) {
-    std::string text = "ovrin_sm\n";
+    std::string text = c.domain + "\n";
     text += "pkg_id: " + package_id(c) + "\n";
     text += "built by: " + builder() + "\n";
     text += "on host: " + host() + "\n";
@@ -114,7 +114,7 @@ std::string emit_manifest(const Catalogue &c, const BuildInfo &build) {
     append_record(section, build_record_kind, build_record(c, build));
     std::string s = format("// The manifest section (not loaded): the type manifest and the build record. %s\n",
                            generated_banner);
-    return s + nonloaded_section(".ovrin_sm_manifest", section);
+    return s + nonloaded_section(".@D@_manifest", section);
 }
 
 } // namespace gen

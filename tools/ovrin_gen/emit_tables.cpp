@@ -118,8 +118,8 @@ Plan plan_of(const Type &t) {
 
 std::string emit_tables_header(const Catalogue &c) {
     std::string s = format("// The type tables of the bundle. %s\n", generated_banner);
-    s += "#ifndef OVRIN_SM_INTERNAL_TABLES_H\n#define OVRIN_SM_INTERNAL_TABLES_H\n\n"
-         "#include \"ops/types.h\"\n#include \"ovrin_sm/types.h\"\n\nnamespace ovrin {\n\nnamespace table {\n\n";
+    s += "#ifndef @U@_INTERNAL_TABLES_H\n#define @U@_INTERNAL_TABLES_H\n\n"
+         "#include \"ops/types.h\"\n#include \"@D@/types.h\"\n\nnamespace ovrin {\n\nnamespace table {\n\n";
     size_t fields = 0;
     for (const auto &t : c.types) fields += t->fields.size();
     s += format("inline constexpr unsigned type_count = %zu;\n", c.types.size());
@@ -136,7 +136,7 @@ std::string emit_tables_header(const Catalogue &c) {
 
 std::string emit_tables(const Catalogue &c) {
     std::string s = format("// Definitions of the type tables; compiled into the bundle once. %s\n", generated_banner);
-    s += "#include \"ovrin_sm_internal/tables.h\"\n\nnamespace ovrin::table {\n\nnamespace {\n";
+    s += "#include \"@D@_internal/tables.h\"\n\nnamespace ovrin::table {\n\nnamespace {\n";
     for (const auto &tp : c.types) {
         const Type &t = *tp;
         s += format("\n// %s\nalignas(8) unsigned char placeholder_%s[%u];\n", t.name.c_str(), t.name.c_str(), t.size);
@@ -184,14 +184,14 @@ std::string emit_tables(const Catalogue &c) {
 
 std::string emit_tables_source(const Catalogue &c) {
     std::string s = format("// The type tables, held against the public structs. %s\n", generated_banner);
-    s += "#include \"ovrin_sm_internal/tables.inc\"\n#include \"ops/enum/enum.h\"\n#include \"ovrin_sm/ops.h\"\n\n";
+    s += "#include \"@D@_internal/tables.inc\"\n#include \"ops/enum/enum.h\"\n#include \"@D@/ops.h\"\n\n";
     // The library's own copy of the tables points at the bundle context; private copies (tests,
     // tools) define a context of their own.
     s += format("namespace {\nuint8_t traced_once[%zu];\n} // namespace\n\n", c.types.size());
-    s += format("const ovrin::Bundle ovrin::bundle = {\n    .domain = \"ovrin_sm\",\n    .type_count = %zu,\n"
-                "    .types = ovrin::table::all,\n    .register_types = ovrin_sm_typeinfo_initialize,\n"
-                "    .trace_init = mgx_ovrin_sm_trace_init,\n    .trace_table = &ovrin::trace_table,\n"
-                "    .trace_module = &g_mgx_ovrin_sm_trace_module_id,\n    .traced_once = traced_once,\n};\n\n",
+    s += format("const ovrin::Bundle ovrin::bundle = {\n    .domain = \"@D@\",\n    .type_count = %zu,\n"
+                "    .types = ovrin::table::all,\n    .register_types = @D@_typeinfo_initialize,\n"
+                "    .trace_init = mgx_@D@_trace_init,\n    .trace_table = &ovrin::trace_table,\n"
+                "    .trace_module = &g_mgx_@D@_trace_module_id,\n    .traced_once = traced_once,\n};\n\n",
                 c.types.size());
     for (const auto &t : c.types) {
         if (t->is_enum()) {
@@ -209,7 +209,7 @@ std::string emit_tables_source(const Catalogue &c) {
 
 std::string emit_descriptors(const Catalogue &c) {
     std::string s = format("// The exported type descriptors. %s\n", generated_banner);
-    s += "#include \"ovrin_sm_internal/tables.h\"\n\n"
+    s += "#include \"@D@_internal/tables.h\"\n\n"
          "static_assert(sizeof(mgx_type_info_t) == 272 && sizeof(mgx_variant_entry_t) == 40 &&\n"
          "              sizeof(mgx_type_variant_info_t) == 16);\n\nnamespace {\n";
     for (const auto &tp : c.types) {
@@ -228,7 +228,7 @@ std::string emit_descriptors(const Catalogue &c) {
         s += byte_array(t.fingerprint.data(), 16, "        ");
         s += "\n    },\n";
         s += format("    .fingerprint_text = \"%s\",\n", hex(t.fingerprint.data(), 16).c_str());
-        s += format("    .type_name = %s,\n    .domain_name = \"ovrin_sm\",\n    .kind = \"%s\",\n", c_string(t.name).c_str(),
+        s += format("    .type_name = %s,\n    .domain_name = \"@D@\",\n    .kind = \"%s\",\n", c_string(t.name).c_str(),
                     t.kind_word());
         s += "    .pad0 = {},\n    .registry_slot = -1,\n    .pad1 = {},\n";
         s += format("    .variant_info = &variant_info_%s,\n    .registry_mode = 0,\n    .pad2 = {},\n};\n", t.name.c_str());
@@ -250,9 +250,9 @@ std::string emit_trace_table(const Catalogue &c) {
                            "// %s\n", generated_banner);
     s += format("// %zu texts: %u for the bundle, then %u per type in registration order.\n", texts.size(),
                 bundle_message_count(), type_message_count());
-    s += "#include \"ovrin_sm_internal/tables.h\"\n\n";
+    s += "#include \"@D@_internal/tables.h\"\n\n";
     s += nonloaded_section(trace_section, section);
-    s += format("\nmgx_trace_table_t ovrin::trace_table = {MGX_TRACE_TABLE_MAGIC, %zu, \"mgx_ovrin_sm\", \"%s\", 0x%08xu, nullptr};\n",
+    s += format("\nmgx_trace_table_t ovrin::trace_table = {MGX_TRACE_TABLE_MAGIC, %zu, \"mgx_@D@\", \"%s\", 0x%08xu, nullptr};\n",
                 texts.size(), trace_section, mgx::tracefmt::texts_crc(raw));
     return s;
 }

@@ -20,7 +20,6 @@ namespace gen {
 
 namespace {
 
-constexpr const char *domain = "ovrin_sm";
 
 unsigned align_up(unsigned v, unsigned a) { return (v + a - 1) / a * a; }
 
@@ -257,16 +256,16 @@ std::array<uint8_t, 16> md5(const std::string &text) {
 
 // The fingerprint covers the type's own definition and, through their fingerprints, every type
 // it refers to: a change anywhere below a type gives it a new registry key.
-void fingerprint_type(Type &t) {
+void fingerprint_type(Type &t, const std::string &domain) {
     if (t.fingerprinted) return;
     if (t.fingerprinting) throw Error(t.line, t.name + " refers to itself");
     t.fingerprinting = true;
     t.definition = definition_text(t);
-    std::string input = "domain " + std::string(domain) + "\n" + t.definition;
+    std::string input = "domain " + domain + "\n" + t.definition;
     std::set<const Type *> seen;
     for (const Field &f : t.fields) {
         if (!f.type || !seen.insert(f.type).second) continue;
-        fingerprint_type(*f.type);
+        fingerprint_type(*f.type, domain);
         input += "uses " + f.type->name + " " + hex(f.type->fingerprint.data(), 16) + "\n";
     }
     t.fingerprint = md5(input);
@@ -300,7 +299,7 @@ void lay_out(Catalogue &c) {
 }
 
 void fingerprint(Catalogue &c) {
-    for (auto &t : c.types) fingerprint_type(*t);
+    for (auto &t : c.types) fingerprint_type(*t, c.domain);
 }
 
 } // namespace gen

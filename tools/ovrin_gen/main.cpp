@@ -1,16 +1,18 @@
 // ovrin_gen: turns the catalogue into the bundle's generated sources.
 //
-//   ovrin_gen --catalogue FILE --out DIR [--comment TEXT]
+//   ovrin_gen --catalogue FILE --out DIR [--domain NAME] [--comment TEXT]
 //
-// writes, under DIR:
-//   include/ovrin_sm/types.h            public: structs, literal constants, descriptors
-//   include/ovrin_sm/ops.h              public: prototypes of every exported function
-//   include/ovrin_sm/exports.inc        the exported symbol names (for tests)
-//   include/ovrin_sm_internal/tables.h  internal: declarations of the type tables
-//   include/ovrin_sm_internal/tables.inc  internal: definitions of the type tables
+// writes, under DIR, for the domain NAME (ovrin_sm unless given):
+//   include/NAME/types.h                public: structs, literal constants, descriptors
+//   include/NAME/ops.h                  public: prototypes of every exported function
+//   include/NAME/exports.inc            the exported symbol names (for tests)
+//   include/NAME_internal/tables.h      internal: declarations of the type tables
+//   include/NAME_internal/tables.inc    internal: definitions of the type tables
+//   include/bundle_frame.h              internal: the bundle's names, for the frame's sources
 //   src/sm_tables.cpp src/sm_descriptors.cpp src/sm_entry.cpp src/sm_trace.cpp src/sm_manifest.cpp
-//   ovrin_sm.map                        the linker's export list
+//   NAME.map                            the linker's export list
 // Files whose contents did not change are left untouched, so that nothing rebuilds needlessly.
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -22,6 +24,16 @@
 namespace {
 
 namespace fs = std::filesystem;
+
+// The emitters name the bundle by placeholders (@D@ the domain, @U@ in capitals).
+std::string named(std::string text, const std::string &domain) {
+    std::string upper = domain;
+    for (char &ch : upper) ch = static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
+    for (auto [mark, value] : {std::pair<std::string, std::string>{"@D@", domain}, {"@U@", upper}})
+        for (size_t at = text.find(mark); at != std::string::npos; at = text.find(mark, at + value.size()))
+            text.replace(at, mark.size(), value);
+    return text;
+}
 
 void write_if_changed(const fs::path &path, const std::string &contents) {
     {
@@ -44,14 +56,14 @@ void write_if_changed(const fs::path &path, const std::string &contents) {
 }
 
 int usage() {
-    std::fputs("usage: ovrin_gen --catalogue FILE --out DIR [--comment TEXT]\n", stderr);
+    std::fputs("usage: ovrin_gen --catalogue FILE --out DIR [--domain NAME] [--comment TEXT]\n", stderr);
     return 2;
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
-    std::string catalogue_path, out_dir;
+    std::string catalogue_path, out_dir, domain = "ovrin_sm";
     gen::BuildInfo build;
     for (int i = 1; i < argc; ++i) {
         auto value = [&]() -> const char * { return i + 1 < argc ? argv[++i] : nullptr; };
@@ -59,6 +71,7 @@ int main(int argc, char **argv) {
         if (!std::strcmp(argv[i], "--catalogue") && (v = value())) catalogue_path = v;
         else if (!std::strcmp(argv[i], "--out") && (v = value())) out_dir = v;
         else if (!std::strcmp(argv[i], "--comment") && (v = value())) build.comment = v;
+        else if (!std::strcmp(argv[i], "--domain") && (v = value())) domain = v;
         else return usage();
     }
     if (catalogue_path.empty() || out_dir.empty()) return usage();
@@ -74,6 +87,7 @@ int main(int argc, char **argv) {
     gen::Catalogue c;
     try {
         c = gen::parse_catalogue(catalogue_path, text.str());
+        c.domain = domain;
         gen::resolve(c);
         gen::lay_out(c);
         gen::fingerprint(c);
@@ -84,17 +98,20 @@ int main(int argc, char **argv) {
 
     try {
         fs::path out(out_dir);
-        write_if_changed(out / "include/ovrin_sm/types.h", gen::emit_public_types(c));
-        write_if_changed(out / "include/ovrin_sm/ops.h", gen::emit_public_ops(c));
-        write_if_changed(out / "include/ovrin_sm/exports.inc", gen::emit_export_list(c));
-        write_if_changed(out / "include/ovrin_sm_internal/tables.h", gen::emit_tables_header(c));
-        write_if_changed(out / "include/ovrin_sm_internal/tables.inc", gen::emit_tables(c));
-        write_if_changed(out / "src/sm_tables.cpp", gen::emit_tables_source(c));
-        write_if_changed(out / "src/sm_descriptors.cpp", gen::emit_descriptors(c));
-        write_if_changed(out / "src/sm_entry.cpp", gen::emit_entry_points(c));
-        write_if_changed(out / "src/sm_trace.cpp", gen::emit_trace_table(c));
-        write_if_changed(out / "src/sm_manifest.cpp", gen::emit_manifest(c, build));
-        write_if_changed(out / "ovrin_sm.map", gen::emit_version_script(c));
+        const fs::path pub = "include/" + domain, internal = "include/" + domain + "_internal";
+        auto write = [&](const fs::path &path, const std::string &text) { write_if_changed(out / path, named(text, domain)); };
+        write(pub / "types.h", gen::emit_public_types(c));
+        write(pub / "ops.h", gen::emit_public_ops(c));
+        write(pub / "exports.inc", gen::emit_export_list(c));
+        write(internal / "tables.h", gen::emit_tables_header(c));
+        write(internal / "tables.inc", gen::emit_tables(c));
+        write("include/bundle_frame.h", gen::emit_frame_names(c));
+        write("src/sm_tables.cpp", gen::emit_tables_source(c));
+        write("src/sm_descriptors.cpp", gen::emit_descriptors(c));
+        write("src/sm_entry.cpp", gen::emit_entry_points(c));
+        write("src/sm_trace.cpp", gen::emit_trace_table(c));
+        write("src/sm_manifest.cpp", gen::emit_manifest(c, build));
+        write(domain + ".map", gen::emit_version_script(c));
     } catch (const std::exception &e) {
         std::fprintf(stderr, "ovrin_gen: %s\n", e.what());
         return 1;

@@ -90,6 +90,7 @@ struct Type {
 };
 
 struct Catalogue {
+    std::string domain = "ovrin_sm"; // names the bundle, its exports and its generated files
     std::string path;
     std::string text; // the file as read, for the build record's package id
     std::vector<std::unique_ptr<Type>> types;
