@@ -19,6 +19,80 @@ inline const uint8_t *bytes(const void *p) { return static_cast<const uint8_t *>
 inline void *field_at(void *instance, const Field &f) { return bytes(instance) + f.offset; }
 inline const void *field_at(const void *instance, const Field &f) { return bytes(instance) + f.offset; }
 
+// A count or length field, read and written at its own width (the generator allows u_int16 and
+// u_int32 counters). Every family reads counts through these and nothing else.
+inline uint32_t count_at(const void *instance, const Field &counter) {
+    const void *p = field_at(instance, counter);
+    uint16_t narrow;
+    uint32_t wide;
+    if (counter.kind == Kind::u16) return std::memcpy(&narrow, p, sizeof narrow), narrow;
+    return std::memcpy(&wide, p, sizeof wide), wide;
+}
+inline void store_count(void *instance, const Field &counter, uint32_t value) {
+    void *p = field_at(instance, counter);
+    if (counter.kind == Kind::u16) {
+        auto narrow = static_cast<uint16_t>(value);
+        std::memcpy(p, &narrow, sizeof narrow);
+    } else {
+        std::memcpy(p, &value, sizeof value);
+    }
+}
+// The element count of a variable array, or the length of a string, from its companion field.
+inline uint32_t companion_count(const Type &t, const Field &f, const void *instance) {
+    return count_at(instance, t.fields[f.companion]);
+}
+
+// The storage of a variable array: its elements, then, in a tracking instance, one flag slot per
+// element. A slot starts with the element's own state byte (the one the wire carries) and holds
+// the element's state-flag area, so that every flag written through an element stays inside its
+// slot: two bytes, or the element type's area when that is larger, to its alignment. Worked out
+// here and nowhere else.
+struct ArrayLayout {
+    size_t elem_size, slot;
+    explicit ArrayLayout(const Field &f) : elem_size(f.elem_size), slot(2) {
+        if (f.type && f.type->sttr_size > slot) slot = f.type->sttr_size;
+        size_t align = f.type && f.type->sttr_align > 1 ? f.type->sttr_align : 1;
+        slot = (slot + align - 1) / align * align;
+    }
+    size_t size(uint32_t count, bool tracked) const { return count * (elem_size + (tracked ? slot : 0)); }
+    void *element(void *block, uint32_t k) const { return bytes(block) + size_t{k} * elem_size; }
+    const void *element(const void *block, uint32_t k) const { return bytes(block) + size_t{k} * elem_size; }
+    // The flag region of a block of count elements (null untracked or without a block), and
+    // element k's slot in it.
+    uint8_t *flags(void *block, uint32_t count, bool tracked) const {
+        return tracked && block ? bytes(block) + size_t{count} * elem_size : nullptr;
+    }
+    const uint8_t *flags(const void *block, uint32_t count, bool tracked) const {
+        return tracked && block ? bytes(block) + size_t{count} * elem_size : nullptr;
+    }
+    uint8_t *slot_of(uint8_t *flags, uint32_t k) const { return flags ? flags + size_t{k} * slot : nullptr; }
+    const uint8_t *slot_of(const uint8_t *flags, uint32_t k) const { return flags ? flags + size_t{k} * slot : nullptr; }
+};
+
+// Counts and lengths as they described an instance's storage before a decode or an XML read
+// overwrote them: kept from the counter's read until the string or array it counts is read.
+class OldCounts {
+  public:
+    void keep(uint16_t counter, uint32_t value) {
+        if (n_ < max_counted_fields) counter_[n_] = counter, value_[n_++] = value;
+    }
+    uint32_t of(int counter) const {
+        for (unsigned k = 0; k < n_; ++k)
+            if (counter_[k] == counter) return value_[k];
+        return 0;
+    }
+    bool has(int counter) const {
+        for (unsigned k = 0; k < n_; ++k)
+            if (counter_[k] == counter) return true;
+        return false;
+    }
+
+  private:
+    uint16_t counter_[max_counted_fields];
+    uint32_t value_[max_counted_fields];
+    unsigned n_ = 0;
+};
+
 // A field exists in an instance whose variant is at least the field's from-variant.
 inline bool present(const Field &f, int variant) { return variant >= f.from_variant; }
 

@@ -43,6 +43,9 @@ enum class Shape : uint8_t {
 };
 
 inline constexpr uint16_t no_area = 0xFFFF;
+// The most strings and variable arrays one type may hold: a decode or an XML read keeps each
+// one's old count, from its counter until it, in room of this size. The generated tables assert it.
+inline constexpr unsigned max_counted_fields = 16;
 inline constexpr uint16_t aaa_tlv_area_size = AAA_TLV_STTR_AREA;
 
 struct Field {

@@ -311,37 +311,6 @@ template <class Fn> Fn op(const char *type, const char *name) {
     return reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, (std::string(type) + "_" + name).c_str()));
 }
 
-TEST_F(Access, EveryTypeCopiesWholeAndAfterARawCopyWithoutSharingStorage) {
-    using create_fn = void *(*)(mgx_handle_t *, uint32_t);
-    using destroy_fn = void (*)(mgx_handle_t *, uint32_t, void *);
-    using copy_fn = void (*)(mgx_handle_t *, uint32_t, void *, void *, uint32_t *);
-    std::vector<const mgx_type_info_t *> types;
-    for (const mgx_module_node_t *n = mgx_module_tot_root.first; n; n = n->next)
-        if (!std::strcmp(n->domain_name, "ovrin_sm"))
-            for (const void *const *d = n->descriptor_table; *d; ++d)
-                if (!std::strcmp(static_cast<const mgx_type_info_t *>(*d)->kind, "type"))
-                    types.push_back(static_cast<const mgx_type_info_t *>(*d));
-    ASSERT_EQ(types.size(), 65u);
-    for (bool tracked : {false, true}) {
-        mgx_handle_set_state_tracking(h, tracked, MGX_STTR_TRACKED);
-        for (const mgx_type_info_t *t : types) {
-            const char *name = t->type_name;
-            auto destroy = op<destroy_fn>(name, "destroy");
-            void *src = op<create_fn>(name, "create")(h, luid), *dst = op<create_fn>(name, "create")(h, luid);
-            // As any mutation of src would have left it: at the layout of its variant.
-            static_cast<mgx_instance_hdr_t *>(src)->layout = static_cast<int8_t>(t->variant_info->n_variants - 1);
-            op<copy_fn>(name, "set")(h, luid, dst, src, &err);
-            uint32_t size = op<uint32_t (*)(mgx_handle_t *)>(name, "sizeof")(h);
-            void *copy = h->inst_alloc(h->alloc_ctx, luid, size);
-            std::memcpy(copy, dst, size);
-            op<copy_fn>(name, "post_copyout_cleanup")(h, luid, copy, dst, &err);
-            EXPECT_EQ(err, 0u) << name;
-            for (void *p : {src, dst, copy}) destroy(h, luid, p);
-            ASSERT_EQ(mgx_handle_live_allocations(h), 0u) << name << (tracked ? " tracked" : "");
-        }
-    }
-}
-
 TEST_F(Access, OffsetUpdateAndRemoveFollowTheNestedAreas) {
     sess_mgr_session_start *s = sess_mgr_session_start_create(h, luid);
     uint8_t base[32] = {};

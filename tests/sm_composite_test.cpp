@@ -3,12 +3,15 @@
 // per-element flags, string copies and lengths, and the out-of-memory paths.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <cstring>
 #include <string>
 #include <utility>
 
 #include "mgx/runtime.h"
 #include "tests/prim_fixture.h"
+#include "tests/sm_fill.h"
 #include "ovrin_sm/ops.h"
 
 namespace {
@@ -269,9 +272,11 @@ TEST_F(Composite, SettingIndexFiveOfAnEmptyArrayGrowsItExactly) {
     ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, luid, r, 5, value, &err);
     ASSERT_EQ(code(), 0u);
     EXPECT_EQ(r->domain_names_length, 6u);
-    // One block of six elements and two state bytes each, plus the copied name.
+    // One block of six elements and a flag slot each (the element's area, at least two bytes),
+    // plus the copied name.
+    const size_t slot = std::max<size_t>(2, testfill::type("fqdn_domain_name_bind").sttr_size);
     EXPECT_EQ(mgx_handle_live_allocations(h), blocks + 2);
-    EXPECT_EQ(mgx_handle_live_bytes(h), used + 6 * sizeof(fqdn_domain_name_bind) + 6 * 2 + 10);
+    EXPECT_EQ(mgx_handle_live_bytes(h), used + 6 * sizeof(fqdn_domain_name_bind) + 6 * slot + 10);
     for (uint32_t i = 0; i < 5; ++i) {
         fqdn_domain_name_bind *gap = ovrin_svm_epm_notify_domain_name_bind_domain_names_get(h, luid, r, i, &err);
         ASSERT_NE(gap, nullptr);
@@ -325,12 +330,23 @@ TEST_F(Composite, GrowingANonEmptyArrayMovesElementsAndTracesOncePerProcess) {
     EXPECT_EQ(r->resp_array[0].label.session_label, 41u);
     EXPECT_EQ(r->resp_array[1].label.session_label, 0u);
     EXPECT_EQ(r->resp_array[2].label.session_label, 42u);
-    // Each moved element's nested label is registered against its second state byte in the new block.
+    // Each moved element's nested areas are registered inside its own flag slot in the new block
+    // (one slot per element, the size of the element type's area), never in a neighbour's.
     auto *flags = reinterpret_cast<uint8_t *>(r->resp_array + 5);
+    const ovrin::Type &element = testfill::type("sess_mgr_query_resp");
+    const size_t slot = (std::max<size_t>(2, element.sttr_size) + element.sttr_align - 1) / element.sttr_align *
+                        element.sttr_align;
     for (uint32_t k = 0; k < 5; ++k) {
-        int64_t offset = 0;
-        ASSERT_TRUE(mgx_sttr_offset_lookup(h, &r->resp_array[k].label, &offset)) << k;
-        EXPECT_EQ(reinterpret_cast<uint8_t *>(&r->resp_array[k].label) + offset, flags + 2 * k + 1) << k;
+        for (const void *nested : {static_cast<const void *>(&r->resp_array[k].label),
+                                   static_cast<const void *>(&r->resp_array[k].attr_list)}) {
+            int64_t offset = 0;
+            ASSERT_TRUE(mgx_sttr_offset_lookup(h, nested, &offset)) << k;
+            const uint8_t *at = static_cast<const uint8_t *>(nested) + offset;
+            EXPECT_GE(at, flags + k * slot) << k;
+            EXPECT_LT(at, flags + (k + 1) * slot) << k;
+        }
+        // Every flag of the element, set through it, lands in its slot (ASan watches the block's end).
+        sess_mgr_query_resp_set_all_state_tracking_flag(h, luid, &r->resp_array[k], 1);
     }
     sess_mgr_query_resp_destroy(h, luid, value);
     sess_mgr_sess_attr_query_resp_destroy(h, luid, r);

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "ovrin_sm_internal/tables.h"
 
 namespace testfill {
 
@@ -139,7 +138,7 @@ uint32_t members(const Type &t) {
 }
 
 const std::vector<const Type *> &types() {
-    static const std::vector<const Type *> list(ovrin::table::all, ovrin::table::all + ovrin::table::type_count);
+    static const std::vector<const Type *> list(ovrin::bundle.types, ovrin::bundle.types + ovrin::bundle.type_count);
     return list;
 }
 

@@ -9,6 +9,12 @@
 #include "mgx/runtime.h"
 #include "ops/types.h"
 
+namespace ovrin {
+// The bundle under test, as the test program's private copy of its type tables describes it
+// (tests/sm_type_tables.cpp, or the second catalogue's tests/shapes/tables.cpp).
+extern const Bundle bundle;
+} // namespace ovrin
+
 namespace testfill {
 
 // Every field present at the instance's variant gets a value derived from seed; strings,

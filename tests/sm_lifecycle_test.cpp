@@ -31,50 +31,12 @@ struct Lifecycle : ::testing::Test {
     }
 };
 
-const mgx_instance_hdr_t *hdr(const void *p) { return static_cast<const mgx_instance_hdr_t *>(p); }
-
-// Every type's name, through the bundle's module node in the runtime's module list.
-std::vector<std::string> type_names() {
-    std::vector<std::string> names;
-    for (const mgx_module_node_t *n = mgx_module_tot_root.first; n; n = n->next)
-        if (!std::strcmp(n->domain_name, "ovrin_sm"))
-            for (const void *const *d = n->descriptor_table; *d; ++d)
-                names.push_back(static_cast<const mgx_type_info_t *>(*d)->type_name);
-    return names;
-}
-
 template <class Fn> Fn op(const std::string &type, const char *name) {
     return reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, (type + "_" + name).c_str()));
 }
 
 using create_fn = void *(*)(mgx_handle_t *, uint32_t);
 using destroy_fn = void (*)(mgx_handle_t *, uint32_t, void *);
-
-TEST_F(Lifecycle, EveryTypeCreatesAndDestroysTrackedOrNotAndCountsItsVariant) {
-    std::vector<std::string> names = type_names();
-    ASSERT_EQ(names.size(), 79u);
-    for (bool tracked : {false, true}) {
-        mgx_handle_set_state_tracking(h, tracked, MGX_STTR_TRACKED);
-        for (const std::string &name : names) {
-            auto create = op<create_fn>(name, "create");
-            auto destroy = op<destroy_fn>(name, "destroy");
-            ASSERT_TRUE(create && destroy) << name;
-            void *inst = create(h, 1);
-            ASSERT_NE(inst, nullptr) << name;
-            auto *d = static_cast<const mgx_type_info_t *>(hdr(inst)->descriptor);
-            ASSERT_STREQ(d->type_name, name.c_str());
-            int variant = hdr(inst)->variant;
-            EXPECT_EQ(variant, d->variant_info->n_variants - 1) << name; // the domain's default: the highest
-            EXPECT_EQ(hdr(inst)->layout, 0);
-            EXPECT_EQ((hdr(inst)->flags & MGX_IF_TRACKED) != 0, tracked) << name;
-            uint64_t created = mgx_stats_created(d, variant), destroyed = mgx_stats_destroyed(d, variant);
-            destroy(h, 1, inst);
-            EXPECT_EQ(mgx_stats_destroyed(d, variant), destroyed + 1) << name;
-            EXPECT_GE(created, 1u);
-            EXPECT_EQ(mgx_handle_live_allocations(h), 0u) << name;
-        }
-    }
-}
 
 TEST_F(Lifecycle, SizesFollowTheTrackingMode) {
     EXPECT_EQ(sess_mgr_conn_hdl_sizeof(h), 24u);

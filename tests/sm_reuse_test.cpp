@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "mgx/runtime.h"
-#include "ovrin_sm/ops.h"
 #include "tests/sm_fill.h"
 #include "tests/sm_heap.h"
 

@@ -182,23 +182,4 @@ TEST_F(Text, OutputIsBoundedAtEverySize) {
     testfill::destroy(t, h, e);
 }
 
-TEST_F(Text, EveryTypeRoundTripsThroughXml) {
-    for (const ovrin::Type *t : testfill::types()) {
-        if (t->kind == ovrin::TypeKind::enumeration) continue;
-        uint32_t arms = std::max(1u, testfill::members(*t));
-        for (unsigned arm = 0; arm < arms; ++arm) {
-            void *a = testfill::create(*t, h);
-            testfill::fill(*t, h, a, 7 + arm, arm);
-            std::string xml = xml_of(*t, a);
-            void *b = testfill::create(*t, h);
-            uint32_t err = 0;
-            read_back(*t, xml, b, &err);
-            EXPECT_EQ(err, 0u) << t->name << " arm " << arm;
-            EXPECT_EQ(testfill::encode(*t, h, b), testfill::encode(*t, h, a)) << t->name << " arm " << arm << "\n" << xml;
-            testfill::destroy(*t, h, b);
-            testfill::destroy(*t, h, a);
-        }
-    }
-}
-
 } // namespace

@@ -11,6 +11,7 @@
 #include "tests/prim_fixture.h"
 #include "ovrin_sm/ops.h"
 #include "tests/sm_fill.h"
+#include "tests/sm_type_ops.h"
 
 namespace {
 
@@ -418,40 +419,6 @@ TEST_F(Wire, CloneCopiesThroughTheWireAndNeverLeavesHalfACopy) {
     sess_mgr_session_start_destroy(h, 1, s);
 }
 
-TEST_F(Wire, EveryTypeRoundTripsAndComparesEqualTrackedOrNot) {
-    using compare_fn = int32_t (*)(const void *, const void *);
-    using hash_fn = uint32_t (*)(const void *, uint32_t);
-    using unmarshal_fn = uint32_t (*)(mgx_handle_t *, uint32_t, const uint8_t *, void *, int32_t, uint32_t, uint32_t *);
-    for (bool tracked : {false, true}) {
-        mgx_handle_set_state_tracking(h, tracked, MGX_STTR_TRACKED);
-        for (const ovrin::Type *t : testfill::types()) {
-            uint32_t arms = std::max(1u, testfill::members(*t));
-            for (unsigned arm = 0; arm < arms; ++arm) {
-                void *a = testfill::create(*t, h);
-                testfill::fill(*t, h, a, 11 + arm, arm);
-                Bytes bytes = testfill::encode(*t, h, a);
-                void *b = testfill::create(*t, h);
-                uint32_t err = 0;
-                reinterpret_cast<uint32_t (*)(mgx_handle_t *, uint32_t, void *, uint32_t *)>(
-                    testfill::op(*t, "adjust_variant"))(h, 1, b, &err);
-                auto unmarshal = reinterpret_cast<unmarshal_fn>(testfill::op(*t, "unmarshal"));
-                EXPECT_EQ(unmarshal(h, 1, bytes.data(), b, static_cast<int32_t>(bytes.size()), 0, &err), bytes.size())
-                    << t->name;
-                EXPECT_EQ(err, 0u) << t->name;
-                EXPECT_EQ(reinterpret_cast<compare_fn>(testfill::op(*t, "compare"))(a, b), 0)
-                    << t->name << " arm " << arm << (tracked ? " tracked" : "");
-                EXPECT_EQ(reinterpret_cast<hash_fn>(testfill::op(*t, "hash"))(a, 77),
-                          reinterpret_cast<hash_fn>(testfill::op(*t, "hash"))(b, 77))
-                    << t->name;
-                EXPECT_EQ(testfill::encode(*t, h, b), bytes) << t->name;
-                testfill::destroy(*t, h, b);
-                testfill::destroy(*t, h, a);
-            }
-        }
-        EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
-    }
-}
-
 TEST_F(Wire, AnOlderSenderLeavesTheNewerMembersAlone) {
     // The sender's domain knows variant 0 of the session start; the receiver's knows variant 1.
     mgx_handle_t *old = mgx_handle_create();
@@ -495,6 +462,65 @@ TEST_F(Wire, EveryTruncationOfAResponseFailsCleanly) {
         }
         testfill::destroy(t, h, e);
     }
+}
+
+// ---------------------------------------------------------------- inputs found by fuzzing
+
+// Replays a wire fuzz input as the fuzz target reads it (byte 0: the type, byte 1: bit 0 a tracked
+// handle, bit 1 storage reuse; then the wire form) and checks what the target checks: no read
+// past the input, no leak, and an accepted input that encodes, decodes and encodes the same.
+void replay_wire_input(const std::string &hex) {
+    Bytes data;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2)
+        data.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
+    ASSERT_GE(data.size(), 2u);
+    const typeops::Ops &o = typeops::all()[data[0] % typeops::all().size()];
+    mgx_handle_t *h = mgx_handle_create();
+    if (data[1] & 1) mgx_handle_set_state_tracking(h, 1, MGX_STTR_TRACKED);
+    std::unique_ptr<uint8_t[]> in(new uint8_t[data.size() - 2]);
+    std::memcpy(in.get(), data.data() + 2, data.size() - 2);
+    void *a = typeops::make(o, h);
+    uint32_t err = 0;
+    uint32_t used = o.unmarshal(h, 1, in.get(), a, static_cast<int32_t>(data.size() - 2), (data[1] & 2) ? ~0u : 0u, &err);
+    EXPECT_LE(used, data.size() - 2) << o.name();
+    if (err == 0) {
+        uint32_t e = 0;
+        Bytes first = typeops::encode(o, h, a, &e);
+        EXPECT_EQ(e, 0u) << o.name();
+        void *b = typeops::make(o, h);
+        EXPECT_EQ(o.unmarshal(h, 1, first.data(), b, static_cast<int32_t>(first.size()), 0, &e), first.size());
+        EXPECT_EQ(typeops::encode(o, h, b, &e), first) << o.name();
+        o.destroy(h, 1, b);
+    }
+    o.destroy(h, 1, a);
+    EXPECT_EQ(mgx_handle_live_allocations(h), 0u) << o.name();
+    mgx_handle_destroy(h);
+}
+
+// A decoded instance took every bit of the wire's flag byte: a stray OID-mapped bit made destroy
+// keep a union member alive (a leak), and a stray owned-descriptor bit made destroy free the
+// static descriptor.
+TEST(FuzzFinding, WireFlagBitsBeyondStateAndRetainedDataAreIgnored) {
+    replay_wire_input( // an inbound event whose operational-data member's flag byte has bit 0x01
+        "3e010208000000570200000011000000000000000000000000000000000008000000350008000000097e7e61f8000000"
+        "08000000099d9d81170000000800000016000000000000001100000000000000000000000000000000000800");
+    mgx_handle_t *h = mgx_handle_create();
+    const typeops::Ops &o = typeops::of("sess_mgr_update_oper_data");
+    void *source = typeops::make_filled(o, h, 1);
+    uint32_t err = 0;
+    Bytes wire = typeops::encode(o, h, source, &err);
+    for (uint8_t stray : {0x01, 0x02, 0x04, 0x10, 0x40, 0x80}) {
+        Bytes hostile = wire;
+        hostile[1] |= stray;
+        void *into = typeops::make(o, h);
+        EXPECT_EQ(o.unmarshal(h, 1, hostile.data(), into, static_cast<int32_t>(hostile.size()), 0, &err), wire.size());
+        EXPECT_EQ(err, 0u);
+        EXPECT_EQ(static_cast<mgx_instance_hdr_t *>(into)->flags & stray, 0) << int{stray};
+        o.destroy(h, 1, into);
+    }
+    o.destroy(h, 1, source);
+    EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
+    mgx_handle_destroy(h);
 }
 
 } // namespace

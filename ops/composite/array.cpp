@@ -78,7 +78,6 @@ void mark_element(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid,
 
 void *&block_of(void *instance, const Field &f) { return pointer_at(instance, f); }
 
-uint32_t count_of(const Type &t, const Field &f, const void *instance) { return companion_of(t, f, instance); }
 
 // The record's reference to the per-element bytes, kept in its own flag area.
 void set_flag_reference(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance,
@@ -100,8 +99,7 @@ void note_reallocation(const Type &t) {
 void reregister(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint8_t *flags, uint32_t n,
                 uint32_t *err) {
     for (uint32_t k = 0; flags && k < n; ++k)
-        offset_update(*f.type, h, luid, bytes(block) + size_t{k} * f.elem_size, flags + var_element_flag_bytes * k,
-                      err);
+        offset_update(*f.type, h, luid, ArrayLayout(f).element(block, k), ArrayLayout(f).slot_of(flags, k), err);
 }
 
 // Makes room for element index: a new block of exactly index+1 elements holding the old elements
@@ -110,31 +108,32 @@ void reregister(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uin
 bool grow(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index,
           uint32_t *err) {
     void *&block = block_of(instance, f);
-    uint32_t old_count = block ? count_of(t, f, instance) : 0;
+    uint32_t old_count = block ? companion_count(t, f, instance) : 0;
     if (block) note_reallocation(t);
     uint32_t count = index + 1;
     bool with_flags = tracking(t, h);
-    size_t size = var_block_size(f, count, with_flags);
+    const ArrayLayout layout(f);
+    size_t size = layout.size(count, with_flags);
     void *fresh = h->inst_alloc(h->alloc_ctx, luid, size);
     if (!fresh) {
         fail(h, err, MGX_ENOMEM);
         return false;
     }
     std::memset(fresh, 0, size);
-    uint8_t *flags = var_element_flags(f, fresh, count, with_flags);
+    uint8_t *flags = layout.flags(fresh, count, with_flags);
     if (old_count) {
         std::memcpy(fresh, block, size_t{old_count} * f.elem_size);
-        if (uint8_t *old_flags = var_element_flags(f, block, old_count, with_flags))
-            std::memcpy(flags, old_flags, size_t{old_count} * var_element_flag_bytes);
+        if (uint8_t *old_flags = layout.flags(block, old_count, with_flags))
+            std::memcpy(flags, old_flags, old_count * layout.slot);
     }
     for (uint32_t k = old_count; k < count; ++k) {
-        void *element = bytes(fresh) + size_t{k} * f.elem_size;
-        uint8_t *base = flags ? flags + var_element_flag_bytes * k : nullptr;
+        void *element = layout.element(fresh, k);
+        uint8_t *base = layout.slot_of(flags, k);
         uint32_t local = 0;
         initialize(*f.type, h, luid, element, f.type->descriptor, 0, 0, MGX_IF_NESTED, base, &local);
         if (local) {
             // Undo: the new elements made so far go; the old ones still live in the old block.
-            for (uint32_t j = old_count; j < k; ++j) destroy_internal(*f.type, h, luid, bytes(fresh) + size_t{j} * f.elem_size, 0);
+            for (uint32_t j = old_count; j < k; ++j) destroy_internal(*f.type, h, luid, layout.element(fresh, j), 0);
             h->inst_free(h->alloc_ctx, luid, fresh);
             fail(h, err, local);
             return false;
@@ -143,7 +142,7 @@ bool grow(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *i
     reregister(f, h, luid, fresh, flags, old_count, err);
     if (block) {
         if (h->database && h->domain_mode == 1 && luid != MGX_LUID_NONE)
-            for (uint32_t k = 0; k < old_count; ++k) mgxdb_plat_set_detach(h, luid, bytes(block) + size_t{k} * f.elem_size);
+            for (uint32_t k = 0; k < old_count; ++k) mgxdb_plat_set_detach(h, luid, layout.element(block, k));
         h->inst_free(h->alloc_ctx, luid, block);
     }
     set_companion(t, f, h, luid, instance, count);
@@ -266,14 +265,14 @@ uint8_t *element_flag(const Type &t, const Field &f, mgx_handle_t *h, uint32_t l
         uint8_t *area = state_area(t, h, luid, instance);
         return area ? area + f.sttr_nested + index : nullptr;
     }
-    uint32_t count = count_of(t, f, instance);
+    uint32_t count = companion_count(t, f, instance);
     void *block = block_of(instance, f);
     if (!block || index >= count) {
         fail(h, err, MGX_ENOENT);
         return nullptr;
     }
-    uint8_t *flags = var_element_flags(f, block, count, tracking(t, h));
-    return flags ? flags + var_element_flag_bytes * index : nullptr;
+    const ArrayLayout layout(f);
+    return layout.slot_of(layout.flags(block, count, tracking(t, h)), index);
 }
 
 } // namespace
@@ -302,7 +301,7 @@ void flag_array_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lui
         if (uint8_t *area = state_area(t, h, luid, instance)) *out = area + f.sttr_nested;
         return;
     }
-    *out = var_element_flags(f, block_of(instance, f), count_of(t, f, instance), tracking(t, h));
+    *out = ArrayLayout(f).flags(block_of(instance, f), companion_count(t, f, instance), tracking(t, h));
 }
 
 // Deliberately not where flag_array_get points: the bytes land at the start of the record's own
@@ -310,7 +309,7 @@ void flag_array_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lui
 void flag_array_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance,
                     const uint8_t *flags, uint32_t count, uint32_t *err) {
     if (!start(h, luid, instance, err) || !flags_reachable(t, h, instance, true, err)) return;
-    uint32_t capacity = f.shape == Shape::fixed_array ? f.count : count_of(t, f, instance);
+    uint32_t capacity = f.shape == Shape::fixed_array ? f.count : companion_count(t, f, instance);
     if (count != capacity) return fail(h, err, MGX_ENOENT);
     if (!adjust_for(t, f, h, luid, instance, err)) return;
     if (count && !flags) return fail(h, err, MGX_EINVAL);
@@ -319,13 +318,6 @@ void flag_array_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lui
 
 // ---------------------------------------------------------------- variable arrays
 
-size_t var_block_size(const Field &f, uint32_t count, bool tracked) {
-    return size_t{count} * f.elem_size + (tracked ? size_t{count} * var_element_flag_bytes : 0);
-}
-
-uint8_t *var_element_flags(const Field &f, void *block, uint32_t count, bool tracked) {
-    return tracked && block ? bytes(block) + size_t{count} * f.elem_size : nullptr;
-}
 
 uint32_t *var_length_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
     if (!start(h, luid, instance, err) || !present_in(f, h, instance, err)) return nullptr;
@@ -336,14 +328,14 @@ uint32_t *var_length_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_
 
 uint32_t var_length_get_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance,
                               uint32_t *err) {
-    return var_length_get(t, f, h, luid, instance, err) ? count_of(t, f, instance) : 0;
+    return var_length_get(t, f, h, luid, instance, err) ? companion_count(t, f, instance) : 0;
 }
 
 void *var_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index,
               uint32_t *err) {
     if (!start(h, luid, instance, err) || !present_in(f, h, instance, err)) return nullptr;
     void *block = block_of(instance, f);
-    if (!block || index >= count_of(t, f, instance)) {
+    if (!block || index >= companion_count(t, f, instance)) {
         fail(h, err, MGX_ENOENT);
         return nullptr;
     }
@@ -359,7 +351,7 @@ void var_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void
     bool flags = marking(t, h, instance, err);
     if (err && *err) return;
     if (flags && !value_tracked(t, h, value, err)) return;
-    if (!block_of(instance, f) || index >= count_of(t, f, instance))
+    if (!block_of(instance, f) || index >= companion_count(t, f, instance))
         if (!grow(t, f, h, luid, instance, index, err)) return;
     void *block = block_of(instance, f);
     void *element = bytes(block) + size_t{index} * f.elem_size;
@@ -370,8 +362,8 @@ void var_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void
     if (err && *err) return;
     if (flags) {
         if (uint8_t *area = state_area(t, h, luid, instance)) mark(h, luid, area + f.sttr_pos, instance);
-        uint8_t *per_element = var_element_flags(f, block, count_of(t, f, instance), true);
-        mark(h, luid, per_element + var_element_flag_bytes * index, instance);
+        const ArrayLayout layout(f);
+        mark(h, luid, layout.slot_of(layout.flags(block, companion_count(t, f, instance), true), index), instance);
     }
     report(h, luid, element, instance);
 }
@@ -387,7 +379,7 @@ void var_remove_elements(const Type &t, const Field &f, mgx_handle_t *h, uint32_
     if (!instance) return;
     void *&block = block_of(instance, f);
     if (!block) return;
-    uint32_t count = count_of(t, f, instance);
+    uint32_t count = companion_count(t, f, instance);
     for (uint32_t k = 0; k < count; ++k) destroy_internal(*f.type, h, luid, bytes(block) + size_t{k} * f.elem_size, 0);
     h->inst_free(h->alloc_ctx, luid, block);
     notify(h, &block, sizeof block, luid, instance);

@@ -68,12 +68,6 @@ void flag_array_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lui
 
 // ---------------------------------------------------------------- variable arrays
 
-// State bytes a tracked block carries per element, behind the elements.
-inline constexpr uint32_t var_element_flag_bytes = 2;
-// Bytes of a block of count elements.
-size_t var_block_size(const Field &f, uint32_t count, bool tracked);
-// The per-element state bytes of a block of count elements (element k's at 2k), or null.
-uint8_t *var_element_flags(const Field &f, void *block, uint32_t count, bool tracked);
 
 uint32_t *var_length_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
 uint32_t var_length_get_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance,

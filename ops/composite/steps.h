@@ -78,22 +78,12 @@ inline bool flags_reachable(const Type &t, mgx_handle_t *h, const void *instance
 }
 
 // The count of a variable array or the length of a string, from its companion field.
-inline uint32_t companion_of(const Type &t, const Field &f, const void *instance) {
-    const Field &c = t.fields[f.companion];
-    const void *p = field_at(instance, c);
-    if (c.kind == Kind::u16) return *static_cast<const uint16_t *>(p);
-    return *static_cast<const uint32_t *>(p);
-}
-
 inline void set_companion(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance,
                           uint32_t value) {
     const Field &c = t.fields[f.companion];
     void *p = field_at(instance, c);
     notify(h, p, c.elem_size, luid, instance);
-    if (c.kind == Kind::u16)
-        *static_cast<uint16_t *>(p) = static_cast<uint16_t>(value);
-    else
-        *static_cast<uint32_t *>(p) = value;
+    store_count(instance, c, value);
 }
 
 inline void *&pointer_at(void *instance, const Field &f) { return *static_cast<void **>(field_at(instance, f)); }

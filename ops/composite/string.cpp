@@ -50,7 +50,7 @@ void string_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, v
                 uint32_t size, uint32_t *err) {
     if (!start(h, luid, instance, err) || !present_in(f, h, instance, err)) return;
     if (size == 0 || !buffer) return fail(h, err, MGX_EINVAL);
-    uint32_t length = companion_of(t, f, instance);
+    uint32_t length = companion_count(t, f, instance);
     const char *text = static_cast<const char *>(pointer_at(instance, f));
     size_t n = text ? strnlen(text, length) : 0;
     if (n > size - 1) n = size - 1;

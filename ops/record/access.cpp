@@ -130,16 +130,6 @@ template <class Fn> void for_each_element_pair(void *dst, void *src, const Field
     for (uint16_t i = 0; i < f.count; ++i) fn(bytes(dst) + f.offset + i * f.elem_size, bytes(src) + f.offset + i * f.elem_size);
 }
 
-// The count of a variable array or the length of a string, from its companion field.
-uint32_t companion_value(const Type &t, const Field &f, const void *instance) {
-    const Field &c = t.fields[f.companion];
-    const void *p = field_at(instance, c);
-    switch (c.kind) {
-    case Kind::u8: return *static_cast<const uint8_t *>(p);
-    case Kind::u16: return *static_cast<const uint16_t *>(p);
-    default: return *static_cast<const uint32_t *>(p);
-    }
-}
 
 void *&pointer_at(void *instance, const Field &f) { return *static_cast<void **>(field_at(instance, f)); }
 
@@ -191,7 +181,7 @@ void release_replaced(const Type &t, mgx_handle_t *h, uint32_t luid, void *dst, 
         case Shape::var_array: {
             void *&block = pointer_at(dst, f);
             if (!block || block == pointer_at(src, f)) break;
-            uint32_t n = companion_value(t, f, dst);
+            uint32_t n = companion_count(t, f, dst);
             for (uint32_t k = 0; k < n; ++k) destroy_internal(*f.type, h, luid, bytes(block) + k * f.elem_size, 0);
             h->inst_free(h->alloc_ctx, luid, block);
             notify(h, &block, sizeof block, luid, dst);
@@ -242,7 +232,7 @@ void duplicate_string(const Type &t, const Field &f, mgx_handle_t *h, uint32_t l
                       uint32_t *err) {
     void *&text = pointer_at(dst, f);
     if (!text || text != pointer_at(src, f)) return;
-    uint32_t length = companion_value(t, f, src);
+    uint32_t length = companion_count(t, f, src);
     notify(h, &text, sizeof text, luid, dst);
     void *copy = h->inst_alloc(h->alloc_ctx, luid, size_t{length} + 1);
     if (!copy) {
@@ -262,25 +252,28 @@ void duplicate_array(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lu
     void *&block = pointer_at(dst, f);
     void *source = pointer_at(src, f);
     if (!block || block != source) return;
-    uint32_t n = companion_value(t, f, src);
+    uint32_t n = companion_count(t, f, src);
     bool tracked_block = tracking(t, h);
-    size_t elements = size_t{n} * f.elem_size, flags = tracked_block ? size_t{n} * 2 : 0;
+    const ArrayLayout layout(f);
+    size_t size = layout.size(n, tracked_block);
     notify(h, &block, sizeof block, luid, dst);
-    void *copy = h->inst_alloc(h->alloc_ctx, luid, elements + flags);
+    void *copy = h->inst_alloc(h->alloc_ctx, luid, size);
     if (!copy) {
         block = nullptr;
         fail(h, err, MGX_ENOMEM);
         return;
     }
-    std::memset(copy, 0, elements + flags);
+    std::memset(copy, 0, size);
     block = copy;
+    uint8_t *flags = layout.flags(copy, n, tracked_block);
     for (uint32_t k = 0; k < n; ++k) {
-        void *element = bytes(copy) + k * f.elem_size;
-        uint8_t *element_flags = tracked_block ? bytes(copy) + elements + 2 * k : nullptr;
-        initialize(*f.type, h, luid, element, f.type->descriptor, 0, 0, MGX_IF_NESTED, element_flags, err);
-        copy_instance(*f.type, h, luid, element, bytes(source) + k * f.elem_size, err, true);
+        void *element = layout.element(copy, k);
+        initialize(*f.type, h, luid, element, f.type->descriptor, 0, 0, MGX_IF_NESTED, layout.slot_of(flags, k), err);
+        copy_instance(*f.type, h, luid, element, layout.element(source, k), err, true);
     }
-    if (flags) std::memcpy(bytes(copy) + elements, bytes(source) + elements, flags);
+    // Each element's own state byte comes along; the flags inside its area were set by the copy.
+    const uint8_t *source_flags = layout.flags(static_cast<const void *>(source), n, tracked_block);
+    for (uint32_t k = 0; flags && source_flags && k < n; ++k) *layout.slot_of(flags, k) = *layout.slot_of(source_flags, k);
 }
 
 // What a raw copy of src into dst leaves shared, made dst's own: nested records and unions are

@@ -163,7 +163,7 @@ bool destroy_fields(const Type &t, const Plan &p, mgx_handle_t *h, uint32_t luid
         if (f.shape == Shape::var_array) {
             void *&block = *static_cast<void **>(field);
             if (block) {
-                uint32_t n = *static_cast<const uint32_t *>(field_at(instance, t.fields[f.companion]));
+                uint32_t n = companion_count(t, f, instance);
                 for (uint32_t k = 0; k < n; ++k) destroy_internal(*f.type, h, luid, bytes(block) + k * f.elem_size, 0);
                 h->inst_free(h->alloc_ctx, luid, block);
                 notify(h, &block, sizeof block, luid);

@@ -20,16 +20,6 @@ template <class U> U value_at(const void *p) {
 
 const void *element_at(const void *base, const Field &f, uint32_t i) { return bytes(base) + i * f.elem_size; }
 
-// The value of a count or length field: u_int32 for most, u_int16 for the domain-name binding.
-uint32_t count_of(const void *instance, const Field &counter) {
-    const void *p = field_at(instance, counter);
-    switch (counter.kind) {
-    case Kind::u8: return value_at<uint8_t>(p);
-    case Kind::u16: return value_at<uint16_t>(p);
-    case Kind::u64: return static_cast<uint32_t>(value_at<uint64_t>(p));
-    default: return value_at<uint32_t>(p);
-    }
-}
 
 const void *pointer_at(const void *instance, const Field &f) { return value_at<const void *>(field_at(instance, f)); }
 
@@ -87,7 +77,7 @@ uint32_t hash_element(const Field &f, const void *p, uint32_t seed) {
 // (a failed set keeps the old length) holds no characters.
 int32_t compare_string(const Type &t, const Field &f, const void *a, const void *b) {
     const Field &length = t.fields[f.companion];
-    uint32_t na = count_of(a, length), nb = count_of(b, length);
+    uint32_t na = count_at(a, length), nb = count_at(b, length);
     if (int32_t c = three_way(na, nb)) return c;
     auto ta = static_cast<const char *>(pointer_at(a, f)), tb = static_cast<const char *>(pointer_at(b, f));
     if (!ta || !tb) return three_way(ta != nullptr, tb != nullptr);
@@ -96,7 +86,7 @@ int32_t compare_string(const Type &t, const Field &f, const void *a, const void 
 
 int32_t compare_array(const Type &t, const Field &f, const void *a, const void *b) {
     const Field &counter = t.fields[f.companion];
-    uint32_t na = count_of(a, counter), nb = count_of(b, counter);
+    uint32_t na = count_at(a, counter), nb = count_at(b, counter);
     if (int32_t c = three_way(na, nb)) return c;
     const void *ea = pointer_at(a, f), *eb = pointer_at(b, f);
     if (!ea || !eb) return three_way(ea != nullptr, eb != nullptr);
@@ -129,14 +119,14 @@ uint32_t hash_string(const Type &t, const Field &f, const void *instance, uint32
     const Field &length = t.fields[f.companion];
     seed = hash_element(length, field_at(instance, length), seed);
     auto text = static_cast<const char *>(pointer_at(instance, f));
-    return SuperFastHash(text, static_cast<int>(count_of(instance, length)), seed);
+    return SuperFastHash(text, static_cast<int>(count_at(instance, length)), seed);
 }
 
 // A variable array adds its elements in index order; its count is hashed as the field it is.
 uint32_t hash_array(const Type &t, const Field &f, const void *instance, uint32_t seed) {
     const void *block = pointer_at(instance, f);
     if (!block) return seed;
-    uint32_t n = count_of(instance, t.fields[f.companion]);
+    uint32_t n = count_at(instance, t.fields[f.companion]);
     for (uint32_t i = 0; i < n; ++i) seed = hash(*f.type, element_at(block, f, i), seed);
     return seed;
 }

@@ -9,6 +9,7 @@
 
 #include "ops/enum/enum.h"
 #include "ops/record/lifecycle.h"
+#include "ops/wire/wire.h"
 
 namespace ovrin {
 
@@ -46,18 +47,9 @@ const PrimText &prim_text_of(Kind k) {
     return table[static_cast<int>(k)];
 }
 
-uint32_t read_count(const void *instance, const Field &f) {
-    const void *p = field_at(instance, f);
-    return f.kind == Kind::u16 ? *static_cast<const uint16_t *>(p) : *static_cast<const uint32_t *>(p);
-}
-
 void write_count(mgx_handle_t *h, uint32_t luid, void *instance, const Field &f, uint32_t v) {
-    void *p = field_at(instance, f);
-    notify(h, p, f.size, luid, instance);
-    if (f.kind == Kind::u16)
-        *static_cast<uint16_t *>(p) = static_cast<uint16_t>(v);
-    else
-        *static_cast<uint32_t *>(p) = v;
+    notify(h, field_at(instance, f), f.size, luid, instance);
+    store_count(instance, f, v);
 }
 
 // The member a union's discriminator selects, or null.
@@ -120,14 +112,14 @@ void field_to_xml(const Type &t, const Field &f, XmlOut &o, const void *instance
             o.n += element_to_xml(f, o, f.name, bytes(field) + i * f.elem_size, state);
         return;
     case Shape::var_array: {
-        uint32_t count = read_count(instance, t.fields[f.companion]);
+        uint32_t count = count_at(instance, t.fields[f.companion]);
         const void *block = *static_cast<const void *const *>(field);
         for (uint32_t k = 0; block && k < count && !*o.err; ++k)
             o.n += element_to_xml(f, o, f.name, bytes(block) + static_cast<size_t>(k) * f.elem_size, state);
         return;
     }
     case Shape::var_string: {
-        uint32_t len = read_count(instance, t.fields[f.companion]);
+        uint32_t len = count_at(instance, t.fields[f.companion]);
         const char *text = *static_cast<const char *const *>(field);
         o.n += var_string_to_xml(o.h, o.luid, f.name, o.at(), text, o.left(), text ? len : 0, state, o.err);
         return;
@@ -205,30 +197,30 @@ void string_from_xml(const Type &t, const Field &f, XmlIn &in, const char *path,
 bool resize_array(const Type &t, const Field &f, XmlIn &in, void *instance, uint32_t count) {
     void *&block = *static_cast<void **>(field_at(instance, f));
     const Field &count_field = t.fields[f.companion];
-    uint32_t old = read_count(instance, count_field);
-    for (uint32_t k = 0; block && k < old; ++k)
-        destroy_internal(*f.type, in.h, in.luid, bytes(block) + static_cast<size_t>(k) * f.elem_size, 0);
+    const ArrayLayout layout(f);
+    uint32_t old = count_at(instance, count_field);
+    for (uint32_t k = 0; block && k < old; ++k) destroy_internal(*f.type, in.h, in.luid, layout.element(block, k), 0);
     if (block) in.h->inst_free(in.h->alloc_ctx, in.luid, block);
     notify(in.h, &block, sizeof block, in.luid, instance);
     block = nullptr;
     write_count(in.h, in.luid, instance, count_field, 0);
     if (count == 0) return true;
     bool tracked = tracking(t, in.h);
-    size_t size = static_cast<size_t>(count) * f.elem_size + (tracked ? 2u * count : 0u);
+    size_t size = layout.size(count, tracked);
     void *fresh = in.h->inst_alloc(in.h->alloc_ctx, in.luid, size);
     if (!fresh) {
         fail(in.h, in.err, MGX_ENOMEM);
         return false;
     }
     std::memset(fresh, 0, size);
-    uint8_t *flags = tracked ? bytes(fresh) + static_cast<size_t>(count) * f.elem_size : nullptr;
+    uint8_t *flags = layout.flags(fresh, count, tracked);
     for (uint32_t k = 0; k < count; ++k) {
         uint32_t e = 0;
-        initialize(*f.type, in.h, in.luid, bytes(fresh) + static_cast<size_t>(k) * f.elem_size, f.type->descriptor, 0,
-                   0, MGX_IF_NESTED, flags ? flags + 2 * k : nullptr, &e);
+        initialize(*f.type, in.h, in.luid, layout.element(fresh, k), f.type->descriptor, 0, 0, MGX_IF_NESTED,
+                   layout.slot_of(flags, k), &e);
+        if (!e) adjust_variant(*f.type, in.h, in.luid, layout.element(fresh, k), &e); // as a decode does
         if (e) { // the elements laid out so far go again, and the array stays empty
-            for (uint32_t j = 0; j <= k; ++j)
-                destroy_internal(*f.type, in.h, in.luid, bytes(fresh) + static_cast<size_t>(j) * f.elem_size, 0);
+            for (uint32_t j = 0; j <= k; ++j) destroy_internal(*f.type, in.h, in.luid, layout.element(fresh, j), 0);
             in.h->inst_free(in.h->alloc_ctx, in.luid, fresh);
             fail(in.h, in.err, e);
             return false;
@@ -246,7 +238,7 @@ void array_from_xml(const Type &t, const Field &f, XmlIn &in, const char *path, 
         if (!count_read) return; // no count in the document: the array stays as it is
         uint32_t present = 0;
         xml_get_element_nodecount(in.doc, path, &present);
-        uint32_t count = read_count(instance, t.fields[f.companion]);
+        uint32_t count = count_at(instance, t.fields[f.companion]);
         write_count(in.h, in.luid, instance, t.fields[f.companion], old_count); // the storage's own count
         if (count > present) { // a count the document does not back is refused, not allocated
             const char *slash = std::strrchr(path, '/');
@@ -258,7 +250,7 @@ void array_from_xml(const Type &t, const Field &f, XmlIn &in, const char *path, 
         }
         if (!resize_array(t, f, in, instance, count)) return;
     }
-    uint32_t count = f.shape == Shape::fixed_array ? f.count : read_count(instance, t.fields[f.companion]);
+    uint32_t count = f.shape == Shape::fixed_array ? f.count : count_at(instance, t.fields[f.companion]);
     void *base = f.shape == Shape::fixed_array ? field_at(instance, f) : *static_cast<void **>(field_at(instance, f));
     for (uint32_t k = 0; k < count; ++k) {
         format_into(element_path, "%s[%u]", path, k + 1);
@@ -307,7 +299,7 @@ void field_print(const Type &t, const Field &f, PrintOut &o, uint32_t indent, co
         }
         return;
     case Shape::var_array: {
-        uint32_t count = read_count(instance, t.fields[f.companion]);
+        uint32_t count = count_at(instance, t.fields[f.companion]);
         const void *block = *static_cast<const void *const *>(field);
         for (uint32_t k = 0; block && k < count; ++k) {
             format_into(label, "%s[%d]", f.name, static_cast<int>(k));
@@ -316,7 +308,7 @@ void field_print(const Type &t, const Field &f, PrintOut &o, uint32_t indent, co
         return;
     }
     case Shape::var_string: {
-        uint32_t len = read_count(instance, t.fields[f.companion]);
+        uint32_t len = count_at(instance, t.fields[f.companion]);
         const char *text = *static_cast<const char *const *>(field);
         o.n += var_string_print(o.h, o.luid, o.at(), indent, f.name, text, o.left(), text ? len : 0, o.err);
         return;
@@ -370,31 +362,30 @@ void from_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *path, v
     }
     XmlIn in{h, luid, doc, err, msg, msg_size};
     char child[path_size];
-    bool counts_read[64] = {};
-    uint32_t old_counts[64] = {}; // counts and lengths as they describe the storage before the read
-    for (uint16_t i = 0; i < t.n_fields && i < 64; ++i)
-        if (t.fields[i].companion >= 0 && t.fields[i].shape == Shape::scalar) old_counts[i] = read_count(instance, t.fields[i]);
+    OldCounts old_counts; // counts and lengths as they describe the storage before the read
+    OldCounts counts_read; // the counters the document gave
     for (uint16_t i = 0; i < t.n_fields; ++i) {
         const Field &f = t.fields[i];
         if (f.shape == Shape::member) continue;
         format_into(child, "%s/%s", path, f.name);
         switch (f.shape) {
         case Shape::scalar: {
+            const bool counter = f.companion >= 0;
+            if (counter) old_counts.keep(i, count_at(instance, f));
             element_from_xml(f, in, child, field_at(instance, f));
             bool was_absent = *err == MGX_ENOENT;
             if (!absent_is_fine(err)) return;
-            if (f.companion >= 0 && i < 64) counts_read[i] = !was_absent;
+            if (counter && !was_absent) counts_read.keep(i, 1);
             break;
         }
         case Shape::fixed_array:
         case Shape::var_array:
-            array_from_xml(t, f, in, child, instance,
-                           f.shape == Shape::var_array && f.companion < 64 && counts_read[f.companion],
-                           f.companion >= 0 && f.companion < 64 ? old_counts[f.companion] : 0);
+            array_from_xml(t, f, in, child, instance, f.shape == Shape::var_array && counts_read.has(f.companion),
+                           old_counts.of(f.companion));
             if (!absent_is_fine(err)) return;
             break;
         case Shape::var_string:
-            string_from_xml(t, f, in, child, instance, f.companion < 64 ? old_counts[f.companion] : 0);
+            string_from_xml(t, f, in, child, instance, old_counts.of(f.companion));
             if (!absent_is_fine(err)) return;
             break;
         case Shape::member: break;

@@ -28,18 +28,7 @@ constexpr int32_t min_instance_bytes = 6;              // a record's wire header
 // stands as its own member but carries no state byte (the array or string carries it).
 bool is_companion(const Field &f) { return f.companion >= 0 && f.shape == Shape::scalar; }
 
-uint32_t read_count(const void *instance, const Field &f) {
-    const void *p = field_at(instance, f);
-    return f.kind == Kind::u16 ? *static_cast<const uint16_t *>(p) : *static_cast<const uint32_t *>(p);
-}
 
-void write_count(void *instance, const Field &f, uint32_t v) {
-    void *p = field_at(instance, f);
-    if (f.kind == Kind::u16)
-        *static_cast<uint16_t *>(p) = static_cast<uint16_t>(v);
-    else
-        *static_cast<uint32_t *>(p) = v;
-}
 
 uint32_t discriminator_value(const Type &t, const void *instance) {
     const Field &d = t.fields[t.discriminator];
@@ -55,10 +44,6 @@ bool selected(const Type &t, const Field &arm, const void *instance) {
 void **slot_of(void *instance, const Field &f) { return static_cast<void **>(field_at(instance, f)); }
 void *const *slot_of(const void *instance, const Field &f) { return static_cast<void *const *>(field_at(instance, f)); }
 
-// Per-element state bytes of a tracked variable array: two per element, behind the elements.
-uint8_t *element_flags(const Field &f, void *block, uint32_t count, bool tracked) {
-    return tracked && block ? bytes(block) + static_cast<size_t>(count) * f.elem_size : nullptr;
-}
 
 // ------------------------------------------------------------------ length
 
@@ -133,7 +118,7 @@ void encode_composite(const Type &t, const Field &f, Writer &w, const void *inst
         if (tracked) w.state_byte(flag);
         return;
     case Shape::var_string: {
-        uint32_t len = read_count(instance, t.fields[f.companion]);
+        uint32_t len = count_at(instance, t.fields[f.companion]);
         const char *text = *static_cast<const char *const *>(field);
         uint32_t n = len;
         if (static_cast<int64_t>(len) > w.left()) {
@@ -149,15 +134,16 @@ void encode_composite(const Type &t, const Field &f, Writer &w, const void *inst
         return;
     }
     case Shape::var_array: {
-        uint32_t count = read_count(instance, t.fields[f.companion]);
+        uint32_t count = count_at(instance, t.fields[f.companion]);
         if (count == 0) return; // deliberately without the array's state byte
         void *block = *slot_of(instance, f);
-        for (uint32_t k = 0; k < count; ++k)
-            put_piece(f, w, block ? bytes(block) + static_cast<size_t>(k) * f.elem_size : nullptr);
+        const ArrayLayout layout(f);
+        for (uint32_t k = 0; k < count; ++k) put_piece(f, w, block ? layout.element(block, k) : nullptr);
         if (!tracked) return;
         w.state_byte(flag);
-        const uint8_t *per_element = element_flags(f, block, count, true);
-        for (uint32_t k = 0; k < count && w.left() > 0; ++k) w.buf[w.pos++] = per_element ? per_element[2 * k] : 0;
+        const uint8_t *per_element = layout.flags(block, count, true);
+        for (uint32_t k = 0; k < count && w.left() > 0; ++k)
+            w.buf[w.pos++] = per_element ? *layout.slot_of(per_element, k) : 0;
         return;
     }
     case Shape::member: {
@@ -220,7 +206,7 @@ void free_block(Reader &r, void *&block) {
 
 void decode_string(const Type &t, const Field &f, Reader &r, void *instance, uint32_t old_len) {
     const Field &len_field = t.fields[f.companion];
-    uint32_t len = read_count(instance, len_field);
+    uint32_t len = count_at(instance, len_field);
     void *&text = *slot_of(instance, f);
     if (len == 0) {
         free_block(r, text);
@@ -228,7 +214,7 @@ void decode_string(const Type &t, const Field &f, Reader &r, void *instance, uin
     }
     if (static_cast<int64_t>(len) > r.left()) { // cannot be satisfied: refuse before allocating
         free_block(r, text);
-        write_count(instance, len_field, 0);
+        store_count(instance, len_field, 0);
         r.error(MGX_ESHORT);
         return;
     }
@@ -239,7 +225,7 @@ void decode_string(const Type &t, const Field &f, Reader &r, void *instance, uin
         free_block(r, text);
         void *fresh = r.h->inst_alloc(r.h->alloc_ctx, r.luid, size);
         if (!fresh) {
-            write_count(instance, len_field, 0);
+            store_count(instance, len_field, 0);
             r.error(MGX_ENOMEM);
             return;
         }
@@ -263,27 +249,29 @@ void decode_string(const Type &t, const Field &f, Reader &r, void *instance, uin
 }
 
 void destroy_elements(const Field &f, Reader &r, void *block, uint32_t count) {
-    for (uint32_t k = 0; block && k < count; ++k)
-        destroy_internal(*f.type, r.h, r.luid, bytes(block) + static_cast<size_t>(k) * f.elem_size, 0);
+    const ArrayLayout layout(f);
+    for (uint32_t k = 0; block && k < count; ++k) destroy_internal(*f.type, r.h, r.luid, layout.element(block, k), 0);
 }
 
 // The elements of a variable array, then its state byte and the elements' bytes.
 void decode_elements(const Field &f, Reader &r, void *block, uint32_t count, uint8_t *per_element) {
+    const ArrayLayout layout(f);
     for (uint32_t k = 0; k < count && !*r.err; ++k)
-        r.pos += static_cast<int32_t>(decode_element(f, r, bytes(block) + static_cast<size_t>(k) * f.elem_size));
+        r.pos += static_cast<int32_t>(decode_element(f, r, layout.element(block, k)));
     if (*r.err) return;
     r.state_byte(f);
     for (uint32_t k = 0; k < count && r.pos < r.length; ++k) {
-        if (r.copy_state && per_element) per_element[2 * k] = r.buf[r.pos];
+        if (r.copy_state && per_element) *layout.slot_of(per_element, k) = r.buf[r.pos];
         if (r.copy_state || r.skip_state) ++r.pos;
     }
 }
 
 void decode_array(const Type &t, const Field &f, Reader &r, void *instance, uint32_t old_count, bool tracked) {
     const Field &count_field = t.fields[f.companion];
-    uint32_t count = read_count(instance, count_field);
+    uint32_t count = count_at(instance, count_field);
     void *&block = *slot_of(instance, f);
-    size_t size = static_cast<size_t>(count) * f.elem_size + (tracked ? 2u * count : 0u);
+    const ArrayLayout layout(f);
+    size_t size = layout.size(count, tracked);
     uint8_t *per_element = nullptr;
     // Non-zero decode flags keep storage of the same size: the block and its elements stay, and
     // each element is decoded into as it is (keeping its own strings, lists and arrays when their
@@ -291,8 +279,8 @@ void decode_array(const Type &t, const Field &f, Reader &r, void *instance, uint
     if (r.flags && block && count == old_count && count > 0 &&
         static_cast<int64_t>(count) * min_instance_bytes <= r.left()) {
         notify(r.h, block, size, r.luid);
-        per_element = element_flags(f, block, count, tracked);
-        if (per_element) std::memset(per_element, 0, 2u * count);
+        per_element = layout.flags(block, count, tracked);
+        if (per_element) std::memset(per_element, 0, count * layout.slot);
         decode_elements(f, r, block, count, per_element);
         return;
     }
@@ -305,30 +293,33 @@ void decode_array(const Type &t, const Field &f, Reader &r, void *instance, uint
     // refused before anything is allocated.
     if (static_cast<int64_t>(count) * min_instance_bytes > r.left()) {
         free_block(r, block);
-        write_count(instance, count_field, 0);
+        store_count(instance, count_field, 0);
         r.error(MGX_ESHORT);
         return;
     }
     free_block(r, block);
     void *fresh = r.h->inst_alloc(r.h->alloc_ctx, r.luid, size);
     if (!fresh) {
-        write_count(instance, count_field, 0);
+        store_count(instance, count_field, 0);
         r.error(MGX_ENOMEM);
         return;
     }
     notify(r.h, &block, sizeof block, r.luid);
     block = fresh;
     std::memset(block, 0, size);
-    per_element = element_flags(f, block, count, tracked);
+    per_element = layout.flags(block, count, tracked);
     for (uint32_t k = 0; k < count; ++k) {
-        void *element = bytes(block) + static_cast<size_t>(k) * f.elem_size;
+        void *element = layout.element(block, k);
         uint32_t e = 0;
         initialize(*f.type, r.h, r.luid, element, f.type->descriptor, 0, 0, MGX_IF_NESTED,
-                   per_element ? per_element + 2 * k : nullptr, &e);
+                   layout.slot_of(per_element, k), &e);
+        // A new element is raised to the variant the handle knows for its type, as a new arm is,
+        // so that its members of later variants are received in full.
+        if (!e) adjust_variant(*f.type, r.h, r.luid, element, &e);
         if (e) { // the elements laid out so far go again, and the array stays empty
             destroy_elements(f, r, block, k + 1);
             free_block(r, block);
-            write_count(instance, count_field, 0);
+            store_count(instance, count_field, 0);
             r.error(e);
             return;
         }
@@ -355,9 +346,6 @@ void decode_arm(const Field &f, Reader &r, void *instance, uint32_t arm_index) {
     r.pos += static_cast<int32_t>(decode(*f.type, r.h, r.luid, r.buf + r.pos, arm, r.left(), r.flags, r.err));
 }
 
-uint32_t old_count(const std::array<uint32_t, 64> &old, const Field &f) {
-    return static_cast<size_t>(f.companion) < old.size() ? old[f.companion] : 0;
-}
 
 } // namespace
 
@@ -381,13 +369,13 @@ uint32_t wire_length(const Type &t, mgx_handle_t *h, uint32_t luid, const void *
                 state += 1;
                 break;
             case Shape::var_string: {
-                uint32_t len = read_count(instance, t.fields[f.companion]);
+                uint32_t len = count_at(instance, t.fields[f.companion]);
                 n += char_len() * len;
                 state += 1 + len;
                 break;
             }
             case Shape::var_array: {
-                uint32_t count = read_count(instance, t.fields[f.companion]);
+                uint32_t count = count_at(instance, t.fields[f.companion]);
                 const void *block = *slot_of(instance, f);
                 for (uint32_t k = 0; k < count; ++k)
                     n += wire_length(*f.type, h, luid, block ? bytes(block) + static_cast<size_t>(k) * f.elem_size : nullptr);
@@ -518,10 +506,9 @@ uint32_t decode(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *bu
     }
 
     if (variant >= 0) {
-        // Counts and lengths as they were before this decode, written when a count or length
-        // field is decoded and read only by the array or string it counts, which comes after it
-        // in the same variant: no slot is read before it is written.
-        std::array<uint32_t, 64> old_counts;
+        // Counts and lengths as they were before this decode, kept when a count or length field
+        // is decoded and read by the array or string it counts, which comes after it.
+        OldCounts old_counts;
         bool state_bytes = r.copy_state || r.skip_state;
         uint32_t arm_index = 0;
         for (uint16_t i = 0; i < t.n_fields; ++i) {
@@ -534,7 +521,7 @@ uint32_t decode(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *bu
             switch (f.shape) {
             case Shape::scalar:
                 if (f.companion >= 0) {
-                    if (i < old_counts.size()) old_counts[i] = read_count(instance, f);
+                    old_counts.keep(i, count_at(instance, f));
                     r.pos += static_cast<int32_t>(decode_element(f, r, field));
                 } else {
                     r.pos += static_cast<int32_t>(decode_element(f, r, field));
@@ -547,10 +534,10 @@ uint32_t decode(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *bu
                 if (!*err) r.state_byte(f);
                 break;
             case Shape::var_string:
-                decode_string(t, f, r, instance, old_count(old_counts, f));
+                decode_string(t, f, r, instance, old_counts.of(f.companion));
                 break;
             case Shape::var_array:
-                decode_array(t, f, r, instance, old_count(old_counts, f), tracked);
+                decode_array(t, f, r, instance, old_counts.of(f.companion), tracked);
                 break;
             case Shape::member:
                 if (selected(t, f, instance)) decode_arm(f, r, instance, arm_index);

@@ -201,6 +201,10 @@ std::string emit_tables_source(const Catalogue &c) {
                         t->name.c_str(), t->name.c_str(), t->name.c_str());
             continue;
         }
+        size_t counted = 0;
+        for (const Field &f : t->fields) counted += f.shape == Shape::var_string || f.shape == Shape::var_array;
+        s += format("static_assert(%zu <= ovrin::max_counted_fields, \"%s: more strings and variable arrays than the engine "
+                    "keeps counts for\");\n", counted, t->name.c_str());
         for (const Field &f : t->fields)
             s += format("static_assert(offsetof(::%s, %s) == %u);\n", t->name.c_str(), f.name.c_str(), f.offset);
     }
