@@ -55,20 +55,11 @@ bool read_bounded(int fd, const std::string &name, size_t expected, size_t limit
 bool read(const std::string &path, size_t limit, const char *what, std::vector<uint8_t> &out, std::string &error) {
     out.clear();
     if (path == "-") return read_bounded(STDIN_FILENO, "standard input", 0, limit, what, out, error);
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) {
-        error = "cannot read " + path + ": " + std::strerror(errno);
-        return false;
-    }
     struct stat st {};
+    int fd = mgx::elf::detail::open_for_reading(path, false, st, error); // pipes are read, bounded
+    if (fd < 0) return false;
     bool ok = false;
-    if (::fstat(fd, &st) != 0)
-        error = "cannot read " + path + ": " + std::strerror(errno);
-    else if (S_ISDIR(st.st_mode))
-        error = "cannot read " + path + ": " + std::strerror(EISDIR);
-    else if (S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode))
-        error = "cannot read " + path + ": " + mgx::elf::detail::file_kind(st.st_mode) + ", not a file";
-    else if (S_ISREG(st.st_mode) && static_cast<uint64_t>(st.st_size) > limit)
+    if (S_ISREG(st.st_mode) && static_cast<uint64_t>(st.st_size) > limit)
         error = path + " is larger than " + size_text(limit) + ", " + what;
     else
         ok = read_bounded(fd, path, S_ISREG(st.st_mode) ? static_cast<size_t>(st.st_size) : 0, limit, what, out, error);

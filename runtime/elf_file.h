@@ -76,23 +76,35 @@ inline const char *file_kind(mode_t mode) {
     return "not a regular file";
 }
 
-// Reads a regular file whole, at most limit bytes. Directories, devices, pipes and sockets are
-// refused without reading (opened without blocking, so a FIFO without a writer cannot hang).
-inline bool read_regular_file(const std::string &path, uint64_t limit, std::vector<uint8_t> &out, std::string &error) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+// Opens path for reading and says what it is; -1, with the reason in error, for a file that cannot
+// be opened, a directory or a device, and (only_regular) a pipe or socket too. Opened without
+// blocking when only regular files are wanted, so a FIFO without a writer cannot hang.
+inline int open_for_reading(const std::string &path, bool only_regular, struct stat &st, std::string &error) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | (only_regular ? O_NONBLOCK : 0));
     if (fd < 0) {
         error = "cannot read " + path + ": " + std::strerror(errno);
-        return false;
+        return -1;
     }
-    struct stat st {};
-    bool ok = false;
     if (::fstat(fd, &st) != 0)
         error = "cannot read " + path + ": " + std::strerror(errno);
     else if (S_ISDIR(st.st_mode))
         error = "cannot read " + path + ": " + std::strerror(EISDIR);
-    else if (!S_ISREG(st.st_mode))
+    else if (S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode) || (only_regular && !S_ISREG(st.st_mode)))
         error = "cannot read " + path + ": " + file_kind(st.st_mode) + ", not a file";
-    else if (static_cast<uint64_t>(st.st_size) > limit)
+    else
+        return fd;
+    ::close(fd);
+    return -1;
+}
+
+// Reads a regular file whole, at most limit bytes. Directories, devices, pipes and sockets are
+// refused without reading.
+inline bool read_regular_file(const std::string &path, uint64_t limit, std::vector<uint8_t> &out, std::string &error) {
+    struct stat st {};
+    int fd = open_for_reading(path, true, st, error);
+    if (fd < 0) return false;
+    bool ok = false;
+    if (static_cast<uint64_t>(st.st_size) > limit)
         error = path + " is larger than " + std::to_string(limit >> 20) + " MiB, the limit for a library file";
     else
         ok = true;

@@ -293,27 +293,12 @@ bool attributes_within_limit(const char *text, size_t n, size_t &line) {
             skip_to("]]>");
         } else if (starts("<?")) {
             skip_to("?>");
-        } else if (starts("<!")) { // a declaration: up to its '>' outside brackets and quotes
-            int depth = 0;
-            char quote = 0;
-            for (++i; i < n; ++i) {
-                char c = text[i];
-                if (c == '\n') ++lines;
-                if (quote) {
-                    if (c == quote) quote = 0;
-                } else if (c == '"' || c == '\'') {
-                    quote = c;
-                } else if (c == '[') {
-                    ++depth;
-                } else if (c == ']') {
-                    --depth;
-                } else if (c == '>' && depth <= 0) {
-                    ++i;
-                    break;
-                }
-            }
-        } else { // a start or end tag
+        } else {
+            // A declaration (up to its '>' outside brackets and quotes) or a start or end tag
+            // (up to its '>' outside quotes, counting its attributes).
+            const bool declaration = starts("<!");
             unsigned attributes = 0;
+            int depth = 0;
             char quote = 0;
             size_t at = lines;
             for (++i; i < n; ++i) {
@@ -323,12 +308,12 @@ bool attributes_within_limit(const char *text, size_t n, size_t &line) {
                     if (c == quote) quote = 0;
                 } else if (c == '"' || c == '\'') {
                     quote = c;
-                } else if (c == '=') {
-                    if (++attributes > MGX_XML_MAX_ATTRIBUTES) {
-                        line = at;
-                        return false;
-                    }
-                } else if (c == '>') {
+                } else if (declaration && (c == '[' || c == ']')) {
+                    depth += c == '[' ? 1 : -1;
+                } else if (!declaration && c == '=' && ++attributes > MGX_XML_MAX_ATTRIBUTES) {
+                    line = at;
+                    return false;
+                } else if (c == '>' && depth <= 0) {
                     ++i;
                     break;
                 }
