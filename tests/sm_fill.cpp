@@ -1,6 +1,8 @@
 // Test support: fills instances of any type through the type tables (see sm_fill.h).
 #include "tests/sm_fill.h"
 
+#include "ops/common.h"
+
 #include <dlfcn.h>
 
 #include <cstring>
@@ -101,18 +103,20 @@ void fill(const Type &t, mgx_handle_t *h, void *instance, unsigned seed, unsigne
             break;
         }
         case Shape::var_array: {
+            // Laid out as the engine lays out a block (elements, then a flag slot each when tracked).
             const uint32_t n = 2;
             bool tracked = h->sttr && h->sttr->marker == MGX_STTR_TRACKED;
-            size_t size = n * f.elem_size + (tracked ? 2 * n : 0);
+            const ovrin::ArrayLayout layout(f);
+            size_t size = layout.size(n, tracked);
             auto *block = static_cast<uint8_t *>(h->inst_alloc(h->alloc_ctx, 1, size));
             std::memset(block, 0, size);
+            uint8_t *flags = layout.flags(block, n, tracked);
             for (uint32_t k = 0; k < n; ++k) {
                 uint32_t err = 0;
                 auto init = reinterpret_cast<void (*)(mgx_handle_t *, uint32_t, void *, const void *, int, int, uint32_t,
                                                       uint8_t *, uint32_t *)>(op(*f.type, "initialize"));
-                init(h, 1, block + k * f.elem_size, f.type->descriptor, 0, 0, MGX_IF_NESTED,
-                     tracked ? block + n * f.elem_size + 2 * k : nullptr, &err);
-                fill(*f.type, h, block + k * f.elem_size, s + k, arm);
+                init(h, 1, layout.element(block, k), f.type->descriptor, 0, 0, MGX_IF_NESTED, layout.slot_of(flags, k), &err);
+                fill(*f.type, h, layout.element(block, k), s + k, arm);
             }
             *reinterpret_cast<void **>(at(instance, f)) = block;
             set_count(instance, t.fields[f.companion], n);
