@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "mgx/runtime.h"
+#include "ovrin_sm/ops.h"
 
 namespace fuzz {
 
@@ -44,6 +45,10 @@ template <class Fn> Fn lookup(const std::string &type, const char *op) {
 // The types in registration order, as the runtime sees them.
 inline const std::vector<TypeOps> &types() {
     static const std::vector<TypeOps> list = [] {
+        // The bundle registers its types when it is loaded, and the targets reach it by name only:
+        // one reference to it keeps a linker that drops unreferenced libraries from dropping it.
+        static void (*volatile const bundle_entry)(mgx_handle_t *, uint32_t, uint32_t *) = &ovrin_sm_typeinfo_initialize;
+        (void)bundle_entry;
         std::vector<TypeOps> out;
         for (const mgx_module_node_t *n = mgx_module_tot_root.first; n; n = n->next) {
             if (std::strcmp(n->domain_name, "ovrin_sm") != 0) continue;
@@ -74,11 +79,17 @@ inline const std::vector<TypeOps> &types() {
     return list;
 }
 
-// handle(false): no state-tracking record; handle(true): tracked. The handles are made anew every
-// so many inputs, so that their journals of hooks and call-site tags stay small over long runs;
-// nothing may be left allocated in them by then.
-inline mgx_handle_t *handle(bool tracked) {
+// The two long-lived handles: [0] without a state-tracking record, [1] tracked.
+inline mgx_handle_t **handle_pair() {
     static mgx_handle_t *handles[2] = {nullptr, nullptr};
+    return handles;
+}
+
+// handle(false): no state-tracking record; handle(true): tracked. Called once per input. The
+// handles are made anew every so many inputs, so that their journals of hooks and call-site tags
+// stay small over long runs; nothing may be left allocated in them by then.
+inline mgx_handle_t *handle(bool tracked) {
+    mgx_handle_t **handles = handle_pair();
     static unsigned uses = 0;
     if (uses++ % 20000 == 0) {
         for (int i = 0; i < 2; ++i) {
@@ -93,6 +104,49 @@ inline mgx_handle_t *handle(bool tracked) {
     mgx_trace_clear();
     return handles[tracked];
 }
+
+// The k-th instance allocation through h from now on is refused (k = 0: none), as when memory
+// runs out inside an operation. fired() then disarms the injection and tells whether that
+// allocation was really attempted, so that a caller can hold the operation to its promise:
+// error 12 exactly when an allocation was refused.
+class Injection {
+public:
+    Injection(mgx_handle_t *h, uint32_t k) : h_(h), k_(k), start_(mgx_handle_total_allocations(h)) {
+        mgx_handle_fail_allocation(h, k);
+    }
+    Injection(const Injection &) = delete;
+    Injection &operator=(const Injection &) = delete;
+    ~Injection() { mgx_handle_fail_allocation(h_, 0); }
+
+    bool fired() {
+        if (k_ == 0) return false;
+        // Allocations that succeeded since arming; the refused one is not counted.
+        uint64_t made = mgx_handle_total_allocations(h_) - start_;
+        bool result;
+        if (made >= k_) {
+            result = true; // the k-th was attempted, and some after it succeeded
+        } else if (made + 1 < k_) {
+            result = false;
+        } else {
+            // k - 1 made: either the k-th was refused and nothing followed, or it is still to
+            // come. One more allocation tells: it is refused only in the second case.
+            // Any type's create serves: it makes the instance first and answers null when that
+            // allocation is refused.
+            const TypeOps &probe = types()[0];
+            void *p = probe.create(h_, 1);
+            result = p != nullptr;
+            if (p) probe.destroy(h_, 1, p);
+        }
+        mgx_handle_fail_allocation(h_, 0);
+        k_ = 0;
+        return result;
+    }
+
+private:
+    mgx_handle_t *h_;
+    uint32_t k_;
+    uint64_t start_;
+};
 
 // A fresh instance that follows the handle's domain, as a receiver makes it.
 inline void *make(const TypeOps &t, mgx_handle_t *h) {

@@ -1,12 +1,24 @@
-// Writes the fuzz targets' starting inputs: for every type (every member of a union) a fully
-// filled instance, encoded under an untracked and a tracked handle for the wire target, and
-// written as XML for the XML target (when the library has the XML family).
+// Writes the fuzz targets' starting inputs, one directory per target, in each target's input
+// layout (byte 0 of the wire, XML and reuse inputs is 0: no allocation refused):
 //
-// For the trace target: a trace file with an emission of every argument shape, and the bundle's
-// message texts section as the library file holds it.
+//   wire         every type (every member of a union) fully filled, encoded untracked and tracked
+//   xml          the same instances written as XML (when the library has the XML family)
+//   reuse        pairs of those encodings of one type: one member then the next, tracked and not,
+//                a tracked receiver given an untracked sender's bytes, a filled instance then an
+//                empty one and the reverse
+//   xml_dtd      every type's XML as it is, and with a document type declaration, an entity
+//                reference or a run of attributes put in
+//   trace        a trace file with an emission of every argument shape, and the bundle's message
+//                texts section as the library file holds it
+//   elf          the bundle's library file cut down to the sections the readers look for (ELF
+//                header, manifest, message texts, a few dynamic symbols, section names), read as
+//                bytes and through a file; and the first 4 KiB of the real file
+//   trace_files  trace files written by the runtime (the bundle's own table, and a table whose
+//                texts the seed writer made), naming cut-down library files written beside them
 //
-//   ovrin_fuzz_seeds DIR   writes DIR/wire/*, DIR/xml/* and DIR/trace/*
+//   ovrin_fuzz_seeds DIR
 #include <dlfcn.h>
+#include <elf.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -15,53 +27,311 @@
 #include <string>
 
 #include "fuzz/fuzz_types.h"
+#include "fuzz/trace_paths.h"
 #include "ovrin_sm/ops.h"
 #include "runtime/elf_file.h"
 #include "runtime/trace_format.h"
 #include "tests/sm_type_ops.h"
 
+namespace fs = std::filesystem;
+using Bytes = std::vector<uint8_t>;
+
 namespace {
 
-void write(const std::filesystem::path &file, const std::vector<uint8_t> &prefix, const void *body, size_t n) {
+unsigned written = 0;
+
+void write(const fs::path &file, const Bytes &prefix, const void *body, size_t n) {
+    fs::create_directories(file.parent_path());
     std::ofstream out(file, std::ios::binary);
     out.write(reinterpret_cast<const char *>(prefix.data()), static_cast<std::streamsize>(prefix.size()));
     out.write(static_cast<const char *>(body), static_cast<std::streamsize>(n));
     if (!out) fuzz::die("cannot write " + file.string());
+    ++written;
 }
 
-std::vector<uint8_t> file_bytes(const std::filesystem::path &file) {
+void write(const fs::path &file, const Bytes &prefix, const Bytes &body) { write(file, prefix, body.data(), body.size()); }
+
+Bytes file_bytes(const fs::path &file) {
     std::ifstream in(file, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-void write_trace_seeds(const std::filesystem::path &dir) {
-    std::filesystem::create_directories(dir);
-    std::filesystem::path run = dir / "run.tmp";
-    std::filesystem::remove(run);
-    mgx_trace_table_t table = {MGX_TRACE_TABLE_MAGIC, 6, "mgx_seed", ".seed_texts", 0, nullptr};
-    if (mgx_trace_file_open(run.c_str()) != 0) fuzz::die("cannot write " + run.string());
-    qlog_emit_0(&table, 0, 1, MGX_SEV_EMERG);
-    qlog_emit_s(&table, 1, 1, MGX_SEV_ERROR, "Cannot allocate memory");
-    qlog_emit_ddd(&table, 2, 1, MGX_SEV_DEBUG, 10, -6, 12);
-    qlog_emit_uu(&table, 3, 1, MGX_SEV_INFO, 3, 2);
-    qlog_emit_ps(&table, 4, 1, MGX_SEV_ERROR, &table, "Invalid argument");
-    qlog_emit_u(&table, 5, 1, MGX_SEV_INFO, 7);
-    mgx_trace_file_close();
-    mgx_trace_clear();
-    std::vector<uint8_t> recorded = file_bytes(run);
-    if (recorded.size() <= mgx::tracefmt::file_header_size) fuzz::die("the seed trace file holds no records");
-    write(dir / "run", {0}, recorded.data(), recorded.size());
-    std::filesystem::remove(run);
+void put_u32(Bytes &b, size_t v) {
+    for (int i = 0; i < 4; ++i) b.push_back(static_cast<uint8_t>(v >> (8 * i)));
+}
 
+// ------------------------------------------------------------------ messages
+
+struct Encodings {
+    std::vector<Bytes> filled[2]; // per member, [untracked, tracked]
+    Bytes empty[2];               // a fresh instance; empty when it has no wire form
+};
+
+void write_message_seeds(const fs::path &dir) {
+    const std::vector<typeops::Ops> &types = typeops::all();
+    if (types.size() != fuzz::types().size()) fuzz::die("type lists differ");
+    std::vector<Encodings> enc(types.size());
+    std::vector<std::string> xml(types.size()); // member 0, untracked
+    for (bool tracked : {false, true}) {
+        mgx_handle_t *h = mgx_handle_create();
+        if (tracked) mgx_handle_set_state_tracking(h, 1, MGX_STTR_TRACKED);
+        for (size_t i = 0; i < types.size(); ++i) {
+            const typeops::Ops &o = types[i];
+            if (fuzz::types()[i].name != o.name()) fuzz::die("type order differs at " + std::string(o.name()));
+            const uint8_t type = static_cast<uint8_t>(i);
+            for (unsigned a = 0; a < o.arms(); ++a) {
+                void *instance = typeops::make_filled(o, h, static_cast<unsigned>(i), a);
+                std::string stem = std::string(o.name()) + "-" + std::to_string(a) + (tracked ? "-t" : "-u");
+                uint32_t err = 0;
+                Bytes wire = typeops::encode(o, h, instance, &err);
+                if (err) fuzz::die("encode of " + stem + ": error " + std::to_string(err));
+                write(dir / "wire" / stem, {0, type, static_cast<uint8_t>(tracked)}, wire);
+                enc[i].filled[tracked].push_back(wire);
+                if (o.to_xml) {
+                    std::vector<char> text(1 << 16);
+                    uint32_t n = o.to_xml(h, 1, o.name(), text.data(), instance, static_cast<uint32_t>(text.size()), 0, &err);
+                    if (err || n >= text.size()) fuzz::die("XML of " + stem + " failed");
+                    write(dir / "xml" / stem, {0, static_cast<uint8_t>(i + (tracked ? types.size() : 0))}, text.data(), n);
+                    if (!tracked && a == 0) xml[i].assign(text.data(), n);
+                }
+                o.destroy(h, 1, instance);
+            }
+            void *fresh = typeops::make(o, h);
+            uint32_t err = 0;
+            Bytes wire = typeops::encode(o, h, fresh, &err);
+            if (!err) enc[i].empty[tracked] = wire;
+            o.destroy(h, 1, fresh);
+        }
+        if (mgx_handle_live_allocations(h) != 0) fuzz::die("seed instances leaked");
+        mgx_handle_destroy(h);
+    }
+
+    // reuse: A then B, with the mode byte (bit 0 tracked handle, bits 1 and 2 reuse flags)
+    for (size_t i = 0; i < types.size(); ++i) {
+        const Encodings &e = enc[i];
+        auto pair = [&](const std::string &stem, uint8_t mode, const Bytes &a, const Bytes &b) {
+            Bytes body = a;
+            body.insert(body.end(), b.begin(), b.end());
+            write(dir / "reuse" / (std::string(types[i].name()) + "-" + stem),
+                  {0, static_cast<uint8_t>(i), mode, static_cast<uint8_t>(a.size() >> 8), static_cast<uint8_t>(a.size())}, body);
+        };
+        size_t arms = e.filled[0].size();
+        for (size_t a = 0; a < arms; ++a) {
+            size_t next = (a + 1) % arms;
+            std::string m = std::to_string(a) + "-" + std::to_string(next);
+            pair(m + "-u", 0, e.filled[0][a], e.filled[0][next]);
+            pair(m + "-t", 7, e.filled[1][a], e.filled[1][next]);
+            pair(m + "-t-from-u", 1, e.filled[1][a], e.filled[0][next]);
+            if (!e.empty[0].empty()) pair(std::to_string(a) + "-empty-u", 6, e.filled[0][a], e.empty[0]);
+        }
+        if (!e.empty[1].empty()) pair("empty-0-t", 1, e.empty[1], e.filled[1][0]);
+    }
+
+    // xml_dtd: each document as it is, and with one of the prologues and something put in
+    for (size_t i = 0; i < types.size(); ++i) {
+        if (xml[i].empty()) continue;
+        const uint8_t type = static_cast<uint8_t>(i);
+        const std::string stem = types[i].name();
+        write(dir / "xml_dtd" / (stem + "-plain"), {0, type, 0, 0, 0}, xml[i].data(), xml[i].size());
+        uint8_t prologue = static_cast<uint8_t>(1 + i % 15);
+        uint8_t what = static_cast<uint8_t>(1 + i % 8), place = static_cast<uint8_t>(i / 8 % 4);
+        // 128 attributes, or 280 (over the limit) where the prologue leaves a quote open in a comment
+        // or processing instruction, which is what the limit's scan is known to mishandle
+        uint8_t attributes = (prologue == 8 || prologue == 9) ? 64 : static_cast<uint8_t>(i % 2 ? 140 : 64);
+        write(dir / "xml_dtd" / (stem + "-declared"), {0, type, prologue, static_cast<uint8_t>(what | place << 4), attributes},
+              xml[i].data(), xml[i].size());
+    }
+}
+
+// ------------------------------------------------------------------ library files
+
+const char *bundle_path() {
     Dl_info info{};
-    std::string error;
     if (!dladdr(reinterpret_cast<void *>(&ovrin_sm_typeinfo_initialize), &info) || !info.dli_fname)
         fuzz::die("cannot tell where the bundle was loaded from");
-    auto library = mgx::elf::read(info.dli_fname, error);
+    return info.dli_fname;
+}
+
+struct OutSection {
+    std::string name;
+    uint32_t type;
+    Bytes contents;
+    uint32_t link = 0;
+    uint64_t entsize = 0;
+};
+
+// A 64-bit little-endian ELF file holding only the given sections (section 0 and the section
+// name table are added): what the readers look at, without the code.
+Bytes small_elf(const std::vector<OutSection> &sections) {
+    Bytes names(1, 0);
+    std::vector<Elf64_Shdr> headers(1, Elf64_Shdr{});
+    Bytes data(sizeof(Elf64_Ehdr), 0);
+    auto add = [&](const std::string &name, uint32_t type, const Bytes &contents, uint32_t link, uint64_t entsize) {
+        while (data.size() % 8) data.push_back(0);
+        Elf64_Shdr s{};
+        s.sh_name = static_cast<uint32_t>(names.size());
+        names.insert(names.end(), name.begin(), name.end());
+        names.push_back(0);
+        s.sh_type = type;
+        s.sh_offset = data.size();
+        s.sh_size = contents.size();
+        s.sh_link = link;
+        s.sh_entsize = entsize;
+        s.sh_addralign = 1;
+        data.insert(data.end(), contents.begin(), contents.end());
+        headers.push_back(s);
+    };
+    for (const OutSection &s : sections) add(s.name, s.type, s.contents, s.link, s.entsize);
+    Bytes own_names = names;
+    std::string shstrtab = ".shstrtab";
+    own_names.insert(own_names.end(), shstrtab.begin(), shstrtab.end());
+    own_names.push_back(0);
+    add(shstrtab, SHT_STRTAB, own_names, 0, 0);
+    while (data.size() % 8) data.push_back(0);
+
+    Elf64_Ehdr eh{};
+    std::memcpy(eh.e_ident, ELFMAG, SELFMAG);
+    eh.e_ident[EI_CLASS] = ELFCLASS64;
+    eh.e_ident[EI_DATA] = ELFDATA2LSB;
+    eh.e_ident[EI_VERSION] = EV_CURRENT;
+    eh.e_type = ET_DYN;
+    eh.e_machine = EM_X86_64;
+    eh.e_version = EV_CURRENT;
+    eh.e_shoff = data.size();
+    eh.e_ehsize = sizeof(Elf64_Ehdr);
+    eh.e_shentsize = sizeof(Elf64_Shdr);
+    eh.e_shnum = static_cast<uint16_t>(headers.size());
+    eh.e_shstrndx = static_cast<uint16_t>(headers.size() - 1);
+    std::memcpy(data.data(), &eh, sizeof eh);
+    for (const Elf64_Shdr &h : headers) {
+        const uint8_t *p = reinterpret_cast<const uint8_t *>(&h);
+        data.insert(data.end(), p, p + sizeof h);
+    }
+    return data;
+}
+
+// The bundle's library cut down: its manifest and message texts sections, and its first few
+// exported symbols with their names.
+Bytes small_bundle() {
+    std::string error;
+    auto library = mgx::elf::read(bundle_path(), error);
+    if (!library) fuzz::die(error);
+    std::vector<OutSection> out;
+    for (const char *name : {".ovrin_sm_manifest", ".ovrin_sm_trace_texts"}) {
+        const mgx::elf::Section *s = library->find(name);
+        if (!s) fuzz::die(std::string("no ") + name + " section in " + bundle_path());
+        out.push_back({name, s->type, library->contents(*s)});
+    }
+    const mgx::elf::Section *dynsym = library->find(".dynsym");
+    if (dynsym && dynsym->link < library->sections.size()) {
+        Bytes symbols = library->contents(*dynsym), strings = library->contents(library->sections[dynsym->link]);
+        Bytes new_symbols(sizeof(Elf64_Sym), 0), new_strings(1, 0);
+        for (size_t off = sizeof(Elf64_Sym); off + sizeof(Elf64_Sym) <= symbols.size() && off <= 16 * sizeof(Elf64_Sym);
+             off += sizeof(Elf64_Sym)) {
+            Elf64_Sym sym;
+            std::memcpy(&sym, symbols.data() + off, sizeof sym);
+            std::string name = mgx::elf::detail::string_at(strings, sym.st_name);
+            sym.st_name = static_cast<uint32_t>(new_strings.size());
+            new_strings.insert(new_strings.end(), name.begin(), name.end());
+            new_strings.push_back(0);
+            const uint8_t *p = reinterpret_cast<const uint8_t *>(&sym);
+            new_symbols.insert(new_symbols.end(), p, p + sizeof sym);
+        }
+        out.push_back({".dynstr", SHT_STRTAB, new_strings});
+        out.push_back({".dynsym", SHT_DYNSYM, new_symbols, static_cast<uint32_t>(out.size()), sizeof(Elf64_Sym)});
+    }
+    return small_elf(out);
+}
+
+void write_library_seeds(const fs::path &dir) {
+    Bytes small = small_bundle();
+    write(dir / "small-bytes", {0}, small);
+    write(dir / "small-file", {1}, small);
+    Bytes real = file_bytes(bundle_path());
+    write(dir / "real-first-4k", {1}, real.data(), std::min<size_t>(real.size(), 4096));
+}
+
+// ------------------------------------------------------------------ trace files
+
+mgx_trace_table_t seed_table = {MGX_TRACE_TABLE_MAGIC, 6, "mgx_seed", ".seed_texts", 0, nullptr};
+
+// Texts for the seed table, one per emission below, each taking that emission's arguments.
+const std::vector<std::string> seed_texts = {"seed started", "error: %s", "offsets %d %d %d", "%u of %u",
+                                             "object %p: %s", "value %x"};
+
+void emit_every_shape() {
+    qlog_emit_0(&seed_table, 0, 1, MGX_SEV_EMERG);
+    qlog_emit_s(&seed_table, 1, 1, MGX_SEV_ERROR, "Cannot allocate memory");
+    qlog_emit_ddd(&seed_table, 2, 1, MGX_SEV_DEBUG, 10, -6, 12);
+    qlog_emit_uu(&seed_table, 3, 1, MGX_SEV_INFO, 3, 2);
+    qlog_emit_ps(&seed_table, 4, 1, MGX_SEV_ERROR, &seed_table, "Invalid argument");
+    qlog_emit_u(&seed_table, 5, 1, MGX_SEV_INFO, 7);
+}
+
+// Makes the bundle trace: every type's encoding at the handle's variant decoded into an instance
+// still at variant 0 steps over the newer members (a debug emission with three numbers).
+void bundle_emissions() {
+    mgx_handle_t *h = mgx_handle_create();
+    for (const fuzz::TypeOps &t : fuzz::types()) {
+        void *full = fuzz::make(t, h);
+        uint32_t err = 0;
+        Bytes wire = fuzz::encode(t, h, full, &err);
+        void *old = t.create(h, 1);
+        if (!err && old) t.unmarshal(h, 1, wire.data(), old, static_cast<int32_t>(wire.size()), 0, &err);
+        if (old) t.destroy(h, 1, old);
+        t.destroy(h, 1, full);
+    }
+    mgx_handle_destroy(h);
+}
+
+Bytes record_trace(const fs::path &file, void (*emit)()) {
+    fs::remove(file);
+    if (mgx_trace_file_open(file.c_str()) != 0) fuzz::die("cannot write " + file.string());
+    emit();
+    mgx_trace_file_close();
+    mgx_trace_clear();
+    Bytes recorded = file_bytes(file);
+    fs::remove(file);
+    if (recorded.size() <= mgx::tracefmt::file_header_size) fuzz::die("a seed trace file holds no records");
+    return recorded;
+}
+
+void write_trace_seeds(const fs::path &dir, const fs::path &files_dir) {
+    fs::create_directories(dir);
+    Bytes shapes = record_trace(dir / "run.tmp", emit_every_shape);
+    write(dir / "run", {0}, shapes);
+
+    std::string error;
+    auto library = mgx::elf::read(bundle_path(), error);
     const mgx::elf::Section *texts = library ? library->find(".ovrin_sm_trace_texts") : nullptr;
-    if (!texts) fuzz::die("no message texts section in " + std::string(info.dli_fname) + " " + error);
-    std::vector<uint8_t> section = library->contents(*texts);
-    write(dir / "texts", {1}, section.data(), section.size());
+    if (!texts) fuzz::die("no message texts section in " + std::string(bundle_path()) + " " + error);
+    write(dir / "texts", {1}, library->contents(*texts));
+
+    // trace_files: [libraries][u32 length, file]...[trace], library paths "@0", "@1"
+    Bytes bundle = small_bundle();
+    Bytes own = small_elf({{".seed_texts", SHT_PROGBITS, mgx::tracefmt::texts_section(seed_texts)}});
+    Bytes from_bundle = record_trace(dir / "bundle.tmp", bundle_emissions);
+    auto to = [](const char *name) { return [name](const std::string &) { return std::string(name); }; };
+    auto with = [](uint8_t mode, const std::vector<const Bytes *> &libraries, const Bytes &trace) {
+        Bytes body;
+        for (const Bytes *l : libraries) {
+            put_u32(body, l->size());
+            body.insert(body.end(), l->begin(), l->end());
+        }
+        body.insert(body.end(), trace.begin(), trace.end());
+        Bytes out{mode};
+        out.insert(out.end(), body.begin(), body.end());
+        return out;
+    };
+    write(files_dir / "bundle", {}, with(1, {&bundle}, fuzz::rename_libraries(from_bundle, to("@0"))));
+    write(files_dir / "bundle-library-option", {}, with(1 | 4, {&bundle}, fuzz::rename_libraries(from_bundle, to("@z"))));
+    write(files_dir / "own-texts", {}, with(2, {&bundle, &own}, fuzz::rename_libraries(shapes, to("@1"))));
+    // both tables in one file, the second library named through another spelling of its path
+    Bytes both = fuzz::rename_libraries(from_bundle, to("@0"));
+    Bytes second = fuzz::rename_libraries(shapes, to("@./1"));
+    both.insert(both.end(), second.begin() + mgx::tracefmt::file_header_size, second.end());
+    write(files_dir / "both", {}, with(2, {&bundle, &own}, both));
+    write(files_dir / "directory", {}, with(0, {}, fuzz::rename_libraries(shapes, to("@d"))));
 }
 
 } // namespace
@@ -71,41 +341,10 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "usage: %s DIR\n", argv[0]);
         return 2;
     }
-    std::filesystem::path dir = argv[1];
-    std::filesystem::create_directories(dir / "wire");
-    std::filesystem::create_directories(dir / "xml");
-    const std::vector<typeops::Ops> &types = typeops::all();
-    if (types.size() != fuzz::types().size()) fuzz::die("type lists differ");
-    unsigned wire_seeds = 0, xml_seeds = 0;
-    for (bool tracked : {false, true}) {
-        mgx_handle_t *h = mgx_handle_create();
-        if (tracked) mgx_handle_set_state_tracking(h, 1, MGX_STTR_TRACKED);
-        for (size_t i = 0; i < types.size(); ++i) {
-            const typeops::Ops &o = types[i];
-            if (fuzz::types()[i].name != o.name()) fuzz::die("type order differs at " + std::string(o.name()));
-            for (unsigned a = 0; a < o.arms(); ++a) {
-                void *instance = typeops::make_filled(o, h, static_cast<unsigned>(i), a);
-                std::string stem = std::string(o.name()) + "-" + std::to_string(a) + (tracked ? "-t" : "-u");
-                uint32_t err = 0;
-                std::vector<uint8_t> wire = typeops::encode(o, h, instance, &err);
-                if (err) fuzz::die("encode of " + stem + ": error " + std::to_string(err));
-                write(dir / "wire" / stem, {static_cast<uint8_t>(i), static_cast<uint8_t>(tracked)}, wire.data(),
-                      wire.size());
-                ++wire_seeds;
-                if (o.to_xml) {
-                    std::vector<char> text(1 << 16);
-                    uint32_t n = o.to_xml(h, 1, o.name(), text.data(), instance, static_cast<uint32_t>(text.size()), 0, &err);
-                    if (err || n >= text.size()) fuzz::die("XML of " + stem + " failed");
-                    write(dir / "xml" / stem, {static_cast<uint8_t>(i + (tracked ? types.size() : 0))}, text.data(), n);
-                    ++xml_seeds;
-                }
-                o.destroy(h, 1, instance);
-            }
-        }
-        if (mgx_handle_live_allocations(h) != 0) fuzz::die("seed instances leaked");
-        mgx_handle_destroy(h);
-    }
-    write_trace_seeds(dir / "trace");
-    std::printf("%u wire seeds, %u XML seeds, 2 trace seeds in %s\n", wire_seeds, xml_seeds, dir.c_str());
+    fs::path dir = argv[1];
+    write_message_seeds(dir);
+    write_library_seeds(dir / "elf");
+    write_trace_seeds(dir / "trace", dir / "trace_files");
+    std::printf("%u seeds in %s\n", written, dir.c_str());
     return 0;
 }

@@ -1,0 +1,97 @@
+// What the targets that read files share: a scratch directory of the process's own, files written
+// into it, the tool's output silenced around a command, and the peak of the C++ heap while a
+// reader runs (fuzz/heap_count.cpp counts it).
+#ifndef OVRIN_FUZZ_FUZZ_FILES_H
+#define OVRIN_FUZZ_FUZZ_FILES_H
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "fuzz/fuzz_types.h"
+
+extern "C" void __sanitizer_set_report_fd(void *fd) __attribute__((weak));
+
+namespace fuzz {
+
+// A directory made for this process under $TMPDIR (or /tmp) and removed when it exits normally.
+inline const std::string &scratch_dir() {
+    struct Scratch {
+        std::string path;
+        Scratch() {
+            const char *tmp = std::getenv("TMPDIR");
+            path = std::string(tmp && *tmp ? tmp : "/tmp") + "/ovrin-fuzz-XXXXXX";
+            if (!mkdtemp(path.data())) die("cannot make a scratch directory " + path);
+        }
+        ~Scratch() {
+            std::error_code ignored;
+            std::filesystem::remove_all(path, ignored);
+        }
+    };
+    static const Scratch dir;
+    return dir.path;
+}
+
+inline void write_file(const std::string &path, const uint8_t *data, size_t n) {
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) die("cannot write " + path);
+    for (size_t done = 0; done < n;) {
+        ssize_t w = ::write(fd, data + done, n - done);
+        if (w <= 0) die("cannot write " + path);
+        done += static_cast<size_t>(w);
+    }
+    ::close(fd);
+}
+
+// Standard output and error go to /dev/null while it lives: the tool's commands print a line per
+// emission or record. Sanitizer reports keep the real standard error.
+class Quiet {
+public:
+    Quiet() {
+        static const int report_fd = [] {
+            int fd = ::dup(2);
+            if (__sanitizer_set_report_fd && fd >= 0)
+                __sanitizer_set_report_fd(reinterpret_cast<void *>(static_cast<intptr_t>(fd)));
+            return fd;
+        }();
+        (void)report_fd;
+        std::fflush(stdout);
+        std::fflush(stderr);
+        out_ = ::dup(1);
+        err_ = ::dup(2);
+        int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+        ::dup2(null, 1);
+        ::dup2(null, 2);
+        ::close(null);
+    }
+    ~Quiet() {
+        std::fflush(stdout);
+        std::fflush(stderr);
+        ::dup2(out_, 1);
+        ::dup2(err_, 2);
+        ::close(out_);
+        ::close(err_);
+    }
+    Quiet(const Quiet &) = delete;
+    Quiet &operator=(const Quiet &) = delete;
+
+private:
+    int out_, err_;
+};
+
+namespace heap {
+// Starts a window: peak() then answers the most C++ heap bytes held at once since, beyond what
+// was held at the start (operator new and delete, counted by fuzz/heap_count.cpp).
+void start();
+size_t peak();
+} // namespace heap
+
+} // namespace fuzz
+
+#endif

@@ -1,0 +1,41 @@
+# The fuzz targets and what each is built from, shared by the fuzz build (each linked with
+# libFuzzer) and the test build (each linked with tests/fuzz_replay.cpp, which replays the inputs
+# kept in fuzz/regressions/ through the same code).
+set(OVRIN_FUZZ_TARGETS wire xml xml_dtd reuse trace elf trace_files)
+
+# ovrin_fuzz_executable(NAME TARGET SOURCES...): an executable from fuzz/TARGET_fuzz.cpp, the
+# target's helpers and the given sources.
+function(ovrin_fuzz_executable name target)
+  set(sources ${CMAKE_SOURCE_DIR}/fuzz/${target}_fuzz.cpp ${ARGN})
+  set(libraries ovrin_sm mgx ZLIB::ZLIB ${CMAKE_DL_LIBS})
+  if(target STREQUAL "xml_dtd")
+    list(APPEND libraries LibXml2::LibXml2)
+  elseif(target STREQUAL "elf")
+    list(APPEND sources ${CMAKE_SOURCE_DIR}/fuzz/heap_count.cpp ${CMAKE_SOURCE_DIR}/cli/manifest_cmd.cpp
+                        ${CMAKE_SOURCE_DIR}/cli/input.cpp)
+  elseif(target STREQUAL "trace_files")
+    list(APPEND sources ${CMAKE_SOURCE_DIR}/fuzz/heap_count.cpp ${CMAKE_SOURCE_DIR}/cli/trace_cmd.cpp
+                        ${CMAKE_SOURCE_DIR}/cli/input.cpp)
+  endif()
+  add_executable(${name} ${sources})
+  target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR} ${OVRIN_GENERATED_INCLUDE})
+  target_link_libraries(${name} PRIVATE ${libraries})
+  if(OVRIN_GENERATED_DEPENDS)
+    add_dependencies(${name} ${OVRIN_GENERATED_DEPENDS})
+  endif()
+endfunction()
+
+# The program that writes the targets' seed inputs. It fills instances through the type tables,
+# with the tests' filler and their private copy of the tables.
+function(ovrin_fuzz_seed_writer)
+  if(TARGET ovrin_fuzz_seeds)
+    return()
+  endif()
+  add_executable(ovrin_fuzz_seeds ${CMAKE_SOURCE_DIR}/fuzz/seeds.cpp ${CMAKE_SOURCE_DIR}/tests/sm_type_tables.cpp
+                                  ${CMAKE_SOURCE_DIR}/tests/sm_fill.cpp)
+  target_include_directories(ovrin_fuzz_seeds PRIVATE ${CMAKE_SOURCE_DIR} ${OVRIN_GENERATED_INCLUDE})
+  target_link_libraries(ovrin_fuzz_seeds PRIVATE ovrin_sm mgx ZLIB::ZLIB ${CMAKE_DL_LIBS})
+  if(OVRIN_GENERATED_DEPENDS)
+    add_dependencies(ovrin_fuzz_seeds ${OVRIN_GENERATED_DEPENDS})
+  endif()
+endfunction()

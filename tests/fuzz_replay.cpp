@@ -1,0 +1,89 @@
+// Replays inputs through a fuzz target's code without libFuzzer: linked with one fuzz/*_fuzz.cpp,
+// it calls LLVMFuzzerTestOneInput on every file named or found under a directory named, each in a
+// process of its own, so that one failing input does not hide the others.
+//
+//   ovrin_fuzz_replay_TARGET [--pending] PATH...
+//
+// Status 0 when every input ran clean. With --pending the inputs are findings whose fixes have
+// not landed: each must still fail, and one that runs clean is reported so that it moves to the
+// regression inputs.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
+extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv) __attribute__((weak));
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Runs one input in a child; true when it returned normally.
+bool runs_clean(const fs::path &file, int *argc, char ***argv) {
+    std::ifstream in(file, std::ios::binary);
+    std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    std::fflush(stdout);
+    std::fflush(stderr);
+    pid_t child = fork();
+    if (child < 0) {
+        std::perror("fork");
+        return false;
+    }
+    if (child == 0) {
+        if (LLVMFuzzerInitialize) LLVMFuzzerInitialize(argc, argv);
+        // An input held in a block of its own size, as libFuzzer gives it.
+        std::vector<uint8_t> exact(bytes);
+        LLVMFuzzerTestOneInput(exact.data(), exact.size());
+        std::fflush(stdout);
+        _exit(0);
+    }
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    bool pending = false;
+    std::vector<fs::path> files;
+    for (int i = 1; i < argc; ++i) {
+        if (!std::strcmp(argv[i], "--pending")) {
+            pending = true;
+            continue;
+        }
+        fs::path p = argv[i];
+        if (fs::is_directory(p)) {
+            for (const auto &e : fs::recursive_directory_iterator(p))
+                if (e.is_regular_file() && e.path().filename().string()[0] != '.') files.push_back(e.path());
+        } else if (fs::exists(p)) {
+            files.push_back(p);
+        } else {
+            std::fprintf(stderr, "%s: no such input\n", p.c_str());
+            return 2;
+        }
+    }
+    std::sort(files.begin(), files.end());
+    unsigned wrong = 0;
+    for (const fs::path &f : files) {
+        bool clean = runs_clean(f, &argc, &argv);
+        if (clean == pending) {
+            ++wrong;
+            std::fprintf(stderr, pending ? "%s: now runs clean; move it to the regression inputs\n" : "%s: FAILED\n",
+                         f.c_str());
+        }
+    }
+    std::printf("%zu inputs replayed%s, %u %s\n", files.size(), pending ? " (pending findings)" : "", wrong,
+                pending ? "now clean" : "failed");
+    return wrong ? 1 : 0;
+}
