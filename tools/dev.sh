@@ -5,7 +5,13 @@
 #   tools/dev.sh test          build and run every test, then every reliability gate below
 #   tools/dev.sh asan          the whole suite built with AddressSanitizer, UBSan and LeakSanitizer
 #   tools/dev.sh tsan          the concurrency tests built with ThreadSanitizer
-#   tools/dev.sh fuzz [SECS]   the fuzz targets (clang, libFuzzer) from their seeds, SECS each (25)
+#   tools/dev.sh fuzz [SECS]   the fuzz targets (clang, libFuzzer) from their seeds, SECS each (12),
+#                              stopping at the first failing input; test runs this
+#   tools/dev.sh fuzz-long [HOURS]
+#                              every fuzz target for HOURS (8) in turns of at most 30 minutes; never part
+#                              of test. Corpus, logs and failing inputs stay in $OVRIN_FUZZ_DIR (default
+#                              ~/.cache/ovrin-fuzz), so a run starts where the last one stopped; a failing
+#                              input is kept and the run goes on. OVRIN_FUZZ_JOBS (1): processes per target
 #   tools/dev.sh bench [ARGS]  the benchmarks beside protocol buffers, Release build; ARGS go to the
 #                              benchmark binary (e.g. --benchmark_filter=medium); not part of test
 #   tools/dev.sh soak [SESSIONS [ROUND_TRIPS]]
@@ -63,29 +69,88 @@ gate_tsan() {
         ctest --test-dir "$out-tsan" --output-on-failure -R '^Concurrency\.'
 }
 
-# Each fuzz target from the seeds written from filled instances of every type, for a short time.
-# New inputs collect in $out-fuzz/corpus, crashes in $out-fuzz/artifacts.
-gate_fuzz() {
-    local seconds=${1:-25}
-    echo "== gate: fuzzing, ${seconds}s per target ($out-fuzz)"
+# The fuzz targets (fuzz/targets.cmake), each with its dictionary when it has one.
+fuzz_targets=(wire xml xml_dtd reuse trace elf trace_files)
+fuzz_dictionary() {
+    case "$1" in
+        xml|xml_dtd) echo "-dict=fuzz/xml.dict" ;;
+        trace|elf|trace_files) echo "-dict=fuzz/files.dict" ;;
+    esac
+}
+
+build_fuzz() {
     CC=clang CXX=clang++ cmake -S . -B "$out-fuzz" -G Ninja -DOVRIN_TESTS=OFF -DOVRIN_FUZZ=ON >/dev/null
-    cmake --build "$out-fuzz" -j "$(nproc)" --target ovrin_fuzz_wire ovrin_fuzz_xml ovrin_fuzz_trace ovrin_fuzz_seeds
+    cmake --build "$out-fuzz" -j "$(nproc)" --target "${fuzz_targets[@]/#/ovrin_fuzz_}" ovrin_fuzz_seeds
+    rm -rf "$out-fuzz/seeds"
     "$out-fuzz/fuzz/ovrin_fuzz_seeds" "$out-fuzz/seeds"
+}
+
+# The last coverage line and the executions of a libFuzzer log, for the summary.
+fuzz_summary() {
+    echo "$(grep -E '^#[0-9]+' "$1" | tail -n 1 | grep -oE 'cov: [0-9]+ ft: [0-9]+' || true), \
+$(grep -E '^stat::number_of_executed_units' "$1" | tr -d ' ' || true)"
+}
+
+# Each fuzz target from the seeds written from filled instances of every type, for a short time.
+# New inputs collect in $out-fuzz/corpus, failing inputs in $out-fuzz/artifacts.
+gate_fuzz() {
+    local seconds=${1:-12}
+    echo "== gate: fuzzing, ${seconds}s per target ($out-fuzz)"
+    build_fuzz
     mkdir -p "$out-fuzz/artifacts"
     local target
-    for target in wire xml trace; do
+    for target in "${fuzz_targets[@]}"; do
         mkdir -p "$out-fuzz/corpus/$target"
         local log="$out-fuzz/$target.log"
+        # shellcheck disable=SC2046
         if ! "$out-fuzz/fuzz/ovrin_fuzz_$target" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 \
-                -print_final_stats=1 -artifact_prefix="$out-fuzz/artifacts/$target-" \
+                -print_final_stats=1 -artifact_prefix="$out-fuzz/artifacts/$target-" $(fuzz_dictionary "$target") \
                 "$out-fuzz/corpus/$target" "$out-fuzz/seeds/$target" >"$log" 2>&1; then
             tail -n 60 "$log"
-            echo "fuzz target $target failed: reproduce with $out-fuzz/fuzz/ovrin_fuzz_$target FILE" >&2
+            echo "fuzz target $target failed: reproduce with $out-fuzz/fuzz/ovrin_fuzz_$target" \
+                 "$(grep -o "$out-fuzz/artifacts/$target-[a-z]*-[0-9a-f]*" "$log" | tail -n 1)" >&2
             return 1
         fi
-        echo "$target: $(grep -E '^#[0-9]+' "$log" | tail -n 1 | grep -o 'cov: [0-9]* ft: [0-9]*'), \
-$(grep -E '^stat::number_of_executed_units' "$log" | tr -d ' ')"
+        echo "$target: $(fuzz_summary "$log")"
     done
+}
+
+# Every fuzz target for hours, in turns, with a corpus kept outside the build tree. libFuzzer's
+# fork mode keeps going past a failing input (kept in artifacts/) and merges what each job finds
+# into the corpus.
+fuzz_long() {
+    local hours=${1:-8}
+    local dir=${OVRIN_FUZZ_DIR:-$HOME/.cache/ovrin-fuzz} jobs=${OVRIN_FUZZ_JOBS:-1}
+    build_fuzz
+    mkdir -p "$dir/artifacts" "$dir/logs"
+    local end=$(($(date +%s) + hours * 3600)) turn target
+    turn=$((hours * 3600 / ${#fuzz_targets[@]}))
+    ((turn > 1800)) && turn=1800
+    ((turn < 60)) && turn=60
+    echo "== fuzz-long: ${hours}h, turns of ${turn}s, $jobs job(s), corpus and findings in $dir"
+    while (($(date +%s) < end)); do
+        for target in "${fuzz_targets[@]}"; do
+            local left=$((end - $(date +%s)))
+            ((left <= 0)) && break
+            mkdir -p "$dir/corpus/$target"
+            local log="$dir/logs/$target-$(date +%Y%m%d-%H%M%S).log"
+            # shellcheck disable=SC2046
+            "$out-fuzz/fuzz/ovrin_fuzz_$target" -fork="$jobs" -ignore_crashes=1 -ignore_ooms=1 -ignore_timeouts=1 \
+                -max_total_time=$((left < turn ? left : turn)) -rss_limit_mb=2048 -timeout=10 \
+                -artifact_prefix="$dir/artifacts/$target-" $(fuzz_dictionary "$target") \
+                "$dir/corpus/$target" "$out-fuzz/seeds/$target" >"$log" 2>&1 || true
+            echo "$(date +%H:%M) $target: $(grep -E '^#[0-9]+' "$log" | tail -n 1)"
+        done
+    done
+    local found
+    found=$(find "$dir/artifacts" -type f -newer "$out-fuzz/seeds" | sort)
+    if [ -n "$found" ]; then
+        echo "failing inputs found (replay one with $out-fuzz/fuzz/ovrin_fuzz_TARGET FILE; minimize with" \
+             "-minimize_crash=1 -runs=10000, then keep it in fuzz/regressions/TARGET):"
+        echo "$found"
+        return 1
+    fi
+    echo "no failing input"
 }
 
 cmd=${1:-test}
@@ -107,6 +172,7 @@ case "$cmd" in
     asan) install_missing; gate_asan ;;
     tsan) install_missing; gate_tsan ;;
     fuzz) install_missing; gate_fuzz "$@" ;;
+    fuzz-long) install_missing; fuzz_long "$@" ;;
     bench)
         install_missing "${bench_packages[@]}"
         build "$out-bench" -DCMAKE_BUILD_TYPE=Release -DOVRIN_TESTS=OFF -DOVRIN_BENCH=ON
@@ -127,7 +193,7 @@ case "$cmd" in
         echo "chart: $out/soak/memory.svg (docs/memory-over-time.svg), tables: $out/soak/memory.md"
         ;;
     *)
-        echo "usage: tools/dev.sh demo|test|asan|tsan|fuzz|bench|soak" >&2
+        echo "usage: tools/dev.sh demo|test|asan|tsan|fuzz|fuzz-long|bench|soak" >&2
         exit 2
         ;;
 esac
