@@ -10,12 +10,16 @@
 // sees it: "@" followed by any of '.' and '/' (each becomes "./" or "/" in the path) and one of
 //   0 1 2   lib0, lib1, lib2        d   the scratch directory     e   an empty file
 //   z       /dev/zero               n   /dev/null                 t   the trace file itself
+//   f       a FIFO that nothing writes to
 // names that file; every other path names a file that does not exist. So several spellings of
 // one file are several library paths to the tool.
 //
-// Whatever the files, the command must not crash, read outside what it read or hang; it answers
-// 0 or 1, and holds at most a bounded multiple of its input in memory beyond the message texts it
+// Whatever the files, the command must not crash, read outside what it read or wait (5 s at most);
+// it answers 0 or 1, and holds at most a bounded multiple of its input in memory beyond the message texts it
 // expands (each at most 64 MiB, from at most the three library files).
+#include <sys/stat.h>
+
+#include <chrono>
 #include <new>
 #include <string>
 #include <vector>
@@ -44,6 +48,7 @@ std::string library_path(const std::string &named) {
     case 't': return dir + "/" + spelling + "trace";
     case 'z': return "/dev/zero";
     case 'n': return "/dev/null";
+    case 'f': return dir + "/" + spelling + "fifo";
     default: return dir + "/absent";
     }
 }
@@ -55,7 +60,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string &dir = fuzz::scratch_dir();
     static const bool made = [&] {
         fuzz::write_file(dir + "/empty", nullptr, 0);
-        return true;
+        return ::mkfifo((dir + "/fifo").c_str(), 0600) == 0;
     }();
     (void)made;
     size_t pos = 1;
@@ -84,6 +89,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     argv.push_back(nullptr);
     int status;
     fuzz::heap::start();
+    auto began = std::chrono::steady_clock::now();
     {
         fuzz::Quiet quiet;
         try {
@@ -93,6 +99,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         }
     }
     size_t held = fuzz::heap::peak();
+    // A command that waits (a FIFO opened for reading waits for a writer) would wait forever but
+    // for libFuzzer's own timer, whose signal interrupts the wait; so the time is checked here.
+    auto seconds = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - began).count();
+    if (seconds >= 5) die("ovrin-sm trace took " + std::to_string(seconds) + " s");
     if (status == -1) die("ovrin-sm trace ran out of memory on " + std::to_string(size) + " bytes of input");
     if (status != 0 && status != 1) die("ovrin-sm trace answered " + std::to_string(status));
     constexpr size_t texts_limit = size_t{64} << 20;

@@ -2,17 +2,19 @@
 // it calls LLVMFuzzerTestOneInput on every file named or found under a directory named, each in a
 // process of its own, so that one failing input does not hide the others.
 //
-//   ovrin_fuzz_replay_TARGET [--pending] PATH...
+//   ovrin_fuzz_replay_TARGET [--pending] [--seconds N] PATH...
 //
-// Status 0 when every input ran clean. With --pending the inputs are findings whose fixes have
-// not landed: each must still fail, and one that runs clean is reported so that it moves to the
-// regression inputs.
+// Status 0 when every input ran clean. An input that runs longer than N seconds (60) fails, as a
+// hang. With --pending the inputs are findings whose fixes have not landed: each must still fail,
+// and one that runs clean is reported so that it moves to the regression inputs.
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -28,7 +30,7 @@ namespace fs = std::filesystem;
 namespace {
 
 // Runs one input in a child; true when it returned normally.
-bool runs_clean(const fs::path &file, int *argc, char ***argv) {
+bool runs_clean(const fs::path &file, unsigned seconds, int *argc, char ***argv) {
     std::ifstream in(file, std::ios::binary);
     std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     std::fflush(stdout);
@@ -39,6 +41,7 @@ bool runs_clean(const fs::path &file, int *argc, char ***argv) {
         return false;
     }
     if (child == 0) {
+        alarm(seconds);
         if (LLVMFuzzerInitialize) LLVMFuzzerInitialize(argc, argv);
         // An input held in a block of its own size, as libFuzzer gives it.
         std::vector<uint8_t> exact(bytes);
@@ -49,6 +52,8 @@ bool runs_clean(const fs::path &file, int *argc, char ***argv) {
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
+    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM)
+        std::fprintf(stderr, "%s: still running after %u seconds\n", file.c_str(), seconds);
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
@@ -56,10 +61,15 @@ bool runs_clean(const fs::path &file, int *argc, char ***argv) {
 
 int main(int argc, char **argv) {
     bool pending = false;
+    unsigned seconds = 60;
     std::vector<fs::path> files;
     for (int i = 1; i < argc; ++i) {
         if (!std::strcmp(argv[i], "--pending")) {
             pending = true;
+            continue;
+        }
+        if (!std::strcmp(argv[i], "--seconds") && i + 1 < argc) {
+            seconds = static_cast<unsigned>(std::strtoul(argv[++i], nullptr, 10));
             continue;
         }
         fs::path p = argv[i];
@@ -76,7 +86,7 @@ int main(int argc, char **argv) {
     std::sort(files.begin(), files.end());
     unsigned wrong = 0;
     for (const fs::path &f : files) {
-        bool clean = runs_clean(f, &argc, &argv);
+        bool clean = runs_clean(f, seconds, &argc, &argv);
         if (clean == pending) {
             ++wrong;
             std::fprintf(stderr, pending ? "%s: now runs clean; move it to the regression inputs\n" : "%s: FAILED\n",
