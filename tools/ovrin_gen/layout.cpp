@@ -84,6 +84,12 @@ void resolve_record(Catalogue &c, Type &t) {
             if (!f.type || f.type->is_enum())
                 throw Error(f.line, f.name + ": the element type must be a record or union of the catalogue");
             break;
+        case Shape::fixed_array:
+            // A fixed array keeps one state byte per element in its record's flag area: there is
+            // no room for the flag areas of records as elements.
+            if (f.type && !f.type->is_enum())
+                throw Error(f.line, f.name + ": fixed arrays hold primitives or enumerations");
+            break;
         default: break;
         }
         if (f.shape == Shape::var_array || f.shape == Shape::var_string) {
