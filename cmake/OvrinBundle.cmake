@@ -10,11 +10,13 @@ function(ovrin_generate domain catalogue gen_dir)
     ${gen_dir}/src/sm_descriptors.cpp
     ${gen_dir}/src/sm_entry.cpp
     ${gen_dir}/src/sm_trace.cpp
-    ${gen_dir}/src/sm_manifest.cpp)
+    ${gen_dir}/src/sm_manifest.cpp
+    ${gen_dir}/src/sm_optable.cpp)
   set(gen_outputs ${gen_sources}
     ${gen_dir}/include/${domain}/types.h
     ${gen_dir}/include/${domain}/ops.h
     ${gen_dir}/include/${domain}/exports.inc
+    ${gen_dir}/include/${domain}/optable.h
     ${gen_dir}/include/${domain}_internal/tables.h
     ${gen_dir}/include/${domain}_internal/tables.inc
     ${gen_dir}/include/bundle_frame.h

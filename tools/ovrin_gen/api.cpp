@@ -443,6 +443,7 @@ std::vector<std::string> exported_names(const Catalogue &c) {
     std::vector<std::string> names;
     for (const BundleSymbol &s : bundle_functions()) names.push_back(s.name);
     for (const BundleSymbol &s : bundle_data()) names.push_back(s.name);
+    for (const BundleSymbol &s : optable_symbols()) names.push_back(s.name);
     for (const auto &t : c.types) names.push_back("_" + t->name + "_type_info_internal");
     for (const auto &t : c.types)
         for (const Wrapper &w : wrappers_of(*t)) names.push_back(w.name);

@@ -77,6 +77,11 @@ std::string emit_entry_points(const Catalogue &c);
 std::string emit_trace_table(const Catalogue &c);
 std::string emit_manifest(const Catalogue &c, const BuildInfo &build);
 std::string emit_frame_names(const Catalogue &c);
+// The operations table (include/NAME/optable.h and its definition with the thunks it points to),
+// and the symbols it adds to the exports.
+std::string emit_optable_header(const Catalogue &c);
+std::string emit_optable_source(const Catalogue &c);
+const std::vector<BundleSymbol> &optable_symbols();
 // An assembler block placing bytes in a named section that is kept in the file but not loaded.
 std::string nonloaded_section(const char *name, const std::vector<uint8_t> &bytes);
 // The section holding the compressed trace message texts.

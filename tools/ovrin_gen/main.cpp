@@ -6,10 +6,12 @@
 //   include/NAME/types.h                public: structs, literal constants, descriptors
 //   include/NAME/ops.h                  public: prototypes of every exported function
 //   include/NAME/exports.inc            the exported symbol names (for tests)
+//   include/NAME/optable.h              public: the operations of every type as one table
 //   include/NAME_internal/tables.h      internal: declarations of the type tables
 //   include/NAME_internal/tables.inc    internal: definitions of the type tables
 //   include/bundle_frame.h              internal: the bundle's names, for the frame's sources
 //   src/sm_tables.cpp src/sm_descriptors.cpp src/sm_entry.cpp src/sm_trace.cpp src/sm_manifest.cpp
+//   src/sm_optable.cpp
 //   NAME.map                            the linker's export list
 // Files whose contents did not change are left untouched, so that nothing rebuilds needlessly.
 #include <cctype>
@@ -111,6 +113,8 @@ int main(int argc, char **argv) {
         write("src/sm_entry.cpp", gen::emit_entry_points(c));
         write("src/sm_trace.cpp", gen::emit_trace_table(c));
         write("src/sm_manifest.cpp", gen::emit_manifest(c, build));
+        write(pub / "optable.h", gen::emit_optable_header(c));
+        write("src/sm_optable.cpp", gen::emit_optable_source(c));
         write(domain + ".map", gen::emit_version_script(c));
     } catch (const std::exception &e) {
         std::fprintf(stderr, "ovrin_gen: %s\n", e.what());
