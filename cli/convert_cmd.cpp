@@ -1,7 +1,5 @@
 // ovrin-sm decode / encode: captured wire bytes to the print form or XML, and XML to wire bytes,
 // for any type of the catalogue, named as the catalogue spells it.
-#include <dlfcn.h>
-
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
@@ -13,22 +11,13 @@
 #include "cli/commands.h"
 #include "cli/input.h"
 #include "mgx/runtime.h"
-#include "ovrin_sm/ops.h"
+#include "ovrin_sm/optable.h"
 
 namespace {
 
-using len_fn = uint32_t (*)(mgx_handle_t *, uint32_t, const void *);
-using marshal_fn = uint32_t (*)(mgx_handle_t *, uint32_t, uint8_t *, const void *, int32_t, uint32_t *);
-using unmarshal_fn = uint32_t (*)(mgx_handle_t *, uint32_t, const uint8_t *, void *, int32_t, uint32_t, uint32_t *);
-using render_fn = int32_t (*)(mgx_handle_t *, const void *, char *, uint32_t);
-using from_xml_fn = void (*)(mgx_handle_t *, uint32_t, const char *, void *, void *, uint32_t *, char *, uint32_t);
-
 std::vector<std::string> type_names() {
     std::vector<std::string> names;
-    for (const mgx_module_node_t *n = mgx_module_tot_root.first; n; n = n->next)
-        if (n->domain_name && !std::strcmp(n->domain_name, "ovrin_sm"))
-            for (const void *const *d = n->descriptor_table; *d; ++d)
-                names.push_back(static_cast<const mgx_type_info_t *>(*d)->type_name);
+    for (uint32_t i = 0; i < ovrin_sm_optable_count; ++i) names.push_back(ovrin_sm_optable[i].name);
     return names;
 }
 
@@ -47,47 +36,20 @@ size_t distance(const std::string &a, const std::string &b) {
     return row[b.size()];
 }
 
-// The type's operations, or a message listing the names that come close.
-struct TypeOps {
-    std::string name;
-    bool is_enum = false;
-    void *(*create)(mgx_handle_t *, uint32_t) = nullptr;
-    void (*destroy)(mgx_handle_t *, uint32_t, void *) = nullptr;
-    uint32_t (*adjust)(mgx_handle_t *, uint32_t, void *, uint32_t *) = nullptr;
-    void *len = nullptr, *marshal = nullptr, *unmarshal = nullptr, *print = nullptr, *xml = nullptr, *from_xml = nullptr;
-
-    template <class Fn> Fn get(const char *op) const {
-        return reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, (name + "_" + op).c_str()));
+// The type's operations, or null with a message listing the names that come close.
+const ovrin_sm_type_ops *find_type(const std::string &name) {
+    if (const ovrin_sm_type_ops *ops = ovrin_sm_optable_find(name.c_str())) return ops;
+    std::fprintf(stderr, "ovrin-sm: no type '%s'", name.c_str());
+    std::vector<std::pair<size_t, std::string>> close;
+    for (const std::string &n : type_names()) {
+        size_t d = distance(name, n);
+        if (d <= std::max<size_t>(3, name.size() / 3) || n.find(name) != std::string::npos) close.emplace_back(d, n);
     }
-};
-
-bool find_type(const std::string &name, TypeOps &ops) {
-    std::vector<std::string> names = type_names();
-    if (std::find(names.begin(), names.end(), name) == names.end()) {
-        std::fprintf(stderr, "ovrin-sm: no type '%s'", name.c_str());
-        std::vector<std::pair<size_t, std::string>> close;
-        for (const std::string &n : names) {
-            size_t d = distance(name, n);
-            if (d <= std::max<size_t>(3, name.size() / 3) || n.find(name) != std::string::npos) close.emplace_back(d, n);
-        }
-        std::sort(close.begin(), close.end());
-        if (!close.empty()) std::fprintf(stderr, "; close matches:");
-        for (size_t i = 0; i < close.size() && i < 5; ++i) std::fprintf(stderr, " %s", close[i].second.c_str());
-        std::fprintf(stderr, "\n");
-        return false;
-    }
-    ops.name = name;
-    ops.create = ops.get<void *(*)(mgx_handle_t *, uint32_t)>("create");
-    ops.destroy = ops.get<void (*)(mgx_handle_t *, uint32_t, void *)>("destroy");
-    ops.adjust = ops.get<uint32_t (*)(mgx_handle_t *, uint32_t, void *, uint32_t *)>("adjust_variant");
-    ops.is_enum = ops.get<void *>("map_to_internal_value") != nullptr;
-    ops.len = ops.get<void *>("len");
-    ops.marshal = ops.get<void *>("marshal");
-    ops.unmarshal = ops.get<void *>("unmarshal");
-    ops.print = ops.get<void *>("print_cr");
-    ops.xml = ops.get<void *>("toxml_cr");
-    ops.from_xml = ops.get<void *>("from_xml");
-    return ops.create && ops.destroy && ops.marshal && ops.unmarshal;
+    std::sort(close.begin(), close.end());
+    if (!close.empty()) std::fprintf(stderr, "; close matches:");
+    for (size_t i = 0; i < close.size() && i < 5; ++i) std::fprintf(stderr, " %s", close[i].second.c_str());
+    std::fprintf(stderr, "\n");
+    return nullptr;
 }
 
 // The message input: FILE, or standard input when it is absent or "-".
@@ -164,8 +126,8 @@ int ovrin_cmd_decode(int argc, char **argv) {
         std::fprintf(stderr, "usage: ovrin-sm decode TYPE [FILE] [--hex] [--xml] [--tracked]\n");
         return 2;
     }
-    TypeOps ops;
-    if (!find_type(o.type, ops)) return 2;
+    const ovrin_sm_type_ops *ops = find_type(o.type);
+    if (!ops) return 2;
     std::vector<uint8_t> bytes;
     if (!read_message(o.file, bytes)) return 1;
     if (o.hex && !from_hex(std::exchange(bytes, {}), bytes)) {
@@ -173,11 +135,10 @@ int ovrin_cmd_decode(int argc, char **argv) {
         return 1;
     }
     Session s(o.tracked);
-    void *instance = ops.create(s.h, 1);
+    void *instance = ops->create(s.h, 1);
     uint32_t err = 0;
-    if (ops.adjust) ops.adjust(s.h, 1, instance, &err);
-    uint32_t used = reinterpret_cast<unmarshal_fn>(ops.unmarshal)(s.h, 1, bytes.data(), instance,
-                                                                  static_cast<int32_t>(bytes.size()), 0, &err);
+    ops->adjust_variant(s.h, 1, instance, &err);
+    uint32_t used = ops->unmarshal(s.h, 1, bytes.data(), instance, static_cast<int32_t>(bytes.size()), 0, &err);
     int status = 0;
     if (err) {
         std::fprintf(stderr, "ovrin-sm: %zu bytes do not decode as %s: error %u (%s) after %u bytes\n", bytes.size(),
@@ -185,8 +146,9 @@ int ovrin_cmd_decode(int argc, char **argv) {
         status = 1;
     } else {
         std::vector<char> text(1 << 20);
-        auto render = reinterpret_cast<render_fn>(o.xml ? ops.xml : ops.print);
-        int32_t n = render(s.h, instance, text.data(), static_cast<uint32_t>(text.size()));
+        const auto size = static_cast<uint32_t>(text.size());
+        int32_t n = o.xml ? static_cast<int32_t>(ops->toxml_cr(s.h, instance, text.data(), size))
+                          : ops->print_cr(s.h, instance, text.data(), size);
         if (n < 0) {
             std::fprintf(stderr, "ovrin-sm: %s could not be rendered: error %u\n", o.type, mgx_handle_last_error(s.h));
             status = 1;
@@ -196,7 +158,7 @@ int ovrin_cmd_decode(int argc, char **argv) {
         }
         if (used < bytes.size()) std::fprintf(stderr, "ovrin-sm: %zu trailing bytes left over\n", bytes.size() - used);
     }
-    ops.destroy(s.h, 1, instance);
+    ops->destroy(s.h, 1, instance);
     return status;
 }
 
@@ -206,8 +168,8 @@ int ovrin_cmd_encode(int argc, char **argv) {
         std::fprintf(stderr, "usage: ovrin-sm encode TYPE [FILE] [--hex] [--tracked]\n");
         return 2;
     }
-    TypeOps ops;
-    if (!find_type(o.type, ops)) return 2;
+    const ovrin_sm_type_ops *ops = find_type(o.type);
+    if (!ops) return 2;
     std::vector<uint8_t> text;
     if (!read_message(o.file, text)) return 1;
     void *doc = mgx_xml_document_parse(reinterpret_cast<const char *>(text.data()), text.size());
@@ -216,12 +178,12 @@ int ovrin_cmd_encode(int argc, char **argv) {
         return 1;
     }
     Session s(o.tracked);
-    void *instance = ops.create(s.h, 1);
+    void *instance = ops->create(s.h, 1);
     uint32_t err = 0;
-    if (ops.adjust) ops.adjust(s.h, 1, instance, &err);
+    ops->adjust_variant(s.h, 1, instance, &err);
     char message[256] = "";
     std::string path = std::string("/") + o.type;
-    reinterpret_cast<from_xml_fn>(ops.from_xml)(s.h, 1, path.c_str(), doc, instance, &err, message, sizeof message);
+    ops->from_xml(s.h, 1, path.c_str(), doc, instance, &err, message, sizeof message);
     mgx_xml_document_free(doc);
     int status = 0;
     if (err) {
@@ -229,9 +191,9 @@ int ovrin_cmd_encode(int argc, char **argv) {
                      error_text(err), *message ? ": " : "", message);
         status = 1;
     } else {
-        uint32_t n = ops.is_enum ? 5 : reinterpret_cast<len_fn>(ops.len)(s.h, 1, instance);
+        uint32_t n = ops->len ? ops->len(s.h, 1, instance) : 5; // an enumeration's encoding is 5 bytes
         std::vector<uint8_t> out(n + 1);
-        n = reinterpret_cast<marshal_fn>(ops.marshal)(s.h, 1, out.data(), instance, static_cast<int32_t>(n), &err);
+        n = ops->marshal(s.h, 1, out.data(), instance, static_cast<int32_t>(n), &err);
         if (err) {
             std::fprintf(stderr, "ovrin-sm: %s does not encode: error %u (%s)\n", o.type, err, error_text(err));
             status = 1;
@@ -241,6 +203,6 @@ int ovrin_cmd_encode(int argc, char **argv) {
             std::fwrite(out.data(), 1, n, stdout);
         }
     }
-    ops.destroy(s.h, 1, instance);
+    ops->destroy(s.h, 1, instance);
     return status;
 }

@@ -1,0 +1,48 @@
+// ovrin-sm demo: frames over the socket: a 4-byte big-endian length, then the encoded message.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "cli/demo/demo.h"
+
+namespace ovrin::demo {
+
+bool write_all(int fd, const uint8_t *p, size_t n) {
+    while (n) {
+        ssize_t w = ::send(fd, p, n, MSG_NOSIGNAL); // a vanished peer is an error, not a signal
+        if (w < 0 && errno == EINTR) continue;
+        if (w <= 0) return false;
+        p += w;
+        n -= static_cast<size_t>(w);
+    }
+    return true;
+}
+
+bool read_all(int fd, uint8_t *p, size_t n) {
+    while (n) {
+        ssize_t r = ::read(fd, p, n);
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) return false;
+        p += r;
+        n -= static_cast<size_t>(r);
+    }
+    return true;
+}
+
+bool send_frame(int fd, const std::vector<uint8_t> &bytes) {
+    const uint32_t n = static_cast<uint32_t>(bytes.size());
+    const uint8_t head[4] = {uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)};
+    return write_all(fd, head, 4) && write_all(fd, bytes.data(), bytes.size());
+}
+
+bool receive_frame(int fd, std::vector<uint8_t> &bytes) {
+    uint8_t head[4];
+    if (!read_all(fd, head, 4)) return false;
+    const uint32_t n = uint32_t(head[0]) << 24 | uint32_t(head[1]) << 16 | uint32_t(head[2]) << 8 | head[3];
+    if (n == 0 || n > kMaxFrame) return false;
+    bytes.resize(n);
+    return read_all(fd, bytes.data(), n);
+}
+
+} // namespace ovrin::demo

@@ -1,0 +1,151 @@
+// ovrin-sm demo: the two processes, the client's verdict, and the command.
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "cli/commands.h"
+#include "cli/demo/demo.h"
+
+namespace ovrin::demo {
+namespace {
+
+// The session manager: answers every request of the script, for as many sessions as asked.
+int run_manager(const Options &opt, int fd) {
+    Side sm("session manager", "client", opt, fd);
+    mgx_handle_set_domain_variant(sm.h, "ovrin_smd_in_event", kManagerInEventVariant);
+    mgx_handle_set_domain_variant(sm.h, "ovrin_sm_in_event_type", kManagerInEventVariant);
+    bool going = true;
+    for (long s = 1; going && s <= opt.count; ++s) {
+        for (const Step &step : script()) {
+            if (!(going = sm.receive(in_event_ops(), rebuild_request, step.request, request_name(step.request), s)))
+                break;
+            for (Answer a : step.answers) {
+                uint32_t err = 0;
+                ovrin_smd_resp_event *msg = build_answer(sm.h, a, s, &err);
+                if (!(going = sm.send(resp_event_ops(), msg, err, answer_name(a), s))) break;
+            }
+            if (!going) break;
+        }
+        if (going) sm.report_memory(s);
+    }
+    // The client hangs up once it has everything; only then is the summary printed, after the
+    // client's last line. Anything still arriving is a request the script does not have.
+    uint8_t extra;
+    if (going && read_all(fd, &extra, 1)) {
+        std::fprintf(stderr, "session manager: the client sent more than the script holds\n");
+        going = false;
+    }
+    std::fflush(stdout);
+    const uint64_t live = sm.live();
+    std::printf("session manager: %ld received, %ld intact, %ld sent; live allocations %" PRIu64 "\n", sm.received,
+                sm.intact, sm.sent, live);
+    std::fflush(stdout);
+    return going && sm.intact == sm.received && live == 0 ? 0 : 1;
+}
+
+// The client: plays the script, checks every answer, and reports the verdict with the manager's.
+int run_client(const Options &opt, int fd, pid_t manager) {
+    Side cl("client", "session manager", opt, fd);
+    mgx_handle_set_state_tracking(cl.h, 1, MGX_STTR_TRACKED);
+    const auto start = std::chrono::steady_clock::now();
+    auto last_progress = start;
+    bool going = true;
+    long sessions = 0;
+    for (long s = 1; going && s <= opt.count; ++s) {
+        for (const Step &step : script()) {
+            uint32_t err = 0;
+            ovrin_smd_in_event *msg = build_request(cl.h, step.request, s, &err);
+            if (!(going = cl.send(in_event_ops(), msg, err, request_name(step.request), s))) break;
+            for (Answer a : step.answers) {
+                if (!(going = cl.receive(resp_event_ops(), rebuild_answer, a, answer_name(a), s))) break;
+            }
+            if (!going) break;
+        }
+        if (going) {
+            sessions = s;
+            cl.report_memory(s);
+        }
+        const auto now = std::chrono::steady_clock::now();
+        if (opt.count > 1 && now - last_progress >= std::chrono::seconds(1)) {
+            last_progress = now;
+            std::fprintf(stderr, "progress: %ld of %ld sessions, %ld messages\n", s, opt.count, cl.sent + cl.received);
+        }
+    }
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    std::fflush(stdout);
+    ::shutdown(fd, SHUT_WR); // the manager sees the end (and prints its summary after this output)
+    int status = 0;
+    while (::waitpid(manager, &status, 0) < 0 && errno == EINTR) {
+    }
+    const bool manager_ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    const uint64_t live = cl.live();
+    std::printf("client: %ld sent, %ld received, %ld intact; live allocations %" PRIu64 "\n", cl.sent, cl.received,
+                cl.intact, live);
+    const long expected = opt.count * static_cast<long>(messages_per_session());
+    const long messages = cl.sent + cl.received;
+    if (opt.count > 1 || seconds > 1.0)
+        std::printf("%ld sessions, %ld messages in %.3f s: %.0f messages per second\n", sessions, messages, seconds,
+                    seconds > 0 ? messages / seconds : 0.0);
+    const bool pass = going && manager_ok && cl.intact == cl.received && live == 0 && messages == expected;
+    if (pass)
+        std::printf("verdict: PASS, all %ld messages arrived intact and both handles hold no allocations\n", messages);
+    else
+        std::printf("verdict: FAIL, %s\n",
+                    !manager_ok ? (WIFEXITED(status) ? "the session manager reported failures"
+                                                     : "the session manager did not end normally")
+                    : cl.intact != cl.received ? "the client received damaged messages"
+                    : live != 0                ? "the client's handle still holds allocations"
+                                               : "the exchange ended early");
+    std::fflush(stdout);
+    return pass ? 0 : 1;
+}
+
+} // namespace
+} // namespace ovrin::demo
+
+int ovrin_cmd_demo(int argc, char **argv) {
+    using namespace ovrin::demo;
+    Options opt;
+    if (!parse(argc, argv, opt)) {
+        std::fprintf(stderr, "usage: ovrin-sm demo [--xml | --hex | --quiet] [--count N] [--corrupt FRAME] [--trace FILE]\n"
+                             "                      [--memory-every N]\n");
+        return 2;
+    }
+    if (opt.trace) {
+        if (int e = mgx_trace_file_open(opt.trace)) {
+            std::fprintf(stderr, "ovrin-sm demo: cannot write the trace file %s: %s\n", opt.trace, std::strerror(e));
+            return 1;
+        }
+    }
+    int fds[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) {
+        std::perror("ovrin-sm demo: socketpair");
+        return 1;
+    }
+    std::fflush(nullptr); // nothing buffered may be written twice after the fork
+    pid_t pid = ::fork();
+    if (pid < 0) {
+        std::perror("ovrin-sm demo: fork");
+        ::close(fds[0]);
+        ::close(fds[1]);
+        return 1;
+    }
+    if (pid == 0) {
+        ::close(fds[0]);
+        int status = run_manager(opt, fds[1]);
+        ::close(fds[1]);
+        std::fflush(nullptr);
+        ::_exit(status);
+    }
+    ::close(fds[1]);
+    int status = run_client(opt, fds[0], pid);
+    ::close(fds[0]);
+    return status;
+}
