@@ -4,29 +4,15 @@
 // leaves an instance equal to the source.
 #include <gtest/gtest.h>
 
+#include <span>
+#include <string>
 #include <vector>
 
 #include "mgx/runtime.h"
-#include "tests/sm_fill.h"
 #include "tests/sm_heap.h"
+#include "tests/sm_type_ops.h"
 
 namespace {
-
-using Ops = struct {
-    uint32_t (*len)(mgx_handle_t *, uint32_t, const void *);
-    uint32_t (*marshal)(mgx_handle_t *, uint32_t, uint8_t *, const void *, int32_t, uint32_t *);
-    uint32_t (*unmarshal)(mgx_handle_t *, uint32_t, const uint8_t *, void *, int32_t, uint32_t, uint32_t *);
-    uint32_t (*adjust)(mgx_handle_t *, uint32_t, void *, uint32_t *);
-    int32_t (*compare)(const void *, const void *);
-};
-
-Ops ops_of(const ovrin::Type &t) {
-    return Ops{reinterpret_cast<decltype(Ops::len)>(testfill::op(t, "len")),
-               reinterpret_cast<decltype(Ops::marshal)>(testfill::op(t, "marshal")),
-               reinterpret_cast<decltype(Ops::unmarshal)>(testfill::op(t, "unmarshal")),
-               reinterpret_cast<decltype(Ops::adjust)>(testfill::op(t, "adjust_variant")),
-               reinterpret_cast<decltype(Ops::compare)>(testfill::op(t, "compare"))};
-}
 
 struct Counts {
     uint64_t handle, heap;
@@ -36,44 +22,44 @@ Counts counts(mgx_handle_t *h) { return {mgx_handle_total_allocations(h), heap::
 // Runs the checks over every record and union of the catalogue, each filled with every union
 // member in turn, in a handle as the caller prepares it.
 template <class Prepare> void every_type(Prepare prepare) {
-    for (const ovrin::Type *t : testfill::types()) {
-        if (t->kind == ovrin::TypeKind::enumeration) continue;
+    for (const typeops::Ops &o : typeops::all()) {
+        if (o.is_enum()) continue;
+        const ovrin::Type *t = o.type;
         uint32_t members = std::max(1u, testfill::members(*t));
         for (uint32_t arm = 0; arm < members; ++arm) {
             SCOPED_TRACE(std::string(t->name) + " member " + std::to_string(arm));
             mgx_handle_t *h = mgx_handle_create();
             prepare(h);
-            Ops ops = ops_of(*t);
-            void *source = testfill::create(*t, h);
+            void *source = o.create(h, 1);
             testfill::fill(*t, h, source, 7, arm);
-            std::vector<uint8_t> wire(ops.len(h, 1, source) + 1), again(wire.size());
+            std::vector<uint8_t> wire(o.record_len(h, 1, source) + 1), again(wire.size());
             auto space = static_cast<int32_t>(wire.size() - 1);
             uint32_t err = 0;
 
             Counts before = counts(h);
-            uint32_t n = ops.marshal(h, 1, wire.data(), source, space, &err);
+            uint32_t n = o.marshal(h, 1, wire.data(), source, space, &err);
             Counts after = counts(h);
             ASSERT_EQ(err, 0u);
             EXPECT_EQ(after.handle, before.handle) << "encoding allocated from the handle";
             EXPECT_EQ(after.heap, before.heap) << "encoding allocated from the heap";
 
-            void *target = testfill::create(*t, h);
-            ops.adjust(h, 1, target, &err);
-            ops.unmarshal(h, 1, wire.data(), target, static_cast<int32_t>(n), 0, &err);
+            void *target = o.create(h, 1);
+            o.adjust_variant(h, 1, target, &err);
+            o.unmarshal(h, 1, wire.data(), target, static_cast<int32_t>(n), 0, &err);
             ASSERT_EQ(err, 0u);
             before = counts(h);
-            uint32_t m = ops.unmarshal(h, 1, wire.data(), target, static_cast<int32_t>(n), 1, &err);
+            uint32_t m = o.unmarshal(h, 1, wire.data(), target, static_cast<int32_t>(n), 1, &err);
             after = counts(h);
             EXPECT_EQ(err, 0u);
             EXPECT_EQ(m, n);
             EXPECT_EQ(after.handle, before.handle) << "decoding into the same sizes allocated from the handle";
             EXPECT_EQ(after.heap, before.heap) << "decoding into the same sizes allocated from the heap";
-            EXPECT_EQ(ops.compare(target, source), 0);
-            EXPECT_EQ(ops.marshal(h, 1, again.data(), target, space, &err), n);
+            EXPECT_EQ(o.compare(target, source), 0);
+            EXPECT_EQ(o.marshal(h, 1, again.data(), target, space, &err), n);
             EXPECT_TRUE(std::equal(wire.begin(), wire.begin() + n, again.begin()));
 
-            testfill::destroy(*t, h, target);
-            testfill::destroy(*t, h, source);
+            o.destroy(h, 1, target);
+            o.destroy(h, 1, source);
             EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
             mgx_handle_destroy(h);
         }
@@ -96,6 +82,87 @@ TEST(WireAllocations, NoneWithDomainVariantsSet) {
 // A tracking handle carries state bytes and per-element flags through the same paths.
 TEST(WireAllocations, NoneUnderStateTracking) {
     every_type([](mgx_handle_t *h) { mgx_handle_set_state_tracking(h, 1, MGX_STTR_TRACKED); });
+}
+
+
+// The bundle's generated operations table: the catalogue's types in registration order, each with
+// its kind and the operations that kind has, found by name.
+TEST(OperationsTable, EveryTypeInRegistrationOrder) {
+    const std::vector<const ovrin::Type *> &types = testfill::types();
+    std::span<const typeops::Entry> table = typeops::table();
+    ASSERT_EQ(table.size(), types.size());
+    for (size_t i = 0; i < table.size(); ++i) {
+        const typeops::Entry &e = table[i];
+        SCOPED_TRACE(types[i]->name);
+        EXPECT_STREQ(e.name, types[i]->name);
+        const bool is_enum = types[i]->kind == ovrin::TypeKind::enumeration;
+        const int kind = is_enum ? 0 : types[i]->kind == ovrin::TypeKind::record ? 1 : 2;
+        EXPECT_EQ(static_cast<int>(e.kind), kind);
+        for (bool present : {e.create != nullptr, e.destroy != nullptr, e.adjust_variant != nullptr,
+                             e.marshal != nullptr, e.unmarshal != nullptr, e.to_xml != nullptr,
+                             e.from_xml != nullptr, e.print != nullptr, e.print_cr != nullptr,
+                             e.toxml_cr != nullptr, e.compare != nullptr, e.hash != nullptr})
+            EXPECT_TRUE(present);
+        EXPECT_EQ(e.len != nullptr, !is_enum);
+        EXPECT_EQ(e.clone != nullptr, !is_enum);
+        EXPECT_EQ(typeops::find(e.name), &e);
+        EXPECT_EQ(typeops::find((std::string(e.name) + "_").c_str()), nullptr);
+    }
+    EXPECT_EQ(typeops::find(""), nullptr);
+    EXPECT_EQ(typeops::find(nullptr), nullptr);
+}
+
+// Called through the table, a filled instance of every type (every union member) survives the wire,
+// XML and a clone, and prints the same before and after.
+TEST(OperationsTable, CallsRoundTripFilledInstances) {
+    std::vector<char> text(1 << 16), again(text.size());
+    const auto size = static_cast<uint32_t>(text.size());
+    for (const typeops::Ops &o : typeops::all()) {
+        const typeops::Entry &e = *o.entry;
+        for (unsigned arm = 0; arm < o.arms(); ++arm) {
+            SCOPED_TRACE(std::string(e.name) + " member " + std::to_string(arm));
+            mgx_handle_t *h = mgx_handle_create();
+            void *source = typeops::make_filled(o, h, 11, arm);
+            uint32_t err = 0;
+            std::vector<uint8_t> wire = typeops::encode(o, h, source, &err);
+            ASSERT_EQ(err, 0u);
+            void *decoded = typeops::make(o, h);
+            EXPECT_EQ(e.unmarshal(h, 1, wire.data(), decoded, static_cast<int32_t>(wire.size()), 0, &err), wire.size());
+            EXPECT_EQ(err, 0u);
+            EXPECT_EQ(e.compare(decoded, source), 0);
+            EXPECT_EQ(e.hash(decoded, 3), e.hash(source, 3));
+
+            int32_t printed = e.print_cr(h, source, text.data(), size);
+            ASSERT_GT(printed, 0);
+            EXPECT_EQ(e.print_cr(h, decoded, again.data(), size), printed);
+            EXPECT_EQ(std::string(again.data(), static_cast<size_t>(printed)),
+                      std::string(text.data(), static_cast<size_t>(printed)));
+
+            uint32_t xml = e.toxml_cr(h, source, text.data(), size);
+            ASSERT_GT(xml, 0u);
+            ASSERT_LT(xml, size);
+            void *doc = mgx_xml_document_parse(text.data(), xml);
+            ASSERT_NE(doc, nullptr);
+            void *read = typeops::make(o, h);
+            e.from_xml(h, 1, e.name, doc, read, &err, nullptr, 0);
+            mgx_xml_document_free(doc);
+            EXPECT_EQ(err, 0u);
+            EXPECT_EQ(e.compare(read, source), 0);
+
+            if (e.clone) {
+                void *copy = nullptr;
+                std::vector<uint8_t> work(e.len(h, 1, source) + 64);
+                e.clone(h, 1, source, &copy, work.data(), static_cast<uint32_t>(work.size()), &err);
+                ASSERT_EQ(err, 0u);
+                ASSERT_NE(copy, nullptr);
+                EXPECT_EQ(e.compare(copy, source), 0);
+                e.destroy(h, 1, copy);
+            }
+            for (void *instance : {read, decoded, source}) e.destroy(h, 1, instance);
+            EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
+            mgx_handle_destroy(h);
+        }
+    }
 }
 
 } // namespace

@@ -1,22 +1,40 @@
-// Test and fuzzing support: the exported operations of every type, looked up by name, and filled
-// instances made through them (the filling itself is sm_fill.h's). Operations a build does not
-// have yet are null, so that callers can use them when present.
+// Test and fuzzing support: the exported operations of every type, from the bundle's generated
+// operations table, and filled instances made through them (the filling itself is sm_fill.h's).
 #ifndef OVRIN_TESTS_SM_TYPE_OPS_H
 #define OVRIN_TESTS_SM_TYPE_OPS_H
 
-#include <dlfcn.h>
-
 #include <cstdlib>
 #include <cstring>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "tests/sm_fill.h"
 
+// A test program links one bundle, and only that bundle's generated headers are on its path.
+#if __has_include("ovrin_sm/optable.h")
+#include "ovrin_sm/optable.h"
+namespace typeops {
+using Entry = ovrin_sm_type_ops;
+inline std::span<const Entry> table() { return {ovrin_sm_optable, ovrin_sm_optable_count}; }
+inline const Entry *find(const char *name) { return ovrin_sm_optable_find(name); }
+} // namespace typeops
+#elif __has_include("shapes/optable.h")
+#include "shapes/optable.h"
+namespace typeops {
+using Entry = shapes_type_ops;
+inline std::span<const Entry> table() { return {shapes_optable, shapes_optable_count}; }
+inline const Entry *find(const char *name) { return shapes_optable_find(name); }
+} // namespace typeops
+#else
+#error "no bundle's operations table on the include path"
+#endif
+
 namespace typeops {
 
 struct Ops {
     const ovrin::Type *type;
+    const Entry *entry; // the generated table's entry, for the operations not copied here
     void *(*create)(mgx_handle_t *, uint32_t);
     void (*destroy)(mgx_handle_t *, uint32_t, void *);
     uint32_t (*adjust_variant)(mgx_handle_t *, uint32_t, void *, uint32_t *);
@@ -34,31 +52,20 @@ struct Ops {
     unsigned arms() const { return is_union() ? testfill::members(*type) : 1; } // fill's member choices
 };
 
-template <class Fn> Fn lookup(const ovrin::Type &t, const char *op) {
-    return reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, (std::string(t.name) + "_" + op).c_str()));
-}
-
-// Every type in registration order (the order of the descriptor table).
+// Every type in registration order (the order of the descriptor table). The test program's copy
+// of the type tables and the library's operations table must name the same types in the same
+// order.
 inline const std::vector<Ops> &all() {
     static const std::vector<Ops> list = [] {
         std::vector<Ops> out;
-        for (const ovrin::Type *t : testfill::types()) {
-            Ops o{};
-            o.type = t;
-            o.create = lookup<decltype(o.create)>(*t, "create");
-            o.destroy = lookup<decltype(o.destroy)>(*t, "destroy");
-            o.adjust_variant = lookup<decltype(o.adjust_variant)>(*t, "adjust_variant");
-            o.marshal = lookup<decltype(o.marshal)>(*t, "marshal");
-            o.unmarshal = lookup<decltype(o.unmarshal)>(*t, "unmarshal");
-            if (!o.is_enum()) {
-                o.record_len = lookup<decltype(o.record_len)>(*t, "len");
-                o.clone = lookup<decltype(o.clone)>(*t, "clone");
-            }
-            o.compare = lookup<decltype(o.compare)>(*t, "compare");
-            o.to_xml = lookup<decltype(o.to_xml)>(*t, "to_xml");
-            o.from_xml = lookup<decltype(o.from_xml)>(*t, "from_xml");
-            if (!o.create || !o.destroy || !o.adjust_variant || !o.marshal || !o.unmarshal) std::abort();
-            out.push_back(o);
+        const std::vector<const ovrin::Type *> &types = testfill::types();
+        std::span<const Entry> entries = table();
+        if (entries.size() != types.size()) std::abort();
+        for (size_t i = 0; i < types.size(); ++i) {
+            const Entry &e = entries[i];
+            if (std::strcmp(e.name, types[i]->name)) std::abort();
+            out.push_back(Ops{types[i], &e, e.create, e.destroy, e.adjust_variant, e.marshal, e.unmarshal, e.len,
+                              e.clone, e.compare, e.to_xml, e.from_xml});
         }
         return out;
     }();
