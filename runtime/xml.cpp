@@ -302,6 +302,13 @@ bool attributes_within_limit(const char *text, size_t n, size_t &line) {
             char quote = 0;
             size_t at = lines;
             for (++i; i < n; ++i) {
+                // Inside a declaration's internal subset, comments and processing instructions
+                // are stepped over whole: a quote in them opens nothing.
+                if (declaration && !quote && (starts("<!--") || starts("<?"))) {
+                    skip_to(starts("<?") ? "?>" : "-->");
+                    --i; // the loop steps past the end marker's last character
+                    continue;
+                }
                 char c = text[i];
                 if (c == '\n') ++lines;
                 if (quote) {
