@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <new>
@@ -61,6 +62,16 @@ inline std::string string_at(const std::vector<uint8_t> &table, uint64_t offset)
     if (offset >= table.size()) return {};
     const char *begin = reinterpret_cast<const char *>(table.data()) + offset;
     return std::string(begin, strnlen(begin, table.size() - offset));
+}
+
+// A section or symbol name; one longer than any name a reader looks for (max_name) is taken as no
+// name, so that many entries sharing one long name hold no copies of it.
+inline constexpr size_t max_name = 255;
+inline std::string name_at(const std::vector<uint8_t> &table, uint64_t offset) {
+    if (offset >= table.size()) return {};
+    const char *begin = reinterpret_cast<const char *>(table.data()) + offset;
+    size_t n = strnlen(begin, std::min<uint64_t>(table.size() - offset, max_name + 1));
+    return n > max_name ? std::string() : std::string(begin, n);
 }
 
 inline bool fits(uint64_t offset, uint64_t size, uint64_t file_size) {
@@ -174,7 +185,7 @@ inline std::optional<File> parse(std::vector<uint8_t> bytes, const std::string &
     f.sections.reserve(count);
     for (uint64_t i = 0; i < count; ++i) {
         const Elf64_Shdr &h = headers[i];
-        Section s{detail::string_at(names, h.sh_name), h.sh_type, h.sh_flags, h.sh_offset, h.sh_size, h.sh_link};
+        Section s{detail::name_at(names, h.sh_name), h.sh_type, h.sh_flags, h.sh_offset, h.sh_size, h.sh_link};
         const std::string which = "section " + std::to_string(i) + (s.name.empty() ? "" : " (" + s.name + ")");
         // Section 0 carries the extended counts in its size; SHT_NOBITS occupies no file bytes.
         if (i != 0 && h.sh_type != SHT_NULL && h.sh_type != SHT_NOBITS && !detail::fits(h.sh_offset, h.sh_size, size))
@@ -210,7 +221,7 @@ inline std::vector<std::string> defined_dynamic_symbols(const File &f) {
     for (size_t off = sizeof(Elf64_Sym); off + sizeof(Elf64_Sym) <= symbols.size(); off += sizeof(Elf64_Sym)) {
         Elf64_Sym sym;
         std::memcpy(&sym, symbols.data() + off, sizeof sym);
-        if (sym.st_shndx != SHN_UNDEF) names.push_back(detail::string_at(strings, sym.st_name));
+        if (sym.st_shndx != SHN_UNDEF) names.push_back(detail::name_at(strings, sym.st_name));
     }
     return names;
 }

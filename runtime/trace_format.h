@@ -133,7 +133,9 @@ inline bool expand_texts(const std::vector<uint8_t> &section, uint32_t count, ui
                 std::to_string(count) + ")";
         return false;
     }
-    if (raw_length > (64u << 20)) {
+    // A bundle numbers a few thousand messages; a million is far beyond any, and keeps what the
+    // texts take in memory near their own size however many empty texts a section claims.
+    if (raw_length > (64u << 20) || n > (1u << 20)) {
         error = "message texts too long";
         return false;
     }
