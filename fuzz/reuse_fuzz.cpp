@@ -10,10 +10,11 @@
 // A is decoded into a fresh instance, then B over it; either may fail (error 12 exactly when an
 // allocation was refused). When B decodes and nothing was refused, B is decoded into a second
 // fresh instance too, which must succeed with the same length and compare equal to the first, and
-// both must encode to the same bytes, with one exception: B sent without state bytes (flag byte
-// without 0x08) and received on a tracking handle leaves the state flags the instance had, which
-// its encoding carries. Then only the encodings with the state bytes left out
-// (each decoded once more on the untracked handle and encoded there) must be equal. An arm that
+// both must encode to the same bytes, with one exception: on a tracking handle the state flags
+// are the instance's, and a decode copies only the state bytes B carries (none when B was sent
+// untracked, none past B's end), so flags A left stay and its encoding carries them. There only
+// the encodings with the state bytes left out (each decoded once more on the untracked handle
+// and encoded there) must be equal. An arm that
 // B's discriminator does not select may stay from A, but is neither encoded nor compared (the hash
 // does count it, so the hashes are not compared). A B whose variant byte is negative is a header
 // alone: the instance keeps A's members, so it is not compared; retained data that A brought and B
@@ -93,7 +94,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (t.compare && !header_alone && t.compare(x, y) != 0)
             die(t.name + ": B over A compares unequal to B decoded fresh" + both);
         if (ex != ey) die(t.name + ": B over A encodes with error " + std::to_string(ex) + ", fresh " + std::to_string(ey));
-        bool keeps_state_flags = tracked && !t.is_enum && nb >= 2 && !(b[1] & 0x08);
+        // State flags are the instance's: a decode copies only the state bytes B carries (none when
+        // B was sent untracked, none past B's end), and the rest stay as A left them.
+        bool keeps_state_flags = tracked && !t.is_enum;
         // The object flag byte is merged into the instance's (bitwise or): retained data that A
         // brought (0x20) stays with the instance when B brings none, and is encoded with it.
         bool keeps_retained = !t.is_enum && nb >= 2 && !(b[1] & 0x20) &&
