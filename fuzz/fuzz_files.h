@@ -5,8 +5,10 @@
 #define OVRIN_FUZZ_FUZZ_FILES_H
 
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -20,13 +22,25 @@ extern "C" void __sanitizer_set_report_fd(void *fd) __attribute__((weak));
 
 namespace fuzz {
 
-// A directory made for this process under $TMPDIR (or /tmp) and removed when it exits normally.
+// A directory made for this process under $TMPDIR (or /tmp), named after the process id, and
+// removed when the process exits normally. A process that aborts (a finding) leaves its own, so
+// each new one first removes those whose process is gone.
 inline const std::string &scratch_dir() {
     struct Scratch {
         std::string path;
         Scratch() {
+            namespace fs = std::filesystem;
             const char *tmp = std::getenv("TMPDIR");
-            path = std::string(tmp && *tmp ? tmp : "/tmp") + "/ovrin-fuzz-XXXXXX";
+            const fs::path parent = tmp && *tmp ? tmp : "/tmp";
+            const std::string prefix = "ovrin-fuzz-";
+            std::error_code ec;
+            for (const auto &e : fs::directory_iterator(parent, ec)) {
+                std::string name = e.path().filename().string();
+                if (name.compare(0, prefix.size(), prefix) != 0) continue;
+                long pid = std::strtol(name.c_str() + prefix.size(), nullptr, 10);
+                if (pid > 0 && ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) fs::remove_all(e.path(), ec);
+            }
+            path = (parent / (prefix + std::to_string(::getpid()) + "-XXXXXX")).string();
             if (!mkdtemp(path.data())) die("cannot make a scratch directory " + path);
         }
         ~Scratch() {
