@@ -20,7 +20,7 @@ inline void *field_at(void *instance, const Field &f) { return bytes(instance) +
 inline const void *field_at(const void *instance, const Field &f) { return bytes(instance) + f.offset; }
 
 // A count or length field, read and written at its own width (the generator allows u_int16 and
-// u_int32 counters). Every family reads counts through these and nothing else.
+// u_int32 counters). The field walker (ops/walk.h) reads counts through these; nothing else does.
 inline uint32_t count_at(const void *instance, const Field &counter) {
     const void *p = field_at(instance, counter);
     uint16_t narrow;
@@ -36,10 +36,6 @@ inline void store_count(void *instance, const Field &counter, uint32_t value) {
     } else {
         std::memcpy(p, &value, sizeof value);
     }
-}
-// The element count of a variable array, or the length of a string, from its companion field.
-inline uint32_t companion_count(const Type &t, const Field &f, const void *instance) {
-    return count_at(instance, t.fields[f.companion]);
 }
 
 // The storage of a variable array: its elements, then, in a tracking instance, one flag slot per

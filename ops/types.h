@@ -48,6 +48,12 @@ inline constexpr uint16_t no_area = 0xFFFF;
 inline constexpr unsigned max_counted_fields = 16;
 inline constexpr uint16_t aaa_tlv_area_size = AAA_TLV_STTR_AREA;
 
+// What a field takes part in beyond its own accessors, as the generator decided it.
+enum FieldRole : uint8_t {
+    field_settable_by_all = 1u << 0, // one of the values <type>_set_all takes, in field order
+    field_readable_by_all = 1u << 1, // one of the outputs <type>_get_all fills, in field order
+};
+
 struct Field {
     const char *name;
     const Type *type;      // enumeration, record or union of the field, member or array element; null for primitives
@@ -64,6 +70,7 @@ struct Field {
     uint16_t sttr_nested;  // nested record/union area, aaa_tlv area, fixed-array element bytes, or the
                            // var-array reference slot (8 bytes) in the same area; no_area otherwise
     uint32_t select;       // member: the discriminator's user value that selects it
+    uint8_t roles;         // FieldRole bits
 };
 
 struct Literal {

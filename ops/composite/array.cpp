@@ -5,10 +5,11 @@
 #include <cstring>
 
 #include "ops/composite/composite.h"
-#include "ops/composite/steps.h"
+#include "ops/steps.h"
 #include "ops/enum/enum.h"
 #include "ops/record/access.h"
 #include "ops/record/lifecycle.h"
+#include "ops/walk.h"
 #include "ops/wire/wire.h"
 
 namespace ovrin {
@@ -60,10 +61,6 @@ void element_set_value(const Field &f, mgx_handle_t *h, uint32_t luid, void *ele
     }
 }
 
-void *fixed_element(void *instance, const Field &f, uint32_t index) {
-    return bytes(instance) + f.offset + size_t{index} * f.elem_size;
-}
-
 // Whole-array and element flags after an element was set.
 void mark_element(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index,
                   uint32_t *err) {
@@ -75,8 +72,6 @@ void mark_element(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid,
 }
 
 // ---------------------------------------------------------------- blocks of variable arrays
-
-void *&block_of(void *instance, const Field &f) { return pointer_at(instance, f); }
 
 
 // The record's reference to the per-element bytes, kept in its own flag area.
@@ -98,8 +93,8 @@ void note_reallocation(const Type &t) {
 // nested records and attribute lists are registered against its flag bytes in the new block.
 void reregister(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint8_t *flags, uint32_t n,
                 uint32_t *err) {
-    for (uint32_t k = 0; flags && k < n; ++k)
-        offset_update(*f.type, h, luid, ArrayLayout(f).element(block, k), ArrayLayout(f).slot_of(flags, k), err);
+    const ArrayLayout layout(f);
+    for (uint32_t k = 0; flags && k < n; ++k) offset_update(*f.type, h, luid, layout.element(block, k), layout.slot_of(flags, k), err);
 }
 
 // Makes room for element index: a new block of exactly index+1 elements holding the old elements
@@ -107,8 +102,9 @@ void reregister(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uin
 // the array as it was.
 bool grow(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index,
           uint32_t *err) {
-    void *&block = block_of(instance, f);
-    uint32_t old_count = block ? companion_count(t, f, instance) : 0;
+    const FieldAt<void> a = field_of(t, f, instance);
+    void *&block = a.pointer();
+    uint32_t old_count = block ? a.count() : 0;
     if (block) note_reallocation(t);
     uint32_t count = index + 1;
     bool with_flags = tracking(t, h);
@@ -122,22 +118,14 @@ bool grow(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *i
     std::memset(fresh, 0, size);
     uint8_t *flags = layout.flags(fresh, count, with_flags);
     if (old_count) {
-        std::memcpy(fresh, block, size_t{old_count} * f.elem_size);
+        std::memcpy(fresh, block, layout.size(old_count, false));
         if (uint8_t *old_flags = layout.flags(block, old_count, with_flags))
             std::memcpy(flags, old_flags, old_count * layout.slot);
     }
-    for (uint32_t k = old_count; k < count; ++k) {
-        void *element = layout.element(fresh, k);
-        uint8_t *base = layout.slot_of(flags, k);
-        uint32_t local = 0;
-        initialize(*f.type, h, luid, element, f.type->descriptor, 0, 0, MGX_IF_NESTED, base, &local);
-        if (local) {
-            // Undo: the new elements made so far go; the old ones still live in the old block.
-            for (uint32_t j = old_count; j < k; ++j) destroy_internal(*f.type, h, luid, layout.element(fresh, j), 0);
-            h->inst_free(h->alloc_ctx, luid, fresh);
-            fail(h, err, local);
-            return false;
-        }
+    // On failure the old elements still live in the old block.
+    if (!init_elements(f, h, luid, fresh, count, old_count, count, with_flags, false, err)) {
+        h->inst_free(h->alloc_ctx, luid, fresh);
+        return false;
     }
     reregister(f, h, luid, fresh, flags, old_count, err);
     if (block) {
@@ -145,7 +133,7 @@ bool grow(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *i
             for (uint32_t k = 0; k < old_count; ++k) mgxdb_plat_set_detach(h, luid, layout.element(block, k));
         h->inst_free(h->alloc_ctx, luid, block);
     }
-    set_companion(t, f, h, luid, instance, count);
+    set_count(h, luid, a, count);
     notify(h, &block, sizeof block, luid, instance);
     block = fresh;
     set_flag_reference(t, f, h, luid, instance, flags);
@@ -168,14 +156,14 @@ void rebuild_from_wire(const Field &f, mgx_handle_t *h, uint32_t luid, void *ele
 
 // ---------------------------------------------------------------- fixed arrays
 
-void *fixed_get(const Type &, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index,
+void *fixed_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index,
                 uint32_t *err) {
     if (!start(h, luid, instance, err) || !present_in(f, h, instance, err)) return nullptr;
     if (index >= f.count) {
         fail(h, err, MGX_ENOENT);
         return nullptr;
     }
-    void *element = fixed_element(instance, f, index);
+    void *element = field_of(t, f, instance).element(index);
     report(h, luid, element, instance);
     return element;
 }
@@ -193,7 +181,7 @@ void fixed_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, vo
     if (!value) return;
     if (!start(h, luid, instance, err) || !adjust_for(t, f, h, luid, instance, err)) return;
     if (index >= f.count) return;
-    void *element = fixed_element(instance, f, index);
+    void *element = field_of(t, f, instance).element(index);
     element_set(f, h, luid, element, value, err);
     if (err && *err) return;
     mark_element(t, f, h, luid, instance, index, err);
@@ -205,7 +193,7 @@ void fixed_set_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lu
     if (!start(h, luid, instance, err)) return;
     if (index >= f.count) return fail(h, err, MGX_ENOENT);
     if (!adjust_for(t, f, h, luid, instance, err)) return;
-    void *element = fixed_element(instance, f, index);
+    void *element = field_of(t, f, instance).element(index);
     element_set_value(f, h, luid, element, value, err);
     if (err && *err) return;
     mark_element(t, f, h, luid, instance, index, err);
@@ -218,7 +206,7 @@ void fixed_get_mem(const Type &, const Field &f, mgx_handle_t *h, uint32_t luid,
     if (length > static_cast<int32_t>(f.count)) return fail(h, err, MGX_EINVAL);
     if (length <= 0) return;
     if (!buffer) return fail(h, err, MGX_EINVAL);
-    std::memcpy(buffer, field_at(instance, f), size_t(length) * f.elem_size);
+    std::memcpy(buffer, field_at(instance, f), ArrayLayout(f).size(static_cast<uint32_t>(length), false));
 }
 
 // Enumeration elements take the values only: their headers stay the record's.
@@ -230,13 +218,15 @@ void fixed_set_mem(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid
     if (err && *err) return;
     if (length > 0) {
         if (!buffer) return fail(h, err, MGX_EINVAL);
-        notify(h, field_at(instance, f), size_t(length) * f.elem_size, luid, instance);
+        const ArrayLayout layout(f);
+        const auto n = static_cast<uint32_t>(length);
+        notify(h, field_at(instance, f), layout.size(n, false), luid, instance);
         if (f.kind == Kind::enumeration) {
-            for (int32_t i = 0; i < length; ++i)
-                static_cast<EnumInstance *>(fixed_element(instance, f, static_cast<uint32_t>(i)))->value =
-                    static_cast<const EnumInstance *>(static_cast<const void *>(bytes(buffer) + size_t(i) * f.elem_size))->value;
+            const FieldAt<void> a = field_of(t, f, instance);
+            for (uint32_t k = 0; k < n; ++k)
+                static_cast<EnumInstance *>(a.element(k))->value = static_cast<const EnumInstance *>(layout.element(buffer, k))->value;
         } else {
-            std::memcpy(field_at(instance, f), buffer, size_t(length) * f.elem_size);
+            std::memcpy(field_at(instance, f), buffer, layout.size(n, false));
         }
     }
     // Only the whole-array flag says so; the element flags are left as they were.
@@ -265,14 +255,13 @@ uint8_t *element_flag(const Type &t, const Field &f, mgx_handle_t *h, uint32_t l
         uint8_t *area = state_area(t, h, luid, instance);
         return area ? area + f.sttr_nested + index : nullptr;
     }
-    uint32_t count = companion_count(t, f, instance);
-    void *block = block_of(instance, f);
-    if (!block || index >= count) {
+    const FieldAt<void> a = field_of(t, f, instance);
+    if (!a.block() || index >= a.count()) {
         fail(h, err, MGX_ENOENT);
         return nullptr;
     }
     const ArrayLayout layout(f);
-    return layout.slot_of(layout.flags(block, count, tracking(t, h)), index);
+    return layout.slot_of(layout.flags(a.block(), a.count(), tracking(t, h)), index);
 }
 
 } // namespace
@@ -301,7 +290,8 @@ void flag_array_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lui
         if (uint8_t *area = state_area(t, h, luid, instance)) *out = area + f.sttr_nested;
         return;
     }
-    *out = ArrayLayout(f).flags(block_of(instance, f), companion_count(t, f, instance), tracking(t, h));
+    const FieldAt<void> a = field_of(t, f, instance);
+    *out = ArrayLayout(f).flags(a.block(), a.count(), tracking(t, h));
 }
 
 // Deliberately not where flag_array_get points: the bytes land at the start of the record's own
@@ -309,7 +299,7 @@ void flag_array_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lui
 void flag_array_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance,
                     const uint8_t *flags, uint32_t count, uint32_t *err) {
     if (!start(h, luid, instance, err) || !flags_reachable(t, h, instance, true, err)) return;
-    uint32_t capacity = f.shape == Shape::fixed_array ? f.count : companion_count(t, f, instance);
+    uint32_t capacity = field_of(t, f, instance).count();
     if (count != capacity) return fail(h, err, MGX_ENOENT);
     if (!adjust_for(t, f, h, luid, instance, err)) return;
     if (count && !flags) return fail(h, err, MGX_EINVAL);
@@ -328,18 +318,18 @@ uint32_t *var_length_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_
 
 uint32_t var_length_get_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance,
                               uint32_t *err) {
-    return var_length_get(t, f, h, luid, instance, err) ? companion_count(t, f, instance) : 0;
+    return var_length_get(t, f, h, luid, instance, err) ? field_of(t, f, instance).count() : 0;
 }
 
 void *var_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index,
               uint32_t *err) {
     if (!start(h, luid, instance, err) || !present_in(f, h, instance, err)) return nullptr;
-    void *block = block_of(instance, f);
-    if (!block || index >= companion_count(t, f, instance)) {
+    const FieldAt<void> a = field_of(t, f, instance);
+    if (!a.block() || index >= a.count()) {
         fail(h, err, MGX_ENOENT);
         return nullptr;
     }
-    void *element = bytes(block) + size_t{index} * f.elem_size;
+    void *element = a.element(index);
     report(h, luid, element, instance);
     return element;
 }
@@ -351,10 +341,10 @@ void var_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void
     bool flags = marking(t, h, instance, err);
     if (err && *err) return;
     if (flags && !value_tracked(t, h, value, err)) return;
-    if (!block_of(instance, f) || index >= companion_count(t, f, instance))
+    const FieldAt<void> a = field_of(t, f, instance);
+    if (!a.block() || index >= a.count())
         if (!grow(t, f, h, luid, instance, index, err)) return;
-    void *block = block_of(instance, f);
-    void *element = bytes(block) + size_t{index} * f.elem_size;
+    void *element = a.element(index);
     if (deep)
         set(*f.type, h, luid, element, value, err);
     else
@@ -363,7 +353,7 @@ void var_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void
     if (flags) {
         if (uint8_t *area = state_area(t, h, luid, instance)) mark(h, luid, area + f.sttr_pos, instance);
         const ArrayLayout layout(f);
-        mark(h, luid, layout.slot_of(layout.flags(block, companion_count(t, f, instance), true), index), instance);
+        mark(h, luid, layout.slot_of(layout.flags(a.block(), a.count(), true), index), instance);
     }
     report(h, luid, element, instance);
 }
@@ -377,14 +367,10 @@ uint32_t var_set_cr(const Type &t, const Field &f, mgx_handle_t *h, void *instan
 // No error slot: a record without elements (or no record) is left as it is.
 void var_remove_elements(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance) {
     if (!instance) return;
-    void *&block = block_of(instance, f);
-    if (!block) return;
-    uint32_t count = companion_count(t, f, instance);
-    for (uint32_t k = 0; k < count; ++k) destroy_internal(*f.type, h, luid, bytes(block) + size_t{k} * f.elem_size, 0);
-    h->inst_free(h->alloc_ctx, luid, block);
-    notify(h, &block, sizeof block, luid, instance);
-    block = nullptr;
-    set_companion(t, f, h, luid, instance, 0);
+    const FieldAt<void> a = field_of(t, f, instance);
+    if (!a.block()) return;
+    release_array(a, h, luid, a.count(), instance);
+    set_count(h, luid, a, 0);
     set_flag_reference(t, f, h, luid, instance, nullptr);
 }
 

@@ -17,9 +17,6 @@ namespace ovrin {
 
 // ---------------------------------------------------------------- union members
 
-// Whether the union's discriminator currently chooses member f.
-bool member_selected(const Type &t, const Field &f, const void *instance);
-
 void *member_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
 // The member passes into the union's ownership; the union switches to it.
 void member_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, void *member,

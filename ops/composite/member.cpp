@@ -2,8 +2,8 @@
 // it and leaves every other slot as it is, so a union may hold objects in several slots of which
 // only the one its discriminator chooses is seen.
 #include "ops/composite/composite.h"
-#include "ops/composite/steps.h"
-#include "ops/enum/enum.h"
+#include "ops/steps.h"
+#include "ops/walk.h"
 
 namespace ovrin {
 
@@ -25,17 +25,10 @@ void detached(mgx_handle_t *h, uint32_t luid, const void *member, const void *in
 
 } // namespace
 
-bool member_selected(const Type &t, const Field &f, const void *instance) {
-    const Field &d = t.fields[t.discriminator];
-    uint32_t value = static_cast<const EnumInstance *>(field_at(instance, d))->value;
-    if (t.flags & type_flag_select_by_user_value) value = enum_map_to_user_value(*d.type, value);
-    return value == f.select;
-}
-
 // The slot as it is, whatever the discriminator says.
-void *member_get(const Type &, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
+void *member_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
     if (!start(h, luid, instance, err) || !present_in(f, h, instance, err)) return nullptr;
-    void *member = pointer_at(instance, f);
+    void *member = field_of(t, f, instance).pointer();
     if (!member) return nullptr;
     // Fetched as the member type's get does (reported alone), then reported as the union's child.
     report(h, luid, member, nullptr);
@@ -47,7 +40,7 @@ void member_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, v
                 uint32_t *err) {
     if (!start(h, luid, instance, err) || !adjust_for(t, f, h, luid, instance, err)) return;
     if (!member) return fail(h, err, MGX_EINVAL);
-    void *&slot = pointer_at(instance, f);
+    void *&slot = field_of(t, f, instance).pointer();
     if (slot && slot != member) detached(h, luid, slot, instance);
     notify(h, &slot, sizeof slot, luid, instance);
     slot = member;
@@ -70,7 +63,7 @@ uint32_t member_set_cr(const Type &t, const Field &f, mgx_handle_t *h, void *ins
 
 void *member_get_detach(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
     if (!start(h, luid, instance, err) || !adjust_for(t, f, h, luid, instance, err)) return nullptr;
-    if (!member_selected(t, f, instance)) return nullptr;
+    if (!field_of(t, f, static_cast<const void *>(instance)).selected()) return nullptr;
     // An untracked union under a tracking handle is refused before anything changes: the member
     // stays in its slot, still the union's, rather than leaving it with no owner.
     bool flags = tracking(t, h);
@@ -79,7 +72,7 @@ void *member_get_detach(const Type &t, const Field &f, mgx_handle_t *h, uint32_t
         trace(t, Message::not_state_tracked, MGX_SEV_ERROR);
         return nullptr;
     }
-    void *&slot = pointer_at(instance, f);
+    void *&slot = field_of(t, f, instance).pointer();
     void *member = slot;
     notify(h, &slot, sizeof slot, luid, instance);
     slot = nullptr;

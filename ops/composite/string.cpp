@@ -3,7 +3,8 @@
 #include <cstring>
 
 #include "ops/composite/composite.h"
-#include "ops/composite/steps.h"
+#include "ops/steps.h"
+#include "ops/walk.h"
 
 namespace ovrin {
 
@@ -18,7 +19,8 @@ void string_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, v
     if (!start(h, luid, instance, err) || !adjust_for(t, f, h, luid, instance, err)) return;
     if (t.fields[f.companion].kind == Kind::u16) length &= 0xFFFFu;
     if (length && !text) return fail(h, err, MGX_EINVAL);
-    void *&slot = pointer_at(instance, f);
+    const FieldAt<void> a = field_of(t, f, instance);
+    void *&slot = a.pointer();
     notify(h, &slot, sizeof slot, luid, instance);
     if (slot) h->inst_free(h->alloc_ctx, luid, slot);
     slot = nullptr;
@@ -32,9 +34,8 @@ void string_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, v
         std::memset(copy + n, 0, size_t{length} + 1 - n);
         slot = copy;
     }
-    set_companion(t, f, h, luid, instance, length);
-    if (marking(t, h, instance, err))
-        if (uint8_t *area = state_area(t, h, luid, instance)) mark(h, luid, area + f.sttr_pos, instance);
+    set_count(h, luid, a, length);
+    mark_field(t, f, h, luid, instance, err);
     if (err && *err) return;
     report(h, luid, slot, instance);
 }
@@ -50,8 +51,9 @@ void string_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, v
                 uint32_t size, uint32_t *err) {
     if (!start(h, luid, instance, err) || !present_in(f, h, instance, err)) return;
     if (size == 0 || !buffer) return fail(h, err, MGX_EINVAL);
-    uint32_t length = companion_count(t, f, instance);
-    const char *text = static_cast<const char *>(pointer_at(instance, f));
+    const FieldAt<void> a = field_of(t, f, instance);
+    uint32_t length = a.count();
+    const char *text = static_cast<const char *>(a.block());
     size_t n = text ? strnlen(text, length) : 0;
     if (n > size - 1) n = size - 1;
     std::memcpy(buffer, text ? text : "", n);

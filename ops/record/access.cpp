@@ -4,10 +4,13 @@
 #include <algorithm>
 #include <cstring>
 
-#include "ops/enum/enum.h"
 #include "ops/record/lifecycle.h"
+#include "ops/steps.h"
+#include "ops/walk.h"
 
 namespace ovrin {
+
+using namespace steps;
 
 namespace {
 
@@ -73,66 +76,6 @@ void prim_set_value(Kind k, mgx_handle_t *h, uint32_t luid, void *field, uint64_
 uint32_t &enum_value(void *instance) { return static_cast<EnumInstance *>(instance)->value; }
 uint32_t enum_value(const void *instance) { return static_cast<const EnumInstance *>(instance)->value; }
 
-// ---------------------------------------------------------------- common steps
-
-int8_t variant_of(const void *instance) { return mgx_get_instance_variant(instance, 1, 0); }
-
-// Every mutation first brings the instance to the variant the handle's domain gives its type.
-bool adjust(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
-    mgxlib_adjust_variant(h, luid, instance, mgx_get_manifested_type_info(instance), t.last_variant(), err);
-    return !(err && *err);
-}
-
-// The field exists in the instance's variant; otherwise the variant error 43.
-bool check_present(const Field &f, mgx_handle_t *h, const void *instance, uint32_t *err) {
-    if (present(f, variant_of(instance))) return true;
-    mgx_store_epoch_err(h, MGX_EVARIANT, err);
-    return false;
-}
-
-bool check_instance(mgx_handle_t *h, const void *instance, uint32_t *err) {
-    if (instance) return true;
-    fail(h, err, MGX_EINVAL);
-    return false;
-}
-
-bool tracked(const void *instance) { return (hdr(instance)->flags & MGX_IF_TRACKED) != 0; }
-
-void report(mgx_handle_t *h, uint32_t luid, const void *object, const void *container) {
-    if (h->database) mgxdb_record_containment2(h, luid, object, container, 1);
-}
-
-// After a successful set under a tracking handle, the field's flag byte says it was set (2).
-void mark_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
-    if (!tracking(t, h)) return;
-    if (!tracked(instance)) {
-        fail(h, err, MGX_EINVAL);
-        trace(t, Message::not_state_tracked, MGX_SEV_ERROR);
-        return;
-    }
-    if (uint8_t *area = state_area(t, h, luid, instance)) {
-        notify(h, area + f.sttr_pos, 1, luid, instance);
-        area[f.sttr_pos] = 2;
-    }
-}
-
-// The state-flag operations refuse an untracking handle without a word (22) and a corrupt one
-// fatally; a handle without a state-tracking record goes on to the instance's own check.
-bool flags_available(const Type &t, mgx_handle_t *h, uint32_t *err) {
-    if (h->sttr && !tracking(t, h)) {
-        fail(h, err, MGX_EINVAL);
-        return false;
-    }
-    return true;
-}
-
-template <class Fn> void for_each_element_pair(void *dst, void *src, const Field &f, Fn fn) {
-    for (uint16_t i = 0; i < f.count; ++i) fn(bytes(dst) + f.offset + i * f.elem_size, bytes(src) + f.offset + i * f.elem_size);
-}
-
-
-void *&pointer_at(void *instance, const Field &f) { return *static_cast<void **>(field_at(instance, f)); }
-
 // ---------------------------------------------------------------- whole-instance copy
 
 // Releases the references an attribute list holds and its body, unless src's list shares them.
@@ -158,36 +101,24 @@ void release_list(mgx_handle_t *h, uint32_t luid, aaa_tlv *dst, const aaa_tlv *s
 // shares with src (after a raw byte copy the two hold the same pointers). Union members are not
 // destroyed: a whole-union copy overwrites dst's members, whose release is their holder's business.
 void release_replaced(const Type &t, mgx_handle_t *h, uint32_t luid, void *dst, void *src) {
-    int8_t variant = variant_of(dst);
-    for (uint16_t i = 0; i < t.n_fields; ++i) {
-        const Field &f = t.fields[i];
-        if (!present(f, variant)) continue;
+    for (FieldAt<void> d : fields(t, dst, variant_of(dst))) {
+        const Field &f = d.field();
+        const FieldAt<void> s = field_of(t, f, src);
         switch (f.shape) {
         case Shape::scalar:
         case Shape::fixed_array:
-            if (f.kind == Kind::aaa_tlv)
-                release_list(h, luid, static_cast<aaa_tlv *>(field_at(dst, f)), static_cast<aaa_tlv *>(field_at(src, f)));
-            else if (f.kind == Kind::record)
-                for_each_element_pair(dst, src, f, [&](void *d, void *s) { release_replaced(*f.type, h, luid, d, s); });
+            for (uint32_t k = 0; k < f.count; ++k)
+                if (f.kind == Kind::aaa_tlv)
+                    release_list(h, luid, static_cast<aaa_tlv *>(d.element(k)), static_cast<aaa_tlv *>(s.element(k)));
+                else if (f.kind == Kind::record)
+                    release_replaced(*f.type, h, luid, d.element(k), s.element(k));
             break;
-        case Shape::var_string: {
-            void *&text = pointer_at(dst, f);
-            if (!text || text == pointer_at(src, f)) break;
-            h->inst_free(h->alloc_ctx, luid, text);
-            notify(h, &text, sizeof text, luid, dst);
-            text = nullptr;
+        case Shape::var_string:
+            if (d.block() != s.block()) free_block(h, luid, d.pointer(), dst);
             break;
-        }
-        case Shape::var_array: {
-            void *&block = pointer_at(dst, f);
-            if (!block || block == pointer_at(src, f)) break;
-            uint32_t n = companion_count(t, f, dst);
-            for (uint32_t k = 0; k < n; ++k) destroy_internal(*f.type, h, luid, bytes(block) + k * f.elem_size, 0);
-            h->inst_free(h->alloc_ctx, luid, block);
-            notify(h, &block, sizeof block, luid, dst);
-            block = nullptr;
+        case Shape::var_array:
+            if (d.block() != s.block()) release_array(d, h, luid, d.count(), dst);
             break;
-        }
         case Shape::member: break;
         }
     }
@@ -200,20 +131,17 @@ void release_replaced(const Type &t, mgx_handle_t *h, uint32_t luid, void *dst, 
 void shallow_copy(const Type &t, void *dst, const void *src) {
     hdr(dst)->variant = hdr(src)->variant;
     hdr(dst)->layout = hdr(src)->layout;
-    int8_t variant = variant_of(src);
-    for (uint16_t i = 0; i < t.n_fields; ++i) {
-        const Field &f = t.fields[i];
-        if (!present(f, variant)) continue;
+    for (FieldAt<const void> s : fields(t, src, variant_of(src))) {
+        const Field &f = s.field();
+        const FieldAt<void> d = field_of(t, f, dst);
         if (f.shape == Shape::scalar || f.shape == Shape::fixed_array) {
             if (f.kind == Kind::record || f.kind == Kind::aaa_tlv) continue;
             if (f.kind == Kind::enumeration) {
-                for (uint16_t k = 0; k < f.count; ++k)
-                    enum_value(bytes(dst) + f.offset + k * f.elem_size) =
-                        enum_value(bytes(src) + f.offset + k * f.elem_size);
+                for (uint32_t k = 0; k < f.count; ++k) enum_value(d.element(k)) = enum_value(s.element(k));
                 continue;
             }
         }
-        std::memcpy(field_at(dst, f), field_at(src, f), f.size);
+        std::memcpy(d.address(), s.address(), f.size);
     }
 }
 
@@ -228,12 +156,11 @@ uint32_t copied_length(const Type &t, const void *instance) {
 void copy_instance(const Type &t, mgx_handle_t *h, uint32_t luid, void *dst, void *src, uint32_t *err, bool nested);
 
 // A string that dst shares with src gets a copy of its own.
-void duplicate_string(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *dst, void *src,
-                      uint32_t *err) {
-    void *&text = pointer_at(dst, f);
-    if (!text || text != pointer_at(src, f)) return;
-    uint32_t length = companion_count(t, f, src);
-    notify(h, &text, sizeof text, luid, dst);
+void duplicate_string(const FieldAt<void> &d, const FieldAt<void> &s, mgx_handle_t *h, uint32_t luid, uint32_t *err) {
+    void *&text = d.pointer();
+    if (!text || text != s.block()) return;
+    uint32_t length = s.count();
+    notify(h, &text, sizeof text, luid, d.instance());
     void *copy = h->inst_alloc(h->alloc_ctx, luid, size_t{length} + 1);
     if (!copy) {
         text = nullptr;
@@ -247,32 +174,21 @@ void duplicate_string(const Type &t, const Field &f, mgx_handle_t *h, uint32_t l
 
 // An array block that dst shares with src gets a copy of its own: fresh elements, initialised
 // as nested instances over their flag bytes in the new block, then set from src's.
-void duplicate_array(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *dst, void *src,
+void duplicate_array(const Type &t, const FieldAt<void> &d, const FieldAt<void> &s, mgx_handle_t *h, uint32_t luid,
                      uint32_t *err) {
-    void *&block = pointer_at(dst, f);
-    void *source = pointer_at(src, f);
-    if (!block || block != source) return;
-    uint32_t n = companion_count(t, f, src);
+    const Field &f = d.field();
+    void *&block = d.pointer();
+    if (!block || block != s.block()) return;
+    uint32_t n = s.count();
     bool tracked_block = tracking(t, h);
-    const ArrayLayout layout(f);
-    size_t size = layout.size(n, tracked_block);
-    notify(h, &block, sizeof block, luid, dst);
-    void *copy = h->inst_alloc(h->alloc_ctx, luid, size);
-    if (!copy) {
-        block = nullptr;
-        fail(h, err, MGX_ENOMEM);
-        return;
-    }
-    std::memset(copy, 0, size);
-    block = copy;
-    uint8_t *flags = layout.flags(copy, n, tracked_block);
-    for (uint32_t k = 0; k < n; ++k) {
-        void *element = layout.element(copy, k);
-        initialize(*f.type, h, luid, element, f.type->descriptor, 0, 0, MGX_IF_NESTED, layout.slot_of(flags, k), err);
-        copy_instance(*f.type, h, luid, element, layout.element(source, k), err, true);
-    }
+    notify(h, &block, sizeof block, luid, d.instance());
+    block = new_block(f, h, luid, n, tracked_block, false, err);
+    if (!block) return;
+    for (uint32_t k = 0; k < n; ++k) copy_instance(*f.type, h, luid, d.element(k), s.element(k), err, true);
     // Each element's own state byte comes along; the flags inside its area were set by the copy.
-    const uint8_t *source_flags = layout.flags(static_cast<const void *>(source), n, tracked_block);
+    const ArrayLayout layout(f);
+    uint8_t *flags = layout.flags(block, n, tracked_block);
+    const uint8_t *source_flags = layout.flags(s.block(), n, tracked_block);
     for (uint32_t k = 0; flags && source_flags && k < n; ++k) *layout.slot_of(flags, k) = *layout.slot_of(source_flags, k);
 }
 
@@ -280,29 +196,26 @@ void duplicate_array(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lu
 // set from src's, attribute lists copied, strings and arrays duplicated; union members move to
 // dst, leaving src's slots empty.
 void post_copy(const Type &t, mgx_handle_t *h, uint32_t luid, void *dst, void *src, uint32_t *err) {
-    int8_t variant = variant_of(dst);
-    for (uint16_t i = 0; i < t.n_fields; ++i) {
-        const Field &f = t.fields[i];
-        if (!present(f, variant)) continue;
+    for (FieldAt<void> d : fields(t, dst, variant_of(dst))) {
+        const Field &f = d.field();
+        const FieldAt<void> s = field_of(t, f, src);
         switch (f.shape) {
         case Shape::scalar:
         case Shape::fixed_array:
-            if (f.kind == Kind::aaa_tlv)
-                aaa_tlv_set(h, luid, static_cast<aaa_tlv *>(field_at(dst, f)), static_cast<aaa_tlv *>(field_at(src, f)),
-                            err);
-            else if (f.kind == Kind::record)
-                for_each_element_pair(dst, src, f,
-                                      [&](void *d, void *s) { copy_instance(*f.type, h, luid, d, s, err, true); });
+            for (uint32_t k = 0; k < f.count; ++k)
+                if (f.kind == Kind::aaa_tlv)
+                    aaa_tlv_set(h, luid, static_cast<aaa_tlv *>(d.element(k)), static_cast<aaa_tlv *>(s.element(k)), err);
+                else if (f.kind == Kind::record)
+                    copy_instance(*f.type, h, luid, d.element(k), s.element(k), err, true);
             break;
-        case Shape::var_string: duplicate_string(t, f, h, luid, dst, src, err); break;
-        case Shape::var_array: duplicate_array(t, f, h, luid, dst, src, err); break;
-        case Shape::member: {
-            void *&slot = pointer_at(src, f);
-            if (!slot) break;
-            notify(h, &slot, sizeof slot, luid, src);
-            slot = nullptr;
+        case Shape::var_string: duplicate_string(d, s, h, luid, err); break;
+        case Shape::var_array: duplicate_array(t, d, s, h, luid, err); break;
+        case Shape::member:
+            if (void *&slot = s.pointer()) {
+                notify(h, &slot, sizeof slot, luid, src);
+                slot = nullptr;
+            }
             break;
-        }
         }
     }
 }
@@ -312,7 +225,7 @@ void post_copy(const Type &t, mgx_handle_t *h, uint32_t luid, void *dst, void *s
 // own check covers them and its flag area holds theirs.
 void copy_instance(const Type &t, mgx_handle_t *h, uint32_t luid, void *dst, void *src, uint32_t *err, bool nested) {
     if (!begin(h, luid, dst, err)) return;
-    if (!check_instance(h, dst, err) || !check_instance(h, src, err)) return;
+    if (!exists(h, dst, err) || !exists(h, src, err)) return;
     if (!adjust(t, h, luid, dst, err) || dst == src) return;
     if (!nested && (variant_of(dst) < variant_of(src) || hdr(dst)->layout != hdr(src)->layout)) {
         mgx_store_epoch_err(h, MGX_EVARIANT, err);
@@ -342,14 +255,6 @@ void copy_instance(const Type &t, mgx_handle_t *h, uint32_t luid, void *dst, voi
 
 } // namespace
 
-bool settable_by_all(const Field &f) {
-    return f.shape == Shape::scalar && (f.kind == Kind::u8 || f.kind == Kind::u16 || f.kind == Kind::u32);
-}
-
-bool readable_by_all(const Field &f) {
-    return settable_by_all(f) || (f.shape == Shape::scalar && f.kind == Kind::enumeration);
-}
-
 void *get(const Type &, mgx_handle_t *h, uint32_t luid, void *instance) {
     report(h, luid, instance, nullptr);
     return instance;
@@ -361,12 +266,12 @@ void set(const Type &t, mgx_handle_t *h, uint32_t luid, void *dst, void *src, ui
 
 void get_all(const Type &t, mgx_handle_t *h, uint32_t luid, const void *instance, std::initializer_list<void *> outputs,
              uint32_t *err) {
-    if (!begin(h, luid, instance, err) || !check_instance(h, instance, err)) return;
+    if (!start(h, luid, instance, err)) return;
     int8_t variant = variant_of(instance);
     const auto *out = outputs.begin();
     for (uint16_t i = 0; i < t.n_fields && out != outputs.end(); ++i) {
         const Field &f = t.fields[i];
-        if (!readable_by_all(f)) continue;
+        if (!(f.roles & field_readable_by_all)) continue;
         void *target = *out++;
         const void *field = field_at(instance, f);
         uint32_t value = 0;
@@ -384,13 +289,13 @@ void get_all(const Type &t, mgx_handle_t *h, uint32_t luid, const void *instance
 
 void set_all(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, std::initializer_list<uint32_t> values,
              uint32_t *err) {
-    if (!begin(h, luid, instance, err) || !check_instance(h, instance, err)) return;
+    if (!start(h, luid, instance, err)) return;
     if (!adjust(t, h, luid, instance, err)) return;
     int8_t variant = variant_of(instance);
     const uint32_t *value = values.begin();
     for (uint16_t i = 0; i < t.n_fields && value != values.end(); ++i) {
         const Field &f = t.fields[i];
-        if (!settable_by_all(f)) continue;
+        if (!(f.roles & field_settable_by_all)) continue;
         uint32_t v = *value++;
         if (present(f, variant)) prim_set_value(f.kind, h, luid, field_at(instance, f), v, err);
     }
@@ -404,17 +309,15 @@ void set_all_state_tracking_flag(const Type &t, mgx_handle_t *h, uint32_t luid, 
 
 void post_copyout_cleanup(const Type &t, mgx_handle_t *h, uint32_t luid, void *dst, void *src, uint32_t *err) {
     if (!begin(h, luid, dst, err)) return;
-    if (!check_instance(h, dst, err) || !check_instance(h, src, err) || dst == src) return;
+    if (!exists(h, dst, err) || !exists(h, src, err) || dst == src) return;
     post_copy(t, h, luid, dst, src, err);
 }
 
 void offset_update(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint8_t *flag_base, uint32_t *err) {
-    if (!begin(h, luid, instance, err) || !check_instance(h, instance, err)) return;
-    for (uint16_t i = 0; i < t.n_fields; ++i) {
-        const Field &f = t.fields[i];
-        if (f.shape != Shape::scalar || f.sttr_nested == no_area) continue;
-        if (f.kind != Kind::record && f.kind != Kind::aaa_tlv) continue;
-        void *field = field_at(instance, f);
+    if (!start(h, luid, instance, err)) return;
+    for (FieldAt<void> a : area_fields(t, instance)) {
+        const Field &f = a.field();
+        void *field = a.address();
         uint8_t *area = flag_base + f.sttr_nested;
         mgxlib_update_sttr_offset(h, luid, field, area - bytes(field));
         if (f.kind == Kind::aaa_tlv)
@@ -425,12 +328,10 @@ void offset_update(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance
 }
 
 void offset_remove(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
-    if (!begin(h, luid, instance, err) || !check_instance(h, instance, err)) return;
-    for (uint16_t i = 0; i < t.n_fields; ++i) {
-        const Field &f = t.fields[i];
-        if (f.shape != Shape::scalar || f.sttr_nested == no_area) continue;
-        if (f.kind != Kind::record && f.kind != Kind::aaa_tlv) continue;
-        void *field = field_at(instance, f);
+    if (!start(h, luid, instance, err)) return;
+    for (FieldAt<void> a : area_fields(t, instance)) {
+        const Field &f = a.field();
+        void *field = a.address();
         mgx_hd_mapping_destroy(h, luid, field, err);
         if (err && *err) return;
         if (f.kind == Kind::aaa_tlv)
@@ -441,8 +342,8 @@ void offset_remove(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance
 }
 
 void *field_get(const Type &, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
-    if (!begin(h, luid, instance, err) || !check_instance(h, instance, err)) return nullptr;
-    if (!check_present(f, h, instance, err)) return nullptr;
+    if (!start(h, luid, instance, err)) return nullptr;
+    if (!present_in(f, h, instance, err)) return nullptr;
     void *field = field_at(instance, f);
     if (is_primitive(f.kind)) {
         field = prim_get(f.kind, h, luid, field, err);
@@ -461,9 +362,9 @@ void *field_get(const Type &, const Field &f, mgx_handle_t *h, uint32_t luid, vo
 
 void field_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, void *value,
                uint32_t *err) {
-    if (!begin(h, luid, instance, err) || !check_instance(h, instance, err)) return;
-    if (!adjust(t, h, luid, instance, err) || !check_present(f, h, instance, err)) return;
-    if (!check_instance(h, value, err)) return;
+    if (!start(h, luid, instance, err)) return;
+    if (!adjust_for(t, f, h, luid, instance, err)) return;
+    if (!exists(h, value, err)) return;
     void *field = field_at(instance, f);
     switch (f.kind) {
     case Kind::aaa_tlv:
@@ -476,7 +377,7 @@ void field_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, vo
     default: prim_set(f.kind, h, luid, field, value, err); break;
     }
     if (err && *err) return;
-    mark_set(t, f, h, luid, instance, err);
+    mark_field(t, f, h, luid, instance, err);
     if (err && *err) return;
     report(h, luid, value, instance);
 }
@@ -490,7 +391,7 @@ uint64_t field_get_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_
 
 void field_set_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint64_t value,
                      uint32_t *err) {
-    if (!begin(h, luid, instance, err) || !check_instance(h, instance, err)) return;
+    if (!start(h, luid, instance, err)) return;
     if (!adjust(t, h, luid, instance, err)) return;
     void *field = field_get(t, f, h, luid, instance, err);
     if (err && *err) return;
@@ -503,35 +404,20 @@ void field_set_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lu
     else
         prim_set_value(f.kind, h, luid, field, value, err);
     if (err && *err) return;
-    mark_set(t, f, h, luid, instance, err);
+    mark_field(t, f, h, luid, instance, err);
 }
 
 uint8_t state_flag_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
-    if (!begin(h, luid, instance, err) || !check_instance(h, instance, err)) return 0;
-    if (!flags_available(t, h, err)) return 0;
-    if (!tracked(instance)) {
-        fail(h, err, MGX_EINVAL);
-        trace(t, Message::non_state_tracked, MGX_SEV_ERROR);
-        return 0;
-    }
+    if (!start(h, luid, instance, err) || !flags_reachable(t, h, instance, false, err)) return 0;
     const uint8_t *area = state_area(t, h, luid, instance);
     return area ? area[f.sttr_pos] : 0;
 }
 
 void state_flag_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint8_t value,
                     uint32_t *err) {
-    if (!begin(h, luid, instance, err) || !check_instance(h, instance, err)) return;
-    if (!flags_available(t, h, err)) return;
-    if (!tracked(instance)) {
-        fail(h, err, MGX_EINVAL);
-        trace(t, Message::not_state_tracked, MGX_SEV_ERROR);
-        return;
-    }
-    if (!adjust(t, h, luid, instance, err) || !check_present(f, h, instance, err)) return;
-    if (uint8_t *area = state_area(t, h, luid, instance)) {
-        notify(h, area + f.sttr_pos, 1, luid, instance);
-        area[f.sttr_pos] = value;
-    }
+    if (!start(h, luid, instance, err) || !flags_reachable(t, h, instance, true, err)) return;
+    if (!adjust_for(t, f, h, luid, instance, err)) return;
+    if (uint8_t *area = state_area(t, h, luid, instance)) mark(h, luid, area + f.sttr_pos, instance, value);
 }
 
 } // namespace ovrin

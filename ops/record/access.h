@@ -16,18 +16,13 @@
 
 namespace ovrin {
 
-// The fields _set_all takes a value for: the integers up to 32 bits.
-bool settable_by_all(const Field &f);
-// The fields _get_all reads: those, and the enumerations.
-bool readable_by_all(const Field &f);
-
 void *get(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance);
 void set(const Type &t, mgx_handle_t *h, uint32_t luid, void *dst, void *src, uint32_t *err);
-// outputs: one per readable_by_all field in field order, each pointing at a value of the field's
+// outputs: one per field_readable_by_all field in field order, each pointing at a value of the field's
 // width (enumerations: 32 bits). Null outputs are skipped.
 void get_all(const Type &t, mgx_handle_t *h, uint32_t luid, const void *instance, std::initializer_list<void *> outputs,
              uint32_t *err);
-// values: one per settable_by_all field in field order.
+// values: one per field_settable_by_all field in field order.
 void set_all(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, std::initializer_list<uint32_t> values,
              uint32_t *err);
 void set_all_state_tracking_flag(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint8_t value);

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "ops/walk.h"
 
 namespace ovrin {
 
@@ -55,16 +56,6 @@ const PrimInstance *prim_instance_of(Kind k) {
     case Kind::aaa_tlv: return &tlv;
     default: return nullptr;
     }
-}
-
-// The generator's plan of a type, as the walks read it.
-struct Plan {
-    const uint16_t *owning, *inline_, *areas;
-    uint16_t n_owning, n_inline, n_areas;
-};
-
-Plan plan_of(const Type &t) {
-    return Plan{t.plan, t.plan + t.n_owning, t.plan + t.n_owning + t.n_inline, t.n_owning, t.n_inline, t.n_areas};
 }
 
 void hooked_write(mgx_handle_t *h, bool use_hook, void *addr, size_t n, uint32_t luid, const void *base) {
@@ -136,44 +127,24 @@ bool release_references(const Type &t, mgx_handle_t *h, uint32_t luid, void *fie
 }
 
 // Destroys the fields of an instance in declaration order. False when the destroy is abandoned.
-bool destroy_fields(const Type &t, const Plan &p, mgx_handle_t *h, uint32_t luid, void *instance, int8_t variant,
-                    uint32_t *err) {
-    for (const uint16_t *s = p.owning, *end = p.owning + p.n_owning; s != end; ++s) {
-        const Field &f = t.fields[*s];
-        if (!present(f, variant)) continue;
-        void *field = field_at(instance, f);
-        if (f.shape == Shape::member) {
-            void *&slot = *static_cast<void **>(field);
-            if (slot) {
+bool destroy_fields(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, int8_t variant, uint32_t *err) {
+    for (FieldAt<void> a : owning_fields(t, instance, variant)) {
+        const Field &f = a.field();
+        switch (f.shape) {
+        case Shape::member:
+            if (void *&slot = a.pointer()) {
                 destroy_internal(*f.type, h, luid, slot, 1);
                 notify(h, &slot, sizeof slot, luid);
                 slot = nullptr;
             }
             continue;
-        }
-        if (f.shape == Shape::var_string) {
-            char *&text = *static_cast<char **>(field);
-            if (text) {
-                h->inst_free(h->alloc_ctx, luid, text);
-                notify(h, &text, sizeof text, luid);
-                text = nullptr;
-            }
-            continue;
-        }
-        if (f.shape == Shape::var_array) {
-            void *&block = *static_cast<void **>(field);
-            if (block) {
-                uint32_t n = companion_count(t, f, instance);
-                for (uint32_t k = 0; k < n; ++k) destroy_internal(*f.type, h, luid, bytes(block) + k * f.elem_size, 0);
-                h->inst_free(h->alloc_ctx, luid, block);
-                notify(h, &block, sizeof block, luid);
-                block = nullptr;
-            }
-            continue;
+        case Shape::var_string: free_block(h, luid, a.pointer()); continue;
+        case Shape::var_array: release_array(a, h, luid, a.count()); continue;
+        default: break;
         }
         const PrimInstance *prim = prim_instance_of(f.kind);
-        for (uint16_t i = 0; i < f.count; ++i) {
-            void *element = bytes(field) + i * f.elem_size;
+        for (uint32_t k = 0; k < f.count; ++k) {
+            void *element = a.element(k);
             if (*err) trace(f.type ? *f.type : t, Message::oid_count_error_present, MGX_SEV_ERROR);
             // Nested records and attribute lists may hold object references for their container
             // to release; a nested record lists none.
@@ -316,7 +287,6 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
     count_stats(t, h, luid, static_cast<const mgx_type_info_t *>(registered ? registered : descriptor), variant, true,
                 err);
 
-    const Plan p = plan_of(t);
     uint8_t *base = nullptr;
     if (tracked) {
         if ((hd->flags & MGX_IF_NESTED) && !sttr_base) {
@@ -328,32 +298,30 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
             base = bytes(instance) + mgxlib_get_sttr_offset(h, luid, instance);
         else
             base = sttr_base ? sttr_base : bytes(instance) + t.size;
-        for (const uint16_t *s = p.areas, *end = p.areas + p.n_areas; s != end; ++s) {
-            const Field &f = t.fields[*s];
-            void *field = field_at(instance, f);
-            mgxlib_update_sttr_offset(h, luid, field, base + f.sttr_nested - bytes(field));
-            if (f.kind == Kind::aaa_tlv) aaa_tlv_offset_update(h, luid, static_cast<aaa_tlv *>(field), base + f.sttr_nested, err);
+        for (FieldAt<void> a : area_fields(t, instance)) {
+            uint8_t *area = base + a->sttr_nested;
+            mgxlib_update_sttr_offset(h, luid, a.address(), area - bytes(a.address()));
+            if (a->kind == Kind::aaa_tlv) aaa_tlv_offset_update(h, luid, static_cast<aaa_tlv *>(a.address()), area, err);
         }
     }
     // The runtime says in the handle's store when it could not record an offset. The instance is
     // still laid out whole below, so that whoever sees the error can destroy it.
-    const bool offsets_lost = base && p.n_areas && h->last_error == MGX_ENOMEM;
+    const bool offsets_lost = base && t.n_areas && h->last_error == MGX_ENOMEM;
 
-    for (const uint16_t *s = p.inline_, *end = p.inline_ + p.n_inline; s != end; ++s) {
-        const Field &f = t.fields[*s];
+    for (FieldAt<void> a : inline_fields(t, instance)) {
+        const Field &f = a.field();
         const PrimInstance *prim = prim_instance_of(f.kind);
         // A nested instance's flags start at its area inside ours; one without an area of its own
         // (an enumeration) is handed our base.
         uint8_t *nested_base = !base ? sttr_base
                                : f.sttr_nested != no_area && f.shape == Shape::scalar ? base + f.sttr_nested
                                                                                       : base;
-        uint8_t *element = bytes(field_at(instance, f));
-        for (uint16_t i = 0; i < f.count; ++i, element += f.elem_size) {
+        for (uint32_t k = 0; k < f.count; ++k) {
             if (prim)
-                prim->initialize(h, luid, element, prim->descriptor, w.use_write_hook, 0, MGX_IF_NESTED, nested_base,
-                                 err);
+                prim->initialize(h, luid, a.element(k), prim->descriptor, w.use_write_hook, 0, MGX_IF_NESTED,
+                                 nested_base, err);
             else
-                initialize_nested(*f.type, w, element, nested_base);
+                initialize_nested(*f.type, w, a.element(k), nested_base);
         }
     }
     if (offsets_lost && !(err && *err)) fail(h, err, MGX_ENOMEM);
@@ -376,16 +344,13 @@ void set_instance_embedded(const Type &t, mgx_handle_t *h, uint32_t luid, void *
         trace(t, Message::embed_null, MGX_SEV_ERROR);
         return;
     }
-    const Plan p = plan_of(t);
-    for (const uint16_t *s = p.inline_, *end = p.inline_ + p.n_inline; s != end; ++s) {
-        const Field &f = t.fields[*s];
-        const PrimInstance *prim = prim_instance_of(f.kind);
-        uint8_t *element = bytes(field_at(instance, f));
-        for (uint16_t i = 0; i < f.count; ++i, element += f.elem_size) {
+    for (FieldAt<void> a : inline_fields(t, instance)) {
+        const PrimInstance *prim = prim_instance_of(a->kind);
+        for (uint32_t k = 0; k < a->count; ++k) {
             if (prim)
-                prim->set_instance_embedded(h, luid, element);
+                prim->set_instance_embedded(h, luid, a.element(k));
             else
-                set_instance_embedded(*f.type, h, luid, element);
+                set_instance_embedded(*a->type, h, luid, a.element(k));
         }
     }
     mgx_instance_hdr_t *hd = hdr(instance);
@@ -426,8 +391,7 @@ void destroy_internal(const Type &t, mgx_handle_t *h, uint32_t luid, void *insta
     // members): what the instance owns up to its layout is destroyed, rather than leaked.
     int8_t variant = hd->variant;
     int8_t owned = hd->layout > variant ? hd->layout : variant;
-    const Plan p = plan_of(t);
-    if (owned >= 0 && p.n_owning && !destroy_fields(t, p, h, luid, instance, owned, &err)) return;
+    if (owned >= 0 && t.n_owning && !destroy_fields(t, h, luid, instance, owned, &err)) return;
 
     if (hd->flags & MGX_IF_TRACKED) {
         if (hd->flags & MGX_IF_STTR_OFFSET)

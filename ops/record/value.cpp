@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "ops/enum/enum.h"
+#include "ops/walk.h"
 
 namespace ovrin {
 
@@ -16,21 +16,6 @@ template <class U> U value_at(const void *p) {
     U v;
     std::memcpy(&v, p, sizeof v);
     return v;
-}
-
-const void *element_at(const void *base, const Field &f, uint32_t i) { return bytes(base) + i * f.elem_size; }
-
-
-const void *pointer_at(const void *instance, const Field &f) { return value_at<const void *>(field_at(instance, f)); }
-
-// The discriminator's stored value, as it stands in the instance.
-uint32_t stored_selector(const Type &t, const void *instance) {
-    return static_cast<const EnumInstance *>(field_at(instance, t.fields[t.discriminator]))->value;
-}
-
-// Whether the discriminator chooses member f: the members are listed by user value.
-bool chosen(const Type &t, const Field &f, const void *instance) {
-    return enum_map_to_user_value(*t.fields[t.discriminator].type, stored_selector(t, instance)) == f.select;
 }
 
 // One inline element: a primitive, an enumeration, or a nested record or union.
@@ -75,75 +60,53 @@ uint32_t hash_element(const Field &f, const void *p, uint32_t seed) {
 // The characters of a counted string: its length (held in the companion field), then memcmp
 // over the shorter length, whose result is returned as it is. A string whose block is missing
 // (a failed set keeps the old length) holds no characters.
-int32_t compare_string(const Type &t, const Field &f, const void *a, const void *b) {
-    const Field &length = t.fields[f.companion];
-    uint32_t na = count_at(a, length), nb = count_at(b, length);
+int32_t compare_string(const FieldAt<const void> &a, const FieldAt<const void> &b) {
+    uint32_t na = a.count(), nb = b.count();
     if (int32_t c = three_way(na, nb)) return c;
-    auto ta = static_cast<const char *>(pointer_at(a, f)), tb = static_cast<const char *>(pointer_at(b, f));
+    auto ta = static_cast<const char *>(a.block()), tb = static_cast<const char *>(b.block());
     if (!ta || !tb) return three_way(ta != nullptr, tb != nullptr);
     return std::memcmp(ta, tb, std::min(na, nb));
 }
 
-int32_t compare_array(const Type &t, const Field &f, const void *a, const void *b) {
-    const Field &counter = t.fields[f.companion];
-    uint32_t na = count_at(a, counter), nb = count_at(b, counter);
-    if (int32_t c = three_way(na, nb)) return c;
-    const void *ea = pointer_at(a, f), *eb = pointer_at(b, f);
-    if (!ea || !eb) return three_way(ea != nullptr, eb != nullptr);
-    for (uint32_t i = 0; i < na; ++i)
-        if (int32_t c = compare(*f.type, element_at(ea, f, i), element_at(eb, f, i))) return c;
-    return 0;
-}
-
-int32_t compare_field(const Type &t, const Field &f, const void *a, const void *b) {
+int32_t compare_field(const FieldAt<const void> &a, const FieldAt<const void> &b) {
+    const Field &f = a.field();
     switch (f.shape) {
+    case Shape::var_string: return compare_string(a, b);
+    case Shape::var_array:
+        if (int32_t c = three_way(a.count(), b.count())) return c;
+        if (!a.block() || !b.block()) return three_way(a.block() != nullptr, b.block() != nullptr);
+        [[fallthrough]];
     case Shape::scalar:
     case Shape::fixed_array:
-        for (uint16_t i = 0; i < f.count; ++i)
-            if (int32_t c = compare_element(f, element_at(field_at(a, f), f, i), element_at(field_at(b, f), f, i)))
-                return c;
+        for (uint32_t k = 0, n = a.count(); k < n; ++k)
+            if (int32_t c = compare_element(f, a.element(k), b.element(k))) return c;
         return 0;
-    case Shape::var_string: return compare_string(t, f, a, b);
-    case Shape::var_array: return compare_array(t, f, a, b);
     case Shape::member:
         // The discriminator precedes the members and has compared equal, so a's value stands for both.
-        if (!chosen(t, f, a)) return 0;
-        return compare(*f.type, pointer_at(a, f), pointer_at(b, f));
+        return a.selected() ? compare(*f.type, a.block(), b.block()) : 0;
     }
     return 0;
 }
 
-// A counted string adds its length a second time, with the length field's own hash, before the
-// characters: once as a field of the record, once as the string's count.
-uint32_t hash_string(const Type &t, const Field &f, const void *instance, uint32_t seed) {
-    const Field &length = t.fields[f.companion];
-    seed = hash_element(length, field_at(instance, length), seed);
-    auto text = static_cast<const char *>(pointer_at(instance, f));
-    return SuperFastHash(text, static_cast<int>(count_at(instance, length)), seed);
-}
-
-// A variable array adds its elements in index order; its count is hashed as the field it is.
-uint32_t hash_array(const Type &t, const Field &f, const void *instance, uint32_t seed) {
-    const void *block = pointer_at(instance, f);
-    if (!block) return seed;
-    uint32_t n = count_at(instance, t.fields[f.companion]);
-    for (uint32_t i = 0; i < n; ++i) seed = hash(*f.type, element_at(block, f, i), seed);
-    return seed;
-}
-
-uint32_t hash_field(const Type &t, const Field &f, const void *instance, uint32_t seed) {
+uint32_t hash_field(const FieldAt<const void> &a, uint32_t seed) {
+    const Field &f = a.field();
     switch (f.shape) {
     case Shape::scalar:
     case Shape::fixed_array:
-        for (uint16_t i = 0; i < f.count; ++i) seed = hash_element(f, element_at(field_at(instance, f), f, i), seed);
+    case Shape::var_array: // its elements in index order; its count is hashed as the field it is
+        for (uint32_t k = 0, n = a.elements(); k < n; ++k) seed = hash_element(f, a.element(k), seed);
         return seed;
-    case Shape::var_string: return hash_string(t, f, instance, seed);
-    case Shape::var_array: return hash_array(t, f, instance, seed);
+    case Shape::var_string: {
+        // The length a second time, with the length field's own hash, before the characters: once
+        // as a field of the record, once as the string's count.
+        seed = hash_element(a.counter(), field_at(a.instance(), a.counter()), seed);
+        return SuperFastHash(static_cast<const char *>(a.block()), static_cast<int>(a.count()), seed);
+    }
     case Shape::member: {
-        // Every arm counts, selected or not: the discriminator's value bytes, then the arm.
-        uint32_t value = stored_selector(t, instance);
+        // Every arm counts, selected or not: the discriminator's stored value bytes, then the arm.
+        uint32_t value = stored_selector(a.type(), a.instance());
         seed = SuperFastHash(reinterpret_cast<const char *>(&value), sizeof value, seed);
-        return hash(*f.type, pointer_at(instance, f), seed);
+        return hash(*f.type, a.block(), seed);
     }
     }
     return seed;
@@ -153,14 +116,15 @@ uint32_t hash_field(const Type &t, const Field &f, const void *instance, uint32_
 
 int32_t compare(const Type &t, const void *a, const void *b) {
     if (!a || !b) return a == b ? 0 : (a ? 1 : -1);
-    for (uint16_t i = 0; i < t.n_fields; ++i)
-        if (int32_t c = compare_field(t, t.fields[i], a, b)) return c;
+    // Every field, whatever the variants: what lies past an instance's variant compares as it is.
+    for (FieldAt<const void> fa : fields(t, a, t.last_variant()))
+        if (int32_t c = compare_field(fa, field_of(t, fa.field(), b))) return c;
     return 0;
 }
 
 uint32_t hash(const Type &t, const void *instance, uint32_t seed) {
     if (!instance) return seed;
-    for (uint16_t i = 0; i < t.n_fields; ++i) seed = hash_field(t, t.fields[i], instance, seed);
+    for (FieldAt<const void> a : fields(t, instance, t.last_variant())) seed = hash_field(a, seed);
     return seed;
 }
 

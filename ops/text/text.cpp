@@ -7,9 +7,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "ops/enum/enum.h"
 #include "ops/record/lifecycle.h"
-#include "ops/wire/wire.h"
+#include "ops/walk.h"
 
 namespace ovrin {
 
@@ -17,7 +16,6 @@ namespace {
 
 constexpr unsigned path_size = 256;  // one path buffer per level; longer paths are cut
 constexpr unsigned label_size = 80;  // element labels of arrays and union members
-constexpr unsigned enum_value_offset = 12;
 
 struct PrimText {
     uint32_t (*to_xml)(mgx_handle_t *, uint32_t, const char *, char *, const void *, uint32_t, uint8_t, uint32_t *);
@@ -47,20 +45,10 @@ const PrimText &prim_text_of(Kind k) {
     return table[static_cast<int>(k)];
 }
 
-void write_count(mgx_handle_t *h, uint32_t luid, void *instance, const Field &f, uint32_t v) {
-    notify(h, field_at(instance, f), f.size, luid, instance);
-    store_count(instance, f, v);
-}
-
-// The member a union's discriminator selects, or null.
-const Field *selected_member(const Type &t, const void *instance) {
-    if (t.discriminator < 0) return nullptr;
-    const Field &d = t.fields[t.discriminator];
-    uint32_t v;
-    std::memcpy(&v, bytes(instance) + d.offset + enum_value_offset, sizeof v);
-    v = enum_map_to_user_value(*d.type, v);
-    for (uint16_t i = 0; i < t.n_fields; ++i)
-        if (t.fields[i].shape == Shape::member && t.fields[i].select == v) return &t.fields[i];
+// The member a union's discriminator selects (present in the variant), or null.
+template <class V> const Field *selected_member(const Type &t, V *instance, int variant) {
+    for (FieldAt<V> a : fields(t, instance, variant))
+        if (a.selected()) return &a.field();
     return nullptr;
 }
 
@@ -101,27 +89,18 @@ uint32_t element_to_xml(const Field &f, XmlOut &o, const char *name, const void 
     }
 }
 
-void field_to_xml(const Type &t, const Field &f, XmlOut &o, const void *instance, uint8_t state) {
-    const void *field = field_at(instance, f);
+void field_to_xml(const FieldAt<const void> &a, XmlOut &o, uint8_t state) {
+    const Field &f = a.field();
     switch (f.shape) {
     case Shape::scalar:
-        o.n += element_to_xml(f, o, f.name, field, state);
-        return;
     case Shape::fixed_array:
-        for (uint16_t i = 0; i < f.count && !*o.err; ++i)
-            o.n += element_to_xml(f, o, f.name, bytes(field) + i * f.elem_size, state);
+    case Shape::var_array:
+        for (uint32_t k = 0, n = a.elements(); k < n && !*o.err; ++k)
+            o.n += element_to_xml(f, o, f.name, a.element(k), state);
         return;
-    case Shape::var_array: {
-        uint32_t count = count_at(instance, t.fields[f.companion]);
-        const void *block = *static_cast<const void *const *>(field);
-        for (uint32_t k = 0; block && k < count && !*o.err; ++k)
-            o.n += element_to_xml(f, o, f.name, bytes(block) + static_cast<size_t>(k) * f.elem_size, state);
-        return;
-    }
     case Shape::var_string: {
-        uint32_t len = count_at(instance, t.fields[f.companion]);
-        const char *text = *static_cast<const char *const *>(field);
-        o.n += var_string_to_xml(o.h, o.luid, f.name, o.at(), text, o.left(), text ? len : 0, state, o.err);
+        const char *text = static_cast<const char *>(a.block());
+        o.n += var_string_to_xml(o.h, o.luid, f.name, o.at(), text, o.left(), text ? a.count() : 0, state, o.err);
         return;
     }
     case Shape::member:
@@ -166,11 +145,11 @@ void element_from_xml(const Field &f, XmlIn &in, const char *path, void *element
 
 // The length field has been read already; the text decides it in the end. Without a text in the
 // document the length goes back to what it was, so that it always describes the stored string.
-void string_from_xml(const Type &t, const Field &f, XmlIn &in, const char *path, void *instance, uint32_t old_len) {
+void string_from_xml(const FieldAt<void> &a, XmlIn &in, const char *path, uint32_t old_len) {
     uint32_t len = 0;
     uint32_t status = xml_get_element_value(in.doc, path, nullptr, 0, &len);
     if (status != MGX_ERANGE) {
-        write_count(in.h, in.luid, instance, t.fields[f.companion], old_len);
+        set_count(in.h, in.luid, a, old_len);
         if (status == MGX_EINVAL) invalid_at(in, path); // an entity reference in the text
         else if (status != 0) fail(in.h, in.err, status); // 0: nothing to read, the field stays as it is
         return;
@@ -186,86 +165,60 @@ void string_from_xml(const Type &t, const Field &f, XmlIn &in, const char *path,
         return;
     }
     // The record owns the text from here: the old one goes, the length field follows.
-    char *&slot = *static_cast<char **>(field_at(instance, f));
+    void *&slot = a.pointer();
     if (slot) in.h->inst_free(in.h->alloc_ctx, in.luid, slot);
-    notify(in.h, &slot, sizeof slot, in.luid, instance);
+    notify(in.h, &slot, sizeof slot, in.luid, a.instance());
     slot = text;
-    write_count(in.h, in.luid, instance, t.fields[f.companion], len);
+    set_count(in.h, in.luid, a, len);
 }
 
 // Gives a variable array storage for `count` fresh elements, as many as the document holds.
-bool resize_array(const Type &t, const Field &f, XmlIn &in, void *instance, uint32_t count) {
-    void *&block = *static_cast<void **>(field_at(instance, f));
-    const Field &count_field = t.fields[f.companion];
-    const ArrayLayout layout(f);
-    uint32_t old = count_at(instance, count_field);
-    for (uint32_t k = 0; block && k < old; ++k) destroy_internal(*f.type, in.h, in.luid, layout.element(block, k), 0);
-    if (block) in.h->inst_free(in.h->alloc_ctx, in.luid, block);
-    notify(in.h, &block, sizeof block, in.luid, instance);
-    block = nullptr;
-    write_count(in.h, in.luid, instance, count_field, 0);
+bool resize_array(const FieldAt<void> &a, const Type &t, XmlIn &in, uint32_t count) {
+    release_array(a, in.h, in.luid, a.count(), a.instance());
+    set_count(in.h, in.luid, a, 0);
     if (count == 0) return true;
-    bool tracked = tracking(t, in.h);
-    size_t size = layout.size(count, tracked);
-    void *fresh = in.h->inst_alloc(in.h->alloc_ctx, in.luid, size);
-    if (!fresh) {
-        fail(in.h, in.err, MGX_ENOMEM);
-        return false;
-    }
-    std::memset(fresh, 0, size);
-    uint8_t *flags = layout.flags(fresh, count, tracked);
-    for (uint32_t k = 0; k < count; ++k) {
-        uint32_t e = 0;
-        initialize(*f.type, in.h, in.luid, layout.element(fresh, k), f.type->descriptor, 0, 0, MGX_IF_NESTED,
-                   layout.slot_of(flags, k), &e);
-        if (!e) adjust_variant(*f.type, in.h, in.luid, layout.element(fresh, k), &e); // as a decode does
-        if (e) { // the elements laid out so far go again, and the array stays empty
-            for (uint32_t j = 0; j <= k; ++j) destroy_internal(*f.type, in.h, in.luid, layout.element(fresh, j), 0);
-            in.h->inst_free(in.h->alloc_ctx, in.luid, fresh);
-            fail(in.h, in.err, e);
-            return false;
-        }
-    }
-    block = fresh;
-    write_count(in.h, in.luid, instance, count_field, count);
+    void *fresh = new_block(a.field(), in.h, in.luid, count, tracking(t, in.h), true, in.err);
+    if (!fresh) return false;
+    notify(in.h, &a.pointer(), sizeof(void *), in.luid, a.instance());
+    a.pointer() = fresh;
+    set_count(in.h, in.luid, a, count);
     return true;
 }
 
-void array_from_xml(const Type &t, const Field &f, XmlIn &in, const char *path, void *instance, bool count_read,
+void array_from_xml(const FieldAt<void> &a, const Type &t, XmlIn &in, const char *path, bool count_read,
                     uint32_t old_count) {
+    const Field &f = a.field();
     char element_path[path_size];
     if (f.shape == Shape::var_array) {
         if (!count_read) return; // no count in the document: the array stays as it is
         uint32_t present = 0;
         xml_get_element_nodecount(in.doc, path, &present);
-        uint32_t count = count_at(instance, t.fields[f.companion]);
-        write_count(in.h, in.luid, instance, t.fields[f.companion], old_count); // the storage's own count
+        uint32_t count = a.count();
+        set_count(in.h, in.luid, a, old_count); // the storage's own count
         if (count > present) { // a count the document does not back is refused, not allocated
             const char *slash = std::strrchr(path, '/');
             char count_path[path_size];
-            format_into(count_path, "%.*s/%s", static_cast<int>(slash ? slash - path : 0), path,
-                        t.fields[f.companion].name);
+            format_into(count_path, "%.*s/%s", static_cast<int>(slash ? slash - path : 0), path, a.counter().name);
             invalid_at(in, count_path);
             return;
         }
-        if (!resize_array(t, f, in, instance, count)) return;
+        if (!resize_array(a, t, in, count)) return;
     }
-    uint32_t count = f.shape == Shape::fixed_array ? f.count : count_at(instance, t.fields[f.companion]);
-    void *base = f.shape == Shape::fixed_array ? field_at(instance, f) : *static_cast<void **>(field_at(instance, f));
-    for (uint32_t k = 0; k < count; ++k) {
+    for (uint32_t k = 0, n = a.elements(); k < n; ++k) {
         format_into(element_path, "%s[%u]", path, k + 1);
-        element_from_xml(f, in, element_path, bytes(base) + static_cast<size_t>(k) * f.elem_size);
+        element_from_xml(f, in, element_path, a.element(k));
         if (!absent_is_fine(in.err)) return;
     }
 }
 
-void member_from_xml(const Type &t, const Field &f, XmlIn &in, const char *parent, void *instance) {
+void member_from_xml(const Type &t, const FieldAt<void> &a, XmlIn &in, const char *parent) {
+    const Field &f = a.field();
     char label[label_size], path[path_size];
     member_label(label, t, f, '-');
     format_into(path, "%s/%s", parent, label);
-    void *&slot = *static_cast<void **>(field_at(instance, f));
+    void *&slot = a.pointer();
     if (!slot) {
-        notify(in.h, &slot, sizeof slot, in.luid, instance);
+        notify(in.h, &slot, sizeof slot, in.luid, a.instance());
         slot = create_internal(*f.type, in.h, in.luid);
         if (!slot) {
             fail(in.h, in.err, MGX_ENOMEM);
@@ -285,32 +238,23 @@ uint32_t element_print(const Field &f, PrintOut &o, uint32_t indent, const char 
     }
 }
 
-void field_print(const Type &t, const Field &f, PrintOut &o, uint32_t indent, const void *instance) {
-    const void *field = field_at(instance, f);
+void field_print(const FieldAt<const void> &a, PrintOut &o, uint32_t indent) {
+    const Field &f = a.field();
     char label[label_size];
     switch (f.shape) {
     case Shape::scalar:
-        o.n += element_print(f, o, indent, f.name, field);
+        o.n += element_print(f, o, indent, f.name, a.address());
         return;
     case Shape::fixed_array:
-        for (uint16_t i = 0; i < f.count; ++i) {
-            format_into(label, "%s[%d]", f.name, i);
-            o.n += element_print(f, o, indent, label, bytes(field) + i * f.elem_size);
-        }
-        return;
-    case Shape::var_array: {
-        uint32_t count = count_at(instance, t.fields[f.companion]);
-        const void *block = *static_cast<const void *const *>(field);
-        for (uint32_t k = 0; block && k < count; ++k) {
+    case Shape::var_array:
+        for (uint32_t k = 0, n = a.elements(); k < n; ++k) {
             format_into(label, "%s[%d]", f.name, static_cast<int>(k));
-            o.n += element_print(f, o, indent, label, bytes(block) + static_cast<size_t>(k) * f.elem_size);
+            o.n += element_print(f, o, indent, label, a.element(k));
         }
         return;
-    }
     case Shape::var_string: {
-        uint32_t len = count_at(instance, t.fields[f.companion]);
-        const char *text = *static_cast<const char *const *>(field);
-        o.n += var_string_print(o.h, o.luid, o.at(), indent, f.name, text, o.left(), text ? len : 0, o.err);
+        const char *text = static_cast<const char *>(a.block());
+        o.n += var_string_print(o.h, o.luid, o.at(), indent, f.name, text, o.left(), text ? a.count() : 0, o.err);
         return;
     }
     case Shape::member:
@@ -330,12 +274,12 @@ uint32_t to_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *name,
     XmlOut o{h, luid, buf, size, err};
     o.n += start_tag(o.at(), o.left(), name, state_flag);
     if (variant >= 0) {
-        for (uint16_t i = 0; i < t.n_fields && !*err; ++i) {
-            const Field &f = t.fields[i];
-            if (present(f, variant)) field_to_xml(t, f, o, instance, area ? area[f.sttr_pos] : 0);
+        for (FieldAt<const void> a : fields(t, instance, variant)) {
+            if (*err) break;
+            field_to_xml(a, o, a.flag(area));
         }
-        const Field *m = *err ? nullptr : selected_member(t, instance);
-        if (m && present(*m, variant)) {
+        const Field *m = *err ? nullptr : selected_member(t, instance, variant);
+        if (m) {
             if (const void *member = *static_cast<const void *const *>(field_at(instance, *m))) {
                 char label[label_size];
                 member_label(label, t, *m, '-');
@@ -364,36 +308,35 @@ void from_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *path, v
     char child[path_size];
     OldCounts old_counts; // counts and lengths as they describe the storage before the read
     OldCounts counts_read; // the counters the document gave
-    for (uint16_t i = 0; i < t.n_fields; ++i) {
-        const Field &f = t.fields[i];
+    // Every field is read, whatever the instance's variant: the document says what it holds.
+    for (FieldAt<void> a : fields(t, instance, t.last_variant())) {
+        const Field &f = a.field();
         if (f.shape == Shape::member) continue;
         format_into(child, "%s/%s", path, f.name);
         switch (f.shape) {
         case Shape::scalar: {
-            const bool counter = f.companion >= 0;
-            if (counter) old_counts.keep(i, count_at(instance, f));
-            element_from_xml(f, in, child, field_at(instance, f));
+            if (a.is_counter()) old_counts.keep(a.index(), a.counted());
+            element_from_xml(f, in, child, a.address());
             bool was_absent = *err == MGX_ENOENT;
             if (!absent_is_fine(err)) return;
-            if (counter && !was_absent) counts_read.keep(i, 1);
+            if (a.is_counter() && !was_absent) counts_read.keep(a.index(), 1);
             break;
         }
         case Shape::fixed_array:
         case Shape::var_array:
-            array_from_xml(t, f, in, child, instance, f.shape == Shape::var_array && counts_read.has(f.companion),
+            array_from_xml(a, t, in, child, f.shape == Shape::var_array && counts_read.has(f.companion),
                            old_counts.of(f.companion));
-            if (!absent_is_fine(err)) return;
             break;
-        case Shape::var_string:
-            string_from_xml(t, f, in, child, instance, old_counts.of(f.companion));
-            if (!absent_is_fine(err)) return;
-            break;
+        case Shape::var_string: string_from_xml(a, in, child, old_counts.of(f.companion)); break;
         case Shape::member: break;
         }
+        if (!absent_is_fine(err)) return;
     }
-    if (const Field *m = selected_member(t, instance)) {
-        member_from_xml(t, *m, in, path, instance);
+    for (FieldAt<void> a : fields(t, instance, t.last_variant())) {
+        if (!a.selected()) continue;
+        member_from_xml(t, a, in, path);
         absent_is_fine(err);
+        break;
     }
 }
 
@@ -405,10 +348,9 @@ uint32_t print(const Type &t, mgx_handle_t *h, uint32_t luid, char *buf, uint32_
     o.n += mgx_print_space(h, luid, o.at(), indent, o.left(), err);
     o.n += mgx_snprintf(h, luid, o.at(), o.left(), err, "%s@%s: {\n", name, t.name);
     if (variant < 0) return o.n; // deliberately left open: callers go on after it
-    for (uint16_t i = 0; i < t.n_fields; ++i)
-        if (present(t.fields[i], variant)) field_print(t, t.fields[i], o, indent + 2, instance);
-    const Field *m = selected_member(t, instance);
-    if (m && present(*m, variant)) {
+    for (FieldAt<const void> a : fields(t, instance, variant)) field_print(a, o, indent + 2);
+    const Field *m = selected_member(t, instance, variant);
+    if (m) {
         if (const void *member = *static_cast<const void *const *>(field_at(instance, *m))) {
             char label[label_size];
             member_label(label, t, *m, '.');

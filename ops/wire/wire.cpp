@@ -6,8 +6,8 @@
 #include <array>
 #include <cstring>
 
-#include "ops/enum/enum.h"
 #include "ops/record/lifecycle.h"
+#include "ops/walk.h"
 
 namespace ovrin {
 
@@ -15,7 +15,6 @@ namespace {
 
 constexpr uint8_t wire_flag_mask = MGX_IF_TRACKED | MGX_IF_HD_MAPPED;
 constexpr uint32_t arm_callsite_tag = 0xB03C3000u;
-constexpr unsigned enum_value_offset = 12;             // the value word of an enumeration instance
 constexpr int32_t min_instance_bytes = 6;              // a record's wire header: the least an element takes
 
 // The runtime's primitives by kind and type name: each operation below switches over this list
@@ -23,26 +22,6 @@ constexpr int32_t min_instance_bytes = 6;              // a record's wire header
 #define OVRIN_WIRE_PRIMS(X)                                                                            \
     X(u8, u_int8) X(u16, u_int16) X(u32, u_int32) X(u64, u_int64) X(boolean, mgx_boolean)                 \
     X(mac_addr, mgx_mac_addr) X(ipv4_addr, ipv4_addr) X(ipv6_addr, ipv6_addr) X(aaa_tlv, aaa_tlv)
-
-// A count or length field that belongs to a variable array or counted string: on the wire it
-// stands as its own member but carries no state byte (the array or string carries it).
-bool is_companion(const Field &f) { return f.companion >= 0 && f.shape == Shape::scalar; }
-
-
-
-uint32_t discriminator_value(const Type &t, const void *instance) {
-    const Field &d = t.fields[t.discriminator];
-    uint32_t v;
-    std::memcpy(&v, bytes(instance) + d.offset + enum_value_offset, sizeof v);
-    return enum_map_to_user_value(*d.type, v);
-}
-
-bool selected(const Type &t, const Field &arm, const void *instance) {
-    return discriminator_value(t, instance) == arm.select;
-}
-
-void **slot_of(void *instance, const Field &f) { return static_cast<void **>(field_at(instance, f)); }
-void *const *slot_of(const void *instance, const Field &f) { return static_cast<void *const *>(field_at(instance, f)); }
 
 
 // ------------------------------------------------------------------ length
@@ -107,19 +86,18 @@ struct Writer {
 }
 
 // Arrays, counted strings and union arms; scalars take the short road in encode().
-void encode_composite(const Type &t, const Field &f, Writer &w, const void *instance, const uint8_t *area,
-                      bool tracked, bool arm_selected) {
-    const void *field = field_at(instance, f);
-    uint8_t flag = area ? area[f.sttr_pos] : 0;
+void encode_composite(const FieldAt<const void> &a, Writer &w, const uint8_t *area, bool tracked) {
+    const Field &f = a.field();
+    uint8_t flag = a.flag(area);
     switch (f.shape) {
     case Shape::scalar: return;
     case Shape::fixed_array:
-        for (uint16_t i = 0; i < f.count; ++i) put_piece(f, w, bytes(field) + i * f.elem_size);
+        for (uint32_t k = 0; k < f.count; ++k) put_piece(f, w, a.element(k));
         if (tracked) w.state_byte(flag);
         return;
     case Shape::var_string: {
-        uint32_t len = count_at(instance, t.fields[f.companion]);
-        const char *text = *static_cast<const char *const *>(field);
+        uint32_t len = a.count();
+        const char *text = static_cast<const char *>(a.block());
         uint32_t n = len;
         if (static_cast<int64_t>(len) > w.left()) {
             n = static_cast<uint32_t>(w.left() > 0 ? w.left() : 0);
@@ -134,25 +112,24 @@ void encode_composite(const Type &t, const Field &f, Writer &w, const void *inst
         return;
     }
     case Shape::var_array: {
-        uint32_t count = count_at(instance, t.fields[f.companion]);
+        uint32_t count = a.count();
         if (count == 0) return; // deliberately without the array's state byte
-        void *block = *slot_of(instance, f);
-        const ArrayLayout layout(f);
-        for (uint32_t k = 0; k < count; ++k) put_piece(f, w, block ? layout.element(block, k) : nullptr);
+        const void *block = a.block();
+        for (uint32_t k = 0; k < count; ++k) put_piece(f, w, block ? a.element(k) : nullptr);
         if (!tracked) return;
         w.state_byte(flag);
+        const ArrayLayout layout(f);
         const uint8_t *per_element = layout.flags(block, count, true);
         for (uint32_t k = 0; k < count && w.left() > 0; ++k)
             w.buf[w.pos++] = per_element ? *layout.slot_of(per_element, k) : 0;
         return;
     }
     case Shape::member: {
-        if (arm_selected) {
-            const void *arm = *slot_of(instance, f);
-            if (!arm)
-                w.error(MGX_ENOENT);
-            else
+        if (a.selected()) {
+            if (const void *arm = a.block())
                 put_piece(f, w, arm);
+            else
+                w.error(MGX_ENOENT);
         }
         if (tracked && w.left() >= 2) w.buf[w.pos++] = flag;
         return;
@@ -197,24 +174,17 @@ struct Reader {
     return 0;
 }
 
-void free_block(Reader &r, void *&block) {
-    if (!block) return;
-    notify(r.h, &block, sizeof block, r.luid);
-    r.h->inst_free(r.h->alloc_ctx, r.luid, block);
-    block = nullptr;
-}
-
-void decode_string(const Type &t, const Field &f, Reader &r, void *instance, uint32_t old_len) {
-    const Field &len_field = t.fields[f.companion];
-    uint32_t len = count_at(instance, len_field);
-    void *&text = *slot_of(instance, f);
+void decode_string(const FieldAt<void> &a, Reader &r, uint32_t old_len) {
+    const Field &f = a.field();
+    uint32_t len = a.count();
+    void *&text = a.pointer();
     if (len == 0) {
-        free_block(r, text);
+        free_block(r.h, r.luid, text);
         return;
     }
     if (static_cast<int64_t>(len) > r.left()) { // cannot be satisfied: refuse before allocating
-        free_block(r, text);
-        store_count(instance, len_field, 0);
+        free_block(r.h, r.luid, text);
+        a.store_counter(0);
         r.error(MGX_ESHORT);
         return;
     }
@@ -222,10 +192,10 @@ void decode_string(const Type &t, const Field &f, Reader &r, void *instance, uin
     if (r.flags && len == old_len && text) {
         notify(r.h, text, size, r.luid);
     } else {
-        free_block(r, text);
+        free_block(r.h, r.luid, text);
         void *fresh = r.h->inst_alloc(r.h->alloc_ctx, r.luid, size);
         if (!fresh) {
-            store_count(instance, len_field, 0);
+            a.store_counter(0);
             r.error(MGX_ENOMEM);
             return;
         }
@@ -248,16 +218,11 @@ void decode_string(const Type &t, const Field &f, Reader &r, void *instance, uin
     }
 }
 
-void destroy_elements(const Field &f, Reader &r, void *block, uint32_t count) {
-    const ArrayLayout layout(f);
-    for (uint32_t k = 0; block && k < count; ++k) destroy_internal(*f.type, r.h, r.luid, layout.element(block, k), 0);
-}
-
 // The elements of a variable array, then its state byte and the elements' bytes.
-void decode_elements(const Field &f, Reader &r, void *block, uint32_t count, uint8_t *per_element) {
+void decode_elements(const FieldAt<void> &a, Reader &r, uint32_t count, uint8_t *per_element) {
+    const Field &f = a.field();
     const ArrayLayout layout(f);
-    for (uint32_t k = 0; k < count && !*r.err; ++k)
-        r.pos += static_cast<int32_t>(decode_element(f, r, layout.element(block, k)));
+    for (uint32_t k = 0; k < count && !*r.err; ++k) r.pos += static_cast<int32_t>(decode_element(f, r, a.element(k)));
     if (*r.err) return;
     r.state_byte(f);
     for (uint32_t k = 0; k < count && r.pos < r.length; ++k) {
@@ -266,72 +231,47 @@ void decode_elements(const Field &f, Reader &r, void *block, uint32_t count, uin
     }
 }
 
-void decode_array(const Type &t, const Field &f, Reader &r, void *instance, uint32_t old_count, bool tracked) {
-    const Field &count_field = t.fields[f.companion];
-    uint32_t count = count_at(instance, count_field);
-    void *&block = *slot_of(instance, f);
+void decode_array(const FieldAt<void> &a, Reader &r, uint32_t old_count, bool tracked) {
+    const Field &f = a.field();
+    uint32_t count = a.count();
+    void *&block = a.pointer();
     const ArrayLayout layout(f);
-    size_t size = layout.size(count, tracked);
-    uint8_t *per_element = nullptr;
     // Non-zero decode flags keep storage of the same size: the block and its elements stay, and
     // each element is decoded into as it is (keeping its own strings, lists and arrays when their
     // sizes match in turn), as an instance decoded into again keeps what it owns.
     if (r.flags && block && count == old_count && count > 0 &&
         static_cast<int64_t>(count) * min_instance_bytes <= r.left()) {
-        notify(r.h, block, size, r.luid);
-        per_element = layout.flags(block, count, tracked);
+        notify(r.h, block, layout.size(count, tracked), r.luid);
+        uint8_t *per_element = layout.flags(block, count, tracked);
         if (per_element) std::memset(per_element, 0, count * layout.slot);
-        decode_elements(f, r, block, count, per_element);
+        decode_elements(a, r, count, per_element);
         return;
     }
-    destroy_elements(f, r, block, old_count);
-    if (count == 0) {
-        free_block(r, block);
-        return;
-    }
+    release_array(a, r.h, r.luid, old_count);
+    if (count == 0) return;
     // Every element takes at least a header on the wire: a count the bytes left cannot hold is
-    // refused before anything is allocated.
-    if (static_cast<int64_t>(count) * min_instance_bytes > r.left()) {
-        free_block(r, block);
-        store_count(instance, count_field, 0);
-        r.error(MGX_ESHORT);
-        return;
-    }
-    free_block(r, block);
-    void *fresh = r.h->inst_alloc(r.h->alloc_ctx, r.luid, size);
-    if (!fresh) {
-        store_count(instance, count_field, 0);
-        r.error(MGX_ENOMEM);
+    // refused before anything is allocated. A new element is raised to the variant the handle
+    // knows for its type, as a new arm is, so that its members of later variants are received.
+    uint32_t e = 0;
+    void *fresh = static_cast<int64_t>(count) * min_instance_bytes > r.left()
+                      ? (e = MGX_ESHORT, nullptr)
+                      : new_block(f, r.h, r.luid, count, tracked, true, &e);
+    if (!fresh) { // the array stays empty
+        a.store_counter(0);
+        r.error(e);
         return;
     }
     notify(r.h, &block, sizeof block, r.luid);
     block = fresh;
-    std::memset(block, 0, size);
-    per_element = layout.flags(block, count, tracked);
-    for (uint32_t k = 0; k < count; ++k) {
-        void *element = layout.element(block, k);
-        uint32_t e = 0;
-        initialize(*f.type, r.h, r.luid, element, f.type->descriptor, 0, 0, MGX_IF_NESTED,
-                   layout.slot_of(per_element, k), &e);
-        // A new element is raised to the variant the handle knows for its type, as a new arm is,
-        // so that its members of later variants are received in full.
-        if (!e) adjust_variant(*f.type, r.h, r.luid, element, &e);
-        if (e) { // the elements laid out so far go again, and the array stays empty
-            destroy_elements(f, r, block, k + 1);
-            free_block(r, block);
-            store_count(instance, count_field, 0);
-            r.error(e);
-            return;
-        }
-    }
-    decode_elements(f, r, block, count, per_element);
+    decode_elements(a, r, count, layout.flags(block, count, tracked));
 }
 
-void decode_arm(const Field &f, Reader &r, void *instance, uint32_t arm_index) {
-    void *&arm = *slot_of(instance, f);
+void decode_arm(const FieldAt<void> &a, Reader &r) {
+    const Field &f = a.field();
+    void *&arm = a.pointer();
     if (!arm) {
         notify(r.h, &arm, sizeof arm, r.luid);
-        plinth_set_callsite_tag(arm_callsite_tag + arm_index);
+        plinth_set_callsite_tag(arm_callsite_tag + a.arm_index());
         void *fresh = create(*f.type, r.h, r.luid);
         if (!fresh) {
             r.error(MGX_ENOMEM);
@@ -341,11 +281,10 @@ void decode_arm(const Field &f, Reader &r, void *instance, uint32_t arm_index) {
         uint32_t e = 0;
         adjust_variant(*f.type, r.h, r.luid, fresh, &e);
         arm = fresh;
-        if (r.h->database) mgxdb_record_containment2(r.h, r.luid, arm, instance, 1);
+        if (r.h->database) mgxdb_record_containment2(r.h, r.luid, arm, a.instance(), 1);
     }
     r.pos += static_cast<int32_t>(decode(*f.type, r.h, r.luid, r.buf + r.pos, arm, r.left(), r.flags, r.err));
 }
-
 
 } // namespace
 
@@ -353,37 +292,31 @@ uint32_t wire_length(const Type &t, mgx_handle_t *h, uint32_t luid, const void *
     int8_t variant = mgx_get_instance_variant(instance, 1, 0);
     uint32_t n = 6, state = 0;
     if (variant >= 0) {
-        uint32_t selector = t.discriminator >= 0 ? discriminator_value(t, instance) : 0;
-        const Field *end = t.fields + t.n_fields;
-        for (const Field *fp = t.fields; fp != end; ++fp) {
-            const Field &f = *fp;
-            if (f.from_variant > variant) continue;
-            const void *field = field_at(instance, f);
+        for (FieldAt<const void> a : fields(t, instance, variant)) {
+            const Field &f = a.field();
             switch (f.shape) {
             case Shape::scalar:
-                n += element_length(f, h, luid, field);
-                state += f.companion < 0;
+                n += element_length(f, h, luid, a.address());
+                state += !a.is_counter();
                 break;
             case Shape::fixed_array:
-                for (uint16_t k = 0; k < f.count; ++k) n += element_length(f, h, luid, bytes(field) + k * f.elem_size);
+                for (uint32_t k = 0; k < f.count; ++k) n += element_length(f, h, luid, a.element(k));
                 state += 1;
                 break;
             case Shape::var_string: {
-                uint32_t len = count_at(instance, t.fields[f.companion]);
+                uint32_t len = a.count();
                 n += char_len() * len;
                 state += 1 + len;
                 break;
             }
             case Shape::var_array: {
-                uint32_t count = count_at(instance, t.fields[f.companion]);
-                const void *block = *slot_of(instance, f);
-                for (uint32_t k = 0; k < count; ++k)
-                    n += wire_length(*f.type, h, luid, block ? bytes(block) + static_cast<size_t>(k) * f.elem_size : nullptr);
+                uint32_t count = a.count();
+                for (uint32_t k = 0; k < count; ++k) n += wire_length(*f.type, h, luid, a.block() ? a.element(k) : nullptr);
                 state += 1 + count;
                 break;
             }
             case Shape::member:
-                if (f.select == selector) n += wire_length(*f.type, h, luid, *slot_of(instance, f));
+                if (a.selected()) n += wire_length(*f.type, h, luid, a.block());
                 state += 1;
                 break;
             }
@@ -445,16 +378,13 @@ uint32_t encode(const Type &t, mgx_handle_t *h, uint32_t luid, uint8_t *buf, con
     bool jump_written = w.pos == header + 4;
 
     if (variant >= 0 && instance) {
-        uint32_t selector = t.discriminator >= 0 ? discriminator_value(t, instance) : 0;
-        const Field *end = t.fields + t.n_fields;
-        for (const Field *f = t.fields; f != end; ++f) {
-            if (f->from_variant > variant) continue;
-            if (f->shape != Shape::scalar) {
-                encode_composite(t, *f, w, instance, area, tracked, f->select == selector);
+        for (FieldAt<const void> a : fields(t, instance, variant)) {
+            if (a->shape != Shape::scalar) {
+                encode_composite(a, w, area, tracked);
                 continue;
             }
-            put_piece(*f, w, field_at(instance, *f));
-            if (tracked && !is_companion(*f)) w.state_byte(area ? area[f->sttr_pos] : 0);
+            put_piece(a.field(), w, a.address());
+            if (tracked && !a.is_counter()) w.state_byte(a.flag(area));
         }
     }
 
@@ -510,39 +440,23 @@ uint32_t decode(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *bu
         // is decoded and read by the array or string it counts, which comes after it.
         OldCounts old_counts;
         bool state_bytes = r.copy_state || r.skip_state;
-        uint32_t arm_index = 0;
-        for (uint16_t i = 0; i < t.n_fields; ++i) {
-            const Field &f = t.fields[i];
-            if (!present(f, variant)) {
-                arm_index += f.shape == Shape::member;
-                continue;
-            }
-            void *field = field_at(instance, f);
+        for (FieldAt<void> a : fields(t, instance, variant)) {
+            const Field &f = a.field();
             switch (f.shape) {
             case Shape::scalar:
-                if (f.companion >= 0) {
-                    old_counts.keep(i, count_at(instance, f));
-                    r.pos += static_cast<int32_t>(decode_element(f, r, field));
-                } else {
-                    r.pos += static_cast<int32_t>(decode_element(f, r, field));
-                    if (state_bytes && !*err) r.state_byte(f);
-                }
+                if (a.is_counter()) old_counts.keep(a.index(), a.counted());
+                r.pos += static_cast<int32_t>(decode_element(f, r, a.address()));
+                if (state_bytes && !a.is_counter() && !*err) r.state_byte(f);
                 break;
             case Shape::fixed_array:
-                for (uint16_t k = 0; k < f.count && !*err; ++k)
-                    r.pos += static_cast<int32_t>(decode_element(f, r, bytes(field) + k * f.elem_size));
+                for (uint32_t k = 0; k < f.count && !*err; ++k) r.pos += static_cast<int32_t>(decode_element(f, r, a.element(k)));
                 if (!*err) r.state_byte(f);
                 break;
-            case Shape::var_string:
-                decode_string(t, f, r, instance, old_counts.of(f.companion));
-                break;
-            case Shape::var_array:
-                decode_array(t, f, r, instance, old_counts.of(f.companion), tracked);
-                break;
+            case Shape::var_string: decode_string(a, r, old_counts.of(f.companion)); break;
+            case Shape::var_array: decode_array(a, r, old_counts.of(f.companion), tracked); break;
             case Shape::member:
-                if (selected(t, f, instance)) decode_arm(f, r, instance, arm_index);
+                if (a.selected()) decode_arm(a, r);
                 if (!*err) r.state_byte(f);
-                ++arm_index;
                 break;
             }
             if (*err) return static_cast<uint32_t>(r.pos);
@@ -573,18 +487,16 @@ bool layout_settled(const Type &t, const void *instance) { return t.n_variants =
 
 // The records and enumerations embedded in an instance, at every depth.
 void adjust_embedded(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
-    for (uint16_t i = 0; i < t.n_fields; ++i) {
-        const Field &f = t.fields[i];
-        if ((f.kind != Kind::record && f.kind != Kind::enumeration) ||
-            (f.shape != Shape::scalar && f.shape != Shape::fixed_array))
-            continue;
-        for (uint16_t k = 0; k < f.count; ++k) {
-            void *nested = bytes(field_at(instance, f)) + k * f.elem_size;
+    for (FieldAt<void> a : inline_fields(t, instance)) {
+        const Field &f = a.field();
+        if (f.kind != Kind::record && f.kind != Kind::enumeration) continue;
+        for (uint32_t k = 0; k < f.count; ++k) {
+            void *nested = a.element(k);
             if (f.kind == Kind::record) adjust_embedded(*f.type, h, luid, nested, err);
             if (layout_settled(*f.type, nested)) continue;
             if (f.kind == Kind::record)
                 mgxlib_adjust_variant(h, luid, nested, mgx_get_manifested_type_info(nested), f.type->last_variant(), err);
-            else
+            else if (f.kind == Kind::enumeration)
                 enum_adjust_variant(*f.type, h, luid, nested, err);
         }
     }

@@ -338,16 +338,6 @@ std::string element_c_type(const Field &f) {
     return f.prim ? prim_c_type(*f.prim) : f.type->name;
 }
 
-// The integer fields that _set_all takes, in field order (u_int64 is not among them).
-bool settable_by_all(const Field &f) {
-    return f.shape == Shape::scalar && f.prim && (*f.prim == Prim::u8 || *f.prim == Prim::u16 || *f.prim == Prim::u32);
-}
-
-// The fields _get_all reads: the same integers, and the enumerations.
-bool readable_by_all(const Field &f) {
-    return settable_by_all(f) || (f.shape == Shape::scalar && f.type && f.type->is_enum());
-}
-
 // The varying part of the _get_all and _set_all parameter lists: one output pointer or one value
 // per field, named after the field; an enumeration comes out as its 32-bit user value.
 std::string all_params(const Type &t, bool outputs) {

@@ -96,6 +96,18 @@ std::string replace_all(std::string s, const std::string &from, const std::strin
 std::vector<std::string> exported_names(const Catalogue &c);
 inline constexpr const char *generated_banner = "Generated from the @D@ catalogue by ovrin_gen; do not edit.";
 
+// The integer fields that _set_all takes, in field order (u_int64 is not among them). The type
+// tables carry the answer (Field::roles), so that the engine walks the very fields the generated
+// parameter lists name.
+inline bool settable_by_all(const Field &f) {
+    return f.shape == Shape::scalar && f.prim && (*f.prim == Prim::u8 || *f.prim == Prim::u16 || *f.prim == Prim::u32);
+}
+
+// The fields _get_all reads: the same integers, and the enumerations.
+inline bool readable_by_all(const Field &f) {
+    return settable_by_all(f) || (f.shape == Shape::scalar && f.type && f.type->is_enum());
+}
+
 } // namespace gen
 
 #endif

@@ -71,10 +71,13 @@ std::string field_entry(const Field &f) {
     std::string nested = f.sttr_nested == no_area ? "no_area" : std::to_string(f.sttr_nested);
     return format("    {.name = %s, .type = %s, .offset = %u, .size = %u, .elem_size = %u, .count = %u, "
                   ".kind = Kind::%s, .shape = Shape::%s, .from_variant = %d, .companion = %d, .sttr_pos = %u, "
-                  ".sttr_nested = %s, .select = %u},\n",
+                  ".sttr_nested = %s, .select = %u, .roles = %s},\n",
                   c_string(f.name).c_str(), type.c_str(), f.offset, f.size, f.elem_size, f.count, kind_name(f),
                   shape_name(f.shape), f.from, f.companion, f.sttr_pos,
-                  nested.c_str(), f.select);
+                  nested.c_str(), f.select,
+                  settable_by_all(f)   ? "field_settable_by_all | field_readable_by_all"
+                  : readable_by_all(f) ? "field_readable_by_all"
+                                       : "0");
 }
 
 // The lifecycle plan of a type (see Type::plan): which fields create, embed, tracked initialize

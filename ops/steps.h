@@ -1,8 +1,8 @@
-// The steps every accessor of union members, arrays and counted strings begins and ends with:
-// variant adjustment and presence, the state-tracking checks, flag marking and containment
-// reporting. Internal to ops/composite.
-#ifndef OVRIN_OPS_COMPOSITE_STEPS_H
-#define OVRIN_OPS_COMPOSITE_STEPS_H
+// The steps every accessor (of fields, union members, arrays and counted strings) begins and ends
+// with: variant adjustment and presence, the state-tracking checks, flag marking and containment
+// reporting.
+#ifndef OVRIN_OPS_STEPS_H
+#define OVRIN_OPS_STEPS_H
 
 #include "ops/common.h"
 
@@ -12,13 +12,17 @@ inline int8_t variant_of(const void *instance) { return mgx_get_instance_variant
 
 inline bool tracked(const void *instance) { return (hdr(instance)->flags & MGX_IF_TRACKED) != 0; }
 
-// The caller's slot was clear (and the handle's last error is now cleared) and there is an
-// object to work on; a missing object is an invalid argument.
-inline bool start(mgx_handle_t *h, uint32_t luid, const void *instance, uint32_t *err) {
-    if (!begin(h, luid, instance, err)) return false;
-    if (instance) return true;
+// An object to work on (or a value to take): a missing one is an invalid argument.
+inline bool exists(mgx_handle_t *h, const void *object, uint32_t *err) {
+    if (object) return true;
     fail(h, err, MGX_EINVAL);
     return false;
+}
+
+// The caller's slot was clear (and the handle's last error is now cleared) and there is an
+// object to work on.
+inline bool start(mgx_handle_t *h, uint32_t luid, const void *instance, uint32_t *err) {
+    return begin(h, luid, instance, err) && exists(h, instance, err);
 }
 
 // The field exists in the instance's variant; otherwise the variant error 43.
@@ -28,12 +32,15 @@ inline bool present_in(const Field &f, mgx_handle_t *h, const void *instance, ui
     return false;
 }
 
-// Every mutation first brings the instance to the variant the handle's domain gives its type,
-// then requires the field in the instance's variant.
-inline bool adjust_for(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
+// Every mutation first brings the instance to the variant the handle's domain gives its type...
+inline bool adjust(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
     mgxlib_adjust_variant(h, luid, instance, mgx_get_manifested_type_info(instance), t.last_variant(), err);
-    if (err && *err) return false;
-    return present_in(f, h, instance, err);
+    return !(err && *err);
+}
+
+// ...then requires the field in the instance's variant.
+inline bool adjust_for(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
+    return adjust(t, h, luid, instance, err) && present_in(f, h, instance, err);
 }
 
 inline void report(mgx_handle_t *h, uint32_t luid, const void *object, const void *container) {
@@ -63,6 +70,12 @@ inline void mark(mgx_handle_t *h, uint32_t luid, uint8_t *flag, const void *inst
     *flag = value;
 }
 
+// After a successful set under a tracking handle, the field's flag byte says it was set (2).
+inline void mark_field(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
+    if (marking(t, h, instance, err))
+        if (uint8_t *area = state_area(t, h, luid, instance)) mark(h, luid, area + f.sttr_pos, instance);
+}
+
 // The state-flag operations: a handle that does not track refuses without a word (22), a corrupt
 // one is fatal; without a state-tracking record the instance's own check decides. Then the
 // instance must be tracked: 22 with the get path's wording ("non") or the set path's ("not").
@@ -76,17 +89,6 @@ inline bool flags_reachable(const Type &t, mgx_handle_t *h, const void *instance
     trace(t, setting ? Message::not_state_tracked : Message::non_state_tracked, MGX_SEV_ERROR);
     return false;
 }
-
-// The count of a variable array or the length of a string, from its companion field.
-inline void set_companion(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance,
-                          uint32_t value) {
-    const Field &c = t.fields[f.companion];
-    void *p = field_at(instance, c);
-    notify(h, p, c.elem_size, luid, instance);
-    store_count(instance, c, value);
-}
-
-inline void *&pointer_at(void *instance, const Field &f) { return *static_cast<void **>(field_at(instance, f)); }
 
 } // namespace ovrin::steps
 

@@ -1,0 +1,57 @@
+// The blocks of variable arrays: made, filled with nested instances and released in one place.
+#include "ops/walk.h"
+
+#include <cstring>
+
+#include "ops/record/lifecycle.h"
+#include "ops/wire/wire.h"
+
+namespace ovrin {
+
+void free_block(mgx_handle_t *h, uint32_t luid, void *&slot, const void *base) {
+    if (!slot) return;
+    notify(h, &slot, sizeof slot, luid, base);
+    h->inst_free(h->alloc_ctx, luid, slot);
+    slot = nullptr;
+}
+
+void destroy_elements(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint32_t count) {
+    const ArrayLayout layout(f);
+    for (uint32_t k = 0; block && k < count; ++k) destroy_internal(*f.type, h, luid, layout.element(block, k), 0);
+}
+
+bool init_elements(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint32_t count, uint32_t from,
+                   uint32_t to, bool tracked, bool raise, uint32_t *err) {
+    const ArrayLayout layout(f);
+    uint8_t *flags = layout.flags(block, count, tracked);
+    for (uint32_t k = from; k < to; ++k) {
+        void *element = layout.element(block, k);
+        uint32_t e = 0;
+        initialize(*f.type, h, luid, element, f.type->descriptor, 0, 0, MGX_IF_NESTED, layout.slot_of(flags, k), &e);
+        if (!e && raise) adjust_variant(*f.type, h, luid, element, &e);
+        if (e) {
+            // Element k goes too when it got as far as its descriptor (a later step failed).
+            uint32_t made = hdr(element)->descriptor ? k + 1 : k;
+            for (uint32_t j = from; j < made; ++j) destroy_internal(*f.type, h, luid, layout.element(block, j), 0);
+            fail(h, err, e);
+            return false;
+        }
+    }
+    return true;
+}
+
+void *new_block(const Field &f, mgx_handle_t *h, uint32_t luid, uint32_t count, bool tracked, bool raise,
+                uint32_t *err) {
+    size_t size = ArrayLayout(f).size(count, tracked);
+    void *block = h->inst_alloc(h->alloc_ctx, luid, size);
+    if (!block) {
+        fail(h, err, MGX_ENOMEM);
+        return nullptr;
+    }
+    std::memset(block, 0, size);
+    if (init_elements(f, h, luid, block, count, 0, count, tracked, raise, err)) return block;
+    h->inst_free(h->alloc_ctx, luid, block);
+    return nullptr;
+}
+
+} // namespace ovrin
