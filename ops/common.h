@@ -113,16 +113,24 @@ inline void notify(mgx_handle_t *h, const void *addr, size_t length, uint32_t lu
     if (h->write_hook) h->write_hook(h, addr, length, luid, base);
 }
 
-// Sets the caller's slot and the handle's error store.
+// The error slot, under one policy for every operation: an operation handed a slot that already
+// holds a code does nothing (begin); the slot keeps the first code it is given (keep_first), and
+// each failure also goes to the handle's error store (fail). A slot may be null: nothing is kept.
+inline bool failed(const uint32_t *err) { return err && *err; }
+
+inline void keep_first(uint32_t *err, uint32_t code) {
+    if (err && !*err) *err = code;
+}
+
 inline void fail(mgx_handle_t *h, uint32_t *err, uint32_t code) {
-    if (err) *err = code;
+    keep_first(err, code);
     mgx_store_err(h, code);
 }
 
 // The start of every operation that takes an error slot: nothing to do when it already holds a
 // code; otherwise the handle's last error is cleared.
 inline bool begin(mgx_handle_t *h, uint32_t luid, const void *instance, const uint32_t *err) {
-    if (err && *err) return false;
+    if (failed(err)) return false;
     mgx_clear_last_error(h, luid, instance);
     return true;
 }

@@ -35,7 +35,7 @@ inline bool present_in(const Field &f, mgx_handle_t *h, const void *instance, ui
 // Every mutation first brings the instance to the variant the handle's domain gives its type...
 inline bool adjust(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
     mgxlib_adjust_variant(h, luid, instance, mgx_get_manifested_type_info(instance), t.last_variant(), err);
-    return !(err && *err);
+    return !failed(err);
 }
 
 // ...then requires the field in the instance's variant.

@@ -148,7 +148,7 @@ void rebuild_from_wire(const Field &f, mgx_handle_t *h, uint32_t luid, void *ele
     auto *ws = static_cast<uint8_t *>(mgxlib_get_handle_ws(h, need, &length));
     if (!ws || length < need) return fail(h, err, MGX_ENOMEM);
     uint32_t n = encode(*f.type, h, luid, ws, value, static_cast<int32_t>(length - 1), false, err);
-    if (err && *err) return;
+    if (failed(err)) return;
     decode(*f.type, h, luid, ws, element, static_cast<int32_t>(n), 0, err);
 }
 
@@ -183,7 +183,7 @@ void fixed_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, vo
     if (index >= f.count) return;
     void *element = field_of(t, f, instance).element(index);
     element_set(f, h, luid, element, value, err);
-    if (err && *err) return;
+    if (failed(err)) return;
     mark_element(t, f, h, luid, instance, index, err);
     report(h, luid, element, instance);
 }
@@ -195,7 +195,7 @@ void fixed_set_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lu
     if (!adjust_for(t, f, h, luid, instance, err)) return;
     void *element = field_of(t, f, instance).element(index);
     element_set_value(f, h, luid, element, value, err);
-    if (err && *err) return;
+    if (failed(err)) return;
     mark_element(t, f, h, luid, instance, index, err);
 }
 
@@ -215,7 +215,7 @@ void fixed_set_mem(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid
     if (!start(h, luid, instance, err) || !adjust_for(t, f, h, luid, instance, err)) return;
     if (length > static_cast<int32_t>(f.count)) return fail(h, err, MGX_EINVAL);
     bool flags = marking(t, h, instance, err);
-    if (err && *err) return;
+    if (failed(err)) return;
     if (length > 0) {
         if (!buffer) return fail(h, err, MGX_EINVAL);
         const ArrayLayout layout(f);
@@ -339,7 +339,7 @@ void var_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void
     if (!start(h, luid, instance, err) || !adjust_for(t, f, h, luid, instance, err)) return;
     if (!value || index == UINT32_MAX) return fail(h, err, MGX_EINVAL);
     bool flags = marking(t, h, instance, err);
-    if (err && *err) return;
+    if (failed(err)) return;
     if (flags && !value_tracked(t, h, value, err)) return;
     const FieldAt<void> a = field_of(t, f, instance);
     if (!a.block() || index >= a.count())
@@ -349,7 +349,7 @@ void var_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void
         set(*f.type, h, luid, element, value, err);
     else
         rebuild_from_wire(f, h, luid, element, value, err);
-    if (err && *err) return;
+    if (failed(err)) return;
     if (flags) {
         if (uint8_t *area = state_area(t, h, luid, instance)) mark(h, luid, area + f.sttr_pos, instance);
         const ArrayLayout layout(f);

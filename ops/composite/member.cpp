@@ -52,7 +52,7 @@ void member_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, v
         if (!value_tracked(t, h, member, err)) return;
         if (uint8_t *area = state_area(t, h, luid, instance)) mark(h, luid, area + f.sttr_pos, instance);
     }
-    if (err && *err) return;
+    if (failed(err)) return;
     report(h, luid, member, instance);
 }
 

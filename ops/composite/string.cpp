@@ -36,7 +36,7 @@ void string_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, v
     }
     set_count(h, luid, a, length);
     mark_field(t, f, h, luid, instance, err);
-    if (err && *err) return;
+    if (failed(err)) return;
     report(h, luid, slot, instance);
 }
 

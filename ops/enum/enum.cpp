@@ -26,7 +26,7 @@ uint32_t adjust(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, u
 // instance's variant. False (with 43 stored) when the value may not be stored.
 bool prepare_store(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t value, uint32_t *err) {
     adjust(t, h, luid, instance, err);
-    if (err && *err) return false;
+    if (failed(err)) return false;
     if (!enum_admits(t, value, mgx_get_instance_variant(instance, 0, 1))) {
         mgx_store_epoch_err(h, MGX_EVARIANT, err);
         return false;
@@ -146,6 +146,8 @@ uint32_t enum_marshal(const Type &t, mgx_handle_t *h, uint32_t luid, uint8_t *bu
     uint32_t n = _mgx_instance_variant_marshal(h, luid, buf, variant, space, &local);
     uint32_t wire = enum_map_to_internal_value(t, e->value);
     if (!local) n += u_int32_marshal(h, luid, buf + n, &wire, space - static_cast<int32_t>(n), &local);
+    // A piece that could not be written replaces a variant error already given: the encoding is
+    // incomplete, which is what the caller must hear.
     if (local && err) *err = local;
     return n;
 }

@@ -247,7 +247,7 @@ void copy_instance(const Type &t, mgx_handle_t *h, uint32_t luid, void *dst, voi
     post_copy(t, h, luid, dst, src, err);
     // An untracked destination under a tracking handle still gets the values (and owns what it
     // got), only not the flags.
-    if (under_tracking && !tracked(dst) && !(err && *err)) {
+    if (under_tracking && !tracked(dst) && !failed(err)) {
         fail(h, err, MGX_EINVAL);
         trace(t, Message::not_state_tracked, MGX_SEV_ERROR);
     }
@@ -333,7 +333,7 @@ void offset_remove(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance
         const Field &f = a.field();
         void *field = a.address();
         mgx_hd_mapping_destroy(h, luid, field, err);
-        if (err && *err) return;
+        if (failed(err)) return;
         if (f.kind == Kind::aaa_tlv)
             aaa_tlv_offset_remove(h, luid, static_cast<aaa_tlv *>(field), err);
         else
@@ -376,9 +376,9 @@ void field_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, vo
     case Kind::record: copy_instance(*f.type, h, luid, field, value, err, false); break;
     default: prim_set(f.kind, h, luid, field, value, err); break;
     }
-    if (err && *err) return;
+    if (failed(err)) return;
     mark_field(t, f, h, luid, instance, err);
-    if (err && *err) return;
+    if (failed(err)) return;
     report(h, luid, value, instance);
 }
 
@@ -394,7 +394,7 @@ void field_set_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lu
     if (!start(h, luid, instance, err)) return;
     if (!adjust(t, h, luid, instance, err)) return;
     void *field = field_get(t, f, h, luid, instance, err);
-    if (err && *err) return;
+    if (failed(err)) return;
     if (!field) {
         fail(h, err, MGX_ENOENT);
         return;
@@ -403,7 +403,7 @@ void field_set_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lu
         enum_set_value(*f.type, h, luid, field, static_cast<uint32_t>(value), err);
     else
         prim_set_value(f.kind, h, luid, field, value, err);
-    if (err && *err) return;
+    if (failed(err)) return;
     mark_field(t, f, h, luid, instance, err);
 }
 

@@ -77,7 +77,7 @@ void hooked_write(mgx_handle_t *h, bool use_hook, void *addr, size_t n, uint32_t
 
 [[gnu::noinline, gnu::cold]] void stats_failed(const Type &t, uint32_t code, uint32_t *err) {
     trace(t, Message::stats_failed, MGX_SEV_ERROR, std::strerror(static_cast<int>(code)));
-    if (err && !*err) *err = code;
+    keep_first(err, code);
 }
 
 [[gnu::always_inline]] inline void count_stats(const Type &t, mgx_handle_t *h, uint32_t luid, const mgx_type_info_t *d,
@@ -115,13 +115,13 @@ bool release_references(const Type &t, mgx_handle_t *h, uint32_t luid, void *fie
         trace(t, Message::destroy_references_failed, MGX_SEV_ERROR, std::strerror(static_cast<int>(*err)));
         return false;
     }
+    // A reference that cannot be released is reported, and the destroy goes on.
     for (uint64_t ref : refs) {
-        mgxlib_lookup_and_update_oid_ref_count(h, luid, ref, 0, err);
-        if (*err) {
+        uint32_t released = 0;
+        mgxlib_lookup_and_update_oid_ref_count(h, luid, ref, 0, &released);
+        if (released)
             trace(t, Message::destroy_release_failed, MGX_SEV_ERROR, reinterpret_cast<const void *>(ref),
-                  std::strerror(static_cast<int>(*err)));
-            *err = 0;
-        }
+                  std::strerror(static_cast<int>(released)));
     }
     return true;
 }
@@ -324,7 +324,7 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
                 initialize_nested(*f.type, w, a.element(k), nested_base);
         }
     }
-    if (offsets_lost && !(err && *err)) fail(h, err, MGX_ENOMEM);
+    if (offsets_lost && !failed(err)) fail(h, err, MGX_ENOMEM);
 }
 
 void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *sttr_base) {
@@ -432,7 +432,7 @@ uint32_t size_of_internal(const Type &t, const mgx_handle_t *h, const void *inst
 }
 
 uint32_t get_oid_count(const Type &t, mgx_handle_t *h, uint32_t, const void *instance, uint32_t *err) {
-    if (err && *err) {
+    if (failed(err)) {
         trace(t, Message::oid_count_error_present, MGX_SEV_ERROR);
     } else if (!instance) {
         trace(t, Message::oid_count_null, MGX_SEV_ERROR);
@@ -443,7 +443,7 @@ uint32_t get_oid_count(const Type &t, mgx_handle_t *h, uint32_t, const void *ins
 
 void get_object_references(const Type &t, mgx_handle_t *h, uint32_t, const void *instance, uint64_t *, uint32_t,
                            uint32_t *err) {
-    if (err && *err) {
+    if (failed(err)) {
         trace(t, Message::references_error_present, MGX_SEV_ERROR);
         return;
     }

@@ -56,10 +56,7 @@ struct Writer {
         buf[pos] = v;
         if (pos < space) ++pos;
     }
-    void error(uint32_t code) {
-        if (!*err) *err = code;
-        mgx_store_err(h, code);
-    }
+    void error(uint32_t code) { fail(h, err, code); }
 };
 
 // One element, straight to the runtime's primitive or the nested type's encoder.
@@ -82,7 +79,7 @@ struct Writer {
 [[gnu::always_inline]] inline void put_piece(const Field &f, Writer &w, const void *element) {
     uint32_t e = 0;
     w.pos += static_cast<int32_t>(put_element(f, w.h, w.luid, w.buf + w.pos, element, w.left(), &e));
-    if (e && !*w.err) *w.err = e;
+    keep_first(w.err, e);
 }
 
 // Arrays, counted strings and union arms; scalars take the short road in encode().
@@ -352,7 +349,7 @@ uint32_t encode(const Type &t, mgx_handle_t *h, uint32_t luid, uint8_t *buf, con
     Writer w{h, luid, buf, space, err};
     uint32_t e = 0;
     w.pos += static_cast<int32_t>(_mgx_instance_variant_marshal(h, luid, buf, variant, space, &e));
-    if (e && !*err) *err = e;
+    keep_first(err, e);
     uint8_t flag = mgx_get_instance_obj_flag(instance, 1, 0);
     const uint8_t *area = nullptr;
     bool tracked = tracking(t, h);
@@ -365,16 +362,16 @@ uint32_t encode(const Type &t, mgx_handle_t *h, uint32_t luid, uint8_t *buf, con
     flag &= wire_flag_mask;
     e = 0;
     w.pos += static_cast<int32_t>(_mgx_instance_obj_flag_marshal(h, luid, buf + w.pos, flag, w.left(), &e));
-    if (e && !*err) *err = e;
+    keep_first(err, e);
     if (flag & MGX_IF_HD_MAPPED) {
         e = 0;
         w.pos += static_cast<int32_t>(_mgx_instance_ra_data_marshal(h, luid, buf + w.pos, instance, w.left(), &e));
-        if (e && !*err) *err = e;
+        keep_first(err, e);
     }
     int32_t header = w.pos;
     e = 0;
     w.pos += static_cast<int32_t>(_mgx_variant_jump_marshal(h, luid, buf + w.pos, 0, w.left(), &e));
-    if (e && !*err) *err = e;
+    keep_first(err, e);
     bool jump_written = w.pos == header + 4;
 
     if (variant >= 0 && instance) {
