@@ -15,16 +15,21 @@ function(ovrin_generate domain catalogue gen_dir)
   set(gen_outputs ${gen_sources}
     ${gen_dir}/include/${domain}/types.h
     ${gen_dir}/include/${domain}/ops.h
+    ${gen_dir}/include/${domain}/ops_runtime.h
     ${gen_dir}/include/${domain}/exports.inc
     ${gen_dir}/include/${domain}/optable.h
     ${gen_dir}/include/${domain}_internal/tables.h
     ${gen_dir}/include/${domain}_internal/tables.inc
     ${gen_dir}/include/bundle_frame.h
     ${gen_dir}/${domain}.map)
+  # The build record names the catalogue by its path in the source tree, not the build directory,
+  # and the platform built for, not the machine building (SOURCE_DATE_EPOCH sets its time).
+  file(RELATIVE_PATH catalogue_in_tree ${PROJECT_SOURCE_DIR} ${catalogue})
   add_custom_command(
     OUTPUT ${gen_outputs}
-    COMMAND ovrin_gen --catalogue ${catalogue} --out ${gen_dir} --domain ${domain} --comment ${CMAKE_BINARY_DIR}
-    DEPENDS ovrin_gen ${catalogue} ${CMAKE_SOURCE_DIR}/ops/messages.def
+    COMMAND ovrin_gen --catalogue ${catalogue} --out ${gen_dir} --domain ${domain}
+            --platform "${CMAKE_SYSTEM_NAME} ${CMAKE_SYSTEM_PROCESSOR}" --comment ${catalogue_in_tree}
+    DEPENDS ovrin_gen ${catalogue} ${PROJECT_SOURCE_DIR}/ops/messages.def
     COMMENT "Generating the ${domain} sources from its catalogue"
     VERBATIM)
   add_custom_target(${domain}_generated DEPENDS ${gen_outputs})
@@ -36,13 +41,13 @@ endfunction()
 
 function(ovrin_add_bundle target domain catalogue gen_dir)
   ovrin_generate(${domain} ${catalogue} ${gen_dir})
-  file(GLOB frame_sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/frame/*.cpp)
+  file(GLOB frame_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/frame/*.cpp)
   add_library(${target} SHARED ${frame_sources} ${${domain}_GENERATED_SOURCES})
   target_link_libraries(${target} PRIVATE ovrin_engine)
-  target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/include>
+  target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
                                               $<BUILD_INTERFACE:${gen_dir}/include>
                                               $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
-                                       PRIVATE ${CMAKE_SOURCE_DIR})
+                                       PRIVATE ${PROJECT_SOURCE_DIR})
   # The bundle reaches the runtime by symbol name only: it is linked against libmgx.so for the
   # dependency entry, but compiles against the contract header alone.
   target_link_libraries(${target} PUBLIC mgx)

@@ -6,19 +6,19 @@ set(OVRIN_FUZZ_TARGETS wire xml xml_dtd reuse trace elf trace_files)
 # ovrin_fuzz_executable(NAME TARGET SOURCES...): an executable from fuzz/TARGET_fuzz.cpp, the
 # target's helpers and the given sources.
 function(ovrin_fuzz_executable name target)
-  set(sources ${CMAKE_SOURCE_DIR}/fuzz/${target}_fuzz.cpp ${ARGN})
+  set(sources ${PROJECT_SOURCE_DIR}/fuzz/${target}_fuzz.cpp ${ARGN})
   set(libraries ovrin_sm mgx ZLIB::ZLIB ${CMAKE_DL_LIBS})
   if(target STREQUAL "xml_dtd")
     list(APPEND libraries LibXml2::LibXml2)
   elseif(target STREQUAL "elf")
-    list(APPEND sources ${CMAKE_SOURCE_DIR}/fuzz/heap_count.cpp ${CMAKE_SOURCE_DIR}/cli/manifest_cmd.cpp
-                        ${CMAKE_SOURCE_DIR}/cli/input.cpp)
+    list(APPEND sources ${PROJECT_SOURCE_DIR}/fuzz/heap_count.cpp ${PROJECT_SOURCE_DIR}/cli/manifest_cmd.cpp
+                        ${PROJECT_SOURCE_DIR}/cli/input.cpp)
   elseif(target STREQUAL "trace_files")
-    list(APPEND sources ${CMAKE_SOURCE_DIR}/fuzz/heap_count.cpp ${CMAKE_SOURCE_DIR}/cli/trace_cmd.cpp
-                        ${CMAKE_SOURCE_DIR}/cli/input.cpp)
+    list(APPEND sources ${PROJECT_SOURCE_DIR}/fuzz/heap_count.cpp ${PROJECT_SOURCE_DIR}/cli/trace_cmd.cpp
+                        ${PROJECT_SOURCE_DIR}/cli/input.cpp)
   endif()
   add_executable(${name} ${sources})
-  target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR} ${OVRIN_GENERATED_INCLUDE})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR} ${OVRIN_GENERATED_INCLUDE})
   target_link_libraries(${name} PRIVATE ${libraries})
   if(OVRIN_GENERATED_DEPENDS)
     add_dependencies(${name} ${OVRIN_GENERATED_DEPENDS})
@@ -31,9 +31,9 @@ function(ovrin_fuzz_seed_writer)
   if(TARGET ovrin_fuzz_seeds)
     return()
   endif()
-  add_executable(ovrin_fuzz_seeds ${CMAKE_SOURCE_DIR}/fuzz/seeds.cpp ${CMAKE_SOURCE_DIR}/tests/sm_type_tables.cpp
-                                  ${CMAKE_SOURCE_DIR}/tests/sm_fill.cpp)
-  target_include_directories(ovrin_fuzz_seeds PRIVATE ${CMAKE_SOURCE_DIR} ${OVRIN_GENERATED_INCLUDE})
+  add_executable(ovrin_fuzz_seeds ${PROJECT_SOURCE_DIR}/fuzz/seeds.cpp ${PROJECT_SOURCE_DIR}/tests/sm_type_tables.cpp
+                                  ${PROJECT_SOURCE_DIR}/tests/sm_fill.cpp)
+  target_include_directories(ovrin_fuzz_seeds PRIVATE ${PROJECT_SOURCE_DIR} ${OVRIN_GENERATED_INCLUDE})
   target_link_libraries(ovrin_fuzz_seeds PRIVATE ovrin_sm mgx ZLIB::ZLIB ${CMAKE_DL_LIBS})
   if(OVRIN_GENERATED_DEPENDS)
     add_dependencies(ovrin_fuzz_seeds ${OVRIN_GENERATED_DEPENDS})

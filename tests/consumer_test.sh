@@ -67,8 +67,8 @@ while read -r f; do
     [[ $f == "$prefix"/* ]] || fail "installed outside the prefix: $f"
 done <<<"$installed"
 lib=$prefix/$libdir
-for h in mgx/contract.h mgx/runtime.h ovrin_sm/types.h ovrin_sm/ops.h; do
-    [ -f "$prefix/include/$h" ] || fail "header $h is not installed"
+for h in mgx/contract.h mgx/runtime.h ovrin_sm/types.h ovrin_sm/ops.h ovrin_sm/ops_runtime.h ovrin_sm/ovrin_sm.types; do
+    [ -f "$prefix/include/$h" ] || fail "$h is not installed"
 done
 
 echo "== installed libraries"

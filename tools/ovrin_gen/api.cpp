@@ -380,14 +380,14 @@ std::vector<Wrapper> wrappers_of(const Type &t) {
     for (const EntryPoint &e : entry_points())
         if (has_kind(e.kinds, t))
             out.push_back({t.name + "_" + e.op, fill_in(e.result, t, nullptr, 0), fill_in(e.params, t, nullptr, 0),
-                           fill_in(e.call, t, nullptr, 0)});
+                           fill_in(e.call, t, nullptr, 0), e.op, nullptr});
     for (const FieldEntryPoint &e : field_entry_points()) {
         if (!has_kind(e.kinds, t)) continue;
         for (size_t i = 0; i < t.fields.size(); ++i) {
             const Field &f = t.fields[i];
             if (e.applies && !e.applies(f)) continue;
             out.push_back({t.name + "_" + f.name + "_" + e.op, fill_in(e.result, t, &f, i), fill_in(e.params, t, &f, i),
-                           fill_in(e.call, t, &f, i)});
+                           fill_in(e.call, t, &f, i), e.op, &f});
         }
     }
     return out;

@@ -36,9 +36,12 @@ struct FieldEntryPoint {
     const char *call;
 };
 
-// One exported function of one type, with every placeholder filled in.
+// One exported function of one type, with every placeholder filled in: `op` is the entry point's
+// operation, `field` the field a per-field entry point serves (null for a type entry point).
 struct Wrapper {
     std::string name, result, params, call;
+    std::string op;
+    const Field *field = nullptr;
 };
 
 // A bundle-level export: its name and its C declaration.
@@ -61,12 +64,16 @@ unsigned bundle_message_count();
 
 // Build facts that go into the manifest's build record.
 struct BuildInfo {
-    std::string comment; // the build directory
+    std::string platform; // what the build is for, e.g. "Linux x86_64"
+    std::string comment;  // the catalogue's path in the source tree
 };
 
 // Each returns the file's contents.
 std::string emit_public_types(const Catalogue &c);
+// include/NAME/ops.h: per type a comment block and the operations an application calls;
+// include/NAME/ops_runtime.h (which ops.h includes): the forms the runtime and tools call.
 std::string emit_public_ops(const Catalogue &c);
+std::string emit_runtime_ops(const Catalogue &c);
 std::string emit_export_list(const Catalogue &c);
 std::string emit_version_script(const Catalogue &c);
 std::string emit_tables_header(const Catalogue &c);

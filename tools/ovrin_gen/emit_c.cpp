@@ -1,8 +1,11 @@
 // The C interface: the public headers (structs with their exact layout, literal constants,
 // descriptors, prototypes), the exported wrappers, and the export lists.
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <functional>
 #include <set>
+#include <sstream>
 
 #include "tools/ovrin_gen/emit.h"
 
@@ -153,9 +156,207 @@ std::string emit_public_types(const Catalogue &c) {
     return s;
 }
 
+namespace {
+
+// The operations an application calls, by entry-point name: the type's own, and those of one of
+// its fields. Every other export (the _internal, _cr, _offset_*, _post_copyout_cleanup and state
+// flag forms, the variant and OID queries) is there for the runtime, the frame and the tools.
+// _print_cr and _toxml_cr are the application's text forms: they need no owner id or error slot.
+const std::set<std::string> application_ops = {
+    "create",  "destroy", "sizeof",   "len",   "marshal",  "adjust_variant", "unmarshal", "clone",
+    "compare", "hash",    "print",    "print_cr", "to_xml", "toxml_cr",      "from_xml",  "set",
+    "get_all", "set_all", "get_value", "set_value", "map_to_user_value", "map_to_internal_value"};
+const std::set<std::string> application_field_ops = {"get",     "set",        "get_value",        "set_value",
+                                                     "get_mem", "set_mem",    "length_get",       "length_get_value",
+                                                     "remove_elements", "get_detach"};
+
+bool for_application(const Wrapper &w) {
+    return w.field ? application_field_ops.count(w.op) != 0 : application_ops.count(w.op) != 0;
+}
+
+std::string prototype(const Wrapper &w) {
+    return format("@U@_API %s %s(%s);\n", w.result.c_str(), w.name.c_str(), w.params.c_str());
+}
+
+// Words joined by spaces into comment lines of at most 100 columns, the first opened by `lead`,
+// the others by `more`.
+std::string wrapped(const std::string &lead, const std::vector<std::string> &words, const std::string &more = " * ") {
+    std::string out, line = lead;
+    for (size_t i = 0; i < words.size(); ++i) {
+        if (i && line.size() + 1 + words[i].size() > 100) {
+            out += line + "\n";
+            line = more + words[i];
+        } else {
+            line += (i && line != more ? " " : "") + words[i];
+        }
+    }
+    return out + line + "\n";
+}
+
+std::vector<std::string> words_of(const std::string &text) {
+    std::vector<std::string> words;
+    std::istringstream in(text);
+    for (std::string w; in >> w;) words.push_back(w);
+    return words;
+}
+
+// Each item but the last followed by `punct`.
+std::vector<std::string> listed(std::vector<std::string> items, const char *punct) {
+    for (size_t i = 0; i + 1 < items.size(); ++i) items[i] += punct;
+    return items;
+}
+
+// What a field holds, in catalogue terms.
+std::string field_kind(const Field &f) {
+    std::string elem = f.prim ? prim_c_type(*f.prim) : f.type ? f.type->name : "";
+    std::string what = elem;
+    if (f.type && f.shape != Shape::member) what = std::string(f.type->is_enum() ? "enum " : f.type->kind == TypeKind::union_ ? "union " : "record ") + elem;
+    switch (f.shape) {
+    case Shape::scalar: break;
+    case Shape::fixed_array: what += "[" + std::to_string(f.count) + "]"; break;
+    case Shape::var_array: what += "[], count in " + f.companion_name; break;
+    case Shape::var_string: what = "string, length in " + f.companion_name; break;
+    case Shape::member: what = "member " + elem + " (" + f.select_name + ")"; break;
+    }
+    if (f.discriminator) what += ", the discriminator";
+    if (f.from) what += format(", from variant %d", f.from);
+    return what;
+}
+
+// Where the type is held: each field of another type whose elements are of this type.
+std::vector<std::string> holders(const Catalogue &c, const Type &t) {
+    std::vector<std::string> out;
+    for (const auto &other : c.types)
+        for (const Field &f : other->fields)
+            if (f.type == &t) out.push_back(other->name + "." + f.name);
+    return out;
+}
+
+std::string describe_type(const Catalogue &c, const Type &t) {
+    std::string rule = "/* ==== " + t.name + " ";
+    if (rule.size() < 100) rule.resize(100, '=');
+    std::string s = rule + "\n *\n";
+    std::string what = t.is_enum() ? "An enumeration" : t.kind == TypeKind::union_ ? "A union" : "A record";
+    if (!t.group.empty()) {
+        std::string group = t.group;
+        if (!group.empty() && group.back() == '.') group.pop_back();
+        group[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(group[0])));
+        what += " (" + group + ")";
+    }
+    if (t.n_variants > 1) what += format(" with %d variants", t.n_variants);
+    if (!t.is_enum()) what += format(", %u-byte instance", t.size);
+    std::vector<std::string> held = holders(c, t);
+    std::vector<std::string> words =
+        words_of(what + (held.empty() ? ", held by no other type: a message of its own." : "; held by"));
+    for (const std::string &h : listed(held, ",")) words.push_back(h);
+    if (!held.empty()) words.back() += ".";
+    s += wrapped(" * ", words);
+    if (!t.note.empty()) s += wrapped(" * ", words_of(t.note));
+    if (t.is_enum()) {
+        s += format(" * Literals (user value; enum %s_literal in types.h):\n", t.name.c_str());
+        std::vector<std::string> lits;
+        for (const Literal &l : t.literals)
+            lits.push_back(l.name + " " + std::to_string(l.user) + (l.from ? format(" (from variant %d)", l.from) : ""));
+        s += wrapped(" *     ", listed(lits, ","), " *     ");
+        std::string first = held.empty() ? "Start with: " + t.name + "_create, " + t.name + "_set_value, " + t.name +
+                                               "_get_value, " + t.name + "_destroy."
+                                         : "Usually read and written as a user value through the holder's <member>_get_value "
+                                           "and _set_value (" + held[0] + ").";
+        return s + wrapped(" * ", words_of(first)) + " */\n";
+    }
+    s += " * Members, in declaration (and wire) order, with their accessors <type>_<member>_<op>:\n";
+    size_t name_w = 0, kind_w = 0;
+    std::vector<std::string> kinds;
+    for (const Field &f : t.fields) {
+        name_w = std::max(name_w, f.name.size());
+        kinds.push_back(field_kind(f));
+        kind_w = std::max(kind_w, std::min<size_t>(kinds.back().size(), 40));
+    }
+    const std::vector<Wrapper> all = wrappers_of(t);
+    for (size_t i = 0; i < t.fields.size(); ++i) {
+        const Field &f = t.fields[i];
+        std::string ops;
+        for (const Wrapper &w : all)
+            if (w.field == &f && for_application(w)) ops += (ops.empty() ? "" : " ") + w.op;
+        std::string line = " *   " + f.name + std::string(name_w - f.name.size() + 2, ' ') + kinds[i];
+        if (!ops.empty()) line += std::string(kinds[i].size() < kind_w ? kind_w - kinds[i].size() + 2 : 2, ' ') + ops;
+        s += line + "\n";
+    }
+    const std::string &T = t.name;
+    std::string first;
+    if (!held.empty()) {
+        size_t dot = held[0].find('.');
+        first = "Usually reached in place through its holder (" + held[0].substr(0, dot) + "_" + held[0].substr(dot + 1) +
+                "_get) and filled there; on its own: " + T + "_create, the accessors below, " + T + "_compare, " + T +
+                "_print_cr, " + T + "_destroy.";
+    } else {
+        first = "Start with: " + T + "_create; ";
+        if (t.kind == TypeKind::union_)
+            first += T + "_" + t.discriminator_name + "_set_value to choose the member, then the member's _set (or _get, "
+                     "to fill it in place); ";
+        else
+            first += "the accessors below; ";
+        first += T + "_len and " + T + "_marshal to encode; " + T + "_adjust_variant and " + T +
+                 "_unmarshal to decode into a fresh instance; " + T + "_print_cr to look at it; " + T + "_destroy.";
+    }
+    return s + wrapped(" * ", words_of(first)) + " */\n";
+}
+
+} // namespace
+
 std::string emit_public_ops(const Catalogue &c) {
-    std::string s = format("/* The exported operations of the @D@ bundle. %s */\n", generated_banner);
+    std::string s = format("/* The operations of the @D@ types. %s\n", generated_banner);
+    s += R"( *
+ * Per type: what it is and what holds it, its members with their accessors, and the prototypes
+ * of the operations an application calls: create and destroy, member access, encode (_len,
+ * _marshal) and decode (_adjust_variant, _unmarshal), copy, compare, hash, the print and XML
+ * forms. Every operation takes the runtime handle first (mgx/runtime.h); most take the caller's
+ * owner id (luid) next and an error slot last: once the slot holds a code, later operations given
+ * it do nothing, so a sequence of calls is checked once at the end.
+ *
+ * The forms the runtime, the frame and the tools call (_internal, _cr other than _print_cr and
+ * _toxml_cr, _offset_update, _offset_remove, _post_copyout_cleanup, the state flags, the variant
+ * and object-reference queries) are declared in @D@/ops_runtime.h, included at the end. The
+ * catalogue the types come from is installed beside this header as @D@/@D@.types.
+ */
+)";
     s += "#ifndef @U@_OPS_H\n#define @U@_OPS_H\n\n#include \"@D@/types.h\"\n\n";
+    s += c_prologue;
+    // In the order a program goes through them: lifecycle, copy, encoding, text; then each field's
+    // accessors together, in field order.
+    static const std::vector<std::string> order = {
+        "create", "destroy", "set", "clone", "compare", "hash", "sizeof", "get_value", "set_value", "get_all", "set_all",
+        "map_to_user_value", "map_to_internal_value", "len", "marshal", "adjust_variant", "unmarshal", "print_cr",
+        "toxml_cr", "print", "to_xml", "from_xml"};
+    auto rank = [&](const Type &t, const Wrapper &w) {
+        if (w.field) return order.size() + static_cast<size_t>(w.field - t.fields.data());
+        return static_cast<size_t>(std::find(order.begin(), order.end(), w.op) - order.begin());
+    };
+    for (const auto &t : c.types) {
+        s += "\n" + describe_type(c, *t);
+        std::vector<Wrapper> shown;
+        for (const Wrapper &w : wrappers_of(*t))
+            if (for_application(w)) shown.push_back(w);
+        std::stable_sort(shown.begin(), shown.end(),
+                         [&](const Wrapper &a, const Wrapper &b) { return rank(*t, a) < rank(*t, b); });
+        for (const Wrapper &w : shown) s += prototype(w);
+    }
+    s += "\n";
+    s += c_epilogue;
+    s += "\n#include \"@D@/ops_runtime.h\"\n\n#endif\n";
+    return s;
+}
+
+std::string emit_runtime_ops(const Catalogue &c) {
+    std::string s = format("/* The runtime-facing exports of the @D@ bundle. %s\n", generated_banner);
+    s += R"( *
+ * Included by @D@/ops.h, which declares what an application calls. Declared here: the bundle's
+ * registration and trace entry points, and per type the forms the runtime, the frame and the
+ * tools call: _internal and _cr variants, variant and object-reference queries, the state flags,
+ * _offset_update, _offset_remove and _post_copyout_cleanup.
+ */
+)";
+    s += "#ifndef @U@_OPS_RUNTIME_H\n#define @U@_OPS_RUNTIME_H\n\n#include \"@D@/types.h\"\n\n";
     s += c_prologue;
     s += "\n/* The bundle. */\n";
     for (const BundleSymbol &b : bundle_functions()) s += "@U@_API " + std::string(b.declaration) + ";\n";
@@ -163,7 +364,7 @@ std::string emit_public_ops(const Catalogue &c) {
     for (const auto &t : c.types) {
         s += "\n/* " + t->name + " */\n";
         for (const Wrapper &w : wrappers_of(*t))
-            s += format("@U@_API %s %s(%s);\n", w.result.c_str(), w.name.c_str(), w.params.c_str());
+            if (!for_application(w)) s += prototype(w);
     }
     s += "\n";
     s += c_epilogue;

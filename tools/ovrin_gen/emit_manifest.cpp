@@ -3,10 +3,8 @@
 //   kind 2, the type manifest: "# ovrin_sm manifest", then one 79-character line per type sorted
 //           by name (fingerprint ":" second digest, kind word, last variant index ":" rounded
 //           last used length "N"), NUL-terminated;
-//   kind 1, the build record: the domain, package id, builder, host, pid, time and build directory.
+//   kind 1, the build record: the domain, package id, builder, platform, pid, time and catalogue.
 #include <nettle/sha1.h>
-#include <pwd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -50,22 +48,17 @@ std::string package_id(const Catalogue &c) {
     return hex(digest, sizeof digest);
 }
 
-std::string builder() {
-    if (const char *user = std::getenv("USER"); user && *user) return user;
-    if (const passwd *pw = getpwuid(getuid())) return pw->pw_name;
-    return "unknown";
-}
-
-std::string host() {
-    char name[256] = {};
-    if (gethostname(name, sizeof name - 1) != 0) return "unknown";
-    return name;
-}
-
-// The build time, or SOURCE_DATE_EPOCH for reproducible builds.
+// The build time: SOURCE_DATE_EPOCH when it is set, so that a build from the same sources gives
+// the same bytes; the time of generation otherwise.
 std::string build_time() {
     std::time_t when = std::time(nullptr);
-    if (const char *epoch = std::getenv("SOURCE_DATE_EPOCH"); epoch && *epoch) when = std::strtoll(epoch, nullptr, 10);
+    if (const char *epoch = std::getenv("SOURCE_DATE_EPOCH"); epoch && *epoch) {
+        char *end = nullptr;
+        long long seconds = std::strtoll(epoch, &end, 10);
+        if (*end || seconds < 0) throw std::runtime_error(std::string("SOURCE_DATE_EPOCH '") + epoch +
+                                                          "' is not a count of seconds since 1970");
+        when = static_cast<std::time_t>(seconds);
+    }
     std::tm tm{};
     gmtime_r(&when, &tm);
     char buf[32];
@@ -73,12 +66,15 @@ std::string build_time() {
     return buf;
 }
 
+// Nothing in the record depends on who builds, where or in which process: "built by" names the
+// generator, "on host" the platform built for, "pid" is 0 and "comment" is the catalogue's path in
+// the source tree.
 std::string build_record(const Catalogue &c, const BuildInfo &build) {
     std::string text = c.domain + "\n";
     text += "pkg_id: " + package_id(c) + "\n";
-    text += "built by: " + builder() + "\n";
-    text += "on host: " + host() + "\n";
-    text += format("pid: %ld\n", static_cast<long>(getpid()));
+    text += "built by: ovrin_gen\n";
+    text += "on host: " + build.platform + "\n";
+    text += "pid: 0\n";
     text += "at: " + build_time() + "\n";
     text += "comment: " + build.comment + "\n";
     return text + '\0';

@@ -1,10 +1,11 @@
 // ovrin_gen: turns the catalogue into the bundle's generated sources.
 //
-//   ovrin_gen --catalogue FILE --out DIR [--domain NAME] [--comment TEXT]
+//   ovrin_gen --catalogue FILE --out DIR [--domain NAME] [--platform TEXT] [--comment TEXT]
 //
 // writes, under DIR, for the domain NAME (ovrin_sm unless given):
 //   include/NAME/types.h                public: structs, literal constants, descriptors
-//   include/NAME/ops.h                  public: prototypes of every exported function
+//   include/NAME/ops.h                  public: per type a description and what an application calls
+//   include/NAME/ops_runtime.h          public, included by ops.h: the runtime-facing exports
 //   include/NAME/exports.inc            the exported symbol names (for tests)
 //   include/NAME/optable.h              public: the operations of every type as one table
 //   include/NAME_internal/tables.h      internal: declarations of the type tables
@@ -58,7 +59,7 @@ void write_if_changed(const fs::path &path, const std::string &contents) {
 }
 
 int usage() {
-    std::fputs("usage: ovrin_gen --catalogue FILE --out DIR [--domain NAME] [--comment TEXT]\n", stderr);
+    std::fputs("usage: ovrin_gen --catalogue FILE --out DIR [--domain NAME] [--platform TEXT] [--comment TEXT]\n", stderr);
     return 2;
 }
 
@@ -73,6 +74,7 @@ int main(int argc, char **argv) {
         if (!std::strcmp(argv[i], "--catalogue") && (v = value())) catalogue_path = v;
         else if (!std::strcmp(argv[i], "--out") && (v = value())) out_dir = v;
         else if (!std::strcmp(argv[i], "--comment") && (v = value())) build.comment = v;
+        else if (!std::strcmp(argv[i], "--platform") && (v = value())) build.platform = v;
         else if (!std::strcmp(argv[i], "--domain") && (v = value())) domain = v;
         else return usage();
     }
@@ -104,6 +106,7 @@ int main(int argc, char **argv) {
         auto write = [&](const fs::path &path, const std::string &text) { write_if_changed(out / path, named(text, domain)); };
         write(pub / "types.h", gen::emit_public_types(c));
         write(pub / "ops.h", gen::emit_public_ops(c));
+        write(pub / "ops_runtime.h", gen::emit_runtime_ops(c));
         write(pub / "exports.inc", gen::emit_export_list(c));
         write(internal / "tables.h", gen::emit_tables_header(c));
         write(internal / "tables.inc", gen::emit_tables(c));

@@ -71,6 +71,9 @@ struct Type {
     std::vector<Field> fields;
     std::vector<Literal> literals;
     unsigned index = 0; // registration order
+    // The catalogue's own words about the type, for the public header: the comment paragraph that
+    // heads its group (one followed by a blank line), and the one written right above it.
+    std::string group, note;
 
     // layout
     bool laid_out = false, laying_out = false;

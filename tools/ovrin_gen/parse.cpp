@@ -178,13 +178,32 @@ Catalogue parse_catalogue(const std::string &path, const std::string &text) {
     std::istringstream in(text);
     Type *current = nullptr;
     int line = 0;
+    // Comment lines at the start of a line gather into a paragraph: a blank line after it makes it
+    // the heading of the types that follow; a type line right after it makes it that type's note.
+    // The paragraph the file opens with describes the whole catalogue and heads no group.
+    std::string paragraph, group;
+    int paragraph_line = 0;
     for (std::string raw; std::getline(in, raw);) {
         ++line;
+        if (!raw.empty() && raw[0] == '#') {
+            size_t start = raw.find_first_not_of("# \t");
+            size_t end = raw.find_last_not_of(" \t\r");
+            if (paragraph.empty()) paragraph_line = line;
+            if (start != std::string::npos) paragraph += (paragraph.empty() ? "" : " ") + raw.substr(start, end + 1 - start);
+            continue;
+        }
         std::vector<std::string> w = words_of(raw);
-        if (w.empty()) continue;
-        bool indented = std::isspace(static_cast<unsigned char>(raw[0]));
+        bool indented = !raw.empty() && std::isspace(static_cast<unsigned char>(raw[0]));
+        if (w.empty()) {
+            if (!indented && !paragraph.empty() && paragraph_line > 1) group = paragraph;
+            if (!indented) paragraph.clear();
+            continue;
+        }
         if (!indented) {
             auto t = parse_type_line(line, w);
+            t->group = group;
+            t->note = paragraph;
+            paragraph.clear();
             if (c.by_name.count(t->name)) throw Error(line, "type " + t->name + " is defined twice");
             t->index = static_cast<unsigned>(c.types.size());
             current = t.get();
