@@ -2,6 +2,7 @@
 // for any type of the catalogue, named as the catalogue spells it.
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -10,30 +11,83 @@
 
 #include "cli/commands.h"
 #include "cli/input.h"
+#include "cli/options.h"
+#include "cli/render.h"
+#include "cli/tables.h"
+#include "cli/xml_check.h"
 #include "mgx/runtime.h"
 #include "ovrin_sm/optable.h"
 
 namespace {
 
-std::vector<std::string> type_names() {
-    std::vector<std::string> names;
-    for (uint32_t i = 0; i < ovrin_sm_optable_count; ++i) names.push_back(ovrin_sm_optable[i].name);
-    return names;
-}
+using namespace ovrin::cli;
 
-size_t distance(const std::string &a, const std::string &b) {
-    std::vector<size_t> row(b.size() + 1);
-    for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
-    for (size_t i = 1; i <= a.size(); ++i) {
-        size_t diagonal = row[0];
-        row[0] = i;
-        for (size_t j = 1; j <= b.size(); ++j) {
-            size_t up = row[j];
-            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] != b[j - 1])});
-            diagonal = up;
+enum { opt_hex = 256, opt_xml, opt_pretty, opt_tracked, opt_lenient };
+
+const Command decode_command = {
+    "decode", "TYPE [FILE] [--hex] [--xml [--pretty]] [--tracked]",
+    "Decodes wire bytes of TYPE from FILE (standard input when FILE is absent or '-') and writes the\n"
+    "instance in the print form. 'ovrin-sm types' lists the types.\n"
+    "\n"
+    "  --hex                 the input is hexadecimal text; blanks and line breaks between bytes are ignored\n"
+    "  --xml                 write XML, which 'ovrin-sm encode' reads back to the same bytes\n"
+    "  --pretty              with --xml: one element a line, children indented by two spaces\n"
+    "  --tracked             decode on a handle that tracks state, as a tracking receiver does\n",
+    {{"hex", no_argument, nullptr, opt_hex},
+     {"xml", no_argument, nullptr, opt_xml},
+     {"pretty", no_argument, nullptr, opt_pretty},
+     {"tracked", no_argument, nullptr, opt_tracked}},
+};
+
+const Command encode_command = {
+    "encode", "TYPE [FILE] [--hex] [--tracked] [--lenient]",
+    "Reads an XML document whose root element is TYPE from FILE (standard input when FILE is absent\n"
+    "or '-') and writes the instance's wire bytes. The document is first checked against the type:\n"
+    "an unknown element or literal, a member given twice, a union member its discriminator does not\n"
+    "select, and a length or count that disagrees with what follows it are errors naming the path.\n"
+    "'ovrin-sm types TYPE --xml-skeleton' prints a document to start from.\n"
+    "\n"
+    "  --hex                 write hexadecimal text, 16 bytes a line, instead of raw bytes\n"
+    "  --tracked             encode on a handle that tracks state, so the state bytes are written\n"
+    "  --lenient             skip the check and read the document as the library's reader does\n"
+    "                        (unknown elements ignored, the first of duplicates kept, lengths recomputed)\n",
+    {{"hex", no_argument, nullptr, opt_hex},
+     {"tracked", no_argument, nullptr, opt_tracked},
+     {"lenient", no_argument, nullptr, opt_lenient}},
+};
+
+struct Options {
+    bool hex = false, xml = false, pretty = false, tracked = false, lenient = false;
+    const char *type = nullptr, *file = nullptr;
+};
+
+// The command line of decode or encode; -1 to go on, else the exit status.
+int parse_options(const Command &c, int argc, char **argv, Options &o) {
+    Parser p(c, argc, argv);
+    for (;;) {
+        int val;
+        const char *arg;
+        switch (p.next(val, arg)) {
+        case Next::help: return show_help(c);
+        case Next::error: return exit_usage;
+        case Next::option:
+            if (val == opt_hex) o.hex = true;
+            if (val == opt_xml) o.xml = true;
+            if (val == opt_pretty) o.pretty = true;
+            if (val == opt_tracked) o.tracked = true;
+            if (val == opt_lenient) o.lenient = true;
+            continue;
+        case Next::done: break;
         }
+        break;
     }
-    return row[b.size()];
+    const auto &ops = p.operands();
+    if (ops.empty()) return usage_error(c, "a TYPE is needed ('ovrin-sm types' lists them)");
+    if (ops.size() > 2) return usage_error(c, std::string("unexpected operand '") + ops[2] + "'");
+    if (o.pretty && !o.xml) return usage_error(c, "--pretty indents XML: it needs --xml");
+    o.type = ops[0];
+    o.file = ops.size() > 1 ? ops[1] : nullptr;
+    return -1;
 }
 
 // The type's operations, or null with a message listing the names that come close.
@@ -41,8 +95,9 @@ const ovrin_sm_type_ops *find_type(const std::string &name) {
     if (const ovrin_sm_type_ops *ops = ovrin_sm_optable_find(name.c_str())) return ops;
     std::fprintf(stderr, "ovrin-sm: no type '%s'", name.c_str());
     std::vector<std::pair<size_t, std::string>> close;
-    for (const std::string &n : type_names()) {
-        size_t d = distance(name, n);
+    for (uint32_t i = 0; i < ovrin_sm_optable_count; ++i) {
+        std::string n = ovrin_sm_optable[i].name;
+        size_t d = edit_distance(name, n);
         if (d <= std::max<size_t>(3, name.size() / 3) || n.find(name) != std::string::npos) close.emplace_back(d, n);
     }
     std::sort(close.begin(), close.end());
@@ -60,11 +115,24 @@ bool read_message(const char *file, std::vector<uint8_t> &out) {
     return false;
 }
 
-bool from_hex(const std::vector<uint8_t> &text, std::vector<uint8_t> &out) {
+// Hexadecimal text to bytes; false with the place of the first character that is not a digit.
+bool from_hex(const std::vector<uint8_t> &text, std::vector<uint8_t> &out, std::string &error) {
     int high = -1;
+    size_t line = 1, column = 0;
     for (uint8_t c : text) {
+        ++column;
+        if (c == '\n') {
+            ++line;
+            column = 0;
+        }
         if (std::isspace(c)) continue;
-        if (!std::isxdigit(c)) return false;
+        if (!std::isxdigit(c)) {
+            char shown[16];
+            std::snprintf(shown, sizeof shown, std::isprint(c) ? "'%c'" : "byte 0x%02x", c);
+            error = std::string(shown) + " at line " + std::to_string(line) + ", column " + std::to_string(column) +
+                    " is not a hexadecimal digit";
+            return false;
+        }
         int v = std::isdigit(c) ? c - '0' : std::tolower(c) - 'a' + 10;
         if (high < 0) {
             high = v;
@@ -73,40 +141,22 @@ bool from_hex(const std::vector<uint8_t> &text, std::vector<uint8_t> &out) {
             high = -1;
         }
     }
+    if (high >= 0) error = "an odd number of hexadecimal digits: the last byte has one";
     return high < 0;
+}
+
+// Input that reads as hexadecimal text, as when --hex was meant.
+bool looks_hex(const std::vector<uint8_t> &bytes) {
+    size_t digits = 0;
+    for (uint8_t c : bytes) {
+        if (std::isxdigit(c)) ++digits;
+        else if (!std::isspace(c)) return false;
+    }
+    return digits >= 2;
 }
 
 void write_hex(const uint8_t *bytes, size_t n) {
     for (size_t i = 0; i < n; ++i) std::printf("%02x%s", bytes[i], (i + 1) % 16 == 0 || i + 1 == n ? "\n" : " ");
-}
-
-struct Options {
-    bool hex = false, xml = false, tracked = false;
-    const char *type = nullptr, *file = nullptr;
-};
-
-bool parse_options(int argc, char **argv, Options &o) {
-    for (int i = 1; i < argc; ++i) {
-        if (!std::strcmp(argv[i], "--hex")) o.hex = true;
-        else if (!std::strcmp(argv[i], "--xml")) o.xml = true;
-        else if (!std::strcmp(argv[i], "--tracked")) o.tracked = true;
-        else if (argv[i][0] == '-' && argv[i][1]) return false;
-        else if (!o.type) o.type = argv[i];
-        else if (!o.file) o.file = argv[i];
-        else return false;
-    }
-    return o.type != nullptr;
-}
-
-const char *error_text(uint32_t code) {
-    switch (code) {
-    case MGX_ENOENT: return "a member or element is missing";
-    case MGX_ENOMEM: return "out of memory";
-    case MGX_EINVAL: return "invalid value";
-    case MGX_EVARIANT: return "a field or literal beyond the type's variant";
-    case MGX_ESHORT: return "the bytes end too early";
-    default: return std::strerror(static_cast<int>(code));
-    }
 }
 
 // A handle for one conversion, checked for leaks at the end.
@@ -116,42 +166,46 @@ struct Session {
         if (tracked) mgx_handle_set_state_tracking(h, 1, MGX_STTR_TRACKED);
     }
     ~Session() { mgx_handle_destroy(h); }
+    Session(const Session &) = delete;
+    Session &operator=(const Session &) = delete;
 };
 
 } // namespace
 
 int ovrin_cmd_decode(int argc, char **argv) {
     Options o;
-    if (!parse_options(argc, argv, o)) {
-        std::fprintf(stderr, "usage: ovrin-sm decode TYPE [FILE] [--hex] [--xml] [--tracked]\n");
-        return 2;
-    }
+    if (int status = parse_options(decode_command, argc, argv, o); status >= 0) return status;
     const ovrin_sm_type_ops *ops = find_type(o.type);
-    if (!ops) return 2;
+    if (!ops) return exit_usage;
     std::vector<uint8_t> bytes;
-    if (!read_message(o.file, bytes)) return 1;
-    if (o.hex && !from_hex(std::exchange(bytes, {}), bytes)) {
-        std::fprintf(stderr, "ovrin-sm: the input is not hexadecimal bytes\n");
-        return 1;
+    if (!read_message(o.file, bytes)) return exit_failure;
+    std::string error;
+    if (o.hex && !from_hex(std::exchange(bytes, {}), bytes, error)) {
+        std::fprintf(stderr, "ovrin-sm: the input is not hexadecimal bytes: %s\n", error.c_str());
+        return exit_failure;
     }
     Session s(o.tracked);
     void *instance = ops->create(s.h, 1);
     uint32_t err = 0;
     ops->adjust_variant(s.h, 1, instance, &err);
     uint32_t used = ops->unmarshal(s.h, 1, bytes.data(), instance, static_cast<int32_t>(bytes.size()), 0, &err);
-    int status = 0;
+    int status = exit_ok;
     if (err) {
         std::fprintf(stderr, "ovrin-sm: %zu bytes do not decode as %s: error %u (%s) after %u bytes\n", bytes.size(),
-                     o.type, err, error_text(err), used);
-        status = 1;
+                     o.type, err, mgx_strerror(err), used);
+        if (!o.hex && looks_hex(bytes))
+            std::fprintf(stderr, "ovrin-sm: the input looks like hexadecimal text: add --hex to read it so\n");
+        status = exit_failure;
     } else {
-        std::vector<char> text(1 << 20);
-        const auto size = static_cast<uint32_t>(text.size());
-        int32_t n = o.xml ? static_cast<int32_t>(ops->toxml_cr(s.h, instance, text.data(), size))
-                          : ops->print_cr(s.h, instance, text.data(), size);
+        std::vector<char> text;
+        long n = render(*ops, s.h, instance, o.xml, text);
         if (n < 0) {
-            std::fprintf(stderr, "ovrin-sm: %s could not be rendered: error %u\n", o.type, mgx_handle_last_error(s.h));
-            status = 1;
+            uint32_t code = mgx_handle_last_error(s.h) ? mgx_handle_last_error(s.h) : MGX_ENOMEM;
+            std::fprintf(stderr, "ovrin-sm: %s could not be rendered: error %u (%s)\n", o.type, code, mgx_strerror(code));
+            status = exit_failure;
+        } else if (o.pretty) {
+            std::string pretty = indent_xml(text.data(), static_cast<size_t>(n));
+            std::fwrite(pretty.data(), 1, pretty.size(), stdout);
         } else {
             std::fwrite(text.data(), 1, static_cast<size_t>(n), stdout);
             if (o.xml) std::fputc('\n', stdout);
@@ -159,44 +213,69 @@ int ovrin_cmd_decode(int argc, char **argv) {
         if (used < bytes.size()) std::fprintf(stderr, "ovrin-sm: %zu trailing bytes left over\n", bytes.size() - used);
     }
     ops->destroy(s.h, 1, instance);
+    if (std::fflush(stdout) != 0) {
+        std::fprintf(stderr, "ovrin-sm: cannot write the output: %s\n", std::strerror(errno));
+        status = exit_failure;
+    }
     return status;
 }
 
 int ovrin_cmd_encode(int argc, char **argv) {
     Options o;
-    if (!parse_options(argc, argv, o) || o.xml) {
-        std::fprintf(stderr, "usage: ovrin-sm encode TYPE [FILE] [--hex] [--tracked]\n");
-        return 2;
-    }
+    if (int status = parse_options(encode_command, argc, argv, o); status >= 0) return status;
     const ovrin_sm_type_ops *ops = find_type(o.type);
-    if (!ops) return 2;
-    std::vector<uint8_t> text;
-    if (!read_message(o.file, text)) return 1;
-    void *doc = mgx_xml_document_parse(reinterpret_cast<const char *>(text.data()), text.size());
+    if (!ops) return exit_usage;
+    std::vector<uint8_t> input;
+    if (!read_message(o.file, input)) return exit_failure;
+    const char *text = reinterpret_cast<const char *>(input.data());
+    char why[512] = "";
+    void *doc = mgx_xml_document_read(text, input.size(), why, sizeof why);
     if (!doc) {
-        std::fprintf(stderr, "ovrin-sm: the input is not a well-formed XML document\n");
-        return 1;
+        std::fprintf(stderr, "ovrin-sm: the input is not a well-formed XML document: %s\n", why);
+        return exit_failure;
+    }
+    // The root is checked in either reading: the library's answer to a wrong one is only "missing".
+    std::string root = root_name(text, input.size());
+    if (root != o.type) {
+        mgx_xml_document_free(doc);
+        std::fprintf(stderr, "ovrin-sm: the root element is <%s>; a %s document has <%s>\n", root.c_str(), o.type,
+                     o.type);
+        return exit_failure;
+    }
+    if (!o.lenient) {
+        const ovrin::Type *t = find_table(o.type);
+        std::vector<std::string> problems = t ? check_document(*t, text, input.size()) : std::vector<std::string>{};
+        for (size_t i = 0; i < problems.size() && i < 20; ++i)
+            std::fprintf(stderr, "ovrin-sm: %s\n", problems[i].c_str());
+        if (problems.size() > 20) std::fprintf(stderr, "ovrin-sm: and %zu more\n", problems.size() - 20);
+        if (!problems.empty()) {
+            mgx_xml_document_free(doc);
+            std::fprintf(stderr, "ovrin-sm: the document does not hold a %s as written (--lenient reads it anyway)\n",
+                         o.type);
+            return exit_failure;
+        }
     }
     Session s(o.tracked);
     void *instance = ops->create(s.h, 1);
     uint32_t err = 0;
     ops->adjust_variant(s.h, 1, instance, &err);
-    char message[256] = "";
+    std::vector<char> message(1024);
     std::string path = std::string("/") + o.type;
-    ops->from_xml(s.h, 1, path.c_str(), doc, instance, &err, message, sizeof message);
+    ops->from_xml(s.h, 1, path.c_str(), doc, instance, &err, message.data(), static_cast<uint32_t>(message.size()));
     mgx_xml_document_free(doc);
-    int status = 0;
+    int status = exit_ok;
     if (err) {
         std::fprintf(stderr, "ovrin-sm: the document does not hold a %s: error %u (%s)%s%s\n", o.type, err,
-                     error_text(err), *message ? ": " : "", message);
-        status = 1;
+                     mgx_strerror(err), message[0] ? ": " : "", message.data());
+        status = exit_failure;
     } else {
         uint32_t n = ops->len ? ops->len(s.h, 1, instance) : 5; // an enumeration's encoding is 5 bytes
         std::vector<uint8_t> out(n + 1);
         n = ops->marshal(s.h, 1, out.data(), instance, static_cast<int32_t>(n), &err);
         if (err) {
-            std::fprintf(stderr, "ovrin-sm: %s does not encode: error %u (%s)\n", o.type, err, error_text(err));
-            status = 1;
+            std::fprintf(stderr, "ovrin-sm: %s does not encode: error %u (%s)%s\n", o.type, err, mgx_strerror(err),
+                         o.lenient ? "; without --lenient the document check says where" : "");
+            status = exit_failure;
         } else if (o.hex) {
             write_hex(out.data(), n);
         } else {
@@ -204,5 +283,9 @@ int ovrin_cmd_encode(int argc, char **argv) {
         }
     }
     ops->destroy(s.h, 1, instance);
+    if (std::fflush(stdout) != 0) {
+        std::fprintf(stderr, "ovrin-sm: cannot write the output: %s\n", std::strerror(errno));
+        status = exit_failure;
+    }
     return status;
 }

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <utility>
 
 namespace ovrin::input {
 
@@ -67,10 +68,13 @@ bool read(const std::string &path, size_t limit, const char *what, std::vector<u
     return ok;
 }
 
-// Regular files only: a library named by a trace file may be a FIFO nobody writes to, which a
-// blocking read would wait on for ever.
+// Regular files only, or standard input for "-": a library named by a trace file may be a FIFO
+// nobody writes to, which a blocking read would wait on for ever.
 std::optional<mgx::elf::File> read_library(const std::string &path, std::string &error) {
-    return mgx::elf::read(path, error);
+    if (path != "-") return mgx::elf::read(path, error);
+    std::vector<uint8_t> bytes;
+    if (!read(path, file_limit, "the limit for a library file", bytes, error)) return std::nullopt;
+    return mgx::elf::parse(std::move(bytes), "standard input", error);
 }
 
 } // namespace ovrin::input

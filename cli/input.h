@@ -27,7 +27,8 @@ inline constexpr size_t file_limit = static_cast<size_t>(mgx::elf::file_limit);
 // refused beyond it; directories and devices are refused.
 bool read(const std::string &path, size_t limit, const char *what, std::vector<uint8_t> &out, std::string &error);
 
-// Reads a library file (a regular file, within file_limit) and finds its sections.
+// Reads a library file (a regular file within file_limit, or standard input for "-") and finds
+// its sections.
 std::optional<mgx::elf::File> read_library(const std::string &path, std::string &error);
 
 } // namespace ovrin::input

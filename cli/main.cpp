@@ -5,39 +5,83 @@
 #include <new>
 
 #include "cli/commands.h"
+#include "cli/options.h"
+#include "mgx/runtime.h"
+#include "ovrin_sm/version.h"
+
+// Weak, so that the tool still runs, and says so, with a libovrin_sm that does not export it.
+extern "C" __attribute__((weak)) const char *ovrin_sm_version(void);
 
 namespace {
 
+using ovrin::cli::exit_ok;
+using ovrin::cli::exit_usage;
+
+struct Entry {
+    const char *name;
+    int (*run)(int, char **);
+    const char *line;
+};
+
+const Entry commands[] = {
+    {"types", ovrin_cmd_types, "types [TYPE]          the types; with TYPE, its members, literals and a skeleton"},
+    {"manifest", ovrin_cmd_manifest, "manifest [LIBRARY]    the type manifest and build record of a library file"},
+    {"decode", ovrin_cmd_decode, "decode TYPE [FILE]    wire bytes to the print form, or to XML with --xml"},
+    {"encode", ovrin_cmd_encode, "encode TYPE [FILE]    an XML document, checked against TYPE, to wire bytes"},
+    {"trace", ovrin_cmd_trace, "trace FILE            a binary trace file to timestamped lines"},
+    {"demo", ovrin_cmd_demo, "demo                  a client and a session manager exchanging messages"},
+};
+
 void usage(FILE *out) {
-    std::fputs("usage: ovrin-sm COMMAND [ARGS]\n"
+    std::fputs("usage: ovrin-sm [--version] [--help] COMMAND [ARGS]\n\ncommands:\n", out);
+    for (const Entry &e : commands) std::fprintf(out, "  %s\n", e.line);
+    std::fputs("  help [COMMAND]        this text, or the command's own (as COMMAND --help)\n"
                "\n"
-               "commands:\n"
-               "  types                 list the 79 message types with their variants and sizes\n"
-               "  manifest [LIBRARY]    print the type manifest and build record of a library file\n"
-               "  decode TYPE [FILE]    wire bytes (binary, or hex with --hex) to the print form, or XML with --xml\n"
-               "  encode TYPE [FILE]    an XML document to wire bytes (binary, or hex with --hex)\n"
-               "  trace FILE [--library LIBRARY]\n"
-               "                        a binary trace file to timestamped lines, texts from the library file\n"
-               "  demo [--xml|--hex|--quiet] [--count N] [--corrupt FRAME] [--trace FILE] [--memory-every N]\n"
-               "                        a client and a session manager exchanging messages in two processes\n"
-               "  help                  show this text\n",
+               "Each command takes --help. FILE may be '-' for standard input.\n"
+               "Exit status: 0 success; 1 input or data that does not read, check, decode or encode, or a\n"
+               "failed run; 2 a bad command line (an unknown option, command or type, a bad value).\n",
                out);
 }
 
+int version() {
+    const char *library = ovrin_sm_version ? ovrin_sm_version() : "(its version is not exported)";
+    std::printf("ovrin-sm %s\nlibovrin_sm %s\nlibmgx %s\n", OVRIN_SM_VERSION_STRING, library, mgx_runtime_version());
+    return exit_ok;
+}
+
+const Entry *find(const char *name) {
+    for (const Entry &e : commands)
+        if (!std::strcmp(e.name, name)) return &e;
+    return nullptr;
+}
+
 int dispatch(int argc, char **argv) {
-    if (argc < 2 || !std::strcmp(argv[1], "help") || !std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h")) {
+    if (argc < 2 || !std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h")) {
         usage(stdout);
-        return 0;
+        return exit_ok;
     }
-    if (!std::strcmp(argv[1], "demo")) return ovrin_cmd_demo(argc - 1, argv + 1);
-    if (!std::strcmp(argv[1], "types")) return ovrin_cmd_types(argc - 1, argv + 1);
-    if (!std::strcmp(argv[1], "manifest")) return ovrin_cmd_manifest(argc - 1, argv + 1);
-    if (!std::strcmp(argv[1], "decode")) return ovrin_cmd_decode(argc - 1, argv + 1);
-    if (!std::strcmp(argv[1], "encode")) return ovrin_cmd_encode(argc - 1, argv + 1);
-    if (!std::strcmp(argv[1], "trace")) return ovrin_cmd_trace(argc - 1, argv + 1);
-    std::fprintf(stderr, "ovrin-sm: unknown command '%s'\n\n", argv[1]);
+    if (!std::strcmp(argv[1], "--version") || !std::strcmp(argv[1], "-V")) return version();
+    if (!std::strcmp(argv[1], "help")) {
+        if (argc == 2) {
+            usage(stdout);
+            return exit_ok;
+        }
+        const Entry *e = find(argv[2]);
+        if (!e || argc > 3) {
+            std::fprintf(stderr, "ovrin-sm help: %s '%s'\n", e ? "unexpected operand" : "no command", argv[e ? 3 : 2]);
+            return exit_usage;
+        }
+        char help[] = "--help";
+        char *args[] = {argv[2], help, nullptr};
+        return e->run(2, args);
+    }
+    if (const Entry *e = find(argv[1])) return e->run(argc - 1, argv + 1);
+    if (argv[1][0] == '-')
+        std::fprintf(stderr, "ovrin-sm: unknown option '%s'\n\n", argv[1]);
+    else
+        std::fprintf(stderr, "ovrin-sm: unknown command '%s'\n\n", argv[1]);
     usage(stderr);
-    return 2;
+    return exit_usage;
 }
 
 } // namespace

@@ -10,6 +10,7 @@
 #include "cli/commands.h"
 #include "cli/elf_sections.h"
 #include "cli/input.h"
+#include "cli/options.h"
 #include "ovrin_sm/ops.h"
 
 namespace {
@@ -33,14 +34,27 @@ const char *record_name(uint32_t kind) {
 } // namespace
 
 int ovrin_cmd_manifest(int argc, char **argv) {
-    if (argc > 2 || (argc == 2 && (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h")))) {
-        std::fprintf(stderr, "usage: ovrin-sm manifest [LIBRARY]\n");
-        return argc > 2 ? 2 : 0;
+    using namespace ovrin::cli;
+    static const Command command = {
+        "manifest", "[LIBRARY]",
+        "Prints the records of the .ovrin_sm_manifest section of a library file: the type manifest and\n"
+        "the build record. Without LIBRARY it reads the libovrin_sm.so this tool runs with; '-' reads the\n"
+        "library from standard input.\n",
+        {}};
+    Parser p(command, argc, argv);
+    int val;
+    const char *arg;
+    switch (p.next(val, arg)) {
+    case Next::help: return show_help(command);
+    case Next::done: break;
+    default: return exit_usage; // no option besides --help
     }
-    std::string path = argc == 2 ? argv[1] : loaded_bundle_path();
+    if (p.operands().size() > 1) return usage_error(command, std::string("unexpected operand '") + p.operands()[1] + "'");
+    std::string path = p.operands().empty() ? loaded_bundle_path() : p.operands()[0];
+    const std::string shown = path == "-" ? "standard input" : path;
     if (path.empty()) {
         std::fprintf(stderr, "ovrin-sm: cannot tell where libovrin_sm.so was loaded from; name the library\n");
-        return 1;
+        return exit_failure;
     }
     std::string error;
     auto file = ovrin::input::read_library(path, error);
@@ -50,18 +64,18 @@ int ovrin_cmd_manifest(int argc, char **argv) {
     }
     const ovrin::elf::Section *section = file->find(manifest_section);
     if (!section) {
-        std::fprintf(stderr, "ovrin-sm: %s has no %s section\n", path.c_str(), manifest_section);
+        std::fprintf(stderr, "ovrin-sm: %s has no %s section\n", shown.c_str(), manifest_section);
         return 1;
     }
     std::vector<ovrin::elf::ManifestRecord> records;
     bool whole = ovrin::elf::manifest_records(file->contents(*section), records);
-    std::printf("%s: %s\n", path.c_str(), manifest_section);
+    std::printf("%s: %s\n", shown.c_str(), manifest_section);
     for (const auto &r : records) {
         std::printf("\n-- record kind %u (%s), %zu bytes\n%s", r.kind, record_name(r.kind), r.text.size() + 1, r.text.c_str());
         if (!r.text.empty() && r.text.back() != '\n') std::printf("\n");
     }
     if (!whole) {
-        std::fprintf(stderr, "ovrin-sm: %s: the last record runs past the end of the section\n", path.c_str());
+        std::fprintf(stderr, "ovrin-sm: %s: the last record runs past the end of the section\n", shown.c_str());
         return 1;
     }
     return 0;

@@ -14,6 +14,7 @@
 
 #include "cli/commands.h"
 #include "cli/input.h"
+#include "cli/options.h"
 #include "runtime/trace_format.h"
 
 namespace {
@@ -74,25 +75,39 @@ std::string numbers_only(const fmt::EmissionRecord &e) {
     return s;
 }
 
-int usage(FILE *out, int status) {
-    std::fprintf(out, "usage: ovrin-sm trace FILE [--library LIBRARY]\n");
-    return status;
-}
-
 } // namespace
 
 int ovrin_cmd_trace(int argc, char **argv) {
+    using namespace ovrin::cli;
+    enum { opt_library = 256 };
+    static const Command command = {
+        "trace", "FILE [--library LIBRARY]",
+        "Decodes a binary trace file (FILE, or standard input for '-') into one line per emission: UTC\n"
+        "time, process id, severity, trace module, message number and text. The texts are read from the\n"
+        "library file each table record of the trace names.\n"
+        "\n"
+        "  --library LIBRARY     read the texts from LIBRARY instead (a copy of the library that wrote the\n"
+        "                        trace); '-' reads it from standard input\n",
+        {{"library", required_argument, nullptr, opt_library}}};
     std::string path, library;
-    for (int i = 1; i < argc; ++i) {
-        if (!std::strcmp(argv[i], "--help") || !std::strcmp(argv[i], "-h")) return usage(stdout, 0);
-        if (!std::strcmp(argv[i], "--library") && i + 1 < argc)
-            library = argv[++i];
-        else if (argv[i][0] != '-' && path.empty())
-            path = argv[i];
-        else
-            return usage(stderr, 2);
+    Parser p(command, argc, argv);
+    for (bool more = true; more;) {
+        int val;
+        const char *arg;
+        switch (p.next(val, arg)) {
+        case Next::help: return show_help(command);
+        case Next::error: return exit_usage;
+        case Next::option:
+            if (!*arg) return usage_error(command, "--library: an empty name");
+            library = arg;
+            break;
+        case Next::done: more = false; break;
+        }
     }
-    if (path.empty()) return usage(stderr, 2);
+    if (p.operands().empty()) return usage_error(command, "a trace FILE is needed");
+    if (p.operands().size() > 1) return usage_error(command, std::string("unexpected operand '") + p.operands()[1] + "'");
+    path = p.operands()[0];
+    if (path == "-" && library == "-") return usage_error(command, "the trace and its library cannot both be standard input");
     std::vector<uint8_t> bytes;
     std::string error;
     if (!ovrin::input::read(path, ovrin::input::file_limit, "the limit for a trace file", bytes, error)) {

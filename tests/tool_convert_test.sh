@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# The tool's converters: XML to wire bytes and back, hex input, bad bytes and unknown type names.
+# The tool's converters (XML to wire bytes and back, hex input, bad bytes and unknown type names,
+# strict documents, whole output, skeletons) and its command line. VERSION is the project's.
 set -euo pipefail
-tool=$1
+tool=$1 version=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "FAIL: $*" >&2; exit 1; }
@@ -23,4 +24,93 @@ grep -q "do not decode as sess_mgr_register: error 90" "$work/err" || fail "shor
 # An unknown name lists the close matches.
 if "$tool" decode sess_mgr_registr "$work/bytes" 2> "$work/err"; then fail "unknown type accepted"; fi
 grep -q "close matches: sess_mgr_register" "$work/err" || fail "close matches: $(cat "$work/err")"
+
+# expect STATUS PATTERN ARGS... (document on standard input): the status, and PATTERN on stderr.
+expect() {
+    local want=$1 pattern=$2 status=0
+    shift 2
+    "$tool" "$@" > "$work/out" 2> "$work/err" || status=$?
+    [ "$status" -eq "$want" ] || fail "ovrin-sm $*: status $status, not $want: $(cat "$work/err")"
+    grep -qF -- "$pattern" "$work/err" || fail "ovrin-sm $*: said: $(cat "$work/err")"
+}
+
+# Strict documents: each silent acceptance of the library's reader is an error naming its path;
+# --lenient reads the same document as the library does.
+ev='<ovrin_smd_in_event><event_type><SESS_MGR_RCL_IN_REGISTER/></event_type><event_type-reg_client>'
+ve='</event_type-reg_client></ovrin_smd_in_event>'
+while IFS='|' read -r doc pattern; do
+    t=${doc#<} t=${t%%>*}
+    printf '%s' "$doc" > "$work/doc.xml"
+    expect 1 "$pattern" encode "$t" "$work/doc.xml"
+    "$tool" encode "$t" --lenient "$work/doc.xml" > /dev/null || fail "--lenient refused: $doc"
+done <<CASES
+$ev<sesion_type>2</sesion_type>$ve|/ovrin_smd_in_event/event_type-reg_client/sesion_type: sess_mgr_register has no member sesion_type; did you mean session_type?
+$ev<session_type>1</session_type><session_type>2</session_type>$ve|event_type-reg_client/session_type: given 2 times
+$ev<cl_name><cl_name_len>6</cl_name_len><client_name>alice</client_name></cl_name>$ve|/ovrin_smd_in_event/event_type-reg_client/cl_name/cl_name_len: says 6, but client_name holds 5 bytes
+<ovrin_smd_in_event><event_type><SESS_MGR_RCL_IN_REGISTER/></event_type><event_type-start_client/></ovrin_smd_in_event>|event_type-start_client: event_type is SESS_MGR_RCL_IN_REGISTER, which selects event_type-reg_client
+<ovrin_smd_in_event><event_type><SESS_MGR_RCL_IN_REGISTR/></event_type></ovrin_smd_in_event>|/ovrin_smd_in_event/event_type: SESS_MGR_RCL_IN_REGISTR is not a literal of ovrin_sm_in_event_type; did you mean SESS_MGR_RCL_IN_REGISTER?
+<sess_mgr_session_start><ext_params><encap_type><NOPE/></encap_type></ext_params></sess_mgr_session_start>|ext_params/encap_type: NOPE is not a literal of sm_access_type
+<sess_mgr_sess_attr_query_resp><no_of_entries>1</no_of_entries><resp_array/><resp_array/></sess_mgr_sess_attr_query_resp>|/sess_mgr_sess_attr_query_resp/no_of_entries: says 1, but 2 resp_array elements are given
+CASES
+# Not well-formed, the wrong root, bytes that are not hex or hex without --hex: each says where.
+printf '<a>\n<b></a>' | expect 1 "not a well-formed XML document: line 2, column" encode sess_mgr_register -
+printf '<sess_mgr_registr/>' | expect 1 "the root element is <sess_mgr_registr>; a sess_mgr_register document has <sess_mgr_register>" encode sess_mgr_register
+printf '00 2f\n00 zz' | expect 1 "'z' at line 2, column 4 is not a hexadecimal digit" decode sess_mgr_register --hex
+expect 1 "looks like hexadecimal text: add --hex" decode sess_mgr_register "$work/bytes.hex"
+# A union left out whose fresh discriminator selects a member cannot encode: the check says which.
+echo '<sess_mgr_update_oper_data/>' |
+    expect 1 "/sess_mgr_update_oper_data/oper_data: left out, but a fresh sess_mgr_oper_data's oper_type (SM_OPER_CONTROL_DIR) selects oper_type-oper_ctrl_dir" encode sess_mgr_update_oper_data
+
+# Every type: its skeleton encodes as it stands, and indented XML reads back to the same bytes.
+for t in $("$tool" types | awk 'NR > 1 { print $2 }'); do
+    "$tool" types "$t" --xml-skeleton > "$work/skel.xml" || fail "types $t --xml-skeleton"
+    "$tool" encode "$t" "$work/skel.xml" > "$work/skel.bin" 2> "$work/err" || fail "$t skeleton: $(cat "$work/err")"
+    "$tool" decode "$t" "$work/skel.bin" --xml --pretty > "$work/pretty.xml" || fail "decode $t --xml --pretty"
+    "$tool" encode "$t" "$work/pretty.xml" | cmp -s - "$work/skel.bin" || fail "$t: indented XML changed the bytes"
+done
+"$tool" types ovrin_smd_in_event > "$work/members"
+grep -Eq '^  event_type-remote_update +sess_mgr_remote_update +union member \(record\) +8 +200  1 +when event_type is SESS_MGR_RCL_IN_REMOTE_UPDATE$' \
+    "$work/members" || fail "arm line: $(grep remote_update "$work/members")"
+"$tool" types ovrin_sm_in_event_type | grep -Eq '^  SESS_MGR_RCL_IN_REMOTE_UPDATE +25 +24  1$' || fail "literal line"
+
+# Whole output: a message of several megabytes (3000 attributes of 1000 bytes) in the print form
+# and as XML, which encodes back to the same bytes.
+awk 'BEGIN { v = sprintf("%2000s", ""); gsub(/ /, "ab", v); v = substr(v, 1, 2000)
+             printf "<sess_mgr_new_client_notif><attr_list>"
+             for (i = 0; i < 3000; ++i) printf "<attr><type>%d</type><value>%s</value></attr>", i % 250 + 1, v
+             print "</attr_list></sess_mgr_new_client_notif>" }' > "$work/big.xml"
+"$tool" encode sess_mgr_new_client_notif "$work/big.xml" > "$work/big.bin" || fail "encode the large message"
+[ "$(stat -c %s "$work/big.bin")" -gt 3000000 ] || fail "the large message is $(stat -c %s "$work/big.bin") bytes"
+"$tool" decode sess_mgr_new_client_notif "$work/big.bin" --xml > "$work/big-out.xml" || fail "decode --xml of the large message"
+"$tool" encode sess_mgr_new_client_notif "$work/big-out.xml" | cmp -s - "$work/big.bin" || fail "the large message changed"
+"$tool" decode sess_mgr_new_client_notif "$work/big.bin" > "$work/big.print" || fail "decode of the large message"
+[ "$(grep -c '^    attr\[' "$work/big.print")" -eq 3000 ] && [ "$(tail -n 1 "$work/big.print")" = "}" ] ||
+    fail "the print form is cut: $(tail -c 100 "$work/big.print")"
+
+# The command line: versions that agree with the project's; each command's help on standard
+# output with status 0; a bad option, value or operand named, with status 2.
+"$tool" --version > "$work/version"
+[ "$(head -n 1 "$work/version")" = "ovrin-sm $version" ] || fail "--version: $(cat "$work/version")"
+grep -qx "libmgx $version" "$work/version" || fail "the runtime's version: $(cat "$work/version")"
+grep -Eqx "libovrin_sm ($version|\(its version is not exported\))" "$work/version" || fail "library: $(cat "$work/version")"
+for c in types manifest decode encode trace demo; do
+    "$tool" "$c" --help > "$work/out" 2> "$work/err" || fail "$c --help: status $?"
+    grep -q "^usage: ovrin-sm $c" "$work/out" && [ ! -s "$work/err" ] || fail "$c --help: $(cat "$work/out" "$work/err")"
+done
+"$tool" help encode | grep -q -- '--lenient' || fail "help encode"
+while IFS='|' read -r pattern args; do
+    read -ra words <<< "$args"
+    expect 2 "$pattern" "${words[@]}"
+done <<'CASES'
+demo: --count: 'abc' is not a number from 1 to 1000000000|demo --count abc
+--corrupt: '99' is not a number from 1 to 13|demo --corrupt=99
+--xml and --hex cannot go together|demo --xml --hex
+decode: unknown option '--bogus'|decode sess_mgr_register --bogus
+--xml takes no value|decode sess_mgr_register --xml=yes
+--pretty indents XML: it needs --xml|decode sess_mgr_register --pretty
+trace: --library needs a value|trace x --library
+unexpected operand 'c'|encode sess_mgr_register a c
+unknown command 'decod'|decod
+CASES
+"$tool" decode --hex -- sess_mgr_register - < "$work/bytes.hex" > /dev/null || fail "'--' and '-'"
 echo "tool converters: ok"

@@ -21,6 +21,11 @@ grep -Eq 'DEBUG mgx_ovrin_sm #[0-9]+: offset_jump read_len [0-9]+ offset_jump_ba
 cp "$library" "$work/copy.so"
 "$tool" trace "$work/demo.trc" --library "$work/copy.so" | cmp -s - "$work/lines" || fail "--library changed the lines"
 
+# Standard input for the trace, or for the library ("-" as for any file the tool reads).
+"$tool" trace - < "$work/demo.trc" | cmp -s - "$work/lines" || fail "trace - changed the lines"
+"$tool" trace "$work/demo.trc" --library - < "$library" | cmp -s - "$work/lines" || fail "--library - changed the lines"
+"$tool" manifest - < "$library" | grep -q "^standard input: .ovrin_sm_manifest" || fail "manifest -"
+
 # A library without the texts: numbers and arguments, and a warning saying why.
 "$tool" trace "$work/demo.trc" --library "$runtime" > "$work/numbers" 2> "$work/err" || fail "numbers-only decode"
 grep -q "has no .ovrin_sm_trace_texts section; showing message numbers" "$work/err" || fail "warning: $(cat "$work/err")"

@@ -48,8 +48,9 @@ struct Options {
     long memory_every = 0;
 };
 
-// False when the arguments are not the demo's.
-bool parse(int argc, char **argv, Options &o);
+// Reads the command line into o: -1 to go on, otherwise the exit status (the help was shown, or
+// a usage error named what is wrong).
+int parse(int argc, char **argv, Options &o);
 
 // ------------------------------------------------------------------ the conversation
 
@@ -101,7 +102,7 @@ struct Side {
     const Options &opt;
     int fd;
     mgx_handle_t *h = mgx_handle_create();
-    std::vector<char> text = std::vector<char>(1 << 20);
+    std::vector<char> text; // rendering room, grown to the largest message rendered so far
     long sent = 0, received = 0, intact = 0;
     int frame_no = 0; // frames of the first session so far, both directions, for --corrupt
 

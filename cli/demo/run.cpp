@@ -113,11 +113,7 @@ int run_client(const Options &opt, int fd, pid_t manager) {
 int ovrin_cmd_demo(int argc, char **argv) {
     using namespace ovrin::demo;
     Options opt;
-    if (!parse(argc, argv, opt)) {
-        std::fprintf(stderr, "usage: ovrin-sm demo [--xml | --hex | --quiet] [--count N] [--corrupt FRAME] [--trace FILE]\n"
-                             "                      [--memory-every N]\n");
-        return 2;
-    }
+    if (int status = parse(argc, argv, opt); status >= 0) return status;
     if (opt.trace) {
         if (int e = mgx_trace_file_open(opt.trace)) {
             std::fprintf(stderr, "ovrin-sm demo: cannot write the trace file %s: %s\n", opt.trace, std::strerror(e));

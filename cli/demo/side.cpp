@@ -6,6 +6,7 @@
 #include <string>
 
 #include "cli/demo/demo.h"
+#include "cli/render.h"
 
 namespace ovrin::demo {
 
@@ -141,9 +142,7 @@ void Side::render(const ovrin_sm_type_ops &ops, const void *msg, const std::vect
     case Render::print:
     case Render::xml: {
         if (!msg) return;
-        int64_t n = opt.render == Render::xml
-                        ? static_cast<int32_t>(ops.toxml_cr(h, msg, text.data(), static_cast<uint32_t>(text.size())))
-                        : ops.print_cr(h, msg, text.data(), static_cast<uint32_t>(text.size()));
+        long n = ovrin::cli::render(ops, h, msg, opt.render == Render::xml, text);
         if (n < 0) {
             std::printf("    (%s cannot be rendered: error %u)\n", ops.name, mgx_handle_last_error(h));
             return;

@@ -12,6 +12,17 @@
 extern "C" {
 #endif
 
+/* ---- version and error texts */
+#define MGX_RUNTIME_VERSION_MAJOR 0
+#define MGX_RUNTIME_VERSION_MINOR 1
+#define MGX_RUNTIME_VERSION_PATCH 0
+/* the version of the libmgx the program runs with, as "MAJOR.MINOR.PATCH" */
+MGX_API const char *mgx_runtime_version(void);
+/* a short text for an error code of the runtime and the bundles (2 "a member or element is
+ * missing", 12, 22, 28, 43, 90, and the system's texts for other errno values); never null, and
+ * the text stays valid for the process's life */
+MGX_API const char *mgx_strerror(uint32_t code);
+
 #define MGX_HANDLE_DATABASE 1u
 #define MGX_HANDLE_PLACEHOLDER 2u
 #define MGX_HANDLE_MAPPING 4u

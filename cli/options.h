@@ -1,0 +1,139 @@
+// The tool's command lines (header only, so that the fuzz targets built from single commands need
+// nothing more): GNU-style options read with getopt_long (long options, "--name=value",
+// "--" ending the options, options after operands), usage errors that name the option or value at
+// fault, and one shape for every command's help.
+#ifndef OVRIN_CLI_OPTIONS_H
+#define OVRIN_CLI_OPTIONS_H
+
+#include <getopt.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace ovrin::cli {
+
+// Exit statuses of every command.
+inline constexpr int exit_ok = 0;
+inline constexpr int exit_failure = 1; // input that does not read, parse, decode or check; a failed run
+inline constexpr int exit_usage = 2;   // a bad option, value or operand; an unknown type name
+
+// One command's command line: the options getopt_long is given, and its help text.
+struct Command {
+    const char *name;     // "decode"
+    const char *synopsis; // "TYPE [FILE] [--hex] [--xml [--pretty]] [--tracked]"
+    const char *help;     // what it does and each option, one per line, ending with a newline
+    std::vector<option> options; // without --help, which every command has
+};
+
+// The outcome of reading one option.
+enum class Next { option, done, help, error };
+
+// Reads the command's options one at a time. Options come back as getopt_long gives them (the
+// option's val, with optarg); the operands are left in operands() in order once done is returned.
+class Parser {
+public:
+    Parser(const Command &c, int argc, char **argv);
+    Next next(int &val, const char *&arg);
+    const std::vector<const char *> &operands() const { return operands_; }
+    // The option's name as the user wrote it, for messages ("--count").
+    std::string name_of(int val) const;
+
+private:
+    const Command &command_;
+    int argc_;
+    char **argv_;
+    std::string short_;
+    std::vector<option> long_;
+    std::vector<const char *> operands_;
+};
+
+// "ovrin-sm CMD: MESSAGE" and a pointer to the help on standard error; returns exit_usage.
+int usage_error(const Command &c, const std::string &message);
+// The command's help on standard output; returns exit_ok.
+int show_help(const Command &c);
+
+// NAME's value as a whole number from min to max, or a usage message naming both
+// ("--count: 'abc' is not a number from 1 to 1000000000").
+bool number(const char *name, const char *text, long min, long max, long &out, std::string &error);
+
+// ---- implementation
+
+inline Parser::Parser(const Command &c, int argc, char **argv) : command_(c), argc_(argc), argv_(argv) {
+    // A leading ':' makes a missing value its own answer; short forms exist for printable vals.
+    short_ = ":h";
+    for (const option &o : c.options) {
+        long_.push_back(o);
+        if (o.val > 0 && o.val < 128 && !o.flag) {
+            short_ += static_cast<char>(o.val);
+            if (o.has_arg == required_argument) short_ += ':';
+        }
+    }
+    long_.push_back({"help", no_argument, nullptr, 'h'});
+    long_.push_back({nullptr, 0, nullptr, 0});
+    optind = 0; // start afresh (glibc's way of re-initialising getopt)
+    opterr = 0;
+}
+
+inline std::string Parser::name_of(int val) const {
+    for (const option &o : long_)
+        if (o.name && o.val == val) return std::string("--") + o.name;
+    return std::string("-") + static_cast<char>(val);
+}
+
+inline Next Parser::next(int &val, const char *&arg) {
+    int c = getopt_long(argc_, argv_, short_.c_str(), long_.data(), nullptr);
+    arg = optarg;
+    val = c;
+    if (c == -1) {
+        for (int i = optind; i < argc_; ++i) operands_.push_back(argv_[i]);
+        return Next::done;
+    }
+    if (c == 'h') return Next::help;
+    if (c == ':') {
+        usage_error(command_, name_of(optopt) + " needs a value");
+        return Next::error;
+    }
+    if (c == '?') {
+        std::string given = optind > 0 && optind <= argc_ ? argv_[optind - 1] : "";
+        if (optopt && given.rfind("--", 0) == 0 && given.find('=') != std::string::npos)
+            usage_error(command_, given.substr(0, given.find('=')) + " takes no value");
+        else if (optopt && given.rfind("--", 0) != 0)
+            usage_error(command_, std::string("unknown option '-") + static_cast<char>(optopt) + "'");
+        else
+            usage_error(command_, "unknown option '" + given.substr(0, given.find('=')) + "'");
+        return Next::error;
+    }
+    return Next::option;
+}
+
+inline int usage_error(const Command &c, const std::string &message) {
+    std::fprintf(stderr, "ovrin-sm %s: %s\nusage: ovrin-sm %s %s\nTry 'ovrin-sm %s --help' for more.\n", c.name,
+                 message.c_str(), c.name, c.synopsis, c.name);
+    return exit_usage;
+}
+
+inline int show_help(const Command &c) {
+    std::printf("usage: ovrin-sm %s %s\n\n%s", c.name, c.synopsis, c.help);
+    std::printf("  -h, --help            show this text\n");
+    return exit_ok;
+}
+
+inline bool number(const char *name, const char *text, long min, long max, long &out, std::string &error) {
+    char *end = nullptr;
+    errno = 0;
+    long v = std::strtol(text, &end, 10);
+    if (!*text || *end || errno == ERANGE || v < min || v > max) {
+        error = std::string(name) + ": '" + text + "' is not a number from " + std::to_string(min) + " to " +
+                std::to_string(max);
+        return false;
+    }
+    out = v;
+    return true;
+}
+
+} // namespace ovrin::cli
+
+#endif

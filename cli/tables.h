@@ -1,0 +1,31 @@
+// The tool's private copy of the bundle's type tables (cli/tables.cpp), and what the commands look
+// up in them.
+#ifndef OVRIN_CLI_TABLES_H
+#define OVRIN_CLI_TABLES_H
+
+#include <string>
+#include <vector>
+
+#include "ovrin_sm_internal/tables.h"
+
+namespace ovrin::cli {
+
+// The type so named, or null.
+const Type *find_table(const std::string &name);
+
+// The literal of an enumeration that a fresh instance holds (stored value 0), or null.
+const Literal *fresh_literal(const Type &enumeration);
+
+// The union member that a discriminator holding the literal selects, or null for none.
+const Field *member_selected_by(const Type &union_type, const Literal *literal);
+
+// Levenshtein distance, for "did you mean" answers.
+size_t edit_distance(const std::string &a, const std::string &b);
+
+// Of the candidates, the one closest to name when it is close enough to be a likely misspelling;
+// empty otherwise.
+std::string closest(const std::string &name, const std::vector<std::string> &candidates);
+
+} // namespace ovrin::cli
+
+#endif
