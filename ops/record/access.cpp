@@ -269,11 +269,13 @@ void get_all(const Type &t, mgx_handle_t *h, uint32_t luid, const void *instance
     if (!start(h, luid, instance, err)) return;
     int8_t variant = variant_of(instance);
     const auto *out = outputs.begin();
-    for (uint16_t i = 0; i < t.n_fields && out != outputs.end(); ++i) {
-        const Field &f = t.fields[i];
+    // Every readable field takes its output, present in the instance's variant or not (then 0).
+    for (FieldAt<const void> a : fields(t, instance, t.last_variant())) {
+        const Field &f = a.field();
         if (!(f.roles & field_readable_by_all)) continue;
+        if (out == outputs.end()) break;
         void *target = *out++;
-        const void *field = field_at(instance, f);
+        const void *field = a.address();
         uint32_t value = 0;
         if (present(f, variant))
             value = f.kind == Kind::enumeration ? enum_get_value(h, luid, field, err)
@@ -293,11 +295,11 @@ void set_all(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, std:
     if (!adjust(t, h, luid, instance, err)) return;
     int8_t variant = variant_of(instance);
     const uint32_t *value = values.begin();
-    for (uint16_t i = 0; i < t.n_fields && value != values.end(); ++i) {
-        const Field &f = t.fields[i];
-        if (!(f.roles & field_settable_by_all)) continue;
+    for (FieldAt<void> a : fields(t, instance, t.last_variant())) {
+        if (!(a->roles & field_settable_by_all)) continue;
+        if (value == values.end()) break;
         uint32_t v = *value++;
-        if (present(f, variant)) prim_set_value(f.kind, h, luid, field_at(instance, f), v, err);
+        if (present(a.field(), variant)) prim_set_value(a->kind, h, luid, a.address(), v, err);
     }
 }
 
