@@ -3,6 +3,7 @@
 // tree directly; any other path goes to libxml2's XPath engine, which gives the same node sets.
 #include <climits>
 #include <cstdio>
+#include <algorithm>
 #include <cstring>
 #include <string_view>
 
@@ -425,6 +426,16 @@ void *mgx_xml_document_read(const char *text, size_t length, char *message, size
     if (!text) return say("%s", "no document");
     if (length > MGX_XML_MAX_DOCUMENT)
         return say("the document is larger than %u bytes", static_cast<unsigned>(MGX_XML_MAX_DOCUMENT));
+    // No XML document holds a NUL character: libxml2 would end the document at one and take what
+    // came before it, whatever follows. Trailing NULs (a length that counts the terminator) end
+    // the text; anything after a NUL refuses it.
+    if (const void *nul = std::memchr(text, '\0', length)) {
+        size_t at = static_cast<const char *>(nul) - text;
+        if (std::any_of(text + at, text + length, [](char c) { return c != '\0'; }))
+            return say("line %zu: a NUL character, which no XML document holds",
+                       static_cast<size_t>(1 + std::count(text, text + at, '\n')));
+        length = at;
+    }
     size_t line = 0;
     if (!attributes_within_limit(text, length, line))
         return say("line %zu: an element has more than %u attributes", line, MGX_XML_MAX_ATTRIBUTES);

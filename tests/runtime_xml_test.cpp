@@ -223,6 +223,12 @@ TEST_F(XmlTest, DocumentSizeAndAttributesPerElementAreBounded) {
     std::string over = "<x>\n" + element(MGX_XML_MAX_ATTRIBUTES + 1) + "</x>";
     EXPECT_EQ(mgx_xml_document_read(over.c_str(), over.size(), why, sizeof why), nullptr);
     EXPECT_STREQ(why, "line 2: an element has more than 256 attributes");
+    const char nul[] = "<z/>\n\0<r a='1'/>";
+    EXPECT_EQ(mgx_xml_document_read(nul, sizeof nul - 1, why, sizeof why), nullptr);
+    EXPECT_STREQ(why, "line 2: a NUL character, which no XML document holds");
+    doc = mgx_xml_document_read("<z/>\0\0", 6, why, sizeof why); // a length counting terminators
+    EXPECT_NE(doc, nullptr) << why;
+    mgx_xml_document_free(doc);
     std::string big(MGX_XML_MAX_DOCUMENT + 1, ' ');
     EXPECT_EQ(mgx_xml_document_read(big.c_str(), big.size(), why, sizeof why), nullptr);
     EXPECT_STREQ(why, "the document is larger than 67108864 bytes");

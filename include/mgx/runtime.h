@@ -132,7 +132,8 @@ MGX_API int mgx_retained_data_set(mgx_handle_t *h, const void *instance, const v
 MGX_API uint16_t mgx_retained_data_get(const mgx_handle_t *h, const void *instance, const void **bytes);
 
 /* ---- XML documents. The reader takes documents of at most MGX_XML_MAX_DOCUMENT bytes with at most
- * MGX_XML_MAX_ATTRIBUTES attributes on any element, reads no external entity or DTD, and refuses
+ * MGX_XML_MAX_ATTRIBUTES attributes on any element and no NUL character, reads no external entity or
+ * DTD, and refuses
  * (error 22, "Invalid value at <path>") a value that refers to an entity other than the five
  * predefined ones and character references. */
 #define MGX_XML_MAX_DOCUMENT (64u * 1024u * 1024u)
