@@ -24,7 +24,8 @@ cp "$library" "$work/copy.so"
 # Standard input for the trace, or for the library ("-" as for any file the tool reads).
 "$tool" trace - < "$work/demo.trc" | cmp -s - "$work/lines" || fail "trace - changed the lines"
 "$tool" trace "$work/demo.trc" --library - < "$library" | cmp -s - "$work/lines" || fail "--library - changed the lines"
-"$tool" manifest - < "$library" | grep -q "^standard input: .ovrin_sm_manifest" || fail "manifest -"
+"$tool" manifest - < "$library" > "$work/manifest" || fail "manifest -"
+grep -q "^standard input: .ovrin_sm_manifest" "$work/manifest" || fail "manifest -: $(head -n 2 "$work/manifest")"
 
 # A library without the texts: numbers and arguments, and a warning saying why.
 "$tool" trace "$work/demo.trc" --library "$runtime" > "$work/numbers" 2> "$work/err" || fail "numbers-only decode"
