@@ -1,10 +1,8 @@
-// What the fuzz targets share: every type of the bundle reached through its module node in the
-// runtime's module list, its operations looked up by exported name, and two long-lived handles
+// What the fuzz targets share: every type of the bundle with its operations, from the bundle's
+// typed operations table, and two long-lived handles
 // (untracked and tracked) whose live-allocation counts must come back after every input.
 #ifndef OVRIN_FUZZ_FUZZ_TYPES_H
 #define OVRIN_FUZZ_FUZZ_TYPES_H
-
-#include <dlfcn.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -15,6 +13,7 @@
 
 #include "mgx/runtime.h"
 #include "ovrin_sm/ops.h"
+#include "ovrin_sm/optable.h"
 
 namespace fuzz {
 
@@ -27,8 +26,8 @@ struct TypeOps {
     uint32_t (*marshal)(mgx_handle_t *, uint32_t, uint8_t *, const void *, int32_t, uint32_t *);
     uint32_t (*unmarshal)(mgx_handle_t *, uint32_t, const uint8_t *, void *, int32_t, uint32_t, uint32_t *);
     uint32_t (*record_len)(mgx_handle_t *, uint32_t, const void *);
-    int32_t (*compare)(const void *, const void *); // null until the library has it
-    uint32_t (*hash)(const void *, uint32_t);         // likewise
+    int32_t (*compare)(const void *, const void *);
+    uint32_t (*hash)(const void *, uint32_t);
     uint32_t (*to_xml)(mgx_handle_t *, uint32_t, const char *, char *, const void *, uint32_t, uint8_t, uint32_t *);
     void (*from_xml)(mgx_handle_t *, uint32_t, const char *, void *, void *, uint32_t *, char *, uint32_t);
 };
@@ -38,40 +37,22 @@ struct TypeOps {
     std::abort();
 }
 
-template <class Fn> Fn lookup(const std::string &type, const char *op) {
-    return reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, (type + "_" + op).c_str()));
-}
-
-// The types in registration order, as the runtime sees them.
+// The types in registration order, from the bundle's typed operations table.
 inline const std::vector<TypeOps> &types() {
     static const std::vector<TypeOps> list = [] {
-        // The bundle registers its types when it is loaded, and the targets reach it by name only:
-        // one reference to it keeps a linker that drops unreferenced libraries from dropping it.
-        static void (*volatile const bundle_entry)(mgx_handle_t *, uint32_t, uint32_t *) = &ovrin_sm_typeinfo_initialize;
-        (void)bundle_entry;
         std::vector<TypeOps> out;
-        for (const mgx_module_node_t *n = mgx_module_tot_root.first; n; n = n->next) {
-            if (std::strcmp(n->domain_name, "ovrin_sm") != 0) continue;
-            for (const void *const *d = n->descriptor_table; *d; ++d) {
-                auto *info = static_cast<const mgx_type_info_t *>(*d);
-                TypeOps t{};
-                t.name = info->type_name;
-                t.is_enum = !std::strcmp(info->kind, "enum");
-                t.create = lookup<decltype(t.create)>(t.name, "create");
-                t.destroy = lookup<decltype(t.destroy)>(t.name, "destroy");
-                t.adjust_variant = lookup<decltype(t.adjust_variant)>(t.name, "adjust_variant");
-                t.marshal = lookup<decltype(t.marshal)>(t.name, "marshal");
-                t.unmarshal = lookup<decltype(t.unmarshal)>(t.name, "unmarshal");
-                if (!t.is_enum) t.record_len = lookup<decltype(t.record_len)>(t.name, "len");
-                t.compare = lookup<decltype(t.compare)>(t.name, "compare");
-                t.hash = lookup<decltype(t.hash)>(t.name, "hash");
-                t.to_xml = lookup<decltype(t.to_xml)>(t.name, "to_xml");
-                t.from_xml = lookup<decltype(t.from_xml)>(t.name, "from_xml");
-                if (!t.create || !t.destroy || !t.adjust_variant || !t.marshal || !t.unmarshal ||
-                    (!t.is_enum && !t.record_len))
-                    die("missing wire or lifecycle operation of " + t.name);
-                out.push_back(t);
-            }
+        for (uint32_t i = 0; i < ovrin_sm_optable_count; ++i) {
+            const ovrin_sm_type_ops &o = ovrin_sm_optable[i];
+            TypeOps t{o.name,    o.kind == OVRIN_SM_KIND_ENUMERATION,
+                      o.create,  o.destroy,
+                      o.adjust_variant, o.marshal,
+                      o.unmarshal, o.len,
+                      o.compare, o.hash,
+                      o.to_xml,  o.from_xml};
+            if (!t.create || !t.destroy || !t.adjust_variant || !t.marshal || !t.unmarshal ||
+                (!t.is_enum && !t.record_len))
+                die("missing wire or lifecycle operation of " + t.name);
+            out.push_back(t);
         }
         if (out.size() != 79) die("expected 79 types, found " + std::to_string(out.size()));
         return out;
