@@ -415,15 +415,49 @@ void register_all() {
 #endif
 }
 
+// The output format asked for with --benchmark_format (the last one given wins, as for the library).
+std::string output_format(int argc, char **argv) {
+    std::string format = "console";
+    for (int i = 1; i < argc; ++i)
+        if (std::strncmp(argv[i], "--benchmark_format=", 19) == 0) format = argv[i] + 19;
+    return format;
+}
+
+// A reporter of the library's that also notes a benchmark that failed.
+template <class Base> class Noting : public Base {
+public:
+    void ReportRuns(const std::vector<benchmark::BenchmarkReporter::Run> &runs) override {
+        Base::ReportRuns(runs);
+        for (const auto &run : runs) failed_ |= run.error_occurred;
+    }
+    bool failed() const { return failed_; }
+
+private:
+    bool failed_ = false;
+};
+
 } // namespace
 
 int main(int argc, char **argv) {
+    const std::string format = output_format(argc, argv);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     register_all();
-    SummaryReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.print_summary(stdout);
+    bool failed = false;
+    // The summary tables follow the console table only: JSON stays whole for its readers
+    // (tools/plot_bench.py reads it).
+    if (format == "json") {
+        Noting<benchmark::JSONReporter> reporter;
+        benchmark::RunSpecifiedBenchmarks(&reporter);
+        failed = reporter.failed();
+    } else if (format != "console") {
+        benchmark::RunSpecifiedBenchmarks(); // the library's own reporter for the format (CSV)
+    } else {
+        SummaryReporter reporter;
+        benchmark::RunSpecifiedBenchmarks(&reporter);
+        reporter.print_summary(stdout);
+        failed = reporter.failed();
+    }
     benchmark::Shutdown();
-    return reporter.failed() ? 1 : 0;
+    return failed ? 1 : 0;
 }

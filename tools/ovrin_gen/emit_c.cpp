@@ -187,7 +187,8 @@ std::string wrapped(const std::string &lead, const std::vector<std::string> &wor
             out += line + "\n";
             line = more + words[i];
         } else {
-            line += (i && line != more ? " " : "") + words[i];
+            if (i && line != more) line += ' ';
+            line += words[i];
         }
     }
     return out + line + "\n";
@@ -277,7 +278,10 @@ std::string describe_type(const Catalogue &c, const Type &t) {
         const Field &f = t.fields[i];
         std::string ops;
         for (const Wrapper &w : all)
-            if (w.field == &f && for_application(w)) ops += (ops.empty() ? "" : " ") + w.op;
+            if (w.field == &f && for_application(w)) {
+                if (!ops.empty()) ops += ' ';
+                ops += w.op;
+            }
         std::string line = " *   " + f.name + std::string(name_w - f.name.size() + 2, ' ') + kinds[i];
         if (!ops.empty()) line += std::string(kinds[i].size() < kind_w ? kind_w - kinds[i].size() + 2 : 2, ' ') + ops;
         s += line + "\n";
@@ -333,7 +337,8 @@ std::string emit_public_ops(const Catalogue &c) {
         return static_cast<size_t>(std::find(order.begin(), order.end(), w.op) - order.begin());
     };
     for (const auto &t : c.types) {
-        s += "\n" + describe_type(c, *t);
+        s += '\n';
+        s += describe_type(c, *t);
         std::vector<Wrapper> shown;
         for (const Wrapper &w : wrappers_of(*t))
             if (for_application(w)) shown.push_back(w);

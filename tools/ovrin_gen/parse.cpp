@@ -189,7 +189,10 @@ Catalogue parse_catalogue(const std::string &path, const std::string &text) {
             size_t start = raw.find_first_not_of("# \t");
             size_t end = raw.find_last_not_of(" \t\r");
             if (paragraph.empty()) paragraph_line = line;
-            if (start != std::string::npos) paragraph += (paragraph.empty() ? "" : " ") + raw.substr(start, end + 1 - start);
+            if (start != std::string::npos) {
+                if (!paragraph.empty()) paragraph += ' ';
+                paragraph.append(raw, start, end + 1 - start);
+            }
             continue;
         }
         std::vector<std::string> w = words_of(raw);
