@@ -9,9 +9,6 @@
 #include "mgx/runtime.h"
 #include "ovrin_sm/version.h"
 
-// Weak, so that the tool still runs, and says so, with a libovrin_sm that does not export it.
-extern "C" __attribute__((weak)) const char *ovrin_sm_version(void);
-
 namespace {
 
 using ovrin::cli::exit_ok;
@@ -44,8 +41,8 @@ void usage(FILE *out) {
 }
 
 int version() {
-    const char *library = ovrin_sm_version ? ovrin_sm_version() : "(its version is not exported)";
-    std::printf("ovrin-sm %s\nlibovrin_sm %s\nlibmgx %s\n", OVRIN_SM_VERSION_STRING, library, mgx_runtime_version());
+    std::printf("ovrin-sm %s\nlibovrin_sm %s\nlibmgx %s\n", OVRIN_SM_VERSION_STRING, ovrin_sm_version(),
+                mgx_runtime_version());
     return exit_ok;
 }
 

@@ -159,7 +159,12 @@ public:
                 for (uint16_t k = 0; k < f.count; ++k) element(f, f.name, depth + 1);
                 break;
             case Shape::var_array: break;  // its count is 0
-            case Shape::var_string: line(depth + 1, "<" + std::string(f.name) + "></" + f.name + ">"); break;
+            case Shape::var_string: {
+                std::string empty = "<";
+                empty.append(f.name).append("></").append(f.name).append(">");
+                line(depth + 1, empty);
+                break;
+            }
             case Shape::member:
                 if (&f == selected) type(*f.type, std::string(t.fields[t.discriminator].name) + "-" + f.name, depth + 1);
                 break;

@@ -1,4 +1,8 @@
-// The library's own version, for programs that check at run time what they were loaded with.
+// The package's version, exported by every bundle it builds as <domain>_version(), for programs
+// that check at run time what they were loaded with.
+#include "bundle_frame.h"
 #include "ovrin_sm/version.h"
 
-extern "C" const char *ovrin_sm_version(void) { return OVRIN_SM_VERSION_STRING; }
+extern "C" __attribute__((visibility("default"))) const char *OVRIN_BUNDLE_EXPORT(version)(void) {
+    return OVRIN_SM_VERSION_STRING;
+}

@@ -313,6 +313,7 @@ const std::vector<BundleSymbol> &bundle_functions() {
         {"@D@_typeinfo_initialize", "void @D@_typeinfo_initialize(mgx_handle_t *h, uint32_t luid, uint32_t *err)"},
         {"@D@_type_variant_dump", "void @D@_type_variant_dump(int (*print)(const char *format, ...))"},
         {"mgx_@D@_trace_init", "int mgx_@D@_trace_init(void)"},
+        {"@D@_version", "const char *@D@_version(void)"},
     };
     return list;
 }
