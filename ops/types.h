@@ -107,6 +107,24 @@ struct Bundle {
     uint8_t *traced_once;            // type_count flags for the messages given once per process
 };
 
+// One member of a type's wire form at one variant, worked out by the generator: a scalar is read
+// and written straight by its kind, with its state byte behind it (step_state_byte; a count or
+// length has none); anything else (fixed arrays, strings, variable arrays, union members) is
+// step_composite and goes through the field walker.
+enum WireStepFlag : uint8_t { step_state_byte = 1u << 0, step_composite = 1u << 1 };
+struct WireStep {
+    const Type *type;   // the enumeration or record of an enumeration or record scalar
+    uint16_t offset;
+    uint16_t sttr_pos;
+    uint16_t field;     // index in Type::fields
+    Kind kind;
+    uint8_t flags;      // WireStepFlag bits
+};
+struct WirePlan {
+    const WireStep *steps;
+    uint16_t n;
+};
+
 struct Type {
     const Bundle *bundle;
     const char *name;
@@ -133,6 +151,8 @@ struct Type {
     // (tracked initialize: scalar records and attribute lists with a flag area of their own).
     const uint16_t *plan;
     uint16_t n_owning, n_inline, n_areas;
+    // Records and unions: the wire plan of each variant (n_variants of them); null for enumerations.
+    const WirePlan *wire;
 
     uint32_t tracked_size() const { return size + sttr_size; }
     int8_t last_variant() const { return static_cast<int8_t>(n_variants - 1); }

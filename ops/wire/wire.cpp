@@ -24,9 +24,14 @@ constexpr int32_t min_instance_bytes = 6;              // a record's wire header
     X(mac_addr, mgx_mac_addr) X(ipv4_addr, ipv4_addr) X(ipv6_addr, ipv6_addr) X(aaa_tlv, aaa_tlv)
 
 
+// The wire plan of a variant; a variant beyond the type's own (an instance laid out by a newer
+// bundle) is walked with the newest plan this bundle has.
+const WirePlan &plan_at(const Type &t, int8_t variant) { return t.wire[variant < t.n_variants ? variant : t.last_variant()]; }
+
 // ------------------------------------------------------------------ length
 
-[[gnu::always_inline]] inline uint32_t element_length(const Field &f, mgx_handle_t *h, uint32_t luid, const void *element) {
+// One element, of a field or a plan step (both say its kind and type).
+template <class F> [[gnu::always_inline]] inline uint32_t element_length(const F &f, mgx_handle_t *h, uint32_t luid, const void *element) {
     switch (f.kind) {
 #define OVRIN_LEN(K, T)                                                                                \
     case Kind::K: return T##_len(h, luid, static_cast<const T *>(element));
@@ -60,7 +65,7 @@ struct Writer {
 };
 
 // One element, straight to the runtime's primitive or the nested type's encoder.
-[[gnu::always_inline]] inline uint32_t put_element(const Field &f, mgx_handle_t *h, uint32_t luid, uint8_t *b, const void *element,
+template <class F> [[gnu::always_inline]] inline uint32_t put_element(const F &f, mgx_handle_t *h, uint32_t luid, uint8_t *b, const void *element,
                             int32_t space, uint32_t *e) {
     switch (f.kind) {
 #define OVRIN_MARSHAL(K, T)                                                                            \
@@ -76,7 +81,7 @@ struct Writer {
 
 // Each piece gets its own error cell, so that one piece's failure (or the variant error of a
 // nested header) does not silence the pieces after it; the first error reaches the caller's cell.
-[[gnu::always_inline]] inline void put_piece(const Field &f, Writer &w, const void *element) {
+template <class F> [[gnu::always_inline]] inline void put_piece(const F &f, Writer &w, const void *element) {
     uint32_t e = 0;
     w.pos += static_cast<int32_t>(put_element(f, w.h, w.luid, w.buf + w.pos, element, w.left(), &e));
     keep_first(w.err, e);
@@ -149,7 +154,7 @@ struct Reader {
 
     int32_t left() const { return length - pos; }
     // The state byte behind a member, copied or stepped over, never read at the end of the input.
-    void state_byte(const Field &f) {
+    template <class F> void state_byte(const F &f) {
         if ((!copy_state && !skip_state) || pos >= length) return;
         if (copy_state && area) area[f.sttr_pos] = buf[pos];
         ++pos;
@@ -157,7 +162,7 @@ struct Reader {
     void error(uint32_t code) { fail(h, err, code); }
 };
 
-[[gnu::always_inline]] inline uint32_t decode_element(const Field &f, Reader &r, void *element) {
+template <class F> [[gnu::always_inline]] inline uint32_t decode_element(const F &f, Reader &r, void *element) {
     const uint8_t *b = r.buf + r.pos;
     switch (f.kind) {
 #define OVRIN_UNMARSHAL(K, T)                                                                          \
@@ -289,13 +294,17 @@ uint32_t wire_length(const Type &t, mgx_handle_t *h, uint32_t luid, const void *
     int8_t variant = mgx_get_instance_variant(instance, 1, 0);
     uint32_t n = 6, state = 0;
     if (variant >= 0) {
-        for (FieldAt<const void> a : fields(t, instance, variant)) {
+        const WirePlan &plan = plan_at(t, variant);
+        for (const WireStep *step = plan.steps, *last = step + plan.n; step != last; ++step) {
+            if (!(step->flags & step_composite)) {
+                n += element_length(*step, h, luid, bytes(instance) + step->offset);
+                state += step->flags & step_state_byte;
+                continue;
+            }
+            const FieldAt<const void> a(t, t.fields[step->field], instance);
             const Field &f = a.field();
             switch (f.shape) {
-            case Shape::scalar:
-                n += element_length(f, h, luid, a.address());
-                state += !a.is_counter();
-                break;
+            case Shape::scalar: break;
             case Shape::fixed_array:
                 for (uint32_t k = 0; k < f.count; ++k) n += element_length(f, h, luid, a.element(k));
                 state += 1;
@@ -375,13 +384,14 @@ uint32_t encode(const Type &t, mgx_handle_t *h, uint32_t luid, uint8_t *buf, con
     bool jump_written = w.pos == header + 4;
 
     if (variant >= 0 && instance) {
-        for (FieldAt<const void> a : fields(t, instance, variant)) {
-            if (a->shape != Shape::scalar) {
-                encode_composite(a, w, area, tracked);
+        const WirePlan &plan = plan_at(t, variant);
+        for (const WireStep *step = plan.steps, *last = step + plan.n; step != last; ++step) {
+            if (step->flags & step_composite) {
+                encode_composite(FieldAt<const void>(t, t.fields[step->field], instance), w, area, tracked);
                 continue;
             }
-            put_piece(a.field(), w, a.address());
-            if (tracked && !a.is_counter()) w.state_byte(a.flag(area));
+            put_piece(*step, w, bytes(instance) + step->offset);
+            if (tracked && (step->flags & step_state_byte)) w.state_byte(area ? area[step->sttr_pos] : 0);
         }
     }
 
@@ -437,14 +447,25 @@ uint32_t decode(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *bu
         // is decoded and read by the array or string it counts, which comes after it.
         OldCounts old_counts;
         bool state_bytes = r.copy_state || r.skip_state;
-        for (FieldAt<void> a : fields(t, instance, variant)) {
+        const WirePlan &plan = plan_at(t, variant);
+        for (const WireStep *step = plan.steps, *last = step + plan.n; step != last; ++step) {
+            if (!(step->flags & step_composite)) {
+                void *field = bytes(instance) + step->offset;
+                if (!(step->flags & step_state_byte)) { // a count or length: kept for what it counts
+                    const FieldAt<void> counter(t, t.fields[step->field], instance);
+                    old_counts.keep(step->field, counter.counted());
+                    r.pos += static_cast<int32_t>(decode_element(*step, r, field));
+                } else {
+                    r.pos += static_cast<int32_t>(decode_element(*step, r, field));
+                    if (state_bytes && !*err) r.state_byte(*step);
+                }
+                if (*err) return static_cast<uint32_t>(r.pos);
+                continue;
+            }
+            const FieldAt<void> a(t, t.fields[step->field], instance);
             const Field &f = a.field();
             switch (f.shape) {
-            case Shape::scalar:
-                if (a.is_counter()) old_counts.keep(a.index(), a.counted());
-                r.pos += static_cast<int32_t>(decode_element(f, r, a.address()));
-                if (state_bytes && !a.is_counter() && !*err) r.state_byte(f);
-                break;
+            case Shape::scalar: break;
             case Shape::fixed_array:
                 for (uint32_t k = 0; k < f.count && !*err; ++k) r.pos += static_cast<int32_t>(decode_element(f, r, a.element(k)));
                 if (!*err) r.state_byte(f);

@@ -1,6 +1,7 @@
 // The data the bundle runs on: the type tables for the generic operations, the exported
 // descriptors with their variant info and the descriptor table, and the compressed trace texts.
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "runtime/trace_format.h"
@@ -117,6 +118,24 @@ Plan plan_of(const Type &t) {
     return p;
 }
 
+// A type's wire plan at one variant: one step per member present, in declaration order. A scalar
+// goes straight to its kind's reader or writer, with a state byte behind it unless it is a count
+// or length; anything else is composite and goes through the engine's field walker.
+std::string wire_plan(const Type &t, int variant) {
+    std::string s;
+    for (size_t i = 0; i < t.fields.size(); ++i) {
+        const Field &f = t.fields[i];
+        if (f.from > variant) continue;
+        bool composite = f.shape != Shape::scalar;
+        bool counter = f.companion >= 0 && f.shape == Shape::scalar;
+        std::string type = f.type ? "&" + f.type->name : "nullptr";
+        s += format("    {.type = %s, .offset = %u, .sttr_pos = %u, .field = %zu, .kind = Kind::%s, .flags = %s},\n",
+                    type.c_str(), f.offset, f.sttr_pos, i, kind_name(f),
+                    composite ? "step_composite" : counter ? "0" : "step_state_byte");
+    }
+    return s;
+}
+
 } // namespace
 
 std::string emit_tables_header(const Catalogue &c) {
@@ -161,6 +180,16 @@ std::string emit_tables(const Catalogue &c) {
         s += format("const uint16_t plan_%s[] = {", t.name.c_str());
         for (size_t i = 0; i < p.fields.size(); ++i) s += format("%s%u", i ? ", " : "", p.fields[i]);
         s += p.fields.empty() ? "0};\n" : "};\n"; // an array may not be empty
+        if (t.is_enum()) continue;
+        std::string plans;
+        for (int v = 0; v < t.n_variants; ++v) {
+            std::string steps = wire_plan(t, v);
+            s += format("const WireStep wire_%s_%d[] = {\n%s};\n", t.name.c_str(), v,
+                        steps.empty() ? "    {}, // an array may not be empty\n" : steps.c_str());
+            plans += format("%s{wire_%s_%d, %zu}", v ? ", " : "", t.name.c_str(), v,
+                            steps.empty() ? size_t{0} : static_cast<size_t>(std::count(steps.begin(), steps.end(), '\n')));
+        }
+        s += format("const WirePlan wire_%s[] = {%s};\n", t.name.c_str(), plans.c_str());
     }
     s += "\n} // namespace\n";
     for (const auto &tp : c.types) {
@@ -176,8 +205,9 @@ std::string emit_tables(const Catalogue &c) {
                     t.n_variants, t.discriminator);
         Plan p = plan_of(t);
         s += format("    .sttr_align = %u,\n    .flags = %s,\n", t.sttr_align, type_flags(t).c_str());
-        s += format("    .plan = plan_%s,\n    .n_owning = %zu,\n    .n_inline = %zu,\n    .n_areas = %zu,\n};\n",
+        s += format("    .plan = plan_%s,\n    .n_owning = %zu,\n    .n_inline = %zu,\n    .n_areas = %zu,\n",
                     t.name.c_str(), p.n_owning, p.n_inline, p.n_areas);
+        s += t.is_enum() ? "    .wire = nullptr,\n};\n" : format("    .wire = wire_%s,\n};\n", t.name.c_str());
     }
     s += "\nconst Type *const all[type_count] = {\n";
     for (const auto &t : c.types) s += format("    &%s,\n", t->name.c_str());
