@@ -76,6 +76,16 @@ template <class V> class FieldAt {
         Byte *base = f_->shape == Shape::var_array ? static_cast<Byte *>(block()) : static_cast<Byte *>(address());
         return base + size_t{k} * f_->elem_size;
     }
+    // The elements as they stand now (inline, or in the current block), for a loop over them
+    // that need not look at the shape and the block again per element.
+    struct Run {
+        Byte *base;
+        size_t size;
+        V *operator[](uint32_t k) const { return base + size_t{k} * size; }
+    };
+    Run run() const {
+        return {f_->shape == Shape::var_array ? static_cast<Byte *>(block()) : static_cast<Byte *>(address()), f_->elem_size};
+    }
     // Whether this union member is the one the discriminator selects.
     bool selected() const { return f_->shape == Shape::member && selector(*t_, instance_) == f_->select; }
     // The field's own state byte in an instance's flag area (none: 0).

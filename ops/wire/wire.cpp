@@ -93,10 +93,12 @@ void encode_composite(const FieldAt<const void> &a, Writer &w, const uint8_t *ar
     uint8_t flag = a.flag(area);
     switch (f.shape) {
     case Shape::scalar: return;
-    case Shape::fixed_array:
-        for (uint32_t k = 0; k < f.count; ++k) put_piece(f, w, a.element(k));
+    case Shape::fixed_array: {
+        const auto run = a.run();
+        for (uint32_t k = 0; k < f.count; ++k) put_piece(f, w, run[k]);
         if (tracked) w.state_byte(flag);
         return;
+    }
     case Shape::var_string: {
         uint32_t len = a.count();
         const char *text = static_cast<const char *>(a.block());
@@ -117,7 +119,8 @@ void encode_composite(const FieldAt<const void> &a, Writer &w, const uint8_t *ar
         uint32_t count = a.count();
         if (count == 0) return; // deliberately without the array's state byte
         const void *block = a.block();
-        for (uint32_t k = 0; k < count; ++k) put_piece(f, w, block ? a.element(k) : nullptr);
+        const auto run = a.run();
+        for (uint32_t k = 0; k < count; ++k) put_piece(f, w, block ? run[k] : nullptr);
         if (!tracked) return;
         w.state_byte(flag);
         const ArrayLayout layout(f);
@@ -224,7 +227,8 @@ void decode_string(const FieldAt<void> &a, Reader &r, uint32_t old_len) {
 void decode_elements(const FieldAt<void> &a, Reader &r, uint32_t count, uint8_t *per_element) {
     const Field &f = a.field();
     const ArrayLayout layout(f);
-    for (uint32_t k = 0; k < count && !*r.err; ++k) r.pos += static_cast<int32_t>(decode_element(f, r, a.element(k)));
+    const auto run = a.run();
+    for (uint32_t k = 0; k < count && !*r.err; ++k) r.pos += static_cast<int32_t>(decode_element(f, r, run[k]));
     if (*r.err) return;
     r.state_byte(f);
     for (uint32_t k = 0; k < count && r.pos < r.length; ++k) {
@@ -305,10 +309,12 @@ uint32_t wire_length(const Type &t, mgx_handle_t *h, uint32_t luid, const void *
             const Field &f = a.field();
             switch (f.shape) {
             case Shape::scalar: break;
-            case Shape::fixed_array:
-                for (uint32_t k = 0; k < f.count; ++k) n += element_length(f, h, luid, a.element(k));
+            case Shape::fixed_array: {
+                const auto run = a.run();
+                for (uint32_t k = 0; k < f.count; ++k) n += element_length(f, h, luid, run[k]);
                 state += 1;
                 break;
+            }
             case Shape::var_string: {
                 uint32_t len = a.count();
                 n += char_len() * len;
@@ -317,7 +323,8 @@ uint32_t wire_length(const Type &t, mgx_handle_t *h, uint32_t luid, const void *
             }
             case Shape::var_array: {
                 uint32_t count = a.count();
-                for (uint32_t k = 0; k < count; ++k) n += wire_length(*f.type, h, luid, a.block() ? a.element(k) : nullptr);
+                const auto run = a.run();
+                for (uint32_t k = 0; k < count; ++k) n += wire_length(*f.type, h, luid, run.base ? run[k] : nullptr);
                 state += 1 + count;
                 break;
             }
@@ -466,10 +473,12 @@ uint32_t decode(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *bu
             const Field &f = a.field();
             switch (f.shape) {
             case Shape::scalar: break;
-            case Shape::fixed_array:
-                for (uint32_t k = 0; k < f.count && !*err; ++k) r.pos += static_cast<int32_t>(decode_element(f, r, a.element(k)));
+            case Shape::fixed_array: {
+                const auto run = a.run();
+                for (uint32_t k = 0; k < f.count && !*err; ++k) r.pos += static_cast<int32_t>(decode_element(f, r, run[k]));
                 if (!*err) r.state_byte(f);
                 break;
+            }
             case Shape::var_string: decode_string(a, r, old_counts.of(f.companion)); break;
             case Shape::var_array: decode_array(a, r, old_counts.of(f.companion), tracked); break;
             case Shape::member:
