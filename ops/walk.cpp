@@ -8,13 +8,6 @@
 
 namespace ovrin {
 
-void free_block(mgx_handle_t *h, uint32_t luid, void *&slot, const void *base) {
-    if (!slot) return;
-    notify(h, &slot, sizeof slot, luid, base);
-    h->inst_free(h->alloc_ctx, luid, slot);
-    slot = nullptr;
-}
-
 void destroy_elements(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint32_t count) {
     const ArrayLayout layout(f);
     for (uint32_t k = 0; block && k < count; ++k) destroy_internal(*f.type, h, luid, layout.element(block, k), 0);

@@ -163,7 +163,12 @@ inline void set_count(mgx_handle_t *h, uint32_t luid, const FieldAt<void> &a, ui
 // ---------------------------------------------------------------- blocks
 
 // Gives a block's pointer word up: the block is freed and the word cleared, write-notified.
-void free_block(mgx_handle_t *h, uint32_t luid, void *&slot, const void *base = nullptr);
+inline void free_block(mgx_handle_t *h, uint32_t luid, void *&slot, const void *base = nullptr) {
+    if (!slot) return;
+    notify(h, &slot, sizeof slot, luid, base);
+    h->inst_free(h->alloc_ctx, luid, slot);
+    slot = nullptr;
+}
 
 // The elements [from, to) of a variable array's block, laid out as nested instances over their
 // flag slots (a tracking block has them) and, when raise is set, raised to the variant the
