@@ -107,6 +107,11 @@ TEST(Trace, EmissionsAreRenderedAndCaptured) {
     EXPECT_EQ(mgx_trace_module(2), 7);
     mgx_trace_clear();
     EXPECT_EQ(mgx_trace_count(), 0u);
+    // The names the trace decoder and the standard-error copy render severities with.
+    const char *const names[] = {"EMERG", "ALERT", "CRIT", "ERR", "WARNING", "NOTICE", "INFO", "DEBUG"};
+    for (int severity = 0; severity < 8; ++severity) EXPECT_STREQ(fmt::severity_name(severity), names[severity]);
+    EXPECT_STREQ(fmt::severity_name(8), "?");
+    EXPECT_STREQ(fmt::severity_name(-1), "?");
 }
 
 fmt::Arg u(uint32_t v) { return fmt::Arg{'u', v, {}}; }

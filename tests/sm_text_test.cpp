@@ -121,6 +121,30 @@ TEST_F(Text, ArraysStringsAndVersions) {
     sess_mgr_client_name_destroy(h, 1, n);
 }
 
+// Read into an instance that already owns a string and an array, a document replaces them: the
+// old blocks (and the elements' own strings) go, as the fixture's leak check sees.
+TEST_F(Text, ReadingIntoAHeldInstanceReplacesWhatItOwned) {
+    uint32_t err = 0;
+    auto *r = ovrin_svm_epm_notify_domain_name_bind_create(h, 1);
+    auto *value = fqdn_domain_name_bind_create(h, 1);
+    fqdn_domain_name_bind_name_set(h, 1, value, "old.example", 11, &err);
+    for (uint32_t k = 0; k < 3; ++k) ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, 1, r, k, value, &err);
+    ASSERT_EQ(err, 0u);
+    read_back(testfill::type("ovrin_svm_epm_notify_domain_name_bind"),
+              "<ovrin_svm_epm_notify_domain_name_bind><domain_names_length>1</domain_names_length>"
+              "<domain_names><name_len>5</name_len><name>a.new</name></domain_names>"
+              "</ovrin_svm_epm_notify_domain_name_bind>",
+              r, &err);
+    EXPECT_EQ(err, 0u);
+    ASSERT_EQ(r->domain_names_length, 1u);
+    EXPECT_STREQ(r->domain_names[0].name, "a.new");
+    read_back(testfill::type("fqdn_domain_name_bind"),
+              "<fqdn_domain_name_bind><name_len>2</name_len><name>xy</name></fqdn_domain_name_bind>", value, &err);
+    EXPECT_STREQ(value->name, "xy");
+    fqdn_domain_name_bind_destroy(h, 1, value);
+    ovrin_svm_epm_notify_domain_name_bind_destroy(h, 1, r);
+}
+
 TEST_F(Text, PartialDocumentsKeepWhatTheyDoNotMention) {
     sess_mgr_register *r = sess_mgr_register_create(h, 1);
     r->session_type = 5;

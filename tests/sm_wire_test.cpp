@@ -138,6 +138,51 @@ TEST_F(Wire, CountedStringStateBytesAndTheLengthUpperBound) {
     sess_mgr_client_name_destroy(h, 1, n);
 }
 
+// A tracked variable array carries its own state byte, then one byte per element, in element
+// order: each element's byte comes from its own flag slot and lands in its own slot again.
+TEST_F(Wire, PerElementStateBytesTravelInElementOrder) {
+    track(h);
+    auto *r = ovrin_svm_epm_notify_domain_name_bind_create(h, 1);
+    auto *value = fqdn_domain_name_bind_create(h, 1);
+    uint32_t err = 0;
+    for (uint32_t k = 0; k < 3; ++k) ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, 1, r, k, value, &err);
+    for (uint32_t k = 0; k < 3; ++k)
+        ovrin_svm_epm_notify_domain_name_bind_domain_names_state_flag_set(h, 1, r, k, static_cast<uint8_t>(5 + k), &err);
+    ASSERT_EQ(err, 0u);
+    uint32_t n = ovrin_svm_epm_notify_domain_name_bind_len(h, 1, r);
+    Bytes buf(n + 1);
+    n = ovrin_svm_epm_notify_domain_name_bind_marshal(h, 1, buf.data(), r, static_cast<int32_t>(n), &err);
+    ASSERT_EQ(err, 0u);
+    EXPECT_EQ(Bytes(buf.begin() + n - 4, buf.begin() + n), (Bytes{2, 5, 6, 7})); // the array's byte, then each element's
+
+    auto *d = ovrin_svm_epm_notify_domain_name_bind_create(h, 1);
+    ovrin_svm_epm_notify_domain_name_bind_unmarshal(h, 1, buf.data(), d, static_cast<int32_t>(n), 0, &err);
+    ASSERT_EQ(err, 0u);
+    for (uint32_t k = 0; k < 3; ++k)
+        EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_domain_names_state_flag_get(h, 1, d, k, &err), 5 + k) << k;
+    ovrin_svm_epm_notify_domain_name_bind_destroy(h, 1, d);
+    ovrin_svm_epm_notify_domain_name_bind_destroy(h, 1, r);
+    fqdn_domain_name_bind_destroy(h, 1, value);
+}
+
+// Decode flags 0 give every string fresh storage, even one of the same length as the instance
+// already holds; non-zero flags reuse it.
+TEST_F(Wire, DecodeFlagsDecideWhetherAStringOfTheSameLengthKeepsItsStorage) {
+    sess_mgr_client_name *n = sess_mgr_client_name_create(h, 1);
+    set_text(n->client_name, n->cl_name_len, "hello");
+    Bytes buf(32);
+    uint32_t err = 0;
+    uint32_t used = sess_mgr_client_name_marshal(h, 1, buf.data(), n, 32, &err);
+    for (uint32_t flags : {0u, 1u}) {
+        uint64_t before = mgx_handle_total_allocations(h);
+        sess_mgr_client_name_unmarshal(h, 1, buf.data(), n, static_cast<int32_t>(used), flags, &err);
+        ASSERT_EQ(err, 0u);
+        EXPECT_EQ(mgx_handle_total_allocations(h) - before, flags ? 0u : 1u) << flags;
+        EXPECT_STREQ(n->client_name, "hello");
+    }
+    sess_mgr_client_name_destroy(h, 1, n);
+}
+
 TEST_F(Wire, UnionsEncodeTheSelectedArmOnly) {
     ovrin_smd_resp_event *e = ovrin_smd_resp_event_create(h, 1);
     e->rcl_conn_hdl.conn_hdl = 3;
