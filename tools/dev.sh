@@ -19,6 +19,9 @@
 #                              alone for ROUND_TRIPS (1000000), resident memory sampled every tenth;
 #                              logs, tables and chart in $OVRIN_BUILD/soak/ (about 10 minutes; test
 #                              runs only the shorter soak.demo and soak.library gates)
+#   tools/dev.sh mutate [ARGS]  the mutation check (tools/mutate.py, faults in tools/mutations.txt): each
+#                              fault planted alone in a scratch copy, the suite run; a table of what caught
+#                              it and the kill rate per directory; not part of test (about an hour)
 # Build directories are $OVRIN_BUILD (default "build") and the same name with -asan, -tsan and
 # -fuzz (and -bench) appended; set OVRIN_BUILD to keep a checkout's builds apart from another's.
 set -euo pipefail
@@ -177,6 +180,10 @@ case "$cmd" in
         install_missing "${bench_packages[@]}"
         build "$out-bench" -DCMAKE_BUILD_TYPE=Release -DOVRIN_TESTS=OFF -DOVRIN_BENCH=ON
         exec "$out-bench/bench/ovrin_sm_bench" "$@"
+        ;;
+    mutate)
+        install_missing python3
+        exec nice python3 tools/mutate.py "$@"
         ;;
     soak)
         install_missing python3

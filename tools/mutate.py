@@ -1,0 +1,124 @@
+#!/usr/bin/env python3
+"""Mutation check: plants each fault of tools/mutations.txt alone in a scratch copy of the
+checkout, rebuilds incrementally, runs the suite and undoes the fault; prints which tests caught
+each fault (or MISSED) and the kill rate per directory. The working tree is never touched.
+
+    tools/mutate.py [--only SUBSTRING] [--keep DIR] [--jobs N]
+"""
+import argparse
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+# Slow gates that only repeat what the suite checks faster, or do not build the library at all.
+EXCLUDED_TESTS = "soak|package"
+
+
+def faults(path):
+    out = []
+    for number, line in enumerate(open(path), 1):
+        line = line.rstrip("\n")
+        if not line.strip() or line.startswith("#"):
+            continue
+        parts = [p.strip().replace("\\|", "|") for p in re.split(r"(?<!\\)\|", line)]
+        if len(parts) < 3:
+            sys.exit(f"{path}:{number}: FILE | ORIGINAL | REPLACEMENT expected")
+        equivalent = parts[3][len("equivalent:"):].strip() if len(parts) > 3 and parts[3].startswith("equivalent:") else None
+        out.append({"line": number, "file": parts[0], "original": parts[1], "replacement": parts[2],
+                    "equivalent": equivalent})
+    return out
+
+
+def run(cmd, cwd, timeout):
+    try:
+        p = subprocess.run(cmd, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=timeout)
+        return p.returncode, p.stdout
+    except subprocess.TimeoutExpired as e:
+        return -1, (e.stdout or b"").decode(errors="replace") if isinstance(e.stdout, bytes) else (e.stdout or "")
+
+
+def failed_tests(output):
+    names, listing = [], False
+    for line in output.splitlines():
+        if line.startswith("The following tests FAILED"):
+            listing = True
+        elif listing:
+            m = re.match(r"\s*\d+ - (\S+)", line)
+            if m:
+                names.append(m.group(1))
+    return names
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--only", default="", help="plant only the faults whose file contains this text")
+    ap.add_argument("--keep", default="", help="scratch directory to use and keep (default: a new one, removed)")
+    ap.add_argument("--jobs", default=str(os.cpu_count() or 2))
+    args = ap.parse_args()
+
+    todo = [f for f in faults(os.path.join(ROOT, "tools", "mutations.txt")) if args.only in f["file"]]
+    scratch = args.keep or tempfile.mkdtemp(prefix="ovrin-mutate-")
+    src, build = os.path.join(scratch, "src"), os.path.join(scratch, "build")
+    if not os.path.isdir(src):
+        subprocess.run(["git", "clone", "-q", ROOT, src], check=True)
+    # The shared libraries change with most faults: executables need not be relinked for that.
+    subprocess.run(["cmake", "-S", src, "-B", build, "-G", "Ninja", "-DOVRIN_TESTS=ON", "-DOVRIN_BENCH=OFF",
+                    "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON"], check=True, stdout=subprocess.DEVNULL)
+    code, out = run(["cmake", "--build", build, "-j", args.jobs], src, 3600)
+    if code != 0:
+        sys.exit("the unmutated checkout does not build:\n" + out[-3000:])
+    ctest = ["ctest", "--test-dir", build, "-j", args.jobs, "-E", EXCLUDED_TESTS, "--timeout", "120"]
+    code, out = run(ctest, src, 3600)
+    if code != 0:
+        sys.exit("the unmutated suite fails:\n" + out[-3000:])
+
+    rows = []
+    for n, f in enumerate(todo, 1):
+        path = os.path.join(src, f["file"])
+        text = open(path).read()
+        label = f"{f['file']}:{f['line']}"
+        if text.count(f["original"]) != 1:
+            rows.append((f, "STALE (the original text is not there once)"))
+            continue
+        if f["equivalent"]:
+            rows.append((f, "equivalent: " + f["equivalent"]))
+            continue
+        start = time.time()
+        try:
+            open(path, "w").write(text.replace(f["original"], f["replacement"]))
+            code, out = run(["cmake", "--build", build, "-j", args.jobs], src, 1800)
+            if code != 0:
+                verdict = "does not build (not counted)"
+            else:
+                code, out = run(ctest, src, 1800)
+                names = failed_tests(out)
+                verdict = ("caught by " + ", ".join(names[:3]) + (f" (+{len(names) - 3})" if len(names) > 3 else "")
+                           if code != 0 else "MISSED")
+        finally:
+            open(path, "w").write(text)
+        rows.append((f, verdict))
+        print(f"[{n}/{len(todo)}] {label}: {verdict} ({time.time() - start:.0f} s)", file=sys.stderr, flush=True)
+    run(["cmake", "--build", build, "-j", args.jobs], src, 3600)  # leave the scratch build unmutated
+
+    print("| fault | file | verdict |\n|---|---|---|")
+    for f, verdict in rows:
+        print(f"| `{f['original'][:60]}` -> `{f['replacement'][:40]}` | {f['file']}:{f['line']} | {verdict} |")
+    print("\n| directory | caught | missed | not counted | kill rate |\n|---|---|---|---|---|")
+    by_dir = {}
+    for f, verdict in rows:
+        d = by_dir.setdefault(f["file"].split("/")[0] + "/" + (f["file"].split("/")[1] + "/" if f["file"].startswith("tools/") else ""), [0, 0, 0])
+        d[0 if verdict.startswith("caught") else 1 if verdict == "MISSED" else 2] += 1
+    for d, (caught, missed, other) in sorted(by_dir.items()):
+        rate = f"{100 * caught / (caught + missed):.0f} %" if caught + missed else "-"
+        print(f"| {d} | {caught} | {missed} | {other} | {rate} |")
+    if not args.keep:
+        shutil.rmtree(scratch, ignore_errors=True)
+
+
+if __name__ == "__main__":
+    main()
