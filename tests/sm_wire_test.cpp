@@ -145,6 +145,11 @@ TEST_F(Wire, PerElementStateBytesTravelInElementOrder) {
     auto *r = ovrin_svm_epm_notify_domain_name_bind_create(h, 1);
     auto *value = fqdn_domain_name_bind_create(h, 1);
     uint32_t err = 0;
+    // Empty, the array carries no byte at all (len counts one: an upper bound); nor does an empty string.
+    Bytes empty(64);
+    EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_marshal(h, 1, empty.data(), r, 63, &err),
+              ovrin_svm_epm_notify_domain_name_bind_len(h, 1, r) - 1);
+    EXPECT_EQ(fqdn_domain_name_bind_marshal(h, 1, empty.data(), value, 63, &err), fqdn_domain_name_bind_len(h, 1, value) - 1);
     for (uint32_t k = 0; k < 3; ++k) ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, 1, r, k, value, &err);
     for (uint32_t k = 0; k < 3; ++k)
         ovrin_svm_epm_notify_domain_name_bind_domain_names_state_flag_set(h, 1, r, k, static_cast<uint8_t>(5 + k), &err);
