@@ -94,6 +94,8 @@ def main():
             code, out = run(["cmake", "--build", build, "-j", args.jobs], src, 1800)
             if code != 0:
                 verdict = "does not build (not counted)"
+                first = next((l for l in out.splitlines() if "error" in l), out.strip().splitlines()[-1:] or [""])
+                print(f"  {label} build: {first.strip()[:300]}", file=sys.stderr, flush=True)
             else:
                 code, out = run(ctest, src, 1800)
                 names = failed_tests(out)
