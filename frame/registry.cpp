@@ -1,12 +1,28 @@
-// Binding the bundle's types to a runtime handle's registry, and the variant dump.
+// Binding the bundle's types to a runtime handle's registry, the bundle's module node in the
+// runtime's module list, and the variant dump. The module node lives here, beside what every
+// bundle context names (typeinfo_initialize), so that a static link taking the bundle's types
+// takes the node and its constructor too.
 #include <cstring>
 
 #include "bundle_frame.h"
+#include "frame/module_list.h"
 #include "ops/trace.h"
 
 namespace {
 
 const mgx_type_info_t *descriptor(const void *entry) { return static_cast<const mgx_type_info_t *>(entry); }
+
+// Linked into the runtime's module list while the library (or the program linking it) is loaded.
+mgx_module_node_t module_node = {OVRIN_BUNDLE_DOMAIN, ovrin::descriptor_table, nullptr, nullptr};
+uint8_t module_linked = 0;
+
+__attribute__((constructor)) void link_bundle_module() {
+    ovrin::frame::link_module(mgx_module_tot_root, module_node, module_linked);
+}
+
+__attribute__((destructor)) void unlink_bundle_module() {
+    ovrin::frame::unlink_module(mgx_module_tot_root, module_node);
+}
 
 } // namespace
 

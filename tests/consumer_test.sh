@@ -4,6 +4,9 @@
 # path back into the build tree), runs the installed tool, then builds tests/consumer/consumer.c
 # through find_package(ovrin_sm) and through pkg-config and runs both. consumer.c ends by checking
 # that its handle holds no allocation. docs/getting-started.md must show the program as it is.
+# When the package holds the linked-in form (OVRIN_LINKED_IN), tests/consumer/linked_in builds one
+# program against both forms and runs it over the fuzz targets' wire seeds: the outputs must match.
+# CXX names the C++ compiler for that build.
 #
 #   consumer_test.sh BUILD_DIR SOURCE_DIR C_COMPILER LIBDIR [SANITIZER_FLAGS [SANITIZER_LINK_FLAGS]]
 #
@@ -128,6 +131,29 @@ export LD_LIBRARY_PATH=$pc_libdir
 [ "$(loaded "$work/consumer-pc" libovrin_sm.so)" = "$(realpath "$lib/libovrin_sm.so.0")" ] ||
     fail "the pkg-config consumer does not load the installed libovrin_sm"
 expect_intact "$work/consumer-pc"
+
+if [ -f "$lib/libovrin_sm.a" ]; then
+    echo "== the linked-in form: the same output as the shared libraries"
+    [ -f "$lib/libmgx.a" ] || fail "libmgx.a is not installed beside libovrin_sm.a"
+    seeds=("$build"/fuzz-seeds/wire/*)
+    [ -f "${seeds[0]}" ] || fail "no wire seeds in $build/fuzz-seeds/wire (the fuzz_seeds fixture writes them)"
+    cmake -S "$source/tests/consumer/linked_in" -B "$work/linked" "${generator[@]}" \
+        -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF -DCMAKE_BUILD_TYPE=Release \
+        -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="${CXX:-c++}" \
+        >"$work/linked.log" || { cat "$work/linked.log"; fail "the linked-in consumer does not configure"; }
+    cmake --build "$work/linked" >"$work/linked-build.log" 2>&1 ||
+        { tail -n 40 "$work/linked-build.log"; fail "the linked-in consumer does not build"; }
+    if LD_TRACE_LOADED_OBJECTS=1 "$work/linked/same_bytes_linked" | grep -qE 'lib(ovrin_sm|mgx)\.so'; then
+        fail "the linked-in consumer loads a shared library of the package"
+    fi
+    "$work/linked/same_bytes_shared" "${seeds[@]}" >"$work/shared.txt" || fail "same_bytes_shared failed"
+    "$work/linked/same_bytes_linked" "${seeds[@]}" >"$work/linked.txt" || fail "same_bytes_linked failed"
+    cmp -s "$work/shared.txt" "$work/linked.txt" || {
+        diff "$work/shared.txt" "$work/linked.txt" | head -n 20
+        fail "the linked-in form gives other output than the shared libraries"
+    }
+    echo "${#seeds[@]} messages: the same bytes, clones, hashes, print and XML forms from both"
+fi
 
 ok=1
 echo "package.consumer: passed"
