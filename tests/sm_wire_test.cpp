@@ -400,6 +400,15 @@ TEST_F(Wire, ArraysShrinkToNothingAndHostileCountsAreRefused) {
     EXPECT_EQ(err, 90u);
     EXPECT_EQ(mgx_handle_total_allocations(h), before);
     EXPECT_EQ(r->domain_names_length, 0u);
+    // Every element takes at least its 6-byte header: 11 names in 60 bytes are refused as well.
+    std::fill(b.begin() + count_at, b.end(), 0);
+    b[count_at + 3] = 11;
+    err = 0;
+    EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_unmarshal(h, 1, b.data(), r, static_cast<int32_t>(count_at + 4 + 60),
+                                                              0, &err),
+              static_cast<uint32_t>(count_at + 4));
+    EXPECT_EQ(err, 90u);
+    EXPECT_EQ(mgx_handle_total_allocations(h), before);
 
     ovrin_svm_epm_notify_domain_name_bind_destroy(h, 1, empty);
     ovrin_svm_epm_notify_domain_name_bind_destroy(h, 1, r);
