@@ -302,14 +302,18 @@ void mgx_update_variant_info(mgx_handle_t *h, uint32_t luid, void *registered, c
 
 // ------------------------------------------------------------------ variants
 
+// Kept out of line: the encoder asks for every record and enumeration it writes, nearly always of
+// a handle that sets no variant, and that answer needs neither a stack frame nor the name.
+[[gnu::noinline]] static int8_t lookup_set_variant(const mgx::DomainVariants &table, const void *descriptor) {
+    auto it = table.find(std::string_view(info_of(descriptor)->type_name));
+    return it != table.end() ? it->second : highest_variant(descriptor);
+}
+
 int8_t mgx_domain_lookup_variant(mgx_handle_t *, mgx_variant_domain_t *domain, const void *descriptor, uint32_t *) {
     if (!descriptor) return -1;
     if (domain && domain->impl) {
         auto *table = static_cast<const mgx::DomainVariants *>(domain->impl);
-        if (!table->empty()) {
-            auto it = table->find(std::string_view(info_of(descriptor)->type_name));
-            if (it != table->end()) return it->second;
-        }
+        if (!table->empty()) return lookup_set_variant(*table, descriptor);
     }
     return highest_variant(descriptor);
 }
