@@ -15,13 +15,8 @@ function(ovrin_linked_in target output_name)
   endif()
 endfunction()
 
-add_library(mgx_static STATIC ${MGX_SOURCES})
-target_include_directories(mgx_static PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
-                                             $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-target_include_directories(mgx_static PRIVATE ${PROJECT_SOURCE_DIR})
-target_compile_definitions(mgx_static PRIVATE MGX_BUILDING_RUNTIME)
 # A static archive passes its dependencies on: the consumer links libxml2, zlib and libdl too.
-target_link_libraries(mgx_static PUBLIC LibXml2::LibXml2 ZLIB::ZLIB ${CMAKE_DL_LIBS})
+ovrin_runtime_library(mgx_static STATIC PUBLIC)
 ovrin_linked_in(mgx_static mgx)
 
 file(GLOB ovrin_frame_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/frame/*.cpp)
