@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "mgx/runtime.h"
 #include "tests/prim_fixture.h"
@@ -193,11 +194,13 @@ TEST_F(Composite, FixedArrayBoundsAndBulkCopies) {
     EXPECT_EQ(code(), MGX_ENOENT);
     sm_dot11_params_oui_set_value(h, luid, p, 3, 0xFF, &err);
     EXPECT_EQ(code(), MGX_ENOENT);
-    // The pointer form trusts its index: no error, and nothing past the array is touched.
+    // The pointer form trusts its index: no error, and nothing past the array is touched (not
+    // even the padding behind it).
     const u_int8 v = 0x77;
+    std::vector<uint8_t> before(reinterpret_cast<uint8_t *>(p), reinterpret_cast<uint8_t *>(p + 1));
     for (uint32_t index : {3u, 4u, 1000u}) sm_dot11_params_oui_set(h, luid, p, index, &v, &err);
     EXPECT_EQ(code(), 0u);
-    EXPECT_EQ(p->eType, 0xBEEF);
+    EXPECT_EQ(std::vector<uint8_t>(reinterpret_cast<uint8_t *>(p), reinterpret_cast<uint8_t *>(p + 1)), before);
     sm_dot11_params_oui_set(h, luid, p, 2, &v, &err);
     EXPECT_EQ(sm_dot11_params_oui_get_value(h, luid, p, 2, &err), 0x77);
     sm_dot11_params_destroy(h, luid, p);

@@ -173,6 +173,14 @@ TEST_F(Text, PartialDocumentsKeepWhatTheyDoNotMention) {
     EXPECT_STREQ(msg, "Invalid value at x/domain_names_length"); // the place, as for any other bad value
     EXPECT_EQ(b->domain_names_length, 0u);
     EXPECT_EQ(mgx_handle_total_allocations(h), before);
+    // One more than the elements given is refused as well.
+    err = 0;
+    doc = mgx_xml_document_parse("<x><domain_names_length>1</domain_names_length></x>", 51);
+    ovrin_svm_epm_notify_domain_name_bind_from_xml(h, 1, "x", doc, b, &err, msg, sizeof msg);
+    mgx_xml_document_free(doc);
+    EXPECT_EQ(err, 22u);
+    EXPECT_STREQ(msg, "Invalid value at x/domain_names_length");
+    EXPECT_EQ(mgx_handle_total_allocations(h), before);
     ovrin_svm_epm_notify_domain_name_bind_destroy(h, 1, b);
     sess_mgr_register_destroy(h, 1, r);
 }

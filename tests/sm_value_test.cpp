@@ -253,6 +253,17 @@ TEST_F(Value, EveryFieldOfEveryTypeTakesPartInCompareAndHash) {
     }
 }
 
+// The sweep above changes the low byte; a 16-bit value that differs in its high byte alone orders too.
+TEST_F(Value, IntegersOrderByTheirWholeWidth) {
+    auto *a = sm_dot11_params_create(h, 1), *b = sm_dot11_params_create(h, 1);
+    a->vlan_id = 0x0201;
+    b->vlan_id = 0x0101;
+    EXPECT_EQ(sm_dot11_params_compare(a, b), 1);
+    EXPECT_EQ(sm_dot11_params_compare(b, a), -1);
+    sm_dot11_params_destroy(h, 1, a);
+    sm_dot11_params_destroy(h, 1, b);
+}
+
 TEST_F(Value, UnionsOrderByTheRawDiscriminatorDifferenceThenTheSelectedArm) {
     auto *a = sess_mgr_extended_params_create(h, 1), *b = sess_mgr_extended_params_create(h, 1);
     a->dot11_param = sm_dot11_params_create(h, 1);
