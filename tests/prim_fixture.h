@@ -32,13 +32,28 @@ inline mgx_handle_t *recording_handle() {
     return h;
 }
 
+// One recording handle per test, the trace capture cleared before it; every test ends by checking
+// that the handle holds no allocation and no bookkeeping.
 class RuntimeFixture : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_NE(h = recording_handle(), nullptr); }
+    void SetUp() override {
+        ASSERT_NE(h = recording_handle(), nullptr);
+        mgx_trace_clear();
+    }
     void TearDown() override {
         EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
         EXPECT_EQ(mgx_handle_bookkeeping(h), 0u);
         mgx_handle_destroy(h);
+    }
+    void track(mgx_handle_t *x = nullptr, uint32_t marker = MGX_STTR_TRACKED) {
+        mgx_handle_set_state_tracking(x ? x : h, 1, marker);
+    }
+    // How many captured trace emissions read text (at severity, when one is given).
+    size_t traced(const std::string &text, int severity = -1) const {
+        size_t n = 0;
+        for (size_t i = 0; i < mgx_trace_count(); ++i)
+            n += text == mgx_trace_text(i) && (severity < 0 || mgx_trace_severity(i) == severity);
+        return n;
     }
     mgx_handle_t *h = nullptr;
     uint32_t err = 0;

@@ -17,21 +17,7 @@ namespace {
 constexpr uint32_t luid = 1;
 constexpr size_t start_area = 200; // sess_mgr_session_start: untracked size, where its flags begin
 
-struct Access : ::testing::Test {
-    mgx_handle_t *h = recording_handle();
-    uint32_t err = 0;
-    void SetUp() override { mgx_trace_clear(); }
-    void TearDown() override {
-        EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
-        EXPECT_EQ(mgx_handle_bookkeeping(h), 0u);
-        mgx_handle_destroy(h);
-    }
-    void track(uint32_t marker = MGX_STTR_TRACKED) { mgx_handle_set_state_tracking(h, 1, marker); }
-    bool traced(const char *text) const {
-        for (size_t i = 0; i < mgx_trace_count(); ++i)
-            if (!std::strcmp(text, mgx_trace_text(i))) return true;
-        return false;
-    }
+struct Access : RuntimeFixture {
     // A counted string as the string setter leaves it: length+1 bytes from the handle.
     void put_name(sess_mgr_client_name *n, const char *text) {
         n->cl_name_len = static_cast<uint32_t>(std::strlen(text));
@@ -109,7 +95,7 @@ TEST_F(Access, FlagsRefusedWhenTrackingIsOffOrTheInstanceUntracked) {
     sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create(h, luid);
     *at(c, 24) = 0x33;
     // Tracking off: values go in, flags stay, flag access is refused without a word.
-    track(MGX_STTR_UNTRACKED);
+    track(h, MGX_STTR_UNTRACKED);
     sess_mgr_conn_hdl_conn_hdl_set_value(h, luid, c, 5, &err);
     EXPECT_EQ(c->conn_hdl, 5u);
     sess_mgr_conn_hdl_set_all_state_tracking_flag(h, luid, c, 1);
@@ -338,7 +324,7 @@ using AccessDeath = Access;
 TEST_F(AccessDeath, CorruptMarkerAbortsEveryTrackingPath) {
     track();
     sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create(h, luid);
-    track(0x1234);
+    track(h, 0x1234);
     mgx_trace_set_stderr_level(0);
     EXPECT_DEATH(sess_mgr_conn_hdl_conn_hdl_set_value(h, luid, c, 1, &err), "Corrupted MGX Handle");
     EXPECT_DEATH(sess_mgr_conn_hdl_conn_hdl_state_flag_get(h, luid, c, &err), "Corrupted MGX Handle");

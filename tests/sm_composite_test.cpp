@@ -19,21 +19,7 @@ namespace {
 
 constexpr uint32_t luid = 7;
 
-struct Composite : ::testing::Test {
-    mgx_handle_t *h = recording_handle();
-    uint32_t err = 0;
-    void SetUp() override { mgx_trace_clear(); }
-    void TearDown() override {
-        EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
-        EXPECT_EQ(mgx_handle_bookkeeping(h), 0u);
-        mgx_handle_destroy(h);
-    }
-    void track() { mgx_handle_set_state_tracking(h, 1, MGX_STTR_TRACKED); }
-    size_t traced(const std::string &text, int severity = 3) const {
-        size_t n = 0;
-        for (size_t i = 0; i < mgx_trace_count(); ++i) n += text == mgx_trace_text(i) && mgx_trace_severity(i) == severity;
-        return n;
-    }
+struct Composite : RuntimeFixture {
     // Takes the error slot's code and clears it for the next call.
     uint32_t code() { return std::exchange(err, 0u); }
 };

@@ -14,10 +14,6 @@
 namespace {
 
 struct Enums : RuntimeFixture {
-    void SetUp() override {
-        RuntimeFixture::SetUp();
-        mgx_trace_clear();
-    }
     std::string print(const sm_peer_state *e, uint32_t indent = 0) {
         char buf[256] = "";
         uint32_t n = sm_peer_state_print(h, 1, buf, indent, "state", e, sizeof buf, &err);

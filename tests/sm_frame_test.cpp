@@ -21,14 +21,7 @@
 
 namespace {
 
-struct BundleHandle : ::testing::Test {
-    mgx_handle_t *h = recording_handle();
-    void TearDown() override {
-        EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
-        EXPECT_EQ(mgx_handle_bookkeeping(h), 0u);
-        mgx_handle_destroy(h);
-    }
-};
+using BundleHandle = RuntimeFixture;
 
 const mgx_module_node_t *bundle_module() {
     for (const mgx_module_node_t *n = mgx_module_tot_root.first; n; n = n->next)

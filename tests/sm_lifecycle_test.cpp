@@ -15,21 +15,7 @@
 
 namespace {
 
-struct Lifecycle : ::testing::Test {
-    mgx_handle_t *h = recording_handle();
-    void SetUp() override { mgx_trace_clear(); }
-    void TearDown() override {
-        EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
-        EXPECT_EQ(mgx_handle_bookkeeping(h), 0u);
-        mgx_handle_destroy(h);
-    }
-    void track() { mgx_handle_set_state_tracking(h, 1, MGX_STTR_TRACKED); }
-    bool traced(const std::string &text, int severity) const {
-        for (size_t i = 0; i < mgx_trace_count(); ++i)
-            if (text == mgx_trace_text(i) && mgx_trace_severity(i) == severity) return true;
-        return false;
-    }
-};
+struct Lifecycle : RuntimeFixture {};
 
 template <class Fn> Fn op(const std::string &type, const char *name) {
     return reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, (type + "_" + name).c_str()));

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "mgx/runtime.h"
+#include "tests/prim_fixture.h"
 #include "tests/sm_type_ops.h"
 
 namespace {
@@ -17,14 +18,7 @@ using typeops::Ops;
 
 const mgx_instance_hdr_t *hdr(const void *p) { return static_cast<const mgx_instance_hdr_t *>(p); }
 
-struct Sweep : ::testing::Test {
-    mgx_handle_t *h = mgx_handle_create();
-    uint32_t err = 0;
-    void TearDown() override {
-        EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
-        EXPECT_EQ(mgx_handle_bookkeeping(h), 0u);
-        mgx_handle_destroy(h);
-    }
+struct Sweep : RuntimeFixture {
     template <class Fn> Fn op(const Ops &o, const char *name) { return reinterpret_cast<Fn>(testfill::op(*o.type, name)); }
 };
 

@@ -7,18 +7,14 @@
 #include <vector>
 
 #include "mgx/runtime.h"
+#include "tests/prim_fixture.h"
 #include "ovrin_sm/ops.h"
 #include "tests/sm_fill.h"
 
 namespace {
 
-struct Text : ::testing::Test {
-    mgx_handle_t *h = mgx_handle_create();
+struct Text : RuntimeFixture {
     char buf[8192] = {};
-    void TearDown() override {
-        EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
-        mgx_handle_destroy(h);
-    }
     // Reads an instance back from its own XML text.
     void read_back(const ovrin::Type &t, const std::string &xml, void *into, uint32_t *err) {
         void *doc = mgx_xml_document_parse(xml.data(), xml.size());

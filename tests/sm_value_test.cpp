@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "mgx/runtime.h"
+#include "tests/prim_fixture.h"
 #include "ovrin_sm/ops.h"
 #include "ovrin_sm_internal/tables.h"
 
@@ -46,12 +47,7 @@ void put_count(void *instance, const Field &f, uint32_t n) {
     else put(at(instance, f), n);
 }
 
-struct Value : ::testing::Test {
-    mgx_handle_t *h = mgx_handle_create();
-    void TearDown() override {
-        EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
-        mgx_handle_destroy(h);
-    }
+struct Value : RuntimeFixture {
     // A counted string's block, allocated as the string setter does, so destroy releases it.
     template <class L> void text(char **slot, L *length, const char *s) {
         size_t n = std::strlen(s);

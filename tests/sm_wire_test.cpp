@@ -17,15 +17,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-struct Wire : ::testing::Test {
-    mgx_handle_t *h = recording_handle();
-    void SetUp() override { mgx_trace_clear(); }
-    void TearDown() override {
-        EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
-        EXPECT_EQ(mgx_handle_bookkeeping(h), 0u);
-        mgx_handle_destroy(h);
-    }
-    void track(mgx_handle_t *x) { mgx_handle_set_state_tracking(x, 1, MGX_STTR_TRACKED); }
+struct Wire : RuntimeFixture {
 
     // Counted strings and array blocks are owned by the record: they come from the handle.
     template <class Len> void set_text(char *&text, Len &len, const std::string &s) {
