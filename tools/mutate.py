@@ -114,7 +114,8 @@ def main():
 
     print("| fault | file | verdict |\n|---|---|---|")
     for f, verdict in rows:
-        print(f"| `{f['original'][:60]}` -> `{f['replacement'][:40]}` | {f['file']}:{f['line']} | {verdict} |")
+        cell = lambda text: text.replace("|", "\\|")  # a pipe would end the table cell
+        print(f"| `{cell(f['original'][:60])}` -> `{cell(f['replacement'][:40])}` | {f['file']}:{f['line']} | {cell(verdict)} |")
     print("\n| directory | caught | missed | not counted | kill rate |\n|---|---|---|---|---|")
     by_dir = {}
     for f, verdict in rows:
