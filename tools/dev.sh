@@ -200,7 +200,7 @@ case "$cmd" in
         echo "chart: $out/soak/memory.svg (docs/memory-over-time.svg), tables: $out/soak/memory.md"
         ;;
     *)
-        echo "usage: tools/dev.sh demo|test|asan|tsan|fuzz|fuzz-long|bench|soak" >&2
+        echo "usage: tools/dev.sh demo|test|asan|tsan|fuzz|fuzz-long|bench|soak|mutate" >&2
         exit 2
         ;;
 esac
