@@ -47,6 +47,7 @@ $ev<cl_name><cl_name_len>6</cl_name_len><client_name>alice</client_name></cl_nam
 <ovrin_smd_in_event><event_type><SESS_MGR_RCL_IN_REGISTR/></event_type></ovrin_smd_in_event>|/ovrin_smd_in_event/event_type: SESS_MGR_RCL_IN_REGISTR is not a literal of ovrin_sm_in_event_type; did you mean SESS_MGR_RCL_IN_REGISTER?
 <sess_mgr_session_start><ext_params><encap_type><NOPE/></encap_type></ext_params></sess_mgr_session_start>|ext_params/encap_type: NOPE is not a literal of sm_access_type
 <sess_mgr_sess_attr_query_resp><no_of_entries>1</no_of_entries><resp_array/><resp_array/></sess_mgr_sess_attr_query_resp>|/sess_mgr_sess_attr_query_resp/no_of_entries: says 1, but 2 resp_array elements are given
+<sess_mgr_new_client_notif><attr_list><attr><type>1</type><type>2</type><value>ab</value></attr></attr_list></sess_mgr_new_client_notif>|/sess_mgr_new_client_notif/attr_list/attr[1]: type or value given more than once; only the first is read
 CASES
 # Not well-formed, the wrong root, bytes that are not hex or hex without --hex: each says where.
 printf '<a>\n<b></a>' | expect 1 "not a well-formed XML document: line 2, column" encode sess_mgr_register -
@@ -60,6 +61,27 @@ expect 1 "looks like hexadecimal text: add --hex" decode sess_mgr_register "$wor
 # A union left out whose fresh discriminator selects a member cannot encode: the check says which.
 echo '<sess_mgr_update_oper_data/>' |
     expect 1 "/sess_mgr_update_oper_data/oper_data: left out, but a fresh sess_mgr_oper_data's oper_type (SM_OPER_CONTROL_DIR) selects oper_type-oper_ctrl_dir" encode sess_mgr_update_oper_data
+
+# Indented XML: two spaces a level, a value on its element's line, closing tags back out.
+"$tool" decode sess_mgr_register "$work/bytes" --xml --pretty > "$work/pretty.xml" || fail "decode --xml --pretty"
+cat > "$work/want.xml" <<'XML'
+<sess_mgr_register>
+  <rcl_conn_hdl>
+    <conn_hdl>7</conn_hdl>
+  </rcl_conn_hdl>
+  <cl_name>
+    <cl_name_len>5</cl_name_len>
+    <client_name>a&lt;&amp;&quot;b</client_name>
+  </cl_name>
+  <meth_name>
+    <meth_name_len>0</meth_name_len>
+    <method_name></method_name>
+  </meth_name>
+  <session_type>2</session_type>
+  <cb_bitmap>0</cb_bitmap>
+</sess_mgr_register>
+XML
+diff "$work/want.xml" "$work/pretty.xml" >&2 || fail "indented XML"
 
 # Every type: its skeleton encodes as it stands, and indented XML reads back to the same bytes.
 for t in $("$tool" types | awk 'NR > 1 { print $2 }'); do
