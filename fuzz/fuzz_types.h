@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -17,48 +18,19 @@
 
 namespace fuzz {
 
-struct TypeOps {
-    std::string name;
-    bool is_enum;
-    void *(*create)(mgx_handle_t *, uint32_t);
-    void (*destroy)(mgx_handle_t *, uint32_t, void *);
-    uint32_t (*adjust_variant)(mgx_handle_t *, uint32_t, void *, uint32_t *);
-    uint32_t (*marshal)(mgx_handle_t *, uint32_t, uint8_t *, const void *, int32_t, uint32_t *);
-    uint32_t (*unmarshal)(mgx_handle_t *, uint32_t, const uint8_t *, void *, int32_t, uint32_t, uint32_t *);
-    uint32_t (*record_len)(mgx_handle_t *, uint32_t, const void *);
-    int32_t (*compare)(const void *, const void *);
-    uint32_t (*hash)(const void *, uint32_t);
-    uint32_t (*to_xml)(mgx_handle_t *, uint32_t, const char *, char *, const void *, uint32_t, uint8_t, uint32_t *);
-    void (*from_xml)(mgx_handle_t *, uint32_t, const char *, void *, void *, uint32_t *, char *, uint32_t);
-};
+// A type's operations, as the bundle's generated table gives them.
+using TypeOps = ovrin_sm_type_ops;
 
 [[noreturn]] inline void die(const std::string &what) {
     std::fprintf(stderr, "fuzz check failed: %s\n", what.c_str());
     std::abort();
 }
+[[noreturn]] inline void die(const TypeOps &t, const std::string &what) { die(t.name + what); }
 
-// The types in registration order, from the bundle's typed operations table.
-inline const std::vector<TypeOps> &types() {
-    static const std::vector<TypeOps> list = [] {
-        std::vector<TypeOps> out;
-        for (uint32_t i = 0; i < ovrin_sm_optable_count; ++i) {
-            const ovrin_sm_type_ops &o = ovrin_sm_optable[i];
-            TypeOps t{o.name,    o.kind == OVRIN_SM_KIND_ENUMERATION,
-                      o.create,  o.destroy,
-                      o.adjust_variant, o.marshal,
-                      o.unmarshal, o.len,
-                      o.compare, o.hash,
-                      o.to_xml,  o.from_xml};
-            if (!t.create || !t.destroy || !t.adjust_variant || !t.marshal || !t.unmarshal ||
-                (!t.is_enum && !t.record_len))
-                die("missing wire or lifecycle operation of " + t.name);
-            out.push_back(t);
-        }
-        if (out.size() != 79) die("expected 79 types, found " + std::to_string(out.size()));
-        return out;
-    }();
-    return list;
-}
+inline bool is_enum(const TypeOps &t) { return t.kind == OVRIN_SM_KIND_ENUMERATION; }
+
+// The types in registration order.
+inline std::span<const TypeOps> types() { return {ovrin_sm_optable, ovrin_sm_optable_count}; }
 
 // The two long-lived handles: [0] without a state-tracking record, [1] tracked.
 inline mgx_handle_t **handle_pair() {
@@ -132,7 +104,7 @@ private:
 // A fresh instance that follows the handle's domain, as a receiver makes it.
 inline void *make(const TypeOps &t, mgx_handle_t *h) {
     void *p = t.create(h, 1);
-    if (!p) die("create of " + t.name + " failed");
+    if (!p) die(t, ": create failed");
     uint32_t err = 0;
     t.adjust_variant(h, 1, p, &err);
     return p;
@@ -143,7 +115,7 @@ inline void *make(const TypeOps &t, mgx_handle_t *h) {
 // may carry at any depth; slack covers them (they cannot be longer than the input they came in).
 inline std::vector<uint8_t> encode(const TypeOps &t, mgx_handle_t *h, const void *instance, uint32_t *err,
                                    size_t slack = 0) {
-    size_t n = (t.is_enum ? 5 : t.record_len(h, 1, instance)) + slack;
+    size_t n = (is_enum(t) ? 5 : t.len(h, 1, instance)) + slack;
     std::vector<uint8_t> out(n + 1); // a tracked encoder may store one state byte past the space
     *err = 0;
     out.resize(t.marshal(h, 1, out.data(), instance, static_cast<int32_t>(n), err));

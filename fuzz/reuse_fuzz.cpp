@@ -39,11 +39,11 @@ std::vector<uint8_t> without_state_bytes(const fuzz::TypeOps &t, const std::vect
     void *x = fuzz::make(t, plain);
     uint32_t e = 0;
     if (t.unmarshal(plain, 1, wire.data(), x, static_cast<int32_t>(wire.size()), 0, &e) != wire.size() || e)
-        die(t.name + ": a tracked encoding does not decode untracked, error " + std::to_string(e));
+        die(t, ": a tracked encoding does not decode untracked, error " + std::to_string(e));
     std::vector<uint8_t> out = fuzz::encode(t, plain, x, &e, wire.size());
-    if (e) die(t.name + ": re-encoding untracked fails, error " + std::to_string(e));
+    if (e) die(t, ": re-encoding untracked fails, error " + std::to_string(e));
     t.destroy(plain, 1, x);
-    if (mgx_handle_live_allocations(plain) != base) die(t.name + ": blocks leaked on the untracked handle");
+    if (mgx_handle_live_allocations(plain) != base) die(t, ": blocks leaked on the untracked handle");
     return out;
 }
 
@@ -73,19 +73,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     uint32_t err_a = 0, err_b = 0;
     fuzz::Injection refuse(h, data[0]);
     if (t.unmarshal(h, 1, a.get(), x, static_cast<int32_t>(na), flags_a, &err_a) > na)
-        die(t.name + ": decode of A consumed more than it was given");
+        die(t, ": decode of A consumed more than it was given");
     uint32_t used = t.unmarshal(h, 1, b.get(), x, static_cast<int32_t>(nb), flags_b, &err_b);
-    if (used > nb) die(t.name + ": decode of B over A consumed more than it was given");
+    if (used > nb) die(t, ": decode of B over A consumed more than it was given");
     bool refused = refuse.fired();
     if (refused != (err_a == 12 || err_b == 12))
-        die(t.name + ": allocation " + std::to_string(data[0]) + (refused ? " refused" : " not refused") +
+        die(t, ": allocation " + std::to_string(data[0]) + (refused ? " refused" : " not refused") +
             ", decode errors " + std::to_string(err_a) + " and " + std::to_string(err_b));
 
     if (!refused && err_b == 0) {
         void *y = fuzz::make(t, h);
         uint32_t err = 0;
         if (t.unmarshal(h, 1, b.get(), y, static_cast<int32_t>(nb), 0, &err) != used || err)
-            die(t.name + ": B decodes over A (" + std::to_string(used) + " bytes) but not the same into a fresh "
+            die(t, ": B decodes over A (" + std::to_string(used) + " bytes) but not the same into a fresh "
                 "instance, error " + std::to_string(err));
         uint32_t ex = 0, ey = 0;
         std::vector<uint8_t> over = fuzz::encode(t, h, x, &ex, na + nb), fresh = fuzz::encode(t, h, y, &ey, na + nb);
@@ -103,27 +103,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         static const bool strict = std::getenv("OVRIN_REUSE_STRICT") != nullptr;
         bool header_alone = std::any_of(b.get(), b.get() + nb, [](uint8_t v) { return v & 0x80; });
         if (strict && t.compare && !header_alone && t.compare(x, y) != 0)
-            die(t.name + ": B over A compares unequal to B decoded fresh" + both);
-        if (ex != ey) die(t.name + ": B over A encodes with error " + std::to_string(ex) + ", fresh " + std::to_string(ey));
+            die(t, ": B over A compares unequal to B decoded fresh" + both);
+        if (ex != ey) die(t, ": B over A encodes with error " + std::to_string(ex) + ", fresh " + std::to_string(ey));
         // State flags are the instance's: a decode copies only the state bytes B carries (none when
         // B was sent untracked, none past B's end), and the rest stay as A left them.
-        bool keeps_state_flags = tracked && !t.is_enum;
+        bool keeps_state_flags = tracked && !fuzz::is_enum(t);
         // The object flag byte is merged into the instance's (bitwise or): retained data that A
         // brought (0x20) stays with the instance when B brings none, and is encoded with it.
-        bool keeps_retained = !t.is_enum && nb >= 2 && !(b[1] & 0x20) &&
+        bool keeps_retained = !fuzz::is_enum(t) && nb >= 2 && !(b[1] & 0x20) &&
                               (static_cast<const mgx_instance_hdr_t *>(x)->flags & 0x20);
         if (ex || keeps_retained || !strict) {
             // no wire form either way (a selected arm that is missing), A's retained data kept,
             // or not a strict run: nothing more to compare
         } else if (keeps_state_flags) {
             if (over.size() != fresh.size() || without_state_bytes(t, over) != without_state_bytes(t, fresh))
-                die(t.name + ": B over A encodes beyond its state bytes unlike B decoded fresh" + both);
+                die(t, ": B over A encodes beyond its state bytes unlike B decoded fresh" + both);
         } else if (over != fresh) {
-            die(t.name + ": B over A encodes unlike B decoded fresh" + both);
+            die(t, ": B over A encodes unlike B decoded fresh" + both);
         }
         t.destroy(h, 1, y);
     }
     t.destroy(h, 1, x);
-    if (mgx_handle_live_allocations(h) != base) die(t.name + ": blocks leaked");
+    if (mgx_handle_live_allocations(h) != base) die(t, ": blocks leaked");
     return 0;
 }

@@ -30,27 +30,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     fuzz::Injection refuse(h, data[0]);
     uint32_t used = t.unmarshal(h, 1, in.get(), a, static_cast<int32_t>(n), flags, &err);
     bool refused = refuse.fired();
-    if (used > n) die(t.name + ": decode consumed more than it was given");
+    if (used > n) die(t, ": decode consumed more than it was given");
     if (refused != (err == 12))
-        die(t.name + ": allocation " + std::to_string(data[0]) + (refused ? " refused" : " not refused") +
+        die(t, ": allocation " + std::to_string(data[0]) + (refused ? " refused" : " not refused") +
             ", decode error " + std::to_string(err));
     if (err == 0) {
         uint32_t e = 0;
         std::vector<uint8_t> first = fuzz::encode(t, h, a, &e, n);
-        if (e) die(t.name + ": a decoded instance does not encode, error " + std::to_string(e));
+        if (e) die(t, ": a decoded instance does not encode, error " + std::to_string(e));
         void *b = fuzz::make(t, h);
         if (t.unmarshal(h, 1, first.data(), b, static_cast<int32_t>(first.size()), 0, &e) != first.size() || e)
-            die(t.name + ": its own encoding does not decode, error " + std::to_string(e));
+            die(t, ": its own encoding does not decode, error " + std::to_string(e));
         std::vector<uint8_t> second = fuzz::encode(t, h, b, &e, first.size());
-        if (e || second != first) die(t.name + ": encode, decode, encode differs");
-        if (t.compare && t.compare(a, b) != 0) die(t.name + ": compare says the round trip differs");
-        if (t.hash && t.hash(a, 7) != t.hash(b, 7)) die(t.name + ": the round trip hashes differently");
+        if (e || second != first) die(t, ": encode, decode, encode differs");
+        if (t.compare && t.compare(a, b) != 0) die(t, ": compare says the round trip differs");
+        if (t.hash && t.hash(a, 7) != t.hash(b, 7)) die(t, ": the round trip hashes differently");
         if (t.unmarshal(h, 1, first.data(), a, static_cast<int32_t>(first.size()), 0xFFFFFFFFu, &e) != first.size() || e)
-            die(t.name + ": decode over a filled instance fails, error " + std::to_string(e));
-        if (fuzz::encode(t, h, a, &e, first.size()) != first || e) die(t.name + ": decode over a filled instance differs");
+            die(t, ": decode over a filled instance fails, error " + std::to_string(e));
+        if (fuzz::encode(t, h, a, &e, first.size()) != first || e) die(t, ": decode over a filled instance differs");
         t.destroy(h, 1, b);
     }
     t.destroy(h, 1, a);
-    if (mgx_handle_live_allocations(h) != base) die(t.name + ": blocks leaked");
+    if (mgx_handle_live_allocations(h) != base) die(t, ": blocks leaked");
     return 0;
 }

@@ -23,38 +23,38 @@ inline uint32_t read_and_write_back(const TypeOps &t, mgx_handle_t *h, void *doc
     t.from_xml(h, 1, "/*", doc, a, &err, msg, sizeof msg);
     bool refused = refuse.fired();
     if (refused != (err == 12))
-        die(t.name + ": allocation " + std::to_string(k) + (refused ? " refused" : " not refused") +
+        die(t, ": allocation " + std::to_string(k) + (refused ? " refused" : " not refused") +
             ", XML read error " + std::to_string(err));
     if (err == 0) {
         static std::vector<char> text(1 << 20);
         uint32_t e = 0;
-        uint32_t n = t.to_xml(h, 1, t.name.c_str(), text.data(), a, static_cast<uint32_t>(text.size()), 0, &e);
-        if (e) die(t.name + ": an instance read from XML does not write, error " + std::to_string(e));
-        if (n >= text.size()) die(t.name + ": XML output fills the whole buffer");
+        uint32_t n = t.to_xml(h, 1, t.name, text.data(), a, static_cast<uint32_t>(text.size()), 0, &e);
+        if (e) die(t, ": an instance read from XML does not write, error " + std::to_string(e));
+        if (n >= text.size()) die(t, ": XML output fills the whole buffer");
         written.assign(text.data(), n);
         void *again = mgx_xml_document_parse(text.data(), n);
         if (again) {
             void *b = make(t, h);
             t.from_xml(h, 1, "/*", again, b, &e, msg, sizeof msg);
             mgx_xml_document_free(again);
-            if (e) die(t.name + ": written XML does not read back, error " + std::to_string(e) + ":\n" + written);
+            if (e) die(t, ": written XML does not read back, error " + std::to_string(e) + ":\n" + written);
             // Compared through the wire form, when the first instance has one: a union whose
             // discriminator selects a member that the document left out has none (error 2), while
             // reading the written text back creates that member.
             uint32_t ea = 0, eb = 0;
             std::vector<uint8_t> wire = encode(t, h, a, &ea);
             if (!ea && (encode(t, h, b, &eb) != wire || eb))
-                die(t.name + ": XML write and read back changes the instance:\n" + written);
+                die(t, ": XML write and read back changes the instance:\n" + written);
             t.destroy(h, 1, b);
         } else if (written.find(" value out of range/>") == std::string::npos) {
             // An enumeration holding a value that is no literal is written as an element named
             // "<type> value out of range", which no XML reader takes back (a fresh instance of a
             // type whose only literals are non-zero holds one); anything else must be well formed.
-            die(t.name + ": written XML is not well formed:\n" + written);
+            die(t, ": written XML is not well formed:\n" + written);
         }
     }
     t.destroy(h, 1, a);
-    if (mgx_handle_live_allocations(h) != base) die(t.name + ": blocks leaked");
+    if (mgx_handle_live_allocations(h) != base) die(t, ": blocks leaked");
     return err;
 }
 

@@ -209,7 +209,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::string written;
     if (fuzz::read_and_write_back(t, h, doc, data[0], written) == 0) {
         if (!passwd_given && contains(written, passwd_line()))
-            die(t.name + ": a file's contents reached the instance:\n" + written);
+            die(t, ": a file's contents reached the instance:\n" + written);
         // The same document with other replacement texts must read the same.
         std::string other = text;
         for (size_t at = begin; (at = other.find("ENTMARK", at)) < end;) other.replace(at, 7, "MKOTHER");
@@ -220,7 +220,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             uint32_t e = fuzz::read_and_write_back(t, h, again, 0, written_again);
             mgx_xml_document_free(again);
             if (e || written_again != written)
-                die(t.name + ": an entity's replacement text reached the instance (error " + std::to_string(e) +
+                die(t, ": an entity's replacement text reached the instance (error " + std::to_string(e) +
                     "):\n" + written + "\n" + written_again);
         }
     }

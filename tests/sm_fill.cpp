@@ -132,12 +132,12 @@ OVRIN_CALLS_BY_NAME void fill(const Type &t, mgx_handle_t *h, void *instance, un
             break;
         }
         case Shape::member: {
-            if (n_members == 0 || this_member != arm % n_members) break;
+            if (n_members == 0 || (arm != every_arm && this_member != arm % n_members)) break;
             void *member = create(*f.type, h);
             fill(*f.type, h, member, s, arm);
             *reinterpret_cast<void **>(at(instance, f)) = member;
             const Field &d = t.fields[t.discriminator];
-            std::memcpy(at(instance, d) + 12, &f.select, sizeof f.select);
+            if (arm != every_arm || this_member == 0) std::memcpy(at(instance, d) + 12, &f.select, sizeof f.select);
             break;
         }
         }

@@ -19,7 +19,9 @@ namespace testfill {
 
 // Every field present at the instance's variant gets a value derived from seed; strings,
 // variable arrays (2 elements) and the union member selected by `arm` (an index among the union's
-// members, taken modulo their count) are allocated through the handle.
+// members, taken modulo their count) are allocated through the handle. With every_arm, every
+// member of every union is filled and the first one selected.
+constexpr unsigned every_arm = ~0u;
 void fill(const ovrin::Type &t, mgx_handle_t *h, void *instance, unsigned seed, unsigned arm = 0);
 
 // The 79 types in registration order, and one by name.

@@ -1,5 +1,5 @@
-// Every type of the bundle under test walked through each family: lifecycle, whole-instance copy
-// under tracking, and the XML round trip. Built into the tests of both catalogues (ovrin_sm, and
+// Every type of the bundle under test walked through each family: lifecycle and whole-instance copy
+// under tracking. Built into the tests of both catalogues (ovrin_sm, and
 // the second catalogue of tests/shapes), with the allocation-failure, truncation, reuse and
 // exception sweeps beside it.
 #include <gtest/gtest.h>
@@ -63,29 +63,6 @@ TEST_F(Sweep, EveryTypeCopiesWholeAndAfterARawCopyWithoutSharingStorage) {
                 for (void *p : {src, dst, copy}) o.destroy(h, 1, p);
                 ASSERT_EQ(mgx_handle_live_allocations(h), 0u) << o.name() << (tracked ? " tracked" : "");
             }
-        }
-    }
-}
-
-TEST_F(Sweep, EveryTypeRoundTripsThroughXml) {
-    std::vector<char> text(1 << 16);
-    for (const Ops &o : typeops::all()) {
-        if (o.is_enum()) continue;
-        auto toxml = op<uint32_t (*)(mgx_handle_t *, const void *, char *, uint32_t)>(o, "toxml_cr");
-        for (unsigned arm = 0; arm < o.arms(); ++arm) {
-            void *a = typeops::make_filled(o, h, 7 + arm, arm);
-            uint32_t n = toxml(h, a, text.data(), static_cast<uint32_t>(text.size()));
-            ASSERT_LT(n, text.size() - 1) << o.name(); // the buffer holds every filled type
-            void *doc = mgx_xml_document_parse(text.data(), n);
-            ASSERT_NE(doc, nullptr) << std::string(text.data(), n);
-            void *b = typeops::make(o, h);
-            o.from_xml(h, 1, o.name(), doc, b, &err, nullptr, 0);
-            mgx_xml_document_free(doc);
-            EXPECT_EQ(err, 0u) << o.name() << " arm " << arm;
-            EXPECT_EQ(typeops::encode(o, h, b, &err), typeops::encode(o, h, a, &err))
-                << o.name() << " arm " << arm << "\n" << std::string(text.data(), n);
-            o.destroy(h, 1, b);
-            o.destroy(h, 1, a);
         }
     }
 }

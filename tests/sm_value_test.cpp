@@ -13,6 +13,7 @@
 #include "tests/prim_fixture.h"
 #include "ovrin_sm/ops.h"
 #include "ovrin_sm_internal/tables.h"
+#include "tests/sm_fill.h"
 
 namespace {
 
@@ -23,7 +24,6 @@ using ovrin::Type;
 
 using create_fn = void *(*)(mgx_handle_t *, uint32_t);
 using destroy_fn = void (*)(mgx_handle_t *, uint32_t, void *);
-using init_fn = void (*)(mgx_handle_t *, uint32_t, void *, const void *, int, int, uint32_t, uint8_t *, uint32_t *);
 using compare_fn = int32_t (*)(const void *, const void *);
 using hash_fn = uint32_t (*)(const void *, uint32_t);
 using valid_fn = mgx_boolean (*)(mgx_handle_t *, const void *, uint32_t, uint32_t);
@@ -41,10 +41,6 @@ template <class T> void put(void *p, T v) { std::memcpy(p, &v, sizeof v); }
 
 uint32_t get_count(void *instance, const Field &f) {
     return f.kind == Kind::u16 ? get<uint16_t>(at(instance, f)) : get<uint32_t>(at(instance, f));
-}
-void put_count(void *instance, const Field &f, uint32_t n) {
-    if (f.kind == Kind::u16) put(at(instance, f), static_cast<uint16_t>(n));
-    else put(at(instance, f), n);
 }
 
 struct Value : RuntimeFixture {
@@ -70,66 +66,12 @@ struct Value : RuntimeFixture {
         r->domain_names_length = static_cast<uint32_t>(list.size());
     }
 
-    // Every field of an instance filled with values that depend only on the order of filling, so
-    // two fills of the same type are equal. Every arm of a union is filled; the first is selected.
-    uint32_t next = 0;
+    // Every field of every type filled (tests/sm_fill.h), every arm of a union, the first selected:
+    // two fills of the same type are equal.
     void *filled(const Type &t) {
-        next = 1;
         void *p = op<create_fn>(t, "create")(h, 1);
-        fill(t, p);
+        testfill::fill(t, h, p, 1, testfill::every_arm);
         return p;
-    }
-    void fill(const Type &t, void *p) {
-        for (uint16_t i = 0; i < t.n_fields; ++i) {
-            const Field &f = t.fields[i];
-            if (f.shape == Shape::var_string) {
-                uint32_t n = 2 + next++ % 4;
-                char *s = static_cast<char *>(h->inst_alloc(h->alloc_ctx, 1, n + 1));
-                for (uint32_t k = 0; k < n; ++k) s[k] = static_cast<char>('a' + next++ % 26);
-                s[n] = '\0';
-                put(at(p, f), s);
-                put_count(p, t.fields[f.companion], n);
-            } else if (f.shape == Shape::var_array) {
-                uint8_t *block = static_cast<uint8_t *>(h->inst_alloc(h->alloc_ctx, 1, 2 * f.elem_size));
-                std::memset(block, 0, 2 * f.elem_size);
-                uint32_t err = 0;
-                for (int k = 0; k < 2; ++k) {
-                    op<init_fn>(*f.type, "initialize")(h, 1, block + k * f.elem_size, f.type->descriptor, 1, 0,
-                                                       MGX_IF_NESTED, nullptr, &err);
-                    fill(*f.type, block + k * f.elem_size);
-                }
-                put(at(p, f), block);
-                put_count(p, t.fields[f.companion], 2);
-            } else if (f.shape == Shape::member) {
-                void *arm = op<create_fn>(*f.type, "create")(h, 1);
-                fill(*f.type, arm);
-                put(at(p, f), arm);
-            } else if (f.companion < 0) {
-                for (uint16_t k = 0; k < f.count; ++k) element(f, at(p, f) + k * f.elem_size);
-            }
-        }
-        if (t.discriminator >= 0)
-            put(at(p, t.fields[t.discriminator]) + enum_value, t.fields[t.discriminator + 1].select);
-    }
-    void element(const Field &f, uint8_t *p) {
-        uint32_t err = 0;
-        switch (f.kind) {
-        case Kind::u8: return put(p, static_cast<uint8_t>(next++));
-        case Kind::u16: return put(p, static_cast<uint16_t>(next++));
-        case Kind::u32: case Kind::ipv4_addr: return put(p, next++);
-        case Kind::u64: {
-            uint64_t high = next++;
-            return put(p, high << 32 | next++);
-        }
-        case Kind::boolean: return put(p, 1u);
-        case Kind::mac_addr: case Kind::ipv6_addr:
-            for (uint16_t k = 0; k < f.elem_size; ++k) p[k] = static_cast<uint8_t>(next++);
-            return;
-        case Kind::aaa_tlv: return aaa_tlv_attr_add(h, 1, reinterpret_cast<aaa_tlv *>(p), next++, "tlv", 3, &err);
-        case Kind::enumeration: return put(p + enum_value, next++);
-        case Kind::record: return fill(*f.type, p);
-        case Kind::character: return;
-        }
     }
 
     // One change to one field of an instance, and its undoing; `orders` says whether compare is
@@ -174,7 +116,7 @@ struct Value : RuntimeFixture {
         case Kind::u16: return out.push_back(flip(where, orders, q, static_cast<uint16_t>(get<uint16_t>(q) - 1)));
         case Kind::u32: case Kind::ipv4_addr: return out.push_back(flip(where, orders, q, get<uint32_t>(q) - 1));
         case Kind::u64: return out.push_back(flip(where, orders, q, get<uint64_t>(q) - 1));
-        case Kind::boolean: return out.push_back(flip(where, orders, q, 0u));
+        case Kind::boolean: return out.push_back(flip(where, orders, q, get<uint32_t>(q) ^ 1u));
         case Kind::mac_addr: case Kind::ipv6_addr:
             return out.push_back(flip(where, orders, q + f.elem_size - 1, static_cast<uint8_t>(q[f.elem_size - 1] ^ 1)));
         case Kind::enumeration:
