@@ -42,9 +42,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const size_t n = size - 1;
     std::vector<uint8_t> bytes(data + 1, data + size);
     std::string error;
-    fuzz::heap::start();
+    heap::start();
     auto file = mgx::elf::parse(bytes, "lib", error);
-    size_t held = fuzz::heap::peak();
+    size_t held = heap::peak();
     // The copy of the bytes it was given, the section headers and the section list (each header
     // takes 64 bytes of the file), and the names table.
     if (held > 4 * n + 65536)

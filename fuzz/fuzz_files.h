@@ -1,6 +1,6 @@
 // What the targets that read files share: a scratch directory of the process's own, files written
 // into it, the tool's output silenced around a command, and the peak of the C++ heap while a
-// reader runs (fuzz/heap_count.cpp counts it).
+// reader runs (tests/sm_heap.cpp counts it).
 #ifndef OVRIN_FUZZ_FUZZ_FILES_H
 #define OVRIN_FUZZ_FUZZ_FILES_H
 
@@ -17,6 +17,7 @@
 #include <string>
 
 #include "fuzz/fuzz_types.h"
+#include "tests/sm_heap.h"
 
 extern "C" void __sanitizer_set_report_fd(void *fd) __attribute__((weak));
 
@@ -98,13 +99,6 @@ public:
 private:
     int out_, err_;
 };
-
-namespace heap {
-// Starts a window: peak() then answers the most C++ heap bytes held at once since, beyond what
-// was held at the start (operator new and delete, counted by fuzz/heap_count.cpp).
-void start();
-size_t peak();
-} // namespace heap
 
 } // namespace fuzz
 

@@ -11,10 +11,10 @@ function(ovrin_fuzz_executable name target)
   if(target STREQUAL "xml_dtd")
     list(APPEND libraries LibXml2::LibXml2)
   elseif(target STREQUAL "elf")
-    list(APPEND sources ${PROJECT_SOURCE_DIR}/fuzz/heap_count.cpp ${PROJECT_SOURCE_DIR}/cli/manifest_cmd.cpp
+    list(APPEND sources ${PROJECT_SOURCE_DIR}/tests/sm_heap.cpp ${PROJECT_SOURCE_DIR}/cli/manifest_cmd.cpp
                         ${PROJECT_SOURCE_DIR}/cli/input.cpp)
   elseif(target STREQUAL "trace_files")
-    list(APPEND sources ${PROJECT_SOURCE_DIR}/fuzz/heap_count.cpp ${PROJECT_SOURCE_DIR}/cli/trace_cmd.cpp
+    list(APPEND sources ${PROJECT_SOURCE_DIR}/tests/sm_heap.cpp ${PROJECT_SOURCE_DIR}/cli/trace_cmd.cpp
                         ${PROJECT_SOURCE_DIR}/cli/input.cpp)
   endif()
   add_executable(${name} ${sources})

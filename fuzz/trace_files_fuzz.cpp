@@ -88,7 +88,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     for (std::string &a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
     int status;
-    fuzz::heap::start();
+    heap::start();
     auto began = std::chrono::steady_clock::now();
     {
         fuzz::Quiet quiet;
@@ -98,7 +98,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             status = -1;
         }
     }
-    size_t held = fuzz::heap::peak();
+    size_t held = heap::peak();
     // A command that waits (a FIFO opened for reading waits for a writer) would wait forever but
     // for libFuzzer's own timer, whose signal interrupts the wait; so the time is checked here.
     auto seconds = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - began).count();

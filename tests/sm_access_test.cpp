@@ -1,7 +1,6 @@
 // Field access and state tracking of records and unions: the variant gate, state flags in every
 // tracking mode, write notification, containment, whole-instance copies with their ownership and
 // flags, get_all/set_all, raw copy-out cleanup and flag offset registration.
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -291,10 +290,6 @@ TEST_F(Access, ArrayOfRecordsIsDuplicatedByTheCopy) {
     sess_mgr_sess_attr_query_resp_destroy(h, luid, src);
     EXPECT_EQ(attr_text(&dst->resp_array[1].attr_list, 0), "second");
     sess_mgr_sess_attr_query_resp_destroy(h, luid, dst);
-}
-
-template <class Fn> Fn op(const char *type, const char *name) {
-    return reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, (std::string(type) + "_" + name).c_str()));
 }
 
 TEST_F(Access, OffsetUpdateAndRemoveFollowTheNestedAreas) {

@@ -1,7 +1,6 @@
 // The lifecycle of records, unions and enumerations: create, initialize, embed, destroy and
 // sizes, with the placeholder, statistics, state-flag offsets, OID mappings and references,
 // database hooks and the fatal paths.
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cstddef>
@@ -16,13 +15,6 @@
 namespace {
 
 struct Lifecycle : RuntimeFixture {};
-
-template <class Fn> Fn op(const std::string &type, const char *name) {
-    return reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, (type + "_" + name).c_str()));
-}
-
-using create_fn = void *(*)(mgx_handle_t *, uint32_t);
-using destroy_fn = void (*)(mgx_handle_t *, uint32_t, void *);
 
 TEST_F(Lifecycle, SizesFollowTheTrackingMode) {
     EXPECT_EQ(sess_mgr_conn_hdl_sizeof(h), 24u);
