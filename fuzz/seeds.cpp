@@ -79,7 +79,7 @@ void write_message_seeds(const fs::path &dir) {
             const uint8_t type = static_cast<uint8_t>(i);
             for (unsigned a = 0; a < o.arms(); ++a) {
                 void *instance = typeops::make_filled(o, h, static_cast<unsigned>(i), a);
-                std::string stem = std::string(o.name()) + "-" + std::to_string(a) + (tracked ? "-t" : "-u");
+                std::string stem = std::string(o.name) + "-" + std::to_string(a) + (tracked ? "-t" : "-u");
                 uint32_t err = 0;
                 Bytes wire = typeops::encode(o, h, instance, &err);
                 if (err) fuzz::die("encode of " + stem + ": error " + std::to_string(err));
@@ -87,7 +87,7 @@ void write_message_seeds(const fs::path &dir) {
                 enc[i].filled[tracked].push_back(wire);
                 if (o.to_xml) {
                     std::vector<char> text(1 << 16);
-                    uint32_t n = o.to_xml(h, 1, o.name(), text.data(), instance, static_cast<uint32_t>(text.size()), 0, &err);
+                    uint32_t n = o.to_xml(h, 1, o.name, text.data(), instance, static_cast<uint32_t>(text.size()), 0, &err);
                     if (err || n >= text.size()) fuzz::die("XML of " + stem + " failed");
                     write(dir / "xml" / stem, {0, static_cast<uint8_t>(i + (tracked ? types.size() : 0))}, text.data(), n);
                     if (!tracked && a == 0) xml[i].assign(text.data(), n);
@@ -110,7 +110,7 @@ void write_message_seeds(const fs::path &dir) {
         auto pair = [&](const std::string &stem, uint8_t mode, const Bytes &a, const Bytes &b) {
             Bytes body = a;
             body.insert(body.end(), b.begin(), b.end());
-            write(dir / "reuse" / (std::string(types[i].name()) + "-" + stem),
+            write(dir / "reuse" / (std::string(types[i].name) + "-" + stem),
                   {0, static_cast<uint8_t>(i), mode, static_cast<uint8_t>(a.size() >> 8), static_cast<uint8_t>(a.size())}, body);
         };
         size_t arms = e.filled[0].size();
@@ -129,7 +129,7 @@ void write_message_seeds(const fs::path &dir) {
     for (size_t i = 0; i < types.size(); ++i) {
         if (xml[i].empty()) continue;
         const uint8_t type = static_cast<uint8_t>(i);
-        const std::string stem = types[i].name();
+        const std::string stem = types[i].name;
         write(dir / "xml_dtd" / (stem + "-plain"), {0, type, 0, 0, 0}, xml[i].data(), xml[i].size());
         uint8_t prologue = static_cast<uint8_t>(1 + i % 15);
         uint8_t what = static_cast<uint8_t>(1 + i % 8), place = static_cast<uint8_t>(i / 8 % 4);

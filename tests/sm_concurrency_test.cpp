@@ -71,14 +71,14 @@ std::vector<std::string> grow_arrays(mgx_handle_t *h) {
         for (uint16_t i = 0; i < o.type->n_fields; ++i) {
             const ovrin::Field &f = o.type->fields[i];
             if (f.shape != ovrin::Shape::var_array) continue;
-            auto set = reinterpret_cast<array_set_fn>(dlsym(RTLD_DEFAULT, (std::string(o.name()) + "_" + f.name + "_set").c_str()));
+            auto set = reinterpret_cast<array_set_fn>(dlsym(RTLD_DEFAULT, (std::string(o.name) + "_" + f.name + "_set").c_str()));
             if (!set) continue;
             void *instance = typeops::make_filled(o, h, 1);
             const Ops &element_ops = typeops::of(f.type->name);
             void *element = typeops::make_filled(element_ops, h, 2);
             uint32_t err = 0;
             set(h, 1, instance, 4, element, &err);
-            if (err == 0) grown.push_back(o.name());
+            if (err == 0) grown.push_back(o.name);
             element_ops.destroy(h, 1, element);
             o.destroy(h, 1, instance);
         }

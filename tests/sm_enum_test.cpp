@@ -331,7 +331,7 @@ TEST_F(Enums, EveryLiteralRoundTripsThroughValueWireTextAndXml) {
         const EnumCase &c = cases()[i];
         const typeops::Ops &o = *enums[i];
         const std::string t = c.type;
-        ASSERT_EQ(t, o.name()); // the cases follow the registration order
+        ASSERT_EQ(t, o.name); // the cases follow the registration order
         auto set_value = op<void (*)(mgx_handle_t *, uint32_t, E *, uint32_t, uint32_t *)>(t, "set_value");
         auto to_wire = op<uint32_t (*)(uint32_t)>(t, "map_to_internal_value");
         auto print_cr = op<uint32_t (*)(mgx_handle_t *, const E *, char *, uint32_t)>(t, "print_cr");

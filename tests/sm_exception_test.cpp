@@ -57,20 +57,20 @@ Outcome cycle(const typeops::Ops &o, print_fn print, Mode setup, const std::vect
         };
         if (made(x)) o.adjust_variant(h, 1, x, &err);
         if (!err) o.unmarshal(h, 1, bytes.data(), x, static_cast<int32_t>(bytes.size()), 0, &err);
-        uint32_t n = err ? 0 : o.is_enum() ? 5 : o.record_len(h, 1, x);
+        uint32_t n = err ? 0 : o.is_enum() ? 5 : o.len(h, 1, x);
         if (!err) o.marshal(h, 1, room.wire.data(), x, static_cast<int32_t>(n), &err);
         if (!err && o.clone) {
             o.clone(h, 1, x, &copy, room.work.data(), static_cast<uint32_t>(room.work.size()), &err);
             if (!err) out.differs |= !copy || o.compare(copy, x) != 0;
         }
-        uint32_t length = err ? 0 : o.to_xml(h, 1, o.name(), room.text.data(), x, 1 << 16, 0, &err);
+        uint32_t length = err ? 0 : o.to_xml(h, 1, o.name, room.text.data(), x, 1 << 16, 0, &err);
         void *doc = err ? nullptr : mgx_xml_document_parse(room.text.data(), length);
         if (doc && made(back = o.create(h, 1))) {
-            o.from_xml(h, 1, o.name(), doc, back, &err, room.msg, sizeof room.msg);
+            o.from_xml(h, 1, o.name, doc, back, &err, room.msg, sizeof room.msg);
             if (!err) out.differs |= o.compare(back, x) != 0;
         }
         if (doc) mgx_xml_document_free(doc);
-        if (!err) print(h, 1, room.text.data(), 0, o.name(), x, 1 << 16, &err);
+        if (!err) print(h, 1, room.text.data(), 0, o.name, x, 1 << 16, &err);
         out.error = err;
         for (void *p : {x, copy, back})
             if (p) o.destroy(h, 1, p);
@@ -96,18 +96,18 @@ TEST(Exceptions, NoneLeavesTheLibrariesWhenTheirOwnAllocationsFail) {
             std::vector<uint8_t> bytes = typeops::encode(o, source, filled, &err);
             o.destroy(source, 1, filled);
             mgx_handle_destroy(source);
-            ASSERT_EQ(err, 0u) << o.name();
+            ASSERT_EQ(err, 0u) << o.name;
 
             const uint64_t before = heap::allocations();
             Outcome clean = cycle(o, print, setup, bytes, room);
             const uint64_t needed = heap::allocations() - before;
-            ASSERT_FALSE(clean.escaped || clean.error || clean.live || clean.differs) << o.name();
+            ASSERT_FALSE(clean.escaped || clean.error || clean.live || clean.differs) << o.name;
             for (uint64_t nth = 1; nth <= needed; ++nth) {
                 heap::fail_at(nth);
                 Outcome failed = cycle(o, print, setup, bytes, room);
                 bool fired = heap::fired();
                 heap::fail_at(0);
-                SCOPED_TRACE(std::string(o.name()) + ", setup " + std::to_string(static_cast<int>(setup)) +
+                SCOPED_TRACE(std::string(o.name) + ", setup " + std::to_string(static_cast<int>(setup)) +
                              ", allocation " + std::to_string(nth) + " of " + std::to_string(needed));
                 ASSERT_FALSE(failed.escaped);
                 ASSERT_EQ(failed.live, 0u);

@@ -32,7 +32,7 @@ template <class Prepare> void every_type(Prepare prepare) {
             prepare(h);
             void *source = o.create(h, 1);
             testfill::fill(*t, h, source, 7, arm);
-            std::vector<uint8_t> wire(o.record_len(h, 1, source) + 1), again(wire.size());
+            std::vector<uint8_t> wire(o.len(h, 1, source) + 1), again(wire.size());
             auto space = static_cast<int32_t>(wire.size() - 1);
             uint32_t err = 0;
 
@@ -118,7 +118,7 @@ TEST(OperationsTable, CallsRoundTripFilledInstances) {
     std::vector<char> text(1 << 16), again(text.size());
     const auto size = static_cast<uint32_t>(text.size());
     for (const typeops::Ops &o : typeops::all()) {
-        const typeops::Entry &e = *o.entry;
+        const typeops::Entry &e = o;
         for (unsigned arm = 0; arm < o.arms(); ++arm) {
             SCOPED_TRACE(std::string(e.name) + " member " + std::to_string(arm));
             mgx_handle_t *h = mgx_handle_create();

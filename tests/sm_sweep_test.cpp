@@ -27,18 +27,18 @@ TEST_F(Sweep, EveryTypeCreatesAndDestroysTrackedOrNotAndCountsItsVariant) {
         mgx_handle_set_state_tracking(h, tracked, MGX_STTR_TRACKED);
         for (const Ops &o : typeops::all()) {
             void *inst = o.create(h, 1);
-            ASSERT_NE(inst, nullptr) << o.name();
+            ASSERT_NE(inst, nullptr) << o.name;
             auto *d = static_cast<const mgx_type_info_t *>(hdr(inst)->descriptor);
-            ASSERT_STREQ(d->type_name, o.name());
+            ASSERT_STREQ(d->type_name, o.name);
             int variant = hdr(inst)->variant;
-            EXPECT_EQ(variant, d->variant_info->n_variants - 1) << o.name(); // the domain's default: the highest
+            EXPECT_EQ(variant, d->variant_info->n_variants - 1) << o.name; // the domain's default: the highest
             EXPECT_EQ(hdr(inst)->layout, 0);
-            EXPECT_EQ((hdr(inst)->flags & MGX_IF_TRACKED) != 0, tracked) << o.name();
+            EXPECT_EQ((hdr(inst)->flags & MGX_IF_TRACKED) != 0, tracked) << o.name;
             uint64_t created = mgx_stats_created(d, variant), destroyed = mgx_stats_destroyed(d, variant);
             o.destroy(h, 1, inst);
-            EXPECT_EQ(mgx_stats_destroyed(d, variant), destroyed + 1) << o.name();
+            EXPECT_EQ(mgx_stats_destroyed(d, variant), destroyed + 1) << o.name;
             EXPECT_GE(created, 1u);
-            EXPECT_EQ(mgx_handle_live_allocations(h), 0u) << o.name();
+            EXPECT_EQ(mgx_handle_live_allocations(h), 0u) << o.name;
         }
     }
 }
@@ -59,9 +59,9 @@ TEST_F(Sweep, EveryTypeCopiesWholeAndAfterARawCopyWithoutSharingStorage) {
                 void *copy = h->inst_alloc(h->alloc_ctx, 1, size);
                 std::memcpy(copy, dst, size);
                 op<copy_fn>(o, "post_copyout_cleanup")(h, 1, copy, dst, &err);
-                EXPECT_EQ(err, 0u) << o.name();
+                EXPECT_EQ(err, 0u) << o.name;
                 for (void *p : {src, dst, copy}) o.destroy(h, 1, p);
-                ASSERT_EQ(mgx_handle_live_allocations(h), 0u) << o.name() << (tracked ? " tracked" : "");
+                ASSERT_EQ(mgx_handle_live_allocations(h), 0u) << o.name << (tracked ? " tracked" : "");
             }
         }
     }

@@ -32,23 +32,13 @@ inline const Entry *find(const char *name) { return shapes_optable_find(name); }
 
 namespace typeops {
 
-struct Ops {
+// A type's entry of the generated operations table, with the test program's own description of
+// the type.
+struct Ops : Entry {
     const ovrin::Type *type;
-    const Entry *entry; // the generated table's entry, for the operations not copied here
-    void *(*create)(mgx_handle_t *, uint32_t);
-    void (*destroy)(mgx_handle_t *, uint32_t, void *);
-    uint32_t (*adjust_variant)(mgx_handle_t *, uint32_t, void *, uint32_t *);
-    uint32_t (*marshal)(mgx_handle_t *, uint32_t, uint8_t *, const void *, int32_t, uint32_t *);
-    uint32_t (*unmarshal)(mgx_handle_t *, uint32_t, const uint8_t *, void *, int32_t, uint32_t, uint32_t *);
-    uint32_t (*record_len)(mgx_handle_t *, uint32_t, const void *); // records and unions
-    void (*clone)(mgx_handle_t *, uint32_t, const void *, void **, uint8_t *, uint32_t, uint32_t *);
-    int32_t (*compare)(const void *, const void *);
-    uint32_t (*to_xml)(mgx_handle_t *, uint32_t, const char *, char *, const void *, uint32_t, uint8_t, uint32_t *);
-    void (*from_xml)(mgx_handle_t *, uint32_t, const char *, void *, void *, uint32_t *, char *, uint32_t);
 
     bool is_enum() const { return type->kind == ovrin::TypeKind::enumeration; }
     bool is_union() const { return type->kind == ovrin::TypeKind::union_; }
-    const char *name() const { return type->name; }
     unsigned arms() const { return is_union() ? testfill::members(*type) : 1; } // fill's member choices
 };
 
@@ -64,8 +54,7 @@ inline const std::vector<Ops> &all() {
         for (size_t i = 0; i < types.size(); ++i) {
             const Entry &e = entries[i];
             if (std::strcmp(e.name, types[i]->name)) std::abort();
-            out.push_back(Ops{types[i], &e, e.create, e.destroy, e.adjust_variant, e.marshal, e.unmarshal, e.len,
-                              e.clone, e.compare, e.to_xml, e.from_xml});
+            out.push_back(Ops{e, types[i]});
         }
         return out;
     }();
@@ -74,7 +63,7 @@ inline const std::vector<Ops> &all() {
 
 inline const Ops &of(const char *name) {
     for (const Ops &o : all())
-        if (!std::strcmp(o.name(), name)) return o;
+        if (!std::strcmp(o.name, name)) return o;
     std::abort();
 }
 
@@ -97,7 +86,7 @@ inline void *make_filled(const Ops &o, mgx_handle_t *h, unsigned seed, unsigned 
 
 // The wire form through `_len` (5 for an enumeration) and `_marshal`; err gets the error cell.
 inline std::vector<uint8_t> encode(const Ops &o, mgx_handle_t *h, const void *instance, uint32_t *err) {
-    uint32_t n = o.is_enum() ? 5 : o.record_len(h, 1, instance);
+    uint32_t n = o.is_enum() ? 5 : o.len(h, 1, instance);
     std::vector<uint8_t> out(n + 1); // a tracked encoder may store one state byte past the space
     *err = 0;
     out.resize(o.marshal(h, 1, out.data(), instance, static_cast<int32_t>(n), err));
