@@ -21,10 +21,11 @@ bool init_elements(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, 
         void *element = layout.element(block, k);
         uint32_t e = 0;
         initialize(*f.type, h, luid, element, f.type->descriptor, 0, 0, MGX_IF_NESTED, layout.slot_of(flags, k), &e);
+        // A failed initialisation took itself back; element k is destroyed only when it was made
+        // and raising its variant failed.
+        const uint32_t made = e ? k : k + 1;
         if (!e && raise) adjust_variant(*f.type, h, luid, element, &e);
         if (e) {
-            // Element k goes too when it got as far as its descriptor (a later step failed).
-            uint32_t made = hdr(element)->descriptor ? k + 1 : k;
             for (uint32_t j = from; j < made; ++j) destroy_internal(*f.type, h, luid, layout.element(block, j), 0);
             fail(h, err, e);
             return false;

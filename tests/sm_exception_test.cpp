@@ -2,7 +2,7 @@
 // a new handle (the runtime's registry, block table, recorders and text building included) is
 // made to fail in turn, for every type, untracked, tracked, and with per-handle descriptors and
 // every recorder on. Each failing run must end in error codes, not an exception, and leave
-// nothing allocated in the handle.
+// nothing allocated in the handle and nothing counted in the types' statistics.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -33,7 +33,19 @@ struct Outcome {
     uint32_t error = 0;    // the first error an operation reported
     uint64_t live = 0;     // handle blocks and bookkeeping entries left after every instance was destroyed
     bool differs = false;  // the cycle completed, but a copy did not compare equal
+    int64_t counted = 0;   // creations less destructions in the statistics of every type, after it
 };
+
+// Creations less destructions over every type and variant of the bundle.
+int64_t counted_instances() {
+    int64_t n = 0;
+    for (const typeops::Ops &o : typeops::all()) {
+        auto *d = static_cast<const mgx_type_info_t *>(o.type->descriptor);
+        for (int v = 0; v < d->variant_info->n_variants; ++v)
+            n += static_cast<int64_t>(mgx_stats_created(d, v) - mgx_stats_destroyed(d, v));
+    }
+    return n;
+}
 
 // One cycle on a new handle: decode bytes into a new instance, measure and encode it, clone and
 // compare, render to XML and print, read the XML back into another new instance and compare,
@@ -41,6 +53,7 @@ struct Outcome {
 Outcome cycle(const typeops::Ops &o, print_fn print, Mode setup, const std::vector<uint8_t> &bytes,
               Room &room) noexcept {
     Outcome out;
+    const int64_t counted = counted_instances();
     try {
         mgx_handle_t *h = mgx_handle_create();
         if (!h) return out.error = MGX_ENOMEM, out;
@@ -76,6 +89,7 @@ Outcome cycle(const typeops::Ops &o, print_fn print, Mode setup, const std::vect
             if (p) o.destroy(h, 1, p);
         out.live = mgx_handle_live_allocations(h) + mgx_handle_bookkeeping(h);
         mgx_handle_destroy(h);
+        out.counted = counted_instances() - counted;
     } catch (...) {
         out.escaped = true;
     }
@@ -101,7 +115,7 @@ TEST(Exceptions, NoneLeavesTheLibrariesWhenTheirOwnAllocationsFail) {
             const uint64_t before = heap::allocations();
             Outcome clean = cycle(o, print, setup, bytes, room);
             const uint64_t needed = heap::allocations() - before;
-            ASSERT_FALSE(clean.escaped || clean.error || clean.live || clean.differs) << o.name;
+            ASSERT_FALSE(clean.escaped || clean.error || clean.live || clean.differs || clean.counted) << o.name;
             for (uint64_t nth = 1; nth <= needed; ++nth) {
                 heap::fail_at(nth);
                 Outcome failed = cycle(o, print, setup, bytes, room);
@@ -111,6 +125,7 @@ TEST(Exceptions, NoneLeavesTheLibrariesWhenTheirOwnAllocationsFail) {
                              ", allocation " + std::to_string(nth) + " of " + std::to_string(needed));
                 ASSERT_FALSE(failed.escaped);
                 ASSERT_EQ(failed.live, 0u);
+                ASSERT_EQ(failed.counted, 0);
                 // A failure either surfaced as an error code, or was absorbed (a recorder that
                 // dropped a record): then the cycle's results are as without it.
                 if (!failed.error) {

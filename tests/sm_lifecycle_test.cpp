@@ -148,6 +148,28 @@ TEST_F(Lifecycle, NestedInitializeNeedsAStateBaseOnlyWhenTracked) {
     EXPECT_EQ(s->flags, flags);
 }
 
+// An array element whose creation the runtime cannot count fails the decode with the runtime's
+// code; the element takes its initialisation back rather than being destroyed (its nested
+// instances were never made), and nothing stays counted.
+TEST_F(Lifecycle, AnElementThatCannotBeCountedIsTakenBackNotDestroyed) {
+    auto *src = sess_mgr_sess_attr_query_resp_create(h, 1), *dst = sess_mgr_sess_attr_query_resp_create(h, 1);
+    auto *value = sess_mgr_query_resp_create(h, 1);
+    uint32_t err = 0;
+    sess_mgr_sess_attr_query_resp_resp_array_set(h, 1, src, 1, value, &err);
+    std::vector<uint8_t> wire(sess_mgr_sess_attr_query_resp_len(h, 1, src) + 1);
+    uint32_t n = sess_mgr_sess_attr_query_resp_marshal(h, 1, wire.data(), src, static_cast<int32_t>(wire.size() - 1), &err);
+    ASSERT_EQ(err, 0u);
+    const void *element = &_sess_mgr_query_resp_type_info_internal;
+    uint64_t created = mgx_stats_created(element, 0), destroyed = mgx_stats_destroyed(element, 0);
+    mgx_handle_fail_stats(h, 12); // the first element's own count
+    sess_mgr_sess_attr_query_resp_unmarshal(h, 1, wire.data(), dst, static_cast<int32_t>(n), 0, &err);
+    EXPECT_EQ(err, 12u);
+    EXPECT_EQ(dst->resp_array, nullptr);
+    EXPECT_EQ(mgx_stats_created(element, 0) - created, mgx_stats_destroyed(element, 0) - destroyed);
+    for (auto *p : {src, dst}) sess_mgr_sess_attr_query_resp_destroy(h, 1, p);
+    sess_mgr_query_resp_destroy(h, 1, value);
+}
+
 TEST_F(Lifecycle, DestroyWithoutFreeingKeepsTheBlock) {
     sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create(h, 1);
     sess_mgr_conn_hdl_destroy_internal(h, 1, c, 0);

@@ -80,7 +80,8 @@ void hooked_write(mgx_handle_t *h, bool use_hook, void *addr, size_t n, uint32_t
     keep_first(err, code);
 }
 
-[[gnu::always_inline]] inline void count_stats(const Type &t, mgx_handle_t *h, uint32_t luid, const mgx_type_info_t *d,
+// Counts a creation or destruction in the variant's statistics; false when the runtime could not.
+[[gnu::always_inline]] inline bool count_stats(const Type &t, mgx_handle_t *h, uint32_t luid, const mgx_type_info_t *d,
                                                int8_t variant, bool created, uint32_t *err) {
     // A variant that both the descriptor and the table know names its own entry; anything else
     // takes the reporting and capping path.
@@ -89,14 +90,17 @@ void hooked_write(mgx_handle_t *h, bool use_hook, void *addr, size_t n, uint32_t
     if (vi && variant >= 0 && variant <= vi->n_variants && variant < t.n_variants) [[likely]]
         block = vi->entries[variant].stats;
     else if (!(block = stats_block(t, d, variant)))
-        return;
+        return true;
     uint32_t local = 0;
     if (created)
         mgxlib_type_stats_create_object(h, luid, d, block, &local);
     else
         mgxlib_type_stats_destroy_object(h, luid, d, block, &local);
-    if (local) [[unlikely]]
+    if (local) [[unlikely]] {
         stats_failed(t, local, err);
+        return false;
+    }
+    return true;
 }
 
 // Releases the object references a field holds, then destroys the field. False when the
@@ -223,6 +227,30 @@ struct Walk {
 
 void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *sttr_base);
 
+// An initialisation that failed after writing its header takes itself back: the nested instances
+// it made are destroyed (one that failed took itself back already), its own creation, when
+// counted, is matched by a destruction, and its descriptor is cleared. The block is then plain
+// memory again for whoever made it, holding nothing and leaving nothing counted; destroying it
+// instead would reach nested instances that were never made.
+[[gnu::cold, gnu::noinline]] void undo_initialize(const Type &t, const Walk &w, void *instance, bool counted) {
+    for (FieldAt<void> a : inline_fields(t, instance)) {
+        const Field &f = a.field();
+        const PrimInstance *prim = prim_instance_of(f.kind);
+        for (uint32_t k = 0; k < f.count; ++k) {
+            void *element = a.element(k);
+            if (prim)
+                prim->destroy_internal(w.h, w.luid, element, 0);
+            else if (hdr(element)->descriptor)
+                destroy_internal(*f.type, w.h, w.luid, element, 0);
+        }
+    }
+    mgx_instance_hdr_t *hd = hdr(instance);
+    uint32_t ignored = 0;
+    if (counted) count_stats(t, w.h, w.luid, static_cast<const mgx_type_info_t *>(hd->descriptor), hd->variant, false, &ignored);
+    hooked_write(w.h, w.use_write_hook != 0, &hd->descriptor, sizeof hd->descriptor, w.luid, nullptr);
+    hd->descriptor = nullptr;
+}
+
 [[gnu::always_inline]] inline void initialize_instance(const Type &t, const Walk &w, void *instance,
                                                        const void *descriptor, int header_only,
                                                        uint32_t flags_to_set, uint8_t *sttr_base) {
@@ -259,14 +287,14 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
     }
     if (header_only) return;
 
-    count_stats(t, h, luid, static_cast<const mgx_type_info_t *>(registered ? registered : descriptor), variant, true,
-                err);
+    const bool counted = count_stats(t, h, luid, static_cast<const mgx_type_info_t *>(registered), variant, true, err);
 
     uint8_t *base = nullptr;
     if (tracked) {
         if ((hd->flags & MGX_IF_NESTED) && !sttr_base) {
             fail(h, err, MGX_EINVAL);
             trace(t, Message::nested_without_sttr_base, MGX_SEV_ERROR);
+            undo_initialize(t, w, instance, counted);
             return;
         }
         if (hd->flags & MGX_IF_STTR_OFFSET)
@@ -279,8 +307,7 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
             if (a->kind == Kind::aaa_tlv) aaa_tlv_offset_update(h, luid, static_cast<aaa_tlv *>(a.address()), area, err);
         }
     }
-    // The runtime says in the handle's store when it could not record an offset. The instance is
-    // still laid out whole below, so that whoever sees the error can destroy it.
+    // The runtime says in the handle's store when it could not record an offset.
     const bool offsets_lost = base && t.n_areas && h->last_error == MGX_ENOMEM;
 
     for (FieldAt<void> a : inline_fields(t, instance)) {
@@ -300,6 +327,8 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
         }
     }
     if (offsets_lost && !failed(err)) fail(h, err, MGX_ENOMEM);
+    if (failed(err)) [[unlikely]]
+        undo_initialize(t, w, instance, counted);
 }
 
 void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *sttr_base) {
