@@ -111,9 +111,12 @@ struct Value : RuntimeFixture {
     }
     void element_change(const Field &f, uint8_t *q, bool orders, const std::string &where, std::vector<Change> &out) {
         switch (f.kind) {
-        // Decrements, so a count or length stays within what its block holds.
+        // Decrements, so a count or length stays within what its block holds; any other 16-bit
+        // value changes in its high byte alone, which only a compare of the whole width sees.
         case Kind::u8: return out.push_back(flip(where, orders, q, static_cast<uint8_t>(get<uint8_t>(q) - 1)));
-        case Kind::u16: return out.push_back(flip(where, orders, q, static_cast<uint16_t>(get<uint16_t>(q) - 1)));
+        case Kind::u16:
+            return out.push_back(flip(where, orders, q,
+                                      static_cast<uint16_t>(f.companion >= 0 ? get<uint16_t>(q) - 1 : get<uint16_t>(q) ^ 0x100)));
         case Kind::u32: case Kind::ipv4_addr: return out.push_back(flip(where, orders, q, get<uint32_t>(q) - 1));
         case Kind::u64: return out.push_back(flip(where, orders, q, get<uint64_t>(q) - 1));
         case Kind::boolean: return out.push_back(flip(where, orders, q, get<uint32_t>(q) ^ 1u));
@@ -189,17 +192,6 @@ TEST_F(Value, EveryFieldOfEveryTypeTakesPartInCompareAndHash) {
         op<destroy_fn>(*t, "destroy")(h, 1, a);
         op<destroy_fn>(*t, "destroy")(h, 1, b);
     }
-}
-
-// The sweep above changes the low byte; a 16-bit value that differs in its high byte alone orders too.
-TEST_F(Value, IntegersOrderByTheirWholeWidth) {
-    auto *a = sm_dot11_params_create(h, 1), *b = sm_dot11_params_create(h, 1);
-    a->vlan_id = 0x0201;
-    b->vlan_id = 0x0101;
-    EXPECT_EQ(sm_dot11_params_compare(a, b), 1);
-    EXPECT_EQ(sm_dot11_params_compare(b, a), -1);
-    sm_dot11_params_destroy(h, 1, a);
-    sm_dot11_params_destroy(h, 1, b);
 }
 
 TEST_F(Value, UnionsOrderByTheRawDiscriminatorDifferenceThenTheSelectedArm) {
