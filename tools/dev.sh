@@ -21,7 +21,7 @@
 #                              runs only the shorter soak.demo and soak.library gates)
 #   tools/dev.sh mutate [ARGS]  the mutation check (tools/mutate.py, faults in tools/mutations.txt): each
 #                              fault planted alone in a scratch copy, the suite run; a table of what caught
-#                              it and the kill rate per directory; not part of test (about an hour)
+#                              it and the kill rate per directory; not part of test (about half an hour)
 # Build directories are $OVRIN_BUILD (default "build") and the same name with -asan, -tsan and
 # -fuzz (and -bench) appended; set OVRIN_BUILD to keep a checkout's builds apart from another's.
 set -euo pipefail
