@@ -6,8 +6,10 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "mgx/runtime.h"
@@ -41,6 +43,7 @@ protected:
         mgx_trace_clear();
     }
     void TearDown() override {
+        for (auto it = owned.rbegin(); it != owned.rend(); ++it) (*it)();
         EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
         EXPECT_EQ(mgx_handle_bookkeeping(h), 0u);
         mgx_handle_destroy(h);
@@ -55,8 +58,17 @@ protected:
             n += text == mgx_trace_text(i) && (severity < 0 || mgx_trace_severity(i) == severity);
         return n;
     }
+    // p, destroyed through the fixture's handle when the test ends (before the leak check), in
+    // the reverse order of ownership.
+    template <class T> T *own(T *p, void (*destroy)(mgx_handle_t *, uint32_t, T *)) {
+        owned.push_back([this, p, destroy] { destroy(h, 1, p); });
+        return p;
+    }
+    // The error cell's code; the cell is cleared for the next call.
+    uint32_t take_err() { return std::exchange(err, 0u); }
     mgx_handle_t *h = nullptr;
     uint32_t err = 0;
+    std::vector<std::function<void()>> owned;
 };
 
 #endif
