@@ -42,8 +42,8 @@ std::string attr_text(const aaa_tlv *list, uint32_t i) {
 TEST_F(Access, LaterVariantFieldIsAbsentAtVariantZero) {
     track();
     mgx_handle_set_domain_variant(h, "sess_mgr_session_start", 0);
-    sess_mgr_session_start *s = sess_mgr_session_start_create(h, luid);
-    sess_mgr_client_name *name = sess_mgr_client_name_create(h, luid);
+    auto *s = own(sess_mgr_session_start_create(h, luid), sess_mgr_session_start_destroy);
+    auto *name = own(sess_mgr_client_name_create(h, luid), sess_mgr_client_name_destroy);
     std::vector<uint8_t> before = bytes_of(s, 232);
     mgx_journal_clear(h);
     sess_mgr_session_start_cl_name_set(h, luid, s, name, &err);
@@ -60,15 +60,13 @@ TEST_F(Access, LaterVariantFieldIsAbsentAtVariantZero) {
     // An error already in the word: nothing happens at all.
     sess_mgr_conn_hdl_conn_hdl_set_value(h, luid, &s->hdl, 4, &err);
     EXPECT_EQ(s->hdl.conn_hdl, 0u);
-    sess_mgr_client_name_destroy(h, luid, name);
-    sess_mgr_session_start_destroy(h, luid, s);
 }
 
 TEST_F(Access, SetsMarkTwoInTheFlattenedAreaOfNestedFields) {
     track();
-    sess_mgr_session_start *s = sess_mgr_session_start_create(h, luid);
+    auto *s = own(sess_mgr_session_start_create(h, luid), sess_mgr_session_start_destroy);
     uint8_t *area = at(s, start_area);
-    sess_mgr_client_hdl *cl = sess_mgr_client_hdl_create(h, luid);
+    auto *cl = own(sess_mgr_client_hdl_create(h, luid), sess_mgr_client_hdl_destroy);
     sess_mgr_session_start_cl_hdl_set(h, luid, s, cl, &err);
     sess_mgr_conn_hdl_conn_hdl_set_value(h, luid, &s->hdl, 1, &err);
     sess_mgr_client_hdl_client_hdl_set_value(h, luid, &s->cl_hdl, 2, &err);
@@ -85,14 +83,12 @@ TEST_F(Access, SetsMarkTwoInTheFlattenedAreaOfNestedFields) {
     EXPECT_EQ(area[1], 7);
     sess_mgr_session_start_set_all_state_tracking_flag(h, luid, s, 0x5A);
     EXPECT_EQ(bytes_of(area, 32), std::vector<uint8_t>(32, 0x5A));
-    sess_mgr_client_hdl_destroy(h, luid, cl);
-    sess_mgr_session_start_destroy(h, luid, s);
 }
 
 TEST_F(Access, FlagsRefusedWhenTrackingIsOffOrTheInstanceUntracked) {
     sess_mgr_conn_hdl *plain = sess_mgr_conn_hdl_create(h, luid); // no tracking record: no area
     track();
-    sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create(h, luid);
+    auto *c = own(sess_mgr_conn_hdl_create(h, luid), sess_mgr_conn_hdl_destroy);
     *at(c, 24) = 0x33;
     // Tracking off: values go in, flags stay, flag access is refused without a word.
     track(h, MGX_STTR_UNTRACKED);
@@ -115,7 +111,6 @@ TEST_F(Access, FlagsRefusedWhenTrackingIsOffOrTheInstanceUntracked) {
     EXPECT_EQ(err, MGX_EINVAL);
     EXPECT_TRUE(traced("The object is non state tracked"));
     sess_mgr_conn_hdl_destroy(h, luid, plain);
-    sess_mgr_conn_hdl_destroy(h, luid, c);
 }
 
 // Records, for each write hook call, the 4 bytes at the address at the time of the call.
@@ -131,7 +126,7 @@ void remember(mgx_handle_t *h, const void *addr, size_t length, uint32_t l, cons
 TEST_F(Access, WriteHookSeesEveryByteBeforeItChangesAndContainmentIsReported) {
     track();
     mgx_handle_set_flags(h, MGX_HANDLE_DATABASE);
-    sess_mgr_session_start *s = sess_mgr_session_start_create(h, luid);
+    auto *s = own(sess_mgr_session_start_create(h, luid), sess_mgr_session_start_destroy);
     s->hdl.conn_hdl = 0x11;
     journal = h->write_hook;
     h->write_hook = remember;
@@ -157,7 +152,6 @@ TEST_F(Access, WriteHookSeesEveryByteBeforeItChangesAndContainmentIsReported) {
                             {&s->identity_attrs, s},     // an attribute list: once
                             {s, none}}));                // the whole instance
     EXPECT_EQ(err, 0u);
-    sess_mgr_session_start_destroy(h, luid, s);
 }
 
 TEST_F(Access, WholeSetCarriesValuesFlagsAndOwnershipUnderTracking) {
@@ -220,7 +214,7 @@ TEST_F(Access, WholeSetCarriesValuesFlagsAndOwnershipUnderTracking) {
 }
 
 TEST_F(Access, GetAllAndSetAllAreDeliberatelyAsymmetric) {
-    sm_dot11_params *d = sm_dot11_params_create(h, luid);
+    auto *d = own(sm_dot11_params_create(h, luid), sm_dot11_params_destroy);
     d->oui[0] = 0xEE;
     sm_dot11_params_set_all(h, luid, d, 1, 2, 0x303, 0x404, 0x505, 0x606, 7, &err);
     EXPECT_EQ(d->oui[0], 0xEE); // arrays and addresses are in neither
@@ -232,8 +226,8 @@ TEST_F(Access, GetAllAndSetAllAreDeliberatelyAsymmetric) {
     EXPECT_EQ(d->eType, 0x606);
 
     // The union: the integer and the discriminator out, the integer alone in.
-    ovrin_smd_resp_event *ev = ovrin_smd_resp_event_create(h, luid);
-    ovrin_sm_resp_type *kind = ovrin_sm_resp_type_create(h, luid);
+    auto *ev = own(ovrin_smd_resp_event_create(h, luid), ovrin_smd_resp_event_destroy);
+    auto *kind = own(ovrin_sm_resp_type_create(h, luid), ovrin_sm_resp_type_destroy);
     kind->value = 4;
     ovrin_smd_resp_event_resp_type_set(h, luid, ev, kind, &err);
     ovrin_smd_resp_event_set_all(h, luid, ev, 21, &err);
@@ -243,13 +237,10 @@ TEST_F(Access, GetAllAndSetAllAreDeliberatelyAsymmetric) {
     EXPECT_EQ(resp_type, 4u);
     EXPECT_EQ(session_type, 21u);
     EXPECT_EQ(err, 0u);
-    ovrin_sm_resp_type_destroy(h, luid, kind);
-    ovrin_smd_resp_event_destroy(h, luid, ev);
-    sm_dot11_params_destroy(h, luid, d);
 }
 
 TEST_F(Access, OffsetUpdateAndRemoveFollowTheNestedAreas) {
-    sess_mgr_session_start *s = sess_mgr_session_start_create(h, luid);
+    auto *s = own(sess_mgr_session_start_create(h, luid), sess_mgr_session_start_destroy);
     uint8_t base[32] = {};
     sess_mgr_session_start_offset_update(h, luid, s, base, &err);
     auto position = [&](const void *field) {
@@ -267,14 +258,13 @@ TEST_F(Access, OffsetUpdateAndRemoveFollowTheNestedAreas) {
     EXPECT_FALSE(mgx_sttr_offset_lookup(h, &s->hdl, nullptr));
     EXPECT_EQ(s->identity_attrs.sttr, nullptr);
     EXPECT_EQ(err, 0u);
-    sess_mgr_session_start_destroy(h, luid, s);
 }
 
 using AccessDeath = Access;
 
 TEST_F(AccessDeath, CorruptMarkerAbortsEveryTrackingPath) {
     track();
-    sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create(h, luid);
+    auto *c = own(sess_mgr_conn_hdl_create(h, luid), sess_mgr_conn_hdl_destroy);
     track(h, 0x1234);
     mgx_trace_set_stderr_level(0);
     EXPECT_DEATH(sess_mgr_conn_hdl_conn_hdl_set_value(h, luid, c, 1, &err), "Corrupted MGX Handle");
@@ -282,7 +272,6 @@ TEST_F(AccessDeath, CorruptMarkerAbortsEveryTrackingPath) {
     EXPECT_DEATH(sess_mgr_conn_hdl_set_all_state_tracking_flag(h, luid, c, 1), "Corrupted MGX Handle");
     mgx_trace_set_stderr_level(-1);
     track();
-    sess_mgr_conn_hdl_destroy(h, luid, c);
 }
 
 } // namespace

@@ -19,20 +19,17 @@ namespace {
 
 constexpr uint32_t luid = 7;
 
-struct Composite : RuntimeFixture {
-    // Takes the error slot's code and clears it for the next call.
-    uint32_t code() { return std::exchange(err, 0u); }
-};
+using Composite = RuntimeFixture;
 
 // ---------------------------------------------------------------- unions
 
 TEST_F(Composite, ASecondMemberKeepsBothSlotsAndOnlyTheSelectedOneDetaches) {
-    auto *u = ovrin_smd_resp_event_create(h, luid);
+    auto *u = own(ovrin_smd_resp_event_create(h, luid), ovrin_smd_resp_event_destroy);
     auto *reg = session_mgr_reg_result_create(h, luid);
-    auto *fresh = sess_mgr_new_client_notif_create(h, luid);
+    auto *fresh = own(sess_mgr_new_client_notif_create(h, luid), sess_mgr_new_client_notif_destroy);
     ovrin_smd_resp_event_reg_result_set(h, luid, u, reg, &err);
     ovrin_smd_resp_event_new_client_set(h, luid, u, fresh, &err);
-    ASSERT_EQ(code(), 0u);
+    ASSERT_EQ(take_err(), 0u);
     EXPECT_EQ(u->resp_type.value, SESS_MGR_RCL_NEW_CLIENT_NOTIFY_CB);
     EXPECT_EQ(ovrin_smd_resp_event_reg_result_get(h, luid, u, &err), reg);
     EXPECT_EQ(ovrin_smd_resp_event_new_client_get(h, luid, u, &err), fresh);
@@ -44,18 +41,15 @@ TEST_F(Composite, ASecondMemberKeepsBothSlotsAndOnlyTheSelectedOneDetaches) {
     EXPECT_EQ(u->new_client, nullptr);
     EXPECT_EQ(u->resp_type.value, 0u);
     EXPECT_EQ(ovrin_smd_resp_event_new_client_get_detach(h, luid, u, &err), nullptr);
-    EXPECT_EQ(code(), 0u);
-
-    sess_mgr_new_client_notif_destroy(h, luid, fresh);
-    ovrin_smd_resp_event_destroy(h, luid, u); // takes reg_result with it
+    EXPECT_EQ(take_err(), 0u);
 }
 
 TEST_F(Composite, AReplacedMemberIsDetachedNotDestroyed) {
     mgx_handle_set_flags(h, MGX_HANDLE_DATABASE);
     mgx_handle_set_domain_mode(h, 1);
     mgx_handle_set_descriptor_luid(h, luid);
-    auto *u = sess_mgr_oper_data_create(h, luid);
-    auto *first = sess_mgr_ctrl_dir_create(h, luid);
+    auto *u = own(sess_mgr_oper_data_create(h, luid), sess_mgr_oper_data_destroy);
+    auto *first = own(sess_mgr_ctrl_dir_create(h, luid), sess_mgr_ctrl_dir_destroy);
     auto *second = sess_mgr_ctrl_dir_create(h, luid);
     sess_mgr_oper_data_oper_ctrl_dir_set(h, luid, u, first, &err);
     mgx_hook_clear(h);
@@ -66,27 +60,23 @@ TEST_F(Composite, AReplacedMemberIsDetachedNotDestroyed) {
         detached_first |= mgx_hook_entry(h, i)->kind == MGX_HOOK_DETACH && mgx_hook_entry(h, i)->object == first;
     EXPECT_TRUE(detached_first);
     EXPECT_EQ(mgx_hook_count_kind(h, MGX_HOOK_DESTROY), 0u);
-    sess_mgr_ctrl_dir_destroy(h, luid, first); // still alive: the caller's to release
-    sess_mgr_oper_data_destroy(h, luid, u);
 }
 
 TEST_F(Composite, WholeUnionSetMovesTheMembersOutOfTheSource) {
-    auto *src = ovrin_smd_in_event_create(h, luid);
-    auto *dst = ovrin_smd_in_event_create(h, luid);
+    auto *src = own(ovrin_smd_in_event_create(h, luid), ovrin_smd_in_event_destroy);
+    auto *dst = own(ovrin_smd_in_event_create(h, luid), ovrin_smd_in_event_destroy);
     auto *on = sess_mgr_monitoring_create(h, luid);
     auto *off = sess_mgr_monitoring_create(h, luid);
     ovrin_smd_in_event_disable_mon_set(h, luid, src, off, &err);
     ovrin_smd_in_event_enable_mon_set(h, luid, src, on, &err); // same type, own slot
     ovrin_smd_in_event_set(h, luid, dst, src, &err);
-    ASSERT_EQ(code(), 0u);
+    ASSERT_EQ(take_err(), 0u);
     EXPECT_EQ(dst->enable_mon, on);
     EXPECT_EQ(dst->disable_mon, off);
     EXPECT_EQ(dst->event_type.value, SESS_MGR_RCL_IN_ENABLE_MONITORING);
     EXPECT_EQ(src->enable_mon, nullptr);
     EXPECT_EQ(src->disable_mon, nullptr);
     EXPECT_EQ(src->event_type.value, SESS_MGR_RCL_IN_ENABLE_MONITORING);
-    ovrin_smd_in_event_destroy(h, luid, src);
-    ovrin_smd_in_event_destroy(h, luid, dst); // each member freed exactly once
 }
 
 TEST_F(Composite, VariantBoundMembersAndDiscriminatorValues) {
@@ -95,16 +85,16 @@ TEST_F(Composite, VariantBoundMembersAndDiscriminatorValues) {
     ASSERT_EQ(reinterpret_cast<mgx_instance_hdr_t *>(u)->variant, 1);
     auto *status = sess_mgr_reader_status_create(h, luid);
     ovrin_smd_in_event_reader_status_set(h, luid, u, status, &err);
-    EXPECT_EQ(code(), MGX_EVARIANT);
+    EXPECT_EQ(take_err(), MGX_EVARIANT);
     EXPECT_EQ(u->reader_status, nullptr);
     EXPECT_EQ(ovrin_smd_in_event_reader_status_get(h, luid, u, &err), nullptr);
-    EXPECT_EQ(code(), MGX_EVARIANT);
+    EXPECT_EQ(take_err(), MGX_EVARIANT);
     sess_mgr_reader_status_destroy(h, luid, status);
 
     // remote_update (value 25, travelling as 24) is chosen by the stored 25.
     auto *remote = sess_mgr_remote_update_create(h, luid);
     ovrin_smd_in_event_remote_update_set(h, luid, u, remote, &err);
-    ASSERT_EQ(code(), 0u);
+    ASSERT_EQ(take_err(), 0u);
     EXPECT_EQ(u->event_type.value, SESS_MGR_RCL_IN_REMOTE_UPDATE);
     EXPECT_EQ(ovrin_smd_in_event_remote_update_get_detach(h, luid, u, &err), remote);
     sess_mgr_remote_update_destroy(h, luid, remote);
@@ -113,87 +103,83 @@ TEST_F(Composite, VariantBoundMembersAndDiscriminatorValues) {
     // A discriminator set in place, through its getter, refuses a value beyond its variant.
     auto *o = sess_mgr_oper_data_create(h, luid);
     sm_oper_data_type_set_value(h, luid, sess_mgr_oper_data_oper_type_get(h, luid, o, &err), 2, &err);
-    EXPECT_EQ(code(), MGX_EVARIANT);
+    EXPECT_EQ(take_err(), MGX_EVARIANT);
     EXPECT_EQ(o->oper_type.value, 0u);
     // The discriminator's own scalar accessors: the enumeration's user value, refused beyond its
     // variant as well, and marked set under tracking.
     sess_mgr_oper_data_oper_type_set_value(h, luid, o, 2, &err);
-    EXPECT_EQ(code(), MGX_EVARIANT);
+    EXPECT_EQ(take_err(), MGX_EVARIANT);
     sess_mgr_oper_data_oper_type_set_value(h, luid, o, 1, &err);
     EXPECT_EQ(sess_mgr_oper_data_oper_type_get_value(h, luid, o, &err), 1u);
-    EXPECT_EQ(code(), 0u);
+    EXPECT_EQ(take_err(), 0u);
     sess_mgr_oper_data_destroy(h, luid, o);
     track();
-    auto *e = ovrin_smd_in_event_create(h, luid);
+    auto *e = own(ovrin_smd_in_event_create(h, luid), ovrin_smd_in_event_destroy);
     ovrin_smd_in_event_event_type_set_value(h, luid, e, SESS_MGR_RCL_IN_REMOTE_UPDATE, &err);
     EXPECT_EQ(e->event_type.value, SESS_MGR_RCL_IN_REMOTE_UPDATE);
     EXPECT_EQ(ovrin_smd_in_event_event_type_get_value(h, luid, e, &err), uint32_t{SESS_MGR_RCL_IN_REMOTE_UPDATE});
     EXPECT_EQ(ovrin_smd_in_event_event_type_state_flag_get(h, luid, e, &err), 2);
-    EXPECT_EQ(code(), 0u);
-    ovrin_smd_in_event_destroy(h, luid, e);
+    EXPECT_EQ(take_err(), 0u);
 }
 
 TEST_F(Composite, MemberFlagsUnderTracking) {
     auto *untracked = sess_mgr_ctrl_dir_create(h, luid);
     track();
-    auto *u = sess_mgr_oper_data_create(h, luid);
+    auto *u = own(sess_mgr_oper_data_create(h, luid), sess_mgr_oper_data_destroy);
     sess_mgr_oper_data_oper_ctrl_dir_set(h, luid, u, untracked, &err);
-    EXPECT_EQ(code(), MGX_EINVAL);
+    EXPECT_EQ(take_err(), MGX_EINVAL);
     EXPECT_EQ(traced("The val object is not state tracked"), 1u);
     EXPECT_EQ(u->oper_ctrl_dir, untracked); // stored all the same
     EXPECT_EQ(sess_mgr_oper_data_oper_ctrl_dir_state_flag_get(h, luid, u, &err), 0);
 
-    auto *member = sess_mgr_ctrl_dir_create(h, luid);
+    auto *member = own(sess_mgr_ctrl_dir_create(h, luid), sess_mgr_ctrl_dir_destroy);
     EXPECT_EQ(sess_mgr_oper_data_oper_ctrl_dir_get_detach(h, luid, u, &err), untracked);
     sess_mgr_ctrl_dir_destroy(h, luid, untracked);
     sess_mgr_oper_data_oper_ctrl_dir_set(h, luid, u, member, &err);
     EXPECT_EQ(sess_mgr_oper_data_oper_ctrl_dir_state_flag_get(h, luid, u, &err), 2);
     EXPECT_EQ(ovrin_smd_resp_event_reg_result_state_flag_get(h, luid, nullptr, &err), 0);
-    EXPECT_EQ(code(), MGX_EINVAL);
+    EXPECT_EQ(take_err(), MGX_EINVAL);
     EXPECT_EQ(sess_mgr_oper_data_oper_ctrl_dir_get_detach(h, luid, u, &err), member);
     EXPECT_EQ(sess_mgr_oper_data_oper_ctrl_dir_state_flag_get(h, luid, u, &err), 0);
-    EXPECT_EQ(code(), 0u);
-    sess_mgr_ctrl_dir_destroy(h, luid, member);
-    sess_mgr_oper_data_destroy(h, luid, u);
+    EXPECT_EQ(take_err(), 0u);
 }
 
 // ---------------------------------------------------------------- fixed arrays
 
 TEST_F(Composite, FixedArrayBoundsAndBulkCopies) {
-    auto *p = sm_dot11_params_create(h, luid);
+    auto *p = own(sm_dot11_params_create(h, luid), sm_dot11_params_destroy);
     p->eType = 0xBEEF;
     const u_int8 oui[4] = {0x00, 0x1B, 0x2C, 0x3D};
     sm_dot11_params_oui_set_mem(h, luid, p, oui, 4, &err);
-    EXPECT_EQ(code(), MGX_EINVAL);
+    EXPECT_EQ(take_err(), MGX_EINVAL);
     EXPECT_EQ(p->oui[0] | p->oui[1] | p->oui[2], 0);
     sm_dot11_params_oui_set_mem(h, luid, p, oui, 3, &err);
     u_int8 out[4] = {9, 9, 9, 9};
     sm_dot11_params_oui_get_mem(h, luid, p, out, 4, &err);
-    EXPECT_EQ(code(), MGX_EINVAL);
+    EXPECT_EQ(take_err(), MGX_EINVAL);
     EXPECT_EQ(out[0], 9);
     sm_dot11_params_oui_get_mem(h, luid, p, out, 3, &err);
-    EXPECT_EQ(code(), 0u);
+    EXPECT_EQ(take_err(), 0u);
     EXPECT_EQ(std::memcmp(out, oui, 3), 0);
     EXPECT_EQ(out[3], 9);
 
     EXPECT_EQ(sm_dot11_params_oui_get_value(h, luid, p, 3, &err), 0);
-    EXPECT_EQ(code(), MGX_ENOENT);
+    EXPECT_EQ(take_err(), MGX_ENOENT);
     sm_dot11_params_oui_set_value(h, luid, p, 3, 0xFF, &err);
-    EXPECT_EQ(code(), MGX_ENOENT);
+    EXPECT_EQ(take_err(), MGX_ENOENT);
     // The pointer form trusts its index: no error, and nothing past the array is touched (not
     // even the padding behind it).
     const u_int8 v = 0x77;
     std::vector<uint8_t> before(reinterpret_cast<uint8_t *>(p), reinterpret_cast<uint8_t *>(p + 1));
     for (uint32_t index : {3u, 4u, 1000u}) sm_dot11_params_oui_set(h, luid, p, index, &v, &err);
-    EXPECT_EQ(code(), 0u);
+    EXPECT_EQ(take_err(), 0u);
     EXPECT_EQ(std::vector<uint8_t>(reinterpret_cast<uint8_t *>(p), reinterpret_cast<uint8_t *>(p + 1)), before);
     sm_dot11_params_oui_set(h, luid, p, 2, &v, &err);
     EXPECT_EQ(sm_dot11_params_oui_get_value(h, luid, p, 2, &err), 0x77);
-    sm_dot11_params_destroy(h, luid, p);
 }
 
 TEST_F(Composite, EnumerationElementsKeepTheirHeaders) {
-    auto *b = ovrin_epm_bind_policy_info_create(h, luid);
+    auto *b = own(ovrin_epm_bind_policy_info_create(h, luid), ovrin_epm_bind_policy_info_destroy);
     ovrin_epm_bind_policy_info_policy_src_set_value(h, luid, b, 1, OVRIN_EPM_SOURCE_AAA, &err);
     EXPECT_EQ(ovrin_epm_bind_policy_info_policy_src_get_value(h, luid, b, 1, &err), OVRIN_EPM_SOURCE_AAA);
     ovrin_epm_policy_source src[4] = {};
@@ -203,13 +189,12 @@ TEST_F(Composite, EnumerationElementsKeepTheirHeaders) {
     EXPECT_EQ(b->policy_src[3].value, OVRIN_EPM_SOURCE_LOCAL);
     EXPECT_EQ(b->policy_src[3].descriptor, descriptor);
     EXPECT_NE(b->policy_src[3].flags & MGX_IF_NESTED, 0);
-    EXPECT_EQ(code(), 0u);
-    ovrin_epm_bind_policy_info_destroy(h, luid, b);
+    EXPECT_EQ(take_err(), 0u);
 }
 
 TEST_F(Composite, FixedArrayFlagsAndTheAsymmetricFlagArrayCopy) {
     track();
-    auto *p = sm_dot11_params_create(h, luid);
+    auto *p = own(sm_dot11_params_create(h, luid), sm_dot11_params_destroy);
     const u_int8 oui[3] = {1, 2, 3};
     sm_dot11_params_oui_set_mem(h, luid, p, oui, 3, &err);
     EXPECT_EQ(sm_dot11_params_oui_state_flag_whole_get(h, luid, p, &err), 2); // only the whole-array flag
@@ -217,7 +202,7 @@ TEST_F(Composite, FixedArrayFlagsAndTheAsymmetricFlagArrayCopy) {
     sm_dot11_params_oui_set_value(h, luid, p, 1, 9, &err);
     EXPECT_EQ(sm_dot11_params_oui_state_flag_get(h, luid, p, 1, &err), 2);
     EXPECT_EQ(sm_dot11_params_oui_state_flag_get(h, luid, p, 3, &err), 0);
-    EXPECT_EQ(code(), MGX_ENOENT);
+    EXPECT_EQ(take_err(), MGX_ENOENT);
 
     uint8_t *per_element = nullptr;
     sm_dot11_params_oui_state_flag_get_arr(h, luid, p, &per_element, &err);
@@ -225,10 +210,10 @@ TEST_F(Composite, FixedArrayFlagsAndTheAsymmetricFlagArrayCopy) {
     EXPECT_EQ(per_element[1], 2);
     const uint8_t flags[3] = {7, 8, 9};
     sm_dot11_params_oui_state_flag_set_arr(h, luid, p, flags, 2, &err);
-    EXPECT_EQ(code(), MGX_ENOENT);
+    EXPECT_EQ(take_err(), MGX_ENOENT);
     mgx_journal_clear(h);
     sm_dot11_params_oui_state_flag_set_arr(h, luid, p, flags, 3, &err);
-    EXPECT_EQ(code(), 0u);
+    EXPECT_EQ(take_err(), 0u);
     // Written at the start of the record's area (the first fields' bytes), unannounced.
     EXPECT_EQ(per_element[0], 0);
     EXPECT_EQ(per_element[1], 2);
@@ -238,9 +223,8 @@ TEST_F(Composite, FixedArrayFlagsAndTheAsymmetricFlagArrayCopy) {
 
     mgx_handle_set_state_tracking(h, 1, MGX_STTR_UNTRACKED);
     sm_dot11_params_oui_state_flag_set_arr(h, luid, p, flags, 3, &err);
-    EXPECT_EQ(code(), MGX_EINVAL);
+    EXPECT_EQ(take_err(), MGX_EINVAL);
     EXPECT_EQ(traced("The object is not state tracked"), 0u);
-    sm_dot11_params_destroy(h, luid, p);
 }
 
 // ---------------------------------------------------------------- variable arrays
@@ -255,11 +239,11 @@ fqdn_domain_name_bind *named(mgx_handle_t *h, const char *name) {
 
 TEST_F(Composite, SettingIndexFiveOfAnEmptyArrayGrowsItExactly) {
     track();
-    auto *r = ovrin_svm_epm_notify_domain_name_bind_create(h, luid);
+    auto *r = own(ovrin_svm_epm_notify_domain_name_bind_create(h, luid), ovrin_svm_epm_notify_domain_name_bind_destroy);
     auto *value = named(h, "a.example");
     uint64_t blocks = mgx_handle_live_allocations(h), used = mgx_handle_live_bytes(h);
     ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, luid, r, 5, value, &err);
-    ASSERT_EQ(code(), 0u);
+    ASSERT_EQ(take_err(), 0u);
     EXPECT_EQ(r->domain_names_length, 6u);
     // One block of six elements and a flag slot each (the element's area, at least two bytes),
     // plus the copied name.
@@ -279,7 +263,7 @@ TEST_F(Composite, SettingIndexFiveOfAnEmptyArrayGrowsItExactly) {
     EXPECT_NE(last->name, value->name);
     EXPECT_EQ(last->fqdn_register, 1);
     EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_domain_names_get(h, luid, r, 6, &err), nullptr);
-    EXPECT_EQ(code(), MGX_ENOENT);
+    EXPECT_EQ(take_err(), MGX_ENOENT);
 
     // Flags: the whole array and element 5 (its first byte of two) are marked.
     EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_domain_names_state_flag_whole_get(h, luid, r, &err), 2);
@@ -288,7 +272,7 @@ TEST_F(Composite, SettingIndexFiveOfAnEmptyArrayGrowsItExactly) {
     EXPECT_EQ(flags, reinterpret_cast<uint8_t *>(r->domain_names + 6));
     EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_domain_names_state_flag_get(h, luid, r, 5, &err), 2);
     EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_domain_names_state_flag_get(h, luid, r, 4, &err), 0);
-    EXPECT_EQ(code(), 0u);
+    EXPECT_EQ(take_err(), 0u);
 
     ovrin_svm_epm_notify_domain_name_bind_domain_names_remove_elements(h, luid, r);
     EXPECT_EQ(r->domain_names, nullptr);
@@ -296,14 +280,13 @@ TEST_F(Composite, SettingIndexFiveOfAnEmptyArrayGrowsItExactly) {
     EXPECT_EQ(mgx_handle_live_allocations(h), blocks);
     ovrin_svm_epm_notify_domain_name_bind_domain_names_remove_elements(h, luid, r); // nothing left to do
     fqdn_domain_name_bind_destroy(h, luid, value);
-    ovrin_svm_epm_notify_domain_name_bind_destroy(h, luid, r);
 }
 
 TEST_F(Composite, GrowingANonEmptyArrayMovesElementsAndTracesOncePerProcess) {
     track();
     const std::string text = "Reallocating resource for sess_mgr_sess_attr_query_resp";
-    auto *r = sess_mgr_sess_attr_query_resp_create(h, luid);
-    auto *value = sess_mgr_query_resp_create(h, luid);
+    auto *r = own(sess_mgr_sess_attr_query_resp_create(h, luid), sess_mgr_sess_attr_query_resp_destroy);
+    auto *value = own(sess_mgr_query_resp_create(h, luid), sess_mgr_query_resp_destroy);
     value->label.session_label = 41;
     EXPECT_EQ(sess_mgr_sess_attr_query_resp_resp_array_set_cr(h, r, 0, value, 1), 0u);
     EXPECT_EQ(traced(text), 0u); // nothing to move from
@@ -337,8 +320,6 @@ TEST_F(Composite, GrowingANonEmptyArrayMovesElementsAndTracesOncePerProcess) {
         // Every flag of the element, set through it, lands in its slot (ASan watches the block's end).
         sess_mgr_query_resp_set_all_state_tracking_flag(h, luid, &r->resp_array[k], 1);
     }
-    sess_mgr_query_resp_destroy(h, luid, value);
-    sess_mgr_sess_attr_query_resp_destroy(h, luid, r);
 }
 
 TEST_F(Composite, FailedGrowthAndUntrackedValuesLeaveTheArrayAsItWas) {
@@ -349,7 +330,7 @@ TEST_F(Composite, FailedGrowthAndUntrackedValuesLeaveTheArrayAsItWas) {
     uint64_t blocks = mgx_handle_live_allocations(h);
     mgx_handle_fail_allocation(h, 1);
     ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, luid, r, 3, value, &err);
-    EXPECT_EQ(code(), MGX_ENOMEM);
+    EXPECT_EQ(take_err(), MGX_ENOMEM);
     EXPECT_EQ(r->domain_names, block);
     EXPECT_EQ(r->domain_names_length, 1u);
     EXPECT_STREQ(block->name, "b.example");
@@ -359,7 +340,7 @@ TEST_F(Composite, FailedGrowthAndUntrackedValuesLeaveTheArrayAsItWas) {
     track();
     r = ovrin_svm_epm_notify_domain_name_bind_create(h, luid);
     ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, luid, r, 0, value, &err);
-    EXPECT_EQ(code(), MGX_EINVAL);
+    EXPECT_EQ(take_err(), MGX_EINVAL);
     EXPECT_EQ(traced("The val object is not state tracked"), 1u);
     EXPECT_EQ(r->domain_names, nullptr);
     fqdn_domain_name_bind_destroy(h, luid, value);
@@ -369,20 +350,20 @@ TEST_F(Composite, FailedGrowthAndUntrackedValuesLeaveTheArrayAsItWas) {
 // ---------------------------------------------------------------- counted strings
 
 TEST_F(Composite, StringsCopyExactlyTheirLengthAndCutCopiesOut) {
-    auto *n = sess_mgr_client_name_create(h, luid);
+    auto *n = own(sess_mgr_client_name_create(h, luid), sess_mgr_client_name_destroy);
     sess_mgr_client_name_client_name_set(h, luid, n, "hello world", 5, &err);
     EXPECT_STREQ(n->client_name, "hello");
     EXPECT_EQ(sess_mgr_client_name_cl_name_len_get_value(h, luid, n, &err), 5u);
     char out[8];
     sess_mgr_client_name_client_name_get(h, luid, n, out, sizeof out, &err);
-    EXPECT_EQ(code(), 0u);
+    EXPECT_EQ(take_err(), 0u);
     EXPECT_STREQ(out, "hello");
     sess_mgr_client_name_client_name_get(h, luid, n, out, 5, &err);
-    EXPECT_EQ(code(), MGX_ERANGE);
+    EXPECT_EQ(take_err(), MGX_ERANGE);
     EXPECT_STREQ(out, "hell");
     out[0] = '#';
     sess_mgr_client_name_client_name_get(h, luid, n, out, 0, &err);
-    EXPECT_EQ(code(), MGX_EINVAL);
+    EXPECT_EQ(take_err(), MGX_EINVAL);
     EXPECT_EQ(out[0], '#'); // a buffer of size 0 is not written at all
 
     // An earlier NUL ends the text; the length stays the one given.
@@ -395,9 +376,8 @@ TEST_F(Composite, StringsCopyExactlyTheirLengthAndCutCopiesOut) {
     EXPECT_EQ(n->client_name, nullptr);
     EXPECT_EQ(n->cl_name_len, 0u);
     sess_mgr_client_name_client_name_get(h, luid, n, out, sizeof out, &err);
-    EXPECT_EQ(code(), 0u);
+    EXPECT_EQ(take_err(), 0u);
     EXPECT_STREQ(out, "");
-    sess_mgr_client_name_destroy(h, luid, n);
 }
 
 TEST_F(Composite, ShortLengthFieldsKeepTheLowSixteenBitsAndNoLimitApplies) {
@@ -409,16 +389,15 @@ TEST_F(Composite, ShortLengthFieldsKeepTheLowSixteenBitsAndNoLimitApplies) {
     fqdn_domain_name_bind_destroy(h, luid, f);
 
     // A 32-bit length field takes lengths far above the domain's published limits.
-    auto *b = ovrin_epm_bind_policy_info_create(h, luid);
+    auto *b = own(ovrin_epm_bind_policy_info_create(h, luid), ovrin_epm_bind_policy_info_destroy);
     EXPECT_EQ(ovrin_epm_bind_policy_info_sgacl_name_set_cr(h, b, text.c_str(), 600), 0u);
     EXPECT_EQ(b->max_sgacl_name_length, 600u);
     EXPECT_EQ(std::strlen(b->sgacl_name), 600u);
-    ovrin_epm_bind_policy_info_destroy(h, luid, b);
 }
 
 TEST_F(Composite, AFailedStringAllocationLeavesNoStringAndTheOldLength) {
     track();
-    auto *s = sess_mgr_sensor_update_create(h, luid);
+    auto *s = own(sess_mgr_sensor_update_create(h, luid), sess_mgr_sensor_update_destroy);
     sess_mgr_sensor_update_agent_name_set(h, luid, s, "curl", 4, &err);
     EXPECT_EQ(sess_mgr_sensor_update_agent_name_state_flag_get(h, luid, s, &err), 2);
     uint64_t blocks = mgx_handle_live_allocations(h);
@@ -427,7 +406,6 @@ TEST_F(Composite, AFailedStringAllocationLeavesNoStringAndTheOldLength) {
     EXPECT_EQ(s->agent_name, nullptr);
     EXPECT_EQ(s->http_agent_name_len, 4u);
     EXPECT_EQ(mgx_handle_live_allocations(h), blocks - 1);
-    sess_mgr_sensor_update_destroy(h, luid, s);
 }
 
 } // namespace

@@ -34,7 +34,7 @@ struct Text : RuntimeFixture {
 };
 
 TEST_F(Text, OneFieldRecordGoldenForms) {
-    sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create(h, 1);
+    auto *c = own(sess_mgr_conn_hdl_create(h, 1), sess_mgr_conn_hdl_destroy);
     c->conn_hdl = 7;
     const char *golden = "sess_mgr_conn_hdl@sess_mgr_conn_hdl: {\n  conn_hdl: 7\n}\n";
     EXPECT_EQ(sess_mgr_conn_hdl_print_cr(h, c, buf, sizeof buf), static_cast<int32_t>(std::strlen(golden)));
@@ -47,11 +47,10 @@ TEST_F(Text, OneFieldRecordGoldenForms) {
     uint32_t err = 0;
     EXPECT_EQ(sess_mgr_conn_hdl_print(h, 1, buf, 2, "hdl", c, sizeof buf, &err), 27u);
     EXPECT_STREQ(buf, "  hdl@sess_mgr_conn_hdl: {\n");
-    sess_mgr_conn_hdl_destroy(h, 1, c);
 }
 
 TEST_F(Text, UnionsShowOnlyTheSelectedFilledMember) {
-    ovrin_smd_resp_event *e = ovrin_smd_resp_event_create(h, 1);
+    auto *e = own(ovrin_smd_resp_event_create(h, 1), ovrin_smd_resp_event_destroy);
     e->resp_type.value = SESS_MGR_RCL_NEW_CLIENT_NOTIFY_CB;
     e->reg_result = session_mgr_reg_result_create(h, 1); // not selected
     ovrin_smd_resp_event_print_cr(h, e, buf, sizeof buf);
@@ -67,7 +66,6 @@ TEST_F(Text, UnionsShowOnlyTheSelectedFilledMember) {
     EXPECT_NE(xml.find("<resp_type><SESS_MGR_RCL_NEW_CLIENT_NOTIFY_CB/></resp_type>"), std::string::npos);
     EXPECT_NE(xml.find("<resp_type-new_client>"), std::string::npos);
     EXPECT_EQ(xml.rfind("</ovrin_smd_resp_event>"), xml.size() - 23);
-    ovrin_smd_resp_event_destroy(h, 1, e);
 }
 
 TEST_F(Text, ArraysStringsAndVersions) {
@@ -100,29 +98,27 @@ TEST_F(Text, ArraysStringsAndVersions) {
     }
 
     // Special characters in strings survive the XML round trip.
-    sess_mgr_client_name *n = sess_mgr_client_name_create(h, 1);
+    auto *n = own(sess_mgr_client_name_create(h, 1), sess_mgr_client_name_destroy);
     const char *nasty = "a<b&c\"d'e>";
     n->client_name = static_cast<char *>(h->inst_alloc(h->alloc_ctx, 1, 11));
     std::memcpy(n->client_name, nasty, 11);
     n->cl_name_len = 10;
     std::string xml = xml_of(testfill::type("sess_mgr_client_name"), n);
-    sess_mgr_client_name *r = sess_mgr_client_name_create(h, 1);
+    auto *r = own(sess_mgr_client_name_create(h, 1), sess_mgr_client_name_destroy);
     read_back(testfill::type("sess_mgr_client_name"), xml, r, &err);
     EXPECT_EQ(err, 0u);
     EXPECT_EQ(r->cl_name_len, 10u);
     EXPECT_STREQ(r->client_name, nasty);
     sess_mgr_client_name_print_cr(h, r, buf, sizeof buf);
     EXPECT_NE(std::string(buf).find("  client_name: a<b&c\"d'e>\n"), std::string::npos);
-    sess_mgr_client_name_destroy(h, 1, r);
-    sess_mgr_client_name_destroy(h, 1, n);
 }
 
 // Read into an instance that already owns a string and an array, a document replaces them: the
 // old blocks (and the elements' own strings) go, as the fixture's leak check sees.
 TEST_F(Text, ReadingIntoAHeldInstanceReplacesWhatItOwned) {
     uint32_t err = 0;
-    auto *r = ovrin_svm_epm_notify_domain_name_bind_create(h, 1);
-    auto *value = fqdn_domain_name_bind_create(h, 1);
+    auto *r = own(ovrin_svm_epm_notify_domain_name_bind_create(h, 1), ovrin_svm_epm_notify_domain_name_bind_destroy);
+    auto *value = own(fqdn_domain_name_bind_create(h, 1), fqdn_domain_name_bind_destroy);
     fqdn_domain_name_bind_name_set(h, 1, value, "old.example", 11, &err);
     for (uint32_t k = 0; k < 3; ++k) ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, 1, r, k, value, &err);
     ASSERT_EQ(err, 0u);
@@ -137,12 +133,10 @@ TEST_F(Text, ReadingIntoAHeldInstanceReplacesWhatItOwned) {
     read_back(testfill::type("fqdn_domain_name_bind"),
               "<fqdn_domain_name_bind><name_len>2</name_len><name>xy</name></fqdn_domain_name_bind>", value, &err);
     EXPECT_STREQ(value->name, "xy");
-    fqdn_domain_name_bind_destroy(h, 1, value);
-    ovrin_svm_epm_notify_domain_name_bind_destroy(h, 1, r);
 }
 
 TEST_F(Text, PartialDocumentsKeepWhatTheyDoNotMention) {
-    sess_mgr_register *r = sess_mgr_register_create(h, 1);
+    auto *r = own(sess_mgr_register_create(h, 1), sess_mgr_register_destroy);
     r->session_type = 5;
     r->cb_bitmap = 6;
     uint32_t err = 0;
@@ -159,7 +153,7 @@ TEST_F(Text, PartialDocumentsKeepWhatTheyDoNotMention) {
     read_back(testfill::type("sess_mgr_register"), "<other/>", r, &err);
     EXPECT_EQ(err, 2u);
     err = 0;
-    ovrin_svm_epm_notify_domain_name_bind *b = ovrin_svm_epm_notify_domain_name_bind_create(h, 1);
+    auto *b = own(ovrin_svm_epm_notify_domain_name_bind_create(h, 1), ovrin_svm_epm_notify_domain_name_bind_destroy);
     uint64_t before = mgx_handle_total_allocations(h);
     void *doc = mgx_xml_document_parse("<x><domain_names_length>4000000000</domain_names_length></x>", 61);
     char msg[64];
@@ -177,8 +171,6 @@ TEST_F(Text, PartialDocumentsKeepWhatTheyDoNotMention) {
     EXPECT_EQ(err, 22u);
     EXPECT_STREQ(msg, "Invalid value at x/domain_names_length");
     EXPECT_EQ(mgx_handle_total_allocations(h), before);
-    ovrin_svm_epm_notify_domain_name_bind_destroy(h, 1, b);
-    sess_mgr_register_destroy(h, 1, r);
 }
 
 TEST_F(Text, OutputIsBoundedAtEverySize) {

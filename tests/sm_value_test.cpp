@@ -273,12 +273,11 @@ TEST_F(Value, HashChainsThroughTheFieldsInDeclarationOrder) {
               SuperFastHash(disc, 4, SuperFastHash(disc, 4, u_int32_hash(&p->proximity, u_int32_hash(&p->trusted, 11)))));
     sess_mgr_extended_params_destroy(h, 1, p);
 
-    auto *f = fqdn_domain_name_bind_create(h, 1);
+    auto *f = own(fqdn_domain_name_bind_create(h, 1), fqdn_domain_name_bind_destroy);
     text(&f->name, &f->name_len, "host.example");
     f->fqdn_register = 1;
     uint32_t chain = u_int16_hash(&f->name_len, u_int8_hash(&f->fqdn_register, u_int16_hash(&f->name_len, 0)));
     EXPECT_EQ(fqdn_domain_name_bind_hash(f, 0), SuperFastHash(f->name, f->name_len, chain));
-    fqdn_domain_name_bind_destroy(h, 1, f);
 }
 
 TEST_F(Value, MemberValidityFollowsTheDomainAndInstanceVariants) {
