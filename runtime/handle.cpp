@@ -192,6 +192,7 @@ size_t mgx_handle_bookkeeping(const mgx_handle_t *h) {
 }
 uint64_t mgx_handle_total_allocations(const mgx_handle_t *h) { return rt(h)->total_allocations; }
 void mgx_handle_fail_allocation(mgx_handle_t *h, uint32_t nth) { rt(h)->fail_nth = nth; }
+uint32_t mgx_handle_allocation_failure_pending(const mgx_handle_t *h) { return rt(h)->fail_nth; }
 void mgx_handle_fail_registry_allocation(mgx_handle_t *h, uint32_t nth) { rt(h)->registry_fail_nth = nth; }
 uint32_t mgx_handle_registry_count(const mgx_handle_t *h) { return static_cast<uint32_t>(rt(h)->registry.size()); }
 

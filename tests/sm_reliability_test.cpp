@@ -52,12 +52,14 @@ struct Reliability : ::testing::Test {
         }
     }
     uint64_t mark = 0;
+    uint32_t armed = 0;
     void arm(uint32_t nth) {
         mgx_clear_last_error(h, 1, nullptr);
-        mgx_handle_fail_allocation(h, nth);
+        mgx_handle_fail_allocation(h, armed = nth);
         mark = total();
     }
     uint64_t made() {
+        EXPECT_EQ(mgx_handle_allocation_failure_pending(h), 0u) << "the refused allocation was reached, or none armed";
         mgx_handle_fail_allocation(h, 0);
         return total() - mark;
     }

@@ -45,6 +45,9 @@ MGX_API size_t mgx_handle_bookkeeping(const mgx_handle_t *h);
 MGX_API uint64_t mgx_handle_total_allocations(const mgx_handle_t *h);
 /* the nth instance allocation from now fails (1 = the next); 0 = none */
 MGX_API void mgx_handle_fail_allocation(mgx_handle_t *h, uint32_t nth);
+/* instance allocations still to come before the armed failure: 0 once it has happened (or when
+ * none is armed), so a caller can tell whether an operation reached it */
+MGX_API uint32_t mgx_handle_allocation_failure_pending(const mgx_handle_t *h);
 /* the same for the registry allocator */
 MGX_API void mgx_handle_fail_registry_allocation(mgx_handle_t *h, uint32_t nth);
 /* descriptors registered in this handle */
