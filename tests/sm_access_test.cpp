@@ -47,11 +47,9 @@ TEST_F(Access, LaterVariantFieldIsAbsentAtVariantZero) {
     std::vector<uint8_t> before = bytes_of(s, 232);
     mgx_journal_clear(h);
     sess_mgr_session_start_cl_name_set(h, luid, s, name, &err);
-    EXPECT_EQ(err, MGX_EVARIANT);
-    err = 0;
+    EXPECT_EQ(take_err(), MGX_EVARIANT);
     EXPECT_EQ(sess_mgr_session_start_cl_name_get(h, luid, s, &err), nullptr);
-    EXPECT_EQ(err, MGX_EVARIANT);
-    err = 0;
+    EXPECT_EQ(take_err(), MGX_EVARIANT);
     sess_mgr_session_start_cl_name_state_flag_set(h, luid, s, 5, &err);
     EXPECT_EQ(err, MGX_EVARIANT);
     EXPECT_EQ(mgx_handle_last_error(h), MGX_EVARIANT);
