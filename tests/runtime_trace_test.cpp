@@ -3,14 +3,15 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "mgx/runtime.h"
@@ -24,41 +25,33 @@ namespace fmt = mgx::tracefmt;
 // builds the one it places in a bundle's file.
 struct Table {
     mgx_trace_table_t t{};
-    explicit Table(const std::vector<std::string> &texts) {
+    std::vector<uint8_t> section;
+    explicit Table(const std::vector<std::string> &texts, bool attach = true) : section(fmt::texts_section(texts)) {
         std::string raw;
         for (auto &s : texts) raw += s + '\0';
-        t = {MGX_TRACE_TABLE_MAGIC, static_cast<uint32_t>(texts.size()), "test", ".test_texts",
-             mgx::tracefmt::texts_crc(raw), nullptr};
-        std::vector<uint8_t> section = mgx::tracefmt::texts_section(texts);
-        EXPECT_EQ(mgx_trace_texts_attach(&t, section.data(), section.size()), 0);
+        t = {MGX_TRACE_TABLE_MAGIC, static_cast<uint32_t>(texts.size()), "test", ".test_texts", fmt::texts_crc(raw), nullptr};
+        EXPECT_EQ(attach ? mgx_trace_texts_attach(&t, section.data(), section.size()) : 0, 0);
     }
 };
 
-TEST(Trace, ModuleRegistrationIsIdempotent) {
-    uint16_t id = 0, again = 0;
+// A module registers once under its name. What the trace facility keeps is bounded, and the names
+// it hands out stay put: a module name through later registrations, a bundle-call text through
+// the ring's turnover.
+TEST(Trace, ModulesRegisterOnceAndRecordsAreBoundedWithNamesThatStayValid) {
+    uint16_t id = 0, again = 999;
     uint32_t state = 0, other_state = 0;
-    qlog_module_init_fn("mgx_test_module", &id, &state);
+    qlog_module_init_fn("mgx_stable_name_module", &id, &state);
     EXPECT_NE(id, 0);
     EXPECT_NE(state, 0u);
-    again = 999;
-    qlog_module_init_fn("mgx_test_module", &again, &state); // state says done: nothing written
+    qlog_module_init_fn("mgx_stable_name_module", &again, &state); // state says done: nothing written
     EXPECT_EQ(again, 999);
-    qlog_module_init_fn("mgx_test_module", &again, &other_state); // same name, same id
+    qlog_module_init_fn("mgx_stable_name_module", &again, &other_state); // same name, same id
     EXPECT_EQ(again, id);
-    EXPECT_STREQ(mgx_trace_module_name(id), "mgx_test_module");
-}
-
-// What the trace facility keeps is bounded, and the names it hands out stay put: a module name
-// through later registrations, a bundle-call text through the ring's turnover.
-TEST(Trace, RecordsAreBoundedAndNamesStayValid) {
-    uint16_t id = 0;
-    uint32_t state = 0;
-    qlog_module_init_fn("mgx_stable_name_module", &id, &state);
     const char *name = mgx_trace_module_name(id);
     for (int i = 0; i < 40; ++i) {
         uint16_t other = 0;
-        uint32_t other_state = 0;
-        qlog_module_init_fn(("mgx_more_module_" + std::to_string(i)).c_str(), &other, &other_state);
+        uint32_t fresh = 0;
+        qlog_module_init_fn(("mgx_more_module_" + std::to_string(i)).c_str(), &other, &fresh);
     }
     EXPECT_STREQ(name, "mgx_stable_name_module");
 
@@ -84,34 +77,33 @@ TEST(Trace, RecordsAreBoundedAndNamesStayValid) {
 TEST(Trace, EmissionsAreRenderedAndCaptured) {
     Table tab({"Corrupted MGX Handle", "error in x create: %s",
                "offset_jump read_len %d offset_jump_base %d _mgx_variant_jump %d",
-               "varinfo is NULL variant %u requested only %u variants present",
-               "Failed to decrement ref count of oid %p. Error %s"});
+               "varinfo is NULL variant %u requested only %u variants present"});
     mgx_trace_clear();
     qlog_emit_0(&tab.t, 0, 7, MGX_SEV_EMERG);
     qlog_emit_s(&tab.t, 1, 7, MGX_SEV_ERROR, "Cannot allocate memory");
-    qlog_emit_ddd(&tab.t, 2, 7, MGX_SEV_DEBUG, 10, 6, 12);
+    qlog_emit_ddd(&tab.t, 2, 8, MGX_SEV_DEBUG, 10, 6, 12);
     qlog_emit_uu(&tab.t, 3, 7, MGX_SEV_INFO, 3, 2);
     qlog_emit_s(&tab.t, 3, 7, MGX_SEV_INFO, "wrong shape"); // shown unformatted, never misread
     qlog_emit_0(&tab.t, 99, 7, MGX_SEV_INFO);               // no such message
-    ASSERT_EQ(mgx_trace_count(), 6u);
-    EXPECT_STREQ(mgx_trace_text(0), "Corrupted MGX Handle");
-    EXPECT_EQ(mgx_trace_severity(0), 0);
-    EXPECT_STREQ(mgx_trace_text(1), "error in x create: Cannot allocate memory");
-    EXPECT_EQ(mgx_trace_severity(1), 3);
-    EXPECT_STREQ(mgx_trace_text(2), "offset_jump read_len 10 offset_jump_base 6 _mgx_variant_jump 12");
-    EXPECT_EQ(mgx_trace_severity(2), 7);
-    EXPECT_STREQ(mgx_trace_text(3), "varinfo is NULL variant 3 requested only 2 variants present");
-    EXPECT_STREQ(mgx_trace_text(4), "varinfo is NULL variant %u requested only %u variants present");
-    EXPECT_STREQ(mgx_trace_text(5), "message 99");
-    EXPECT_EQ(mgx_trace_number(2), 2u);
-    EXPECT_EQ(mgx_trace_module(2), 7);
+    const std::pair<const char *, int> want[] = {
+        {"Corrupted MGX Handle", 0},
+        {"error in x create: Cannot allocate memory", 3},
+        {"offset_jump read_len 10 offset_jump_base 6 _mgx_variant_jump 12", 7},
+        {"varinfo is NULL variant 3 requested only 2 variants present", 6},
+        {"varinfo is NULL variant %u requested only %u variants present", 6},
+        {"message 99", 6}};
+    ASSERT_EQ(mgx_trace_count(), std::size(want));
+    for (size_t i = 0; i < std::size(want); ++i) {
+        EXPECT_STREQ(mgx_trace_text(i), want[i].first);
+        EXPECT_EQ(mgx_trace_severity(i), want[i].second) << i;
+    }
+    EXPECT_EQ(mgx_trace_number(2) + mgx_trace_module(2), 2u + 8u);
     mgx_trace_clear();
     EXPECT_EQ(mgx_trace_count(), 0u);
     // The names the trace decoder and the standard-error copy render severities with.
-    const char *const names[] = {"EMERG", "ALERT", "CRIT", "ERR", "WARNING", "NOTICE", "INFO", "DEBUG"};
-    for (int severity = 0; severity < 8; ++severity) EXPECT_STREQ(fmt::severity_name(severity), names[severity]);
-    EXPECT_STREQ(fmt::severity_name(8), "?");
-    EXPECT_STREQ(fmt::severity_name(-1), "?");
+    std::string names;
+    for (int severity = -1; severity <= 8; ++severity) names += std::string(fmt::severity_name(severity)) + " ";
+    EXPECT_EQ(names, "? EMERG ALERT CRIT ERR WARNING NOTICE INFO DEBUG ? ");
 }
 
 fmt::Arg u(uint32_t v) { return fmt::Arg{'u', v, {}}; }
@@ -137,22 +129,21 @@ TEST(Trace, ConversionsTakeTheirArgumentsOrTheTextStandsAsItIs) {
 }
 
 TEST(Trace, TextsMustBelongToTheirTable) {
-    std::vector<std::string> texts = {"one %u", "two"};
-    std::vector<uint8_t> section = fmt::texts_section(texts);
-    std::string raw = std::string("one %u") + '\0' + "two" + '\0';
-    mgx_trace_table_t t = {MGX_TRACE_TABLE_MAGIC, 2, "test", ".test_texts", fmt::texts_crc(raw), nullptr};
-    mgx_trace_table_t other_count = t, other_crc = t, bad_magic = t;
-    other_count.count = 3;
-    other_crc.texts_crc ^= 1;
-    bad_magic.magic = 0;
-    EXPECT_EQ(mgx_trace_texts_attach(&other_count, section.data(), section.size()), EINVAL);
-    EXPECT_EQ(mgx_trace_texts_attach(&other_crc, section.data(), section.size()), EINVAL);
-    EXPECT_EQ(mgx_trace_texts_attach(&bad_magic, section.data(), section.size()), EINVAL);
+    Table tab({"one %u", "two"}, false);
+    mgx_trace_table_t &t = tab.t;
+    const std::vector<uint8_t> &section = tab.section;
+    for (void (*spoil)(mgx_trace_table_t &) : {+[](mgx_trace_table_t &x) { x.count = 3; },
+                                               +[](mgx_trace_table_t &x) { x.texts_crc ^= 1; },
+                                               +[](mgx_trace_table_t &x) { x.magic = 0; }}) {
+        mgx_trace_table_t other = t;
+        spoil(other);
+        EXPECT_EQ(mgx_trace_texts_attach(&other, section.data(), section.size()), EINVAL);
+    }
     std::vector<uint8_t> damaged = section;
     damaged[damaged.size() / 2 + 12] ^= 0x5A;
     EXPECT_EQ(mgx_trace_texts_attach(&t, damaged.data(), damaged.size()), EINVAL);
-    EXPECT_EQ(mgx_trace_texts_attach(&t, section.data(), fmt::texts_header_size - 1), EINVAL);
-    EXPECT_EQ(mgx_trace_texts_attach(&t, section.data(), section.size() - 1), EINVAL);
+    for (size_t cut : {fmt::texts_header_size - 1, section.size() - 1})
+        EXPECT_EQ(mgx_trace_texts_attach(&t, section.data(), cut), EINVAL) << cut;
 
     // This program has no such section: the table's emissions show their numbers, and why.
     mgx_trace_clear();
@@ -170,30 +161,28 @@ TEST(Trace, TextsMustBelongToTheirTable) {
 }
 
 struct TraceFile : ::testing::Test {
-    std::string dir, path;
-    void SetUp() override {
-        char tmpl[] = "/tmp/mgx_trace_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir = tmpl;
-        path = dir + "/run.trc";
-    }
+    const std::string path = ::testing::TempDir() + "mgx_trace_" + std::to_string(getpid()) + ".trc";
     void TearDown() override {
         mgx_trace_file_close();
         std::remove(path.c_str());
-        rmdir(dir.c_str());
         mgx_trace_clear();
     }
-    std::vector<uint8_t> bytes() const {
+    // Reads the whole file into tables and emissions; answers the reader's error.
+    std::string read() {
         std::ifstream in(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+        const std::vector<uint8_t> file{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+        fmt::FileReader r(file);
+        tables.clear();
+        emissions.clear();
+        for (uint8_t kind; (kind = r.next()) != 0;)
+            kind == fmt::record_table ? tables.push_back(r.table) : emissions.push_back(r.emission);
+        return r.error;
     }
+    std::vector<fmt::TableRecord> tables;
+    std::vector<fmt::EmissionRecord> emissions;
 };
 
-uint64_t now_ns() {
-    timespec ts{};
-    clock_gettime(CLOCK_REALTIME, &ts);
-    return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
-}
+uint64_t now_ns() { return std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count(); }
 
 TEST_F(TraceFile, EveryEmissionIsRecordedWithItsTableTimeAndArguments) {
     Table a({"Corrupted MGX Handle", "error in x create: %s", "offset_jump %d %d %d", "oid %p. Error %s"});
@@ -209,22 +198,14 @@ TEST_F(TraceFile, EveryEmissionIsRecordedWithItsTableTimeAndArguments) {
     mgx_trace_file_close();
     qlog_emit_0(&a.t, 0, 5, MGX_SEV_EMERG); // after close: not recorded
 
-    std::vector<uint8_t> file = bytes();
-    fmt::FileReader r(file);
+    EXPECT_EQ(read(), "");
     char exe[PATH_MAX];
     ASSERT_NE(realpath("/proc/self/exe", exe), nullptr);
-    std::vector<fmt::TableRecord> tables;
-    std::vector<fmt::EmissionRecord> emissions;
-    for (uint8_t kind; (kind = r.next()) != 0;)
-        kind == fmt::record_table ? tables.push_back(r.table) : emissions.push_back(r.emission);
-    EXPECT_EQ(r.error, "");
     ASSERT_EQ(tables.size(), 2u); // each table described once, before its first emission
-    EXPECT_EQ(tables[0].index, 0);
-    EXPECT_EQ(tables[0].module, "test");
-    EXPECT_EQ(tables[0].section, ".test_texts");
-    EXPECT_EQ(tables[0].library, exe);
-    EXPECT_EQ(tables[0].count, 4u);
-    EXPECT_EQ(tables[0].crc, a.t.texts_crc);
+    EXPECT_EQ(std::make_tuple(tables[0].index, tables[0].module, tables[0].section, tables[0].library,
+                              tables[0].count, tables[0].crc),
+              std::make_tuple(uint16_t{0}, std::string("test"), std::string(".test_texts"), std::string(exe), 4u,
+                              a.t.texts_crc));
     EXPECT_EQ(tables[1].index, 1);
     ASSERT_EQ(emissions.size(), 5u);
     for (const auto &e : emissions) {
@@ -237,25 +218,18 @@ TEST_F(TraceFile, EveryEmissionIsRecordedWithItsTableTimeAndArguments) {
     EXPECT_EQ(emissions[1].args.at(0).text, std::string(4096, 'y'));
     EXPECT_EQ(emissions[2].module, 5);
     EXPECT_EQ(fmt::render("offset_jump %d %d %d", emissions[2].args), "offset_jump -1 0 7");
-    EXPECT_EQ(emissions[3].table, 1);
-    EXPECT_EQ(emissions[3].number, 0u);
-    EXPECT_EQ(emissions[3].module, 6);
+    EXPECT_EQ(std::make_tuple(emissions[3].table, emissions[3].number, emissions[3].module),
+              std::make_tuple(uint16_t{1}, 0u, uint16_t{6}));
     ASSERT_EQ(emissions[4].args.size(), 2u);
-    EXPECT_EQ(emissions[4].args[0].kind, 'p');
-    EXPECT_EQ(emissions[4].args[0].value, 0xbeefu);
-    EXPECT_EQ(emissions[4].args[1].text, "(null)");
+    EXPECT_EQ(fmt::render("oid %p. Error %s", emissions[4].args), "oid 0xbeef. Error (null)");
 
     // Opening the same file again appends: one header, both runs' records.
     ASSERT_EQ(mgx_trace_file_open(path.c_str()), 0);
     qlog_emit_uu(&b.t, 0, 6, MGX_SEV_INFO, 3, 4);
     mgx_trace_file_close();
-    std::vector<uint8_t> grown = bytes();
-    fmt::FileReader again(grown);
-    size_t n = 0;
-    while (again.next() != 0) ++n;
-    EXPECT_EQ(again.error, "");
-    EXPECT_EQ(n, 2u + 5u + 2u); // the new run describes its table again
-    EXPECT_EQ(mgx_trace_file_open((dir + "/no/such/dir/x.trc").c_str()), ENOENT);
+    EXPECT_EQ(read(), "");
+    EXPECT_EQ(tables.size() + emissions.size(), 2u + 5u + 2u); // the new run describes its table again
+    EXPECT_EQ(mgx_trace_file_open((path + ".d/no/such/x.trc").c_str()), ENOENT);
 }
 
 TEST(TraceReader, StopsAtDamageAndSkipsWhatItDoesNotKnow) {
