@@ -6,24 +6,19 @@
 #include <cerrno>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "mgx/runtime.h"
-#include "tests/prim_fixture.h"
 #include "tests/sm_heap.h"
 
 namespace {
 
-struct Call {
-    const char *what;
-    // Runs the call on a fresh handle; answers whether its result is one the call documents for
-    // the failure that was injected (or its success).
-    std::function<bool(mgx_handle_t *)> run;
-};
-
 TEST(RuntimeExceptions, EveryCallAnswersItsDocumentedFailure) {
     alignas(8) static uint8_t instance[64];
     static uint32_t state_word;
-    const Call calls[] = {
+    // Each call runs on a fresh handle and answers whether its result is one the call documents for
+    // the failure that was injected (or its success).
+    const std::pair<const char *, std::function<bool(mgx_handle_t *)>> calls[] = {
         {"mgx_oid_map", [](mgx_handle_t *h) {
              uint64_t oid = mgx_oid_map(h, instance);
              return oid == 0 ? mgx_handle_last_error(h) == MGX_ENOMEM : mgx_oid_exists(h, oid) == 1;
@@ -44,12 +39,10 @@ TEST(RuntimeExceptions, EveryCallAnswersItsDocumentedFailure) {
          }},
         {"recorders", [](mgx_handle_t *h) {
              mgx_handle_set_recorders(h, MGX_RECORD_ALL);
-             uint32_t err = 0;
              mgxlib_update_sttr_offset(h, 1, instance + 8, 16);
              mgxdb_plat_set_dirty(h, 1, instance);
-             void *p = h->inst_alloc(h->alloc_ctx, 1, 24);
-             h->inst_free(h->alloc_ctx, 1, p);
-             return err == 0 && mgx_hook_count(h) <= 2;
+             h->inst_free(h->alloc_ctx, 1, h->inst_alloc(h->alloc_ctx, 1, 24));
+             return mgx_hook_count(h) <= 2;
          }},
         {"qlog_module_init_fn", [](mgx_handle_t *) {
              uint16_t id = 0;
@@ -68,8 +61,8 @@ TEST(RuntimeExceptions, EveryCallAnswersItsDocumentedFailure) {
              return rc == 0 || rc == ENOMEM;
          }},
     };
-    for (const Call &c : calls) {
-        SCOPED_TRACE(c.what);
+    for (const auto &[what, run] : calls) {
+        SCOPED_TRACE(what);
         uint64_t needed = 0;
         for (uint64_t nth = 0; nth == 0 || nth <= needed; ++nth) {
             mgx_handle_t *h = mgx_handle_create();
@@ -78,7 +71,7 @@ TEST(RuntimeExceptions, EveryCallAnswersItsDocumentedFailure) {
             heap::fail_at(nth);
             bool ok = false, escaped = false;
             try {
-                ok = c.run(h);
+                ok = run(h);
             } catch (...) {
                 escaped = true;
             }
