@@ -1,6 +1,9 @@
 // XML documents and queries, the bounded text writers, escaping, and counted strings.
 #include <unistd.h>
 
+#include <cstdio>
+#include <fstream>
+
 #include <libxml/xpath.h>
 
 #include "prim_fixture.h"
@@ -158,16 +161,13 @@ TEST_F(XmlTest, DocumentsMustBeWellFormedAndLoadNothingFromOutside) {
 
     // Entities other than the predefined ones are refused where a value is read (22, with the
     // place), never expanded: not a file's contents, not a small entity referred to many times.
-    char path[] = "/tmp/mgx_xml_secret_XXXXXX";
-    int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(write(fd, "TOPSECRET", 9), 9);
-    close(fd);
+    const std::string secret = ::testing::TempDir() + "mgx_xml_secret_" + std::to_string(getpid());
+    ASSERT_TRUE(std::ofstream(secret) << "TOPSECRET");
     std::string many = "<!DOCTYPE r [<!ENTITY x \"" + std::string(100000, 'x') + "\">]><r><v>" ;
     for (int i = 0; i < 100000; ++i) many += "&x;";
     many += "</v><w>&lt;&#65;</w></r>";
     for (const std::string &text :
-         {std::string("<!DOCTYPE r [<!ENTITY x SYSTEM \"file://") + path + "\">]><r><v>[&x;]</v><w>&lt;&#65;</w></r>", many}) {
+         {"<!DOCTYPE r [<!ENTITY x SYSTEM \"file://" + secret + "\">]><r><v>[&x;]</v><w>&lt;&#65;</w></r>", many}) {
         auto doc = parse_xml(text);
         ASSERT_NE(doc, nullptr);
         char value[64] = "";
@@ -184,7 +184,7 @@ TEST_F(XmlTest, DocumentsMustBeWellFormedAndLoadNothingFromOutside) {
         EXPECT_EQ(xml_get_element_value(doc.get(), "r/w", value, sizeof value, &length), 0u);
         EXPECT_STREQ(value, "<A");
     }
-    unlink(path);
+    std::remove(secret.c_str());
 }
 
 // The documented limits, refused with a reason before libxml2 sees the text (one element with many
