@@ -123,7 +123,8 @@ TEST_F(HandleTest, HeaderPiecesRoundTripAndRefuseShortBuffers) {
     EXPECT_EQ(take_err(), 0u);
     EXPECT_EQ(_mgx_variant_jump_marshal(h, 1, buf, 1, 3, &err), 0u);
     EXPECT_EQ(take_err(), MGX_ESHORT);
-    EXPECT_EQ(_mgx_instance_obj_flag_unmarshal(h, 1, buf, nullptr, 0, &err), 0u);
+    uint8_t flag = 0x5A;
+    EXPECT_EQ(_mgx_instance_obj_flag_unmarshal(h, 1, buf, &flag, 0, &err) + flag, 0x5Au);
     EXPECT_EQ(take_err(), MGX_ESHORT);
     EXPECT_EQ(mgx_handle_last_error(h), MGX_ESHORT);
 
