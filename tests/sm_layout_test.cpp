@@ -1,13 +1,16 @@
 // Layouts, state-flag areas and descriptors of the 79 types, held against the expected table
-// and the byte layout the runtime reads.
+// and the byte layout the runtime reads, and the variant dump that prints them.
 #include <gtest/gtest.h>
 
+#include <cstdarg>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "mgx/runtime.h"
 #include "ovrin_sm/ops.h"
 // The bundle's own tables (the test program's private copy, sm_type_tables.cpp): the generator's
 // layout and state-flag positions, next to the descriptors the library exports.
@@ -43,13 +46,6 @@ const mgx_type_info_t *descriptor_at(size_t i) {
     return static_cast<const mgx_type_info_t *>(bundle_module()->descriptor_table[i]);
 }
 
-const Field &field(const Type &t, const char *name) {
-    for (uint16_t i = 0; i < t.n_fields; ++i)
-        if (!std::strcmp(t.fields[i].name, name)) return t.fields[i];
-    ADD_FAILURE() << t.name << " has no field " << name;
-    return t.fields[0];
-}
-
 std::string hex(const uint8_t *bytes, size_t n) {
     std::string s;
     char two[3];
@@ -60,12 +56,36 @@ std::string hex(const uint8_t *bytes, size_t n) {
     return s;
 }
 
+std::string dumped;
+
+int capture(const char *format, ...) {
+    char line[256];
+    va_list ap;
+    va_start(ap, format);
+    int n = std::vsnprintf(line, sizeof line, format, ap);
+    va_end(ap);
+    dumped += line;
+    return n;
+}
+
+std::string variant_dump() {
+    dumped.clear();
+    ovrin_sm_type_variant_dump(capture);
+    return dumped;
+}
+
+// Every descriptor in registration order: its identity, its fingerprint text agreeing with its
+// bytes and a fingerprint of its own, its variants and its size, as the generator's tables have
+// them and as the variant dump prints them.
 TEST(Layout, EveryTypeHasTheExpectedVariantsAndSizeInRegistrationOrder) {
     ASSERT_NE(bundle_module(), nullptr);
     constexpr size_t n = sizeof expected / sizeof expected[0];
     ASSERT_EQ(n, 79u);
     ASSERT_EQ(ovrin::table::type_count, n);
     EXPECT_EQ(bundle_module()->descriptor_table[n], nullptr);
+    std::set<std::string> fingerprints;
+    std::string dump;
+    char line[96];
     for (size_t i = 0; i < n; ++i) {
         const ExpectedLayout &e = expected[i];
         const mgx_type_info_t *d = descriptor_at(i);
@@ -75,9 +95,15 @@ TEST(Layout, EveryTypeHasTheExpectedVariantsAndSizeInRegistrationOrder) {
         EXPECT_STREQ(d->type_name, e.name);
         EXPECT_STREQ(d->kind, e.kind);
         EXPECT_EQ(t.descriptor, d);
+        EXPECT_EQ(d->magic, MGX_TYPE_INFO_MAGIC);
+        EXPECT_EQ(std::string(d->fingerprint_text, 33), hex(d->fingerprint, 16) + '\0');
+        EXPECT_TRUE(fingerprints.insert(d->fingerprint_text).second) << "shared fingerprint";
+        EXPECT_STREQ(d->domain_name, "ovrin_sm");
+        EXPECT_TRUE(d->registry_slot == -1 && d->registry_mode == 0u);
         ASSERT_NE(d->variant_info, nullptr);
         ASSERT_EQ(d->variant_info->n_variants, e.n_variants);
         ASSERT_EQ(t.n_variants, e.n_variants);
+        dump += "n_variants " + std::to_string(e.n_variants) + "\n";
         for (int v = 0; v < e.n_variants; ++v) {
             const mgx_variant_entry_t &entry = d->variant_info->entries[v];
             EXPECT_EQ(entry.index, static_cast<uint32_t>(v));
@@ -86,9 +112,28 @@ TEST(Layout, EveryTypeHasTheExpectedVariantsAndSizeInRegistrationOrder) {
             EXPECT_EQ(entry.used_length + entry.alloc_slop, e.size) << "variant " << v;
             EXPECT_EQ(t.variants[v].used, e.variants[v].used);
             EXPECT_EQ(t.variants[v].slop, e.variants[v].slop);
+            std::snprintf(line, sizeof line, "variant %d used length %u alloc slop %u\n", v, e.variants[v].used,
+                          e.variants[v].slop);
+            dump += line;
         }
         EXPECT_EQ(t.size, e.size);
     }
+    EXPECT_EQ(variant_dump(), dump);
+}
+
+TEST(Layout, TheVariantDumpTracesAndSkipsATypeWithoutVariantInfo) {
+    mgx_ovrin_sm_trace_init();
+    const std::string all = variant_dump();
+    mgx_type_variant_info_t *saved = _sess_mgr_conn_hdl_type_info_internal.variant_info;
+    _sess_mgr_conn_hdl_type_info_internal.variant_info = nullptr;
+    mgx_trace_clear();
+    const std::string rest = variant_dump();
+    _sess_mgr_conn_hdl_type_info_internal.variant_info = saved;
+    EXPECT_EQ(rest, all.substr(all.find("n_variants", 1))); // from the second type on
+    ASSERT_EQ(mgx_trace_count(), 1u);
+    EXPECT_STREQ(mgx_trace_text(0), "type variant cached info is NULL during usage dump");
+    EXPECT_EQ(mgx_trace_severity(0), 3);
+    EXPECT_EQ(mgx_trace_module(0), g_mgx_ovrin_sm_trace_module_id);
 }
 
 TEST(Layout, PublicStructsCarryTheInstanceLayout) {
@@ -107,39 +152,6 @@ TEST(Layout, PublicStructsCarryTheInstanceLayout) {
     EXPECT_EQ(offsetof(::sm_peer_state, value), 12u);
     EXPECT_EQ(static_cast<uint32_t>(SESS_MGR_RCL_IN_READER_STATUS), 26u);
     EXPECT_EQ(static_cast<uint32_t>(SM_MAX_STR_LEN), 512u);
-}
-
-TEST(StateFlags, ExemplarAreasAndTrackedSizes) {
-    namespace tbl = ovrin::table;
-    EXPECT_EQ(tbl::sess_mgr_conn_hdl.sttr_size, 1u);
-    EXPECT_EQ(tbl::sess_mgr_conn_hdl.tracked_size(), 25u);
-    EXPECT_EQ(field(tbl::sess_mgr_conn_hdl, "conn_hdl").sttr_pos, 0u);
-
-    EXPECT_EQ(tbl::sess_mgr_session_start.sttr_size, 32u);
-    EXPECT_EQ(tbl::sess_mgr_session_start.tracked_size(), 232u);
-    struct {
-        const char *name;
-        uint16_t own, nested;
-    } start[] = {{"hdl", 0, 1}, {"cl_hdl", 2, 3}, {"identity_attrs", 4, 8}, {"ext_params", 24, 25}, {"cl_name", 29, 30}};
-    for (const auto &f : start) {
-        EXPECT_EQ(field(tbl::sess_mgr_session_start, f.name).sttr_pos, f.own) << f.name;
-        EXPECT_EQ(field(tbl::sess_mgr_session_start, f.name).sttr_nested, f.nested) << f.name;
-    }
-
-    EXPECT_EQ(tbl::ovrin_smd_resp_event.sttr_size, 18u);
-    EXPECT_EQ(tbl::ovrin_smd_resp_event.tracked_size(), 210u);
-    EXPECT_EQ(field(tbl::ovrin_smd_resp_event, "rcl_conn_hdl").sttr_pos, 0u);
-    EXPECT_EQ(field(tbl::ovrin_smd_resp_event, "rcl_conn_hdl").sttr_nested, 1u);
-    EXPECT_EQ(field(tbl::ovrin_smd_resp_event, "resp_type").sttr_pos, 2u);
-    EXPECT_EQ(field(tbl::ovrin_smd_resp_event, "resp_type").sttr_nested, ovrin::no_area);
-    EXPECT_EQ(field(tbl::ovrin_smd_resp_event, "session_type").sttr_pos, 3u);
-    uint16_t next = 4;
-    for (uint16_t i = 3; i < tbl::ovrin_smd_resp_event.n_fields; ++i) {
-        const Field &m = tbl::ovrin_smd_resp_event.fields[i];
-        EXPECT_EQ(m.shape, Shape::member) << m.name;
-        EXPECT_EQ(m.sttr_pos, next++) << m.name;
-    }
-    EXPECT_EQ(next, 18u);
 }
 
 // Marks the bytes of t's area, placed at base, in used; fails on overlaps and misplacements.
@@ -185,61 +197,35 @@ TEST(StateFlags, EveryAreaIsAFlattenedTreeWithoutOverlaps) {
     }
 }
 
+std::vector<uint8_t> bytes_at(const void *p, size_t offset, size_t n) {
+    const auto *b = static_cast<const uint8_t *>(p) + offset;
+    return {b, b + n};
+}
+
 // The bytes the runtime reads, at their offsets.
 TEST(Descriptor, BytesAtTheirOffsets) {
     const auto *d = &_sess_mgr_session_start_type_info_internal;
     const auto *b = reinterpret_cast<const uint8_t *>(d);
-    EXPECT_EQ(b[0], 0x0D);
-    EXPECT_EQ(b[1], 0xF0);
-    EXPECT_EQ(b[2], 0xEF);
-    EXPECT_EQ(b[3], 0xBE);
+    EXPECT_EQ(bytes_at(b, 0, 4), (std::vector<uint8_t>{0x0D, 0xF0, 0xEF, 0xBE}));
     EXPECT_EQ(std::string(reinterpret_cast<const char *>(b + 20)), hex(b + 4, 16));
     EXPECT_EQ(b[52], 0);
     auto padded = [&](size_t offset, const char *text) {
         size_t n = std::strlen(text);
         EXPECT_EQ(std::memcmp(b + offset, text, n), 0) << text;
-        for (size_t i = offset + n; i < offset + 64; ++i) EXPECT_EQ(b[i], 0) << text << " padding at " << i;
+        EXPECT_EQ(bytes_at(b, offset + n, 64 - n), std::vector<uint8_t>(64 - n, 0)) << text << " padding";
     };
     padded(53, "sess_mgr_session_start");
     padded(117, "ovrin_sm");
     padded(181, "type");
-    for (size_t i : {245, 246, 247, 252, 253, 254, 255, 264, 265, 266, 267, 268, 269, 270, 271}) EXPECT_EQ(b[i], 0) << i;
-    for (size_t i = 248; i < 252; ++i) EXPECT_EQ(b[i], 0xFF);
+    EXPECT_EQ(bytes_at(b, 245, 11), (std::vector<uint8_t>{0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0}));
+    EXPECT_EQ(bytes_at(b, 264, 8), std::vector<uint8_t>(8, 0));
     const mgx_type_variant_info_t *info;
     std::memcpy(&info, b + 256, sizeof info);
     ASSERT_EQ(info, d->variant_info);
-    const auto *vb = reinterpret_cast<const uint8_t *>(info);
-    EXPECT_EQ(vb[0], 2);
-    for (size_t i = 1; i < 8; ++i) EXPECT_EQ(vb[i], 0);
-    const auto *e1 = reinterpret_cast<const uint8_t *>(&info->entries[1]);
+    EXPECT_EQ(bytes_at(info, 0, 8), (std::vector<uint8_t>{2, 0, 0, 0, 0, 0, 0, 0}));
     uint32_t words[4];
-    std::memcpy(words, e1, sizeof words);
-    EXPECT_EQ(words[0], 1u);
-    EXPECT_EQ(words[1], 184u);
-    EXPECT_EQ(words[2], 16u);
-    EXPECT_EQ(words[3], 0u);
-}
-
-// Every descriptor: its identity, its fingerprint text agreeing with its bytes, and a
-// fingerprint of its own.
-TEST(Descriptor, EveryDescriptorIsWellFormedAndDistinct) {
-    std::set<std::string> fingerprints;
-    for (size_t i = 0; i < ovrin::table::type_count; ++i) {
-        const mgx_type_info_t *d = descriptor_at(i);
-        SCOPED_TRACE(d->type_name);
-        EXPECT_EQ(d->magic, MGX_TYPE_INFO_MAGIC);
-        EXPECT_EQ(std::string(d->fingerprint_text, 33), hex(d->fingerprint, 16) + '\0');
-        EXPECT_STREQ(d->domain_name, "ovrin_sm");
-        EXPECT_EQ(d->registry_slot, -1);
-        EXPECT_EQ(d->registry_mode, 0u);
-        EXPECT_TRUE(fingerprints.insert(d->fingerprint_text).second) << "shared fingerprint";
-    }
-    // the first three and last two of the registration order
-    EXPECT_STREQ(descriptor_at(0)->type_name, "sess_mgr_conn_hdl");
-    EXPECT_STREQ(descriptor_at(1)->type_name, "sess_mgr_client_name");
-    EXPECT_STREQ(descriptor_at(2)->type_name, "sess_mgr_method_name");
-    EXPECT_STREQ(descriptor_at(77)->type_name, "ovrin_feature_type");
-    EXPECT_STREQ(descriptor_at(78)->type_name, "ovrin_epm_policy_source");
+    std::memcpy(words, &info->entries[1], sizeof words);
+    EXPECT_EQ(std::vector<uint32_t>(words, words + 4), (std::vector<uint32_t>{1, 184, 16, 0}));
 }
 
 } // namespace
