@@ -84,7 +84,7 @@ TEST_F(Access, SetsMarkTwoInTheFlattenedAreaOfNestedFields) {
 }
 
 TEST_F(Access, FlagsRefusedWhenTrackingIsOffOrTheInstanceUntracked) {
-    sess_mgr_conn_hdl *plain = sess_mgr_conn_hdl_create(h, luid); // no tracking record: no area
+    auto *plain = own(sess_mgr_conn_hdl_create(h, luid), sess_mgr_conn_hdl_destroy); // no tracking record: no area
     track();
     auto *c = own(sess_mgr_conn_hdl_create(h, luid), sess_mgr_conn_hdl_destroy);
     *at(c, 24) = 0x33;
@@ -108,7 +108,6 @@ TEST_F(Access, FlagsRefusedWhenTrackingIsOffOrTheInstanceUntracked) {
     EXPECT_EQ(sess_mgr_conn_hdl_conn_hdl_state_flag_get(h, luid, plain, &err), 0);
     EXPECT_EQ(err, MGX_EINVAL);
     EXPECT_TRUE(traced("The object is non state tracked"));
-    sess_mgr_conn_hdl_destroy(h, luid, plain);
 }
 
 // Records, for each write hook call, the 4 bytes at the address at the time of the call.
@@ -154,8 +153,8 @@ TEST_F(Access, WriteHookSeesEveryByteBeforeItChangesAndContainmentIsReported) {
 
 TEST_F(Access, WholeSetCarriesValuesFlagsAndOwnershipUnderTracking) {
     track();
-    sess_mgr_session_start *src = sess_mgr_session_start_create(h, luid);
-    sess_mgr_session_start *dst = sess_mgr_session_start_create(h, luid);
+    auto *src = own(sess_mgr_session_start_create(h, luid), sess_mgr_session_start_destroy);
+    auto *dst = own(sess_mgr_session_start_create(h, luid), sess_mgr_session_start_destroy);
     // dst finds its flags through a runtime-recorded offset (the same place, reached another way).
     mgx_sttr_offset_set(h, dst, start_area);
     dst->flags |= MGX_IF_STTR_OFFSET;
@@ -195,12 +194,12 @@ TEST_F(Access, WholeSetCarriesValuesFlagsAndOwnershipUnderTracking) {
 
     // A later-variant source is refused; an untracked target gets the values, not the flags.
     mgx_handle_set_domain_variant(h, "sess_mgr_session_start", 0);
-    sess_mgr_session_start *old = sess_mgr_session_start_create(h, luid);
+    auto *old = own(sess_mgr_session_start_create(h, luid), sess_mgr_session_start_destroy);
     sess_mgr_session_start_set(h, luid, old, src, &err);
     EXPECT_EQ(err, MGX_EVARIANT);
     mgx_handle_set_domain_variant(h, "sess_mgr_session_start", 1);
     mgx_handle_set_state_tracking(h, 0, 0);
-    sess_mgr_session_start *untracked = sess_mgr_session_start_create(h, luid);
+    auto *untracked = own(sess_mgr_session_start_create(h, luid), sess_mgr_session_start_destroy);
     track();
     err = 0;
     sess_mgr_session_start_set(h, luid, untracked, src, &err);
@@ -208,7 +207,6 @@ TEST_F(Access, WholeSetCarriesValuesFlagsAndOwnershipUnderTracking) {
     EXPECT_TRUE(traced("The object is not state tracked"));
     EXPECT_EQ(untracked->hdl.conn_hdl, 7u);
     EXPECT_NE(untracked->identity_attrs.body, src->identity_attrs.body);
-    for (auto *s : {src, dst, old, untracked}) sess_mgr_session_start_destroy(h, luid, s);
 }
 
 TEST_F(Access, GetAllAndSetAllAreDeliberatelyAsymmetric) {

@@ -81,27 +81,24 @@ TEST_F(Composite, WholeUnionSetMovesTheMembersOutOfTheSource) {
 
 TEST_F(Composite, VariantBoundMembersAndDiscriminatorValues) {
     mgx_handle_set_domain_variant(h, "ovrin_smd_in_event", 1);
-    auto *u = ovrin_smd_in_event_create(h, luid);
+    auto *u = own(ovrin_smd_in_event_create(h, luid), ovrin_smd_in_event_destroy);
     ASSERT_EQ(reinterpret_cast<mgx_instance_hdr_t *>(u)->variant, 1);
-    auto *status = sess_mgr_reader_status_create(h, luid);
+    auto *status = own(sess_mgr_reader_status_create(h, luid), sess_mgr_reader_status_destroy);
     ovrin_smd_in_event_reader_status_set(h, luid, u, status, &err);
     EXPECT_EQ(take_err(), MGX_EVARIANT);
     EXPECT_EQ(u->reader_status, nullptr);
     EXPECT_EQ(ovrin_smd_in_event_reader_status_get(h, luid, u, &err), nullptr);
     EXPECT_EQ(take_err(), MGX_EVARIANT);
-    sess_mgr_reader_status_destroy(h, luid, status);
 
     // remote_update (value 25, travelling as 24) is chosen by the stored 25.
-    auto *remote = sess_mgr_remote_update_create(h, luid);
+    auto *remote = own(sess_mgr_remote_update_create(h, luid), sess_mgr_remote_update_destroy);
     ovrin_smd_in_event_remote_update_set(h, luid, u, remote, &err);
     ASSERT_EQ(take_err(), 0u);
     EXPECT_EQ(u->event_type.value, SESS_MGR_RCL_IN_REMOTE_UPDATE);
     EXPECT_EQ(ovrin_smd_in_event_remote_update_get_detach(h, luid, u, &err), remote);
-    sess_mgr_remote_update_destroy(h, luid, remote);
-    ovrin_smd_in_event_destroy(h, luid, u);
 
     // A discriminator set in place, through its getter, refuses a value beyond its variant.
-    auto *o = sess_mgr_oper_data_create(h, luid);
+    auto *o = own(sess_mgr_oper_data_create(h, luid), sess_mgr_oper_data_destroy);
     sm_oper_data_type_set_value(h, luid, sess_mgr_oper_data_oper_type_get(h, luid, o, &err), 2, &err);
     EXPECT_EQ(take_err(), MGX_EVARIANT);
     EXPECT_EQ(o->oper_type.value, 0u);
@@ -112,7 +109,6 @@ TEST_F(Composite, VariantBoundMembersAndDiscriminatorValues) {
     sess_mgr_oper_data_oper_type_set_value(h, luid, o, 1, &err);
     EXPECT_EQ(sess_mgr_oper_data_oper_type_get_value(h, luid, o, &err), 1u);
     EXPECT_EQ(take_err(), 0u);
-    sess_mgr_oper_data_destroy(h, luid, o);
     track();
     auto *e = own(ovrin_smd_in_event_create(h, luid), ovrin_smd_in_event_destroy);
     ovrin_smd_in_event_event_type_set_value(h, luid, e, SESS_MGR_RCL_IN_REMOTE_UPDATE, &err);

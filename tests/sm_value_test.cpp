@@ -185,7 +185,8 @@ TEST_F(Value, EveryFieldOfEveryTypeTakesPartInCompareAndHash) {
 }
 
 TEST_F(Value, UnionsOrderByTheRawDiscriminatorDifferenceThenTheSelectedArm) {
-    auto *a = sess_mgr_extended_params_create(h, 1), *b = sess_mgr_extended_params_create(h, 1);
+    auto *a = own(sess_mgr_extended_params_create(h, 1), sess_mgr_extended_params_destroy);
+    auto *b = own(sess_mgr_extended_params_create(h, 1), sess_mgr_extended_params_destroy);
     a->dot11_param = sm_dot11_params_create(h, 1);
     b->dot11_param = sm_dot11_params_create(h, 1);
     a->dot11_param->wlan_id = 5;
@@ -197,7 +198,8 @@ TEST_F(Value, UnionsOrderByTheRawDiscriminatorDifferenceThenTheSelectedArm) {
     b->dot11_param = nullptr;
     EXPECT_EQ(sess_mgr_extended_params_compare(a, b), 1); // selected arm present against empty slot
 
-    auto *x = ovrin_smd_in_event_create(h, 1), *y = ovrin_smd_in_event_create(h, 1);
+    auto *x = own(ovrin_smd_in_event_create(h, 1), ovrin_smd_in_event_destroy);
+    auto *y = own(ovrin_smd_in_event_create(h, 1), ovrin_smd_in_event_destroy);
     x->event_type.value = SESS_MGR_RCL_IN_REGISTER;
     y->event_type.value = SESS_MGR_RCL_IN_SESSION_START;
     EXPECT_EQ(ovrin_smd_in_event_compare(x, y), -3);
@@ -205,25 +207,21 @@ TEST_F(Value, UnionsOrderByTheRawDiscriminatorDifferenceThenTheSelectedArm) {
     x->event_type.value = 0;
     y->event_type.value = 0xFFFFFFFFu;
     EXPECT_EQ(ovrin_smd_in_event_compare(x, y), 1); // the 32-bit difference wraps around
-    for (void *p : {static_cast<void *>(a), static_cast<void *>(b)})
-        sess_mgr_extended_params_destroy(h, 1, static_cast<sess_mgr_extended_params *>(p));
-    ovrin_smd_in_event_destroy(h, 1, x);
-    ovrin_smd_in_event_destroy(h, 1, y);
 }
 
 TEST_F(Value, CountedStringsAndArraysOrderByLengthThenContent) {
-    auto *a = sess_mgr_client_name_create(h, 1), *b = sess_mgr_client_name_create(h, 1);
+    auto *a = own(sess_mgr_client_name_create(h, 1), sess_mgr_client_name_destroy);
+    auto *b = own(sess_mgr_client_name_create(h, 1), sess_mgr_client_name_destroy);
     text(&a->client_name, &a->cl_name_len, "ab");
     text(&b->client_name, &b->cl_name_len, "abc");
     EXPECT_EQ(sess_mgr_client_name_compare(a, b), -1); // by length, though "ab" is a prefix
     h->inst_free(h->alloc_ctx, 1, a->client_name);
     text(&a->client_name, &a->cl_name_len, "abd");
     EXPECT_EQ(sess_mgr_client_name_compare(a, b), std::memcmp(a->client_name, b->client_name, 3)); // as it is
-    sess_mgr_client_name_destroy(h, 1, a);
-    sess_mgr_client_name_destroy(h, 1, b);
 
     // Domain-name elements: the 16-bit name length, then the 8-bit flag, then the characters.
-    auto *x = ovrin_svm_epm_notify_domain_name_bind_create(h, 1), *y = ovrin_svm_epm_notify_domain_name_bind_create(h, 1);
+    auto *x = own(ovrin_svm_epm_notify_domain_name_bind_create(h, 1), ovrin_svm_epm_notify_domain_name_bind_destroy);
+    auto *y = own(ovrin_svm_epm_notify_domain_name_bind_create(h, 1), ovrin_svm_epm_notify_domain_name_bind_destroy);
     EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_compare(x, y), 0); // both empty
     names(x, {"z.example", "b"});
     names(y, {"z.example", "aa", "c"});
@@ -238,14 +236,12 @@ TEST_F(Value, CountedStringsAndArraysOrderByLengthThenContent) {
     EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_compare(x, y), 1);
     x->domain_names[1].name_len = 1;
     y->domain_names_length = 3;
-    ovrin_svm_epm_notify_domain_name_bind_destroy(h, 1, x);
-    ovrin_svm_epm_notify_domain_name_bind_destroy(h, 1, y);
 }
 
 // The chains written out by hand: a union hashes every arm behind the discriminator's value
 // bytes; a counted string hashes its length twice before its characters.
 TEST_F(Value, HashChainsThroughTheFieldsInDeclarationOrder) {
-    auto *p = sess_mgr_extended_params_create(h, 1);
+    auto *p = own(sess_mgr_extended_params_create(h, 1), sess_mgr_extended_params_destroy);
     p->trusted = 3;
     p->proximity = 4;
     p->encap_type.value = SM_WIRED_ACCESS; // the arm is hashed even when not selected
@@ -261,7 +257,6 @@ TEST_F(Value, HashChainsThroughTheFieldsInDeclarationOrder) {
     p->dot11_param = nullptr; // an empty slot gives back its seed
     EXPECT_EQ(sess_mgr_extended_params_hash(p, 11),
               SuperFastHash(disc, 4, SuperFastHash(disc, 4, u_int32_hash(&p->proximity, u_int32_hash(&p->trusted, 11)))));
-    sess_mgr_extended_params_destroy(h, 1, p);
 
     auto *f = own(fqdn_domain_name_bind_create(h, 1), fqdn_domain_name_bind_destroy);
     text(&f->name, &f->name_len, "host.example");
@@ -271,7 +266,7 @@ TEST_F(Value, HashChainsThroughTheFieldsInDeclarationOrder) {
 }
 
 TEST_F(Value, MemberValidityFollowsTheDomainAndInstanceVariants) {
-    auto *s = sess_mgr_session_start_create(h, 1); // the domain gives variant 1
+    auto *s = own(sess_mgr_session_start_create(h, 1), sess_mgr_session_start_destroy); // the domain gives variant 1
     for (uint32_t i = 0; i < 5; ++i) EXPECT_EQ(sess_mgr_session_start_is_valid_cr(h, s, i, 0), 1u) << i;
     EXPECT_EQ(sess_mgr_session_start_is_valid_cr(h, s, 5, 1), 0u);
     s->variant = 0;
@@ -286,7 +281,6 @@ TEST_F(Value, MemberValidityFollowsTheDomainAndInstanceVariants) {
     s->variant = 1;
     EXPECT_EQ(sess_mgr_session_start_is_valid_cr(h, s, 4, 0), 0u);
     EXPECT_EQ(sess_mgr_session_start_is_valid_cr(h, s, 0, 0), 1u);
-    sess_mgr_session_start_destroy(h, 1, s);
 
     // A single-variant type: every index below the member count, union members included.
     for (const Type *t : ovrin::table::all) {
