@@ -172,21 +172,4 @@ OVRIN_CALLS_BY_NAME void *create(const Type &t, mgx_handle_t *h) {
     return reinterpret_cast<void *(*)(mgx_handle_t *, uint32_t)>(op(t, "create"))(h, 1);
 }
 
-OVRIN_CALLS_BY_NAME void destroy(const Type &t, mgx_handle_t *h, void *instance) {
-    reinterpret_cast<void (*)(mgx_handle_t *, uint32_t, void *)>(op(t, "destroy"))(h, 1, instance);
-}
-
-OVRIN_CALLS_BY_NAME std::vector<uint8_t> encode(const Type &t, mgx_handle_t *h, const void *instance) {
-    uint32_t n = 5;
-    if (t.kind != ovrin::TypeKind::enumeration)
-        n = reinterpret_cast<uint32_t (*)(mgx_handle_t *, uint32_t, const void *)>(op(t, "len"))(h, 1, instance);
-    std::vector<uint8_t> out(n + 1);
-    uint32_t err = 0;
-    auto marshal = reinterpret_cast<uint32_t (*)(mgx_handle_t *, uint32_t, uint8_t *, const void *, int32_t, uint32_t *)>(
-        op(t, "marshal"));
-    out.resize(marshal(h, 1, out.data(), instance, static_cast<int32_t>(n), &err));
-    if (err) throw std::runtime_error(std::string("encode of ") + t.name + " failed: " + std::to_string(err));
-    return out;
-}
-
 } // namespace testfill

@@ -30,11 +30,8 @@ const ovrin::Type &type(const std::string &name);
 
 // The exported operation `<type>_<op>`, looked up by name.
 void *op(const ovrin::Type &t, const char *name);
-
 void *create(const ovrin::Type &t, mgx_handle_t *h);
-void destroy(const ovrin::Type &t, mgx_handle_t *h, void *instance);
-// The wire encoding of an instance (exact, untracked or tracked by the handle's mode).
-std::vector<uint8_t> encode(const ovrin::Type &t, mgx_handle_t *h, const void *instance);
+
 uint32_t members(const ovrin::Type &t); // union members
 
 } // namespace testfill

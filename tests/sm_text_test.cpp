@@ -170,13 +170,11 @@ TEST_F(Text, PartialDocumentsKeepWhatTheyDoNotMention) {
 
 TEST_F(Text, OutputIsBoundedAtEverySize) {
     const ovrin::Type &t = testfill::type("ovrin_smd_in_event");
-    void *e = testfill::create(t, h);
+    auto *e = own(ovrin_smd_in_event_create(h, 1), ovrin_smd_in_event_destroy);
     testfill::fill(t, h, e, 1, 2); // the session start member
     std::string full_xml = xml_of(t, e);
-    auto toxml = reinterpret_cast<uint32_t (*)(mgx_handle_t *, const void *, char *, uint32_t)>(
-        testfill::op(t, "toxml_cr"));
-    auto print = reinterpret_cast<int32_t (*)(mgx_handle_t *, const void *, char *, uint32_t)>(
-        testfill::op(t, "print_cr"));
+    auto toxml = ovrin_smd_in_event_toxml_cr;
+    auto print = ovrin_smd_in_event_print_cr;
     int32_t full_print = print(h, e, buf, sizeof buf);
     for (uint32_t size : {0u, 1u, 2u, 17u, 100u, 333u, static_cast<uint32_t>(full_xml.size())}) {
         std::vector<char> out(size + 16, '#');
@@ -194,7 +192,6 @@ TEST_F(Text, OutputIsBoundedAtEverySize) {
     EXPECT_EQ(toxml(h, e, buf, sizeof buf), 0xFFFFFFFFu);
     mgx_store_err(h, 22);
     EXPECT_EQ(print(h, e, buf, sizeof buf), -1);
-    testfill::destroy(t, h, e);
 }
 
 } // namespace
