@@ -8,6 +8,7 @@
 
 #include "mgx/runtime.h"
 #include "tests/prim_fixture.h"
+#include "tests/sm_fill.h"
 #include "ovrin_sm/ops.h"
 
 namespace {
@@ -25,30 +26,10 @@ struct Wire : RuntimeFixture {
         text = static_cast<char *>(h->inst_alloc(h->alloc_ctx, 1, s.size() + 1));
         std::memcpy(text, s.c_str(), s.size() + 1);
     }
-    void add_attr(aaa_tlv &tlv, uint32_t type, const std::string &value) {
-        uint32_t err = 0;
-        aaa_tlv_attr_add(h, 1, &tlv, type, value.data(), static_cast<uint32_t>(value.size()), &err);
-        ASSERT_EQ(err, 0u);
-    }
-
+    // A session start with every field filled, a wireless access (and so a union member) included.
     sess_mgr_session_start *filled_start() {
         sess_mgr_session_start *s = sess_mgr_session_start_create(h, 1);
-        s->hdl.conn_hdl = 0x11223344;
-        s->cl_hdl.client_hdl = 9;
-        add_attr(s->identity_attrs, 1, "alice");
-        add_attr(s->identity_attrs, 31, std::string("\x00\x01\xff", 3));
-        s->ext_params.trusted = 1;
-        s->ext_params.proximity = 2;
-        s->ext_params.encap_type.value = SM_WIRELESS_ACCESS;
-        sm_dot11_params *d = sm_dot11_params_create(h, 1);
-        d->wlan_id = 7;
-        d->vlan_id = 100;
-        d->oui[0] = 0x00;
-        d->oui[1] = 0x1a;
-        d->oui[2] = 0x2b;
-        d->apfMsBssid.octet[5] = 0x42;
-        s->ext_params.dot11_param = d;
-        set_text(s->cl_name.client_name, s->cl_name.cl_name_len, "wlan-client-1");
+        testfill::fill(testfill::type("sess_mgr_session_start"), h, s, 1, testfill::every_arm);
         return s;
     }
 
@@ -269,7 +250,7 @@ TEST_F(Wire, LaterVariantMembersAreSteppedOverByTheJump) {
     EXPECT_EQ(err, 0u);
     EXPECT_EQ(r->variant, 0);
     EXPECT_EQ(r->cl_name.client_name, nullptr);
-    EXPECT_EQ(r->hdl.conn_hdl, 0x11223344u);
+    EXPECT_EQ(r->hdl.conn_hdl, s->hdl.conn_hdl);
     ASSERT_EQ(mgx_trace_count(), 1u);
     EXPECT_EQ(std::string(mgx_trace_text(0)).rfind("offset_jump read_len ", 0), 0u);
     sess_mgr_session_start_destroy(old, 1, r);
@@ -354,7 +335,7 @@ TEST_F(Wire, CloneThroughAShortWorkBufferLeavesTheDestinationAlone) {
     mgx_clear_last_error(h, 1, nullptr);
     auto *cr = own(sess_mgr_session_start_clone_cr(h, s, 0), sess_mgr_session_start_destroy);
     ASSERT_NE(cr, nullptr);
-    EXPECT_STREQ(cr->cl_name.client_name, "wlan-client-1");
+    EXPECT_STREQ(cr->cl_name.client_name, s->cl_name.client_name);
     EXPECT_NE(cr->cl_name.client_name, s->cl_name.client_name);
 }
 
@@ -372,12 +353,13 @@ TEST_F(Wire, AnOlderSenderLeavesTheNewerMembersAlone) {
     mgx_handle_destroy(old);
 
     auto *r = own(filled_start(), sess_mgr_session_start_destroy); // holds a client name from before
+    const std::string name = r->cl_name.client_name;
     sess_mgr_session_start_adjust_variant(h, 1, r, &err);
     EXPECT_EQ(sess_mgr_session_start_unmarshal(h, 1, b.data(), r, static_cast<int32_t>(n), 0, &err), n);
     EXPECT_EQ(err, 0u);
     EXPECT_EQ(r->variant, 0);
     EXPECT_EQ(r->hdl.conn_hdl, 5u);
-    EXPECT_STREQ(r->cl_name.client_name, "wlan-client-1"); // not on the wire: untouched, still owned
+    EXPECT_EQ(r->cl_name.client_name, name); // not on the wire: untouched, still owned
 }
 
 } // namespace
