@@ -95,19 +95,13 @@ TEST_F(Text, ArraysStringsAndVersions) {
         ovrin_epm_bind_policy_info_destroy(h, 1, p);
     }
 
-    // Special characters in strings survive the XML round trip.
+    // A string prints as it is, special characters and all (XML escapes them: every type's filled
+    // strings hold them, and the operations-table sweep reads its XML back).
     auto *n = own(sess_mgr_client_name_create(h, 1), sess_mgr_client_name_destroy);
-    const char *nasty = "a<b&c\"d'e>";
     n->client_name = static_cast<char *>(h->inst_alloc(h->alloc_ctx, 1, 11));
-    std::memcpy(n->client_name, nasty, 11);
+    std::memcpy(n->client_name, "a<b&c\"d'e>", 11);
     n->cl_name_len = 10;
-    std::string xml = xml_of(testfill::type("sess_mgr_client_name"), n);
-    auto *r = own(sess_mgr_client_name_create(h, 1), sess_mgr_client_name_destroy);
-    read_back(testfill::type("sess_mgr_client_name"), xml, r, &err);
-    EXPECT_EQ(err, 0u);
-    EXPECT_EQ(r->cl_name_len, 10u);
-    EXPECT_STREQ(r->client_name, nasty);
-    sess_mgr_client_name_print_cr(h, r, buf, sizeof buf);
+    sess_mgr_client_name_print_cr(h, n, buf, sizeof buf);
     EXPECT_NE(std::string(buf).find("  client_name: a<b&c\"d'e>\n"), std::string::npos);
 }
 
