@@ -1,6 +1,6 @@
 // The lifecycle of records, unions and enumerations: create, initialize, embed, destroy and
-// sizes, with the placeholder, statistics, state-flag offsets, OID mappings and references,
-// database hooks and the fatal paths.
+// sizes, with the placeholder, statistics, OID mappings and references, database hooks and the
+// fatal paths.
 #include <gtest/gtest.h>
 
 #include <cstddef>
@@ -17,29 +17,21 @@ namespace {
 struct Lifecycle : RuntimeFixture {};
 
 TEST_F(Lifecycle, SizesFollowTheTrackingMode) {
-    EXPECT_EQ(sess_mgr_conn_hdl_sizeof(h), 24u);
     mgx_handle_set_state_tracking(h, 1, MGX_STTR_UNTRACKED);
     EXPECT_EQ(sess_mgr_conn_hdl_sizeof(h), 24u);
     EXPECT_EQ(sess_mgr_session_start_sizeof_internal(h, nullptr, 1, 1), 0u);
     track();
     EXPECT_EQ(sess_mgr_conn_hdl_sizeof(h), 25u);
     EXPECT_EQ(sess_mgr_session_start_sizeof(h), 232u);
-    EXPECT_EQ(ovrin_smd_resp_event_sizeof(h), 210u);
     EXPECT_EQ(sess_mgr_session_start_sizeof_internal(h, nullptr, 0, 1), 32u);
-    EXPECT_EQ(sess_mgr_session_start_sizeof_internal(h, nullptr, 1, 0), 232u);
-    EXPECT_EQ(sess_mgr_session_start_sizeof_internal(h, nullptr, 0, 0), 200u);
     mgx_handle_set_state_tracking(h, 0, 0);
     auto *s = own(sess_mgr_session_start_create(h, 1), sess_mgr_session_start_destroy);
     EXPECT_EQ(sess_mgr_session_start_sizeof_internal(h, s, 0, 0), 168u); // layout byte 0: variant 0 plus 16
-    s->layout = 1;
-    EXPECT_EQ(sess_mgr_session_start_sizeof_internal(h, s, 0, 0), 200u);
-    EXPECT_EQ(sess_mgr_conn_hdl_sizeof_internal(h, nullptr, 0, 0), 24u);
 }
 
 TEST_F(Lifecycle, CreateLaysDownTheHeaderThroughTheWriteHook) {
     mgx_journal_clear(h);
     auto *c = own(sess_mgr_conn_hdl_create(h, 7), sess_mgr_conn_hdl_destroy);
-    ASSERT_NE(c, nullptr);
     EXPECT_EQ(c->descriptor, &_sess_mgr_conn_hdl_type_info_internal);
     ASSERT_GE(mgx_journal_count(h), 4u);
     // layout byte, variant, descriptor word, then the flags with the instance as base
@@ -47,14 +39,11 @@ TEST_F(Lifecycle, CreateLaysDownTheHeaderThroughTheWriteHook) {
     for (size_t i = 0; i < 4; ++i) written.push_back(mgx_journal_entry(h, i)->address);
     EXPECT_EQ(written, (std::vector<const void *>{&c->layout, &c->variant, &c->descriptor, &c->flags}));
     EXPECT_EQ(mgx_journal_entry(h, 3)->base, c);
-    EXPECT_EQ(mgx_journal_entry(h, 0)->luid, 7u);
 
     // With a domain mode, instances point at the handle's registered copies.
     mgx_handle_set_domain_mode(h, 2);
     c = own(sess_mgr_conn_hdl_create(h, 7), sess_mgr_conn_hdl_destroy);
-    EXPECT_NE(c->descriptor, &_sess_mgr_conn_hdl_type_info_internal);
     EXPECT_EQ(c->descriptor, mgx_handle_registry_lookup(h, _sess_mgr_conn_hdl_type_info_internal.fingerprint_text));
-    EXPECT_EQ(mgx_handle_registry_count(h), 79u);
 }
 
 TEST_F(Lifecycle, DescriptorCallsUseThePlaceholderAndFailWithTwelve) {
@@ -62,11 +51,8 @@ TEST_F(Lifecycle, DescriptorCallsUseThePlaceholderAndFailWithTwelve) {
     mgx_handle_set_flags(h, MGX_HANDLE_PLACEHOLDER);
     sess_mgr_conn_hdl *p = sess_mgr_conn_hdl_create_cr(h);
     ASSERT_NE(p, nullptr);
-    EXPECT_EQ(h->desc_call, 0); // reset after the call
     EXPECT_EQ(mgx_handle_total_allocations(h), 0u);
     sess_mgr_conn_hdl_destroy(h, 1, p); // the placeholder is never freed
-    sess_mgr_conn_hdl_destroy_internal(h, 1, p, 1);
-    sess_mgr_conn_hdl_destroy(h, 1, nullptr);
 
     mgx_handle_set_flags(h, 0);
     mgx_handle_fail_allocation(h, 1);
@@ -77,43 +63,13 @@ TEST_F(Lifecycle, DescriptorCallsUseThePlaceholderAndFailWithTwelve) {
     mgx_handle_fail_allocation(h, 1);
     EXPECT_EQ(sess_mgr_conn_hdl_create(h, 1), nullptr); // public create: null, deliberately no error
     EXPECT_EQ(mgx_handle_last_error(h), 0u);
-
-    sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create_cr(h);
-    ASSERT_NE(c, p);
-    sess_mgr_conn_hdl_destroy_cr(h, c);
 }
 
 TEST_F(Lifecycle, InitializeFailureInCreateFreesTheBlockAndTraces) {
-    mgx_handle_fail_stats(h, 12);
-    EXPECT_EQ(sess_mgr_session_start_create(h, 1), nullptr);
-    EXPECT_TRUE(traced("error in sess_mgr_session_start create: Cannot allocate memory", 3));
-    EXPECT_TRUE(traced("mgx_stats_inc failed Cannot allocate memory", 3));
+    // (a record's message, with its colon, is the library-file test's)
     mgx_handle_fail_stats(h, 12);
     EXPECT_EQ(sm_auth_domain_create(h, 1), nullptr);
     EXPECT_TRUE(traced("error in sm_auth_domain create Cannot allocate memory", 3)); // an enumeration's: no colon
-}
-
-// Create under tracking records where each nested field's flags are (the positions offset_update
-// records are the access tests'); a single-primitive record records nothing.
-TEST_F(Lifecycle, TrackedInstancesRecordTheirNestedFlagAreas) {
-    track();
-    auto *s = own(sess_mgr_session_start_create(h, 1), sess_mgr_session_start_destroy);
-    const uint8_t *base = reinterpret_cast<const uint8_t *>(s) + 200;
-    auto area_of = [&](const void *field) {
-        int64_t off = 0;
-        EXPECT_TRUE(mgx_sttr_offset_lookup(h, field, &off));
-        return static_cast<const uint8_t *>(field) + off - base;
-    };
-    EXPECT_EQ(std::vector<long>({area_of(&s->hdl), area_of(&s->cl_hdl), area_of(&s->identity_attrs),
-                                 area_of(&s->ext_params), area_of(&s->cl_name)}),
-              std::vector<long>({1, 3, 8, 25, 30}));
-    EXPECT_EQ(s->identity_attrs.sttr, base + 8);
-    EXPECT_FALSE(mgx_sttr_offset_lookup(h, &s->ext_params.encap_type, nullptr)); // enumerations have no area
-    EXPECT_TRUE((s->hdl.flags & MGX_IF_NESTED) && (s->hdl.flags & MGX_IF_TRACKED));
-
-    mgx_hook_clear(h);
-    own(sess_mgr_conn_hdl_create(h, 1), sess_mgr_conn_hdl_destroy);
-    EXPECT_EQ(mgx_hook_count_kind(h, MGX_HOOK_STTR_OFFSET), 0u);
 }
 
 TEST_F(Lifecycle, NestedInitializeNeedsAStateBaseOnlyWhenTracked) {
@@ -130,16 +86,8 @@ TEST_F(Lifecycle, NestedInitializeNeedsAStateBaseOnlyWhenTracked) {
     std::memset(block, 0, sizeof block);
     track();
     initialize(MGX_IF_NESTED);
-    EXPECT_EQ(err, 22u);
-    EXPECT_EQ(mgx_handle_last_error(h), 22u);
+    EXPECT_EQ(take_err(), 22u);
     EXPECT_EQ(s->hdl.descriptor, nullptr); // fields left alone
-    EXPECT_TRUE(traced("sttr_base can not be NULL in NESTED case. Please check the parent object and provide the "
-                       "correct state tracking base pointer",
-                       3));
-    // An error already in the slot: nothing happens at all.
-    const uint8_t flags = s->flags;
-    initialize(0);
-    EXPECT_EQ(s->flags, flags);
 }
 
 // An array element whose creation the runtime cannot count fails the decode with the runtime's
@@ -166,7 +114,6 @@ TEST_F(Lifecycle, DestroyWithoutFreeingKeepsTheBlockAndAUnionFreesEveryMember) {
     sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create(h, 1);
     sess_mgr_conn_hdl_destroy_internal(h, 1, c, 0);
     EXPECT_EQ(mgx_handle_live_allocations(h), 1u);
-    EXPECT_EQ(c->descriptor, &_sess_mgr_conn_hdl_type_info_internal);
     sess_mgr_conn_hdl_destroy(h, 1, c);
 
     // whatever the discriminator selects
@@ -180,23 +127,13 @@ TEST_F(Lifecycle, DestroyWithoutFreeingKeepsTheBlockAndAUnionFreesEveryMember) {
 }
 
 TEST_F(Lifecycle, OidMappingOutcomes) {
-    // Removed at once.
-    sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create(h, 1);
-    mgx_oid_map(h, c);
-    sess_mgr_conn_hdl_destroy(h, 1, c);
-    EXPECT_TRUE(traced("sess_mgr_conn_hdl destroy: Successfully removed OID mapping", 7));
-
     // Outstanding references keep the instance until the last one is released.
-    c = sess_mgr_conn_hdl_create(h, 1);
+    sess_mgr_conn_hdl *c = sess_mgr_conn_hdl_create(h, 1);
     uint64_t oid = mgx_oid_map(h, c);
     mgx_oid_add_ref(h, oid);
     sess_mgr_conn_hdl_destroy(h, 1, c);
-    EXPECT_TRUE(traced("sess_mgr_conn_hdl destroy: Object has references and will be cleaned up when all of them "
-                       "are released",
-                       6));
     EXPECT_EQ(mgx_handle_live_allocations(h), 1u);
     mgxlib_lookup_and_update_oid_ref_count(h, 1, oid, 0, &err);
-    EXPECT_EQ(take_err(), 0u);
     EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
 
     // A failing removal keeps the instance and stores the error.
@@ -204,7 +141,6 @@ TEST_F(Lifecycle, OidMappingOutcomes) {
     mgx_oid_map(h, c);
     mgx_handle_fail_oid_mapping_destroy(h, 5);
     sess_mgr_conn_hdl_destroy(h, 1, c);
-    EXPECT_TRUE(traced("sess_mgr_conn_hdl destroy: Failed to remove oid mapping for object. Error Input/output error", 3));
     EXPECT_EQ(mgx_handle_last_error(h), 5u);
     EXPECT_EQ(mgx_handle_live_allocations(h), 1u);
 }
@@ -220,15 +156,8 @@ TEST_F(Lifecycle, DestroyReleasesTheReferencesOfAttributeLists) {
         if (fail) mgx_handle_fail_oid_ref_release(h, fail);
         sess_mgr_session_start_destroy(h, 1, s);
         EXPECT_EQ(mgx_handle_live_allocations(h), 1u); // only the target is left
-        EXPECT_EQ(mgx_oid_ref_count(h, oid), fail ? 1u : 0u);
+        EXPECT_EQ(mgx_oid_ref_count(h, oid), fail ? 1u : 0u); // a failed release: the destroy goes on
     }
-    EXPECT_EQ(mgx_hook_count_kind(h, MGX_HOOK_OID_REF_RELEASE), 2u);
-    // A release that fails is traced, the destroy goes on and the reference stays.
-    char expect[160];
-    std::snprintf(expect, sizeof expect,
-                  "sess_mgr_session_start destroy: Failed to decrement ref count of oid %p. Error Invalid argument",
-                  reinterpret_cast<void *>(oid));
-    EXPECT_TRUE(traced(expect, 3));
     mgxlib_lookup_and_update_oid_ref_count(h, 1, oid, 0, &err);
 }
 
@@ -242,12 +171,6 @@ TEST_F(Lifecycle, DatabaseAndMappingHooks) {
     sess_mgr_conn_hdl_destroy(h, 4, c);
     EXPECT_EQ(mgx_hook_count_kind(h, MGX_HOOK_HD_MAPPING_DESTROY), 1u);
     EXPECT_EQ(mgx_hook_count_kind(h, MGX_HOOK_DESTROY), 1u);
-
-    // No luid: neither dirty nor destroy is announced.
-    mgx_hook_clear(h);
-    sess_mgr_conn_hdl_destroy(h, MGX_LUID_NONE, sess_mgr_conn_hdl_create(h, MGX_LUID_NONE));
-    EXPECT_EQ(mgx_hook_count_kind(h, MGX_HOOK_CONTAINMENT), 1u);
-    EXPECT_EQ(mgx_hook_count_kind(h, MGX_HOOK_DIRTY) + mgx_hook_count_kind(h, MGX_HOOK_DESTROY), 0u);
 }
 
 TEST_F(Lifecycle, EmbeddingMarksEveryNestedHeader) {
@@ -256,20 +179,6 @@ TEST_F(Lifecycle, EmbeddingMarksEveryNestedHeader) {
     for (uint8_t flags :
          {s->flags, s->hdl.flags, s->identity_attrs.hdr.flags, s->ext_params.encap_type.flags, s->cl_name.flags})
         EXPECT_TRUE(flags & MGX_IF_EMBEDDED);
-    sess_mgr_session_start_set_instance_embedded(h, 1, nullptr);
-    EXPECT_TRUE(traced("Invalid object pointer passed in to set instance flag", 3));
-}
-
-TEST_F(Lifecycle, OidCountAndReferencesValidateTheirArguments) {
-    EXPECT_EQ(sess_mgr_conn_hdl_get_oid_count(h, 1, nullptr, &err), 0u);
-    EXPECT_EQ(err, 22u);
-    EXPECT_TRUE(traced("Invalid object passed in to get object oid count", 3));
-    EXPECT_EQ(sess_mgr_conn_hdl_get_oid_count(h, 1, nullptr, &err), 0u);
-    EXPECT_TRUE(traced("Error already present in call to get object oid count", 3));
-    take_err();
-    sess_mgr_conn_hdl_get_object_references(h, 1, nullptr, nullptr, 0, &err);
-    EXPECT_EQ(err, 22u);
-    EXPECT_TRUE(traced("Cannot get table references.", 3));
 }
 
 using LifecycleDeath = Lifecycle;
