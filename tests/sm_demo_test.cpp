@@ -52,6 +52,14 @@ TEST(Demo, OneSessionArrivesIntactAcrossVariantsAndTracking) {
     EXPECT_EQ(occurrences(r.out, "wire v0 -> v0  intact"), 6u) << r.out;
 }
 
+TEST(Demo, RendersTheMessagesAsXmlOrHex) {
+    for (const auto &[args, text] : {std::pair{"--xml", "<ovrin_smd_resp_event>"}, {"--hex", "\n    02 08 "}}) {
+        Outcome r = demo(args); // in hex: variant 2, state bytes follow
+        ASSERT_EQ(r.status, 0) << args << ":\n" << r.out;
+        expect_report(r, {text});
+    }
+}
+
 TEST(Demo, RepeatedSessionsShowOnlyTheFirstMessageByMessage) {
     Outcome r = demo("--quiet --count 40");
     ASSERT_EQ(r.status, 0) << r.out;
