@@ -37,13 +37,6 @@ TEST(RuntimeExceptions, EveryCallAnswersItsDocumentedFailure) {
              int kept = mgx_retained_data_set(h, instance, "abc", 3);
              return kept == 1 || mgx_handle_last_error(h) == MGX_ENOMEM;
          }},
-        {"recorders", [](mgx_handle_t *h) {
-             mgx_handle_set_recorders(h, MGX_RECORD_ALL);
-             mgxlib_update_sttr_offset(h, 1, instance + 8, 16);
-             mgxdb_plat_set_dirty(h, 1, instance);
-             h->inst_free(h->alloc_ctx, 1, h->inst_alloc(h->alloc_ctx, 1, 24));
-             return mgx_hook_count(h) <= 2;
-         }},
         {"qlog_module_init_fn", [](mgx_handle_t *) {
              uint16_t id = 0;
              state_word = 0;

@@ -23,14 +23,4 @@ TEST_F(HashTest, MatchesReferenceValuesOfAnIndependentImplementation) {
     for (const auto &[text, value] : reference) EXPECT_EQ(published(text), value) << text.size();
 }
 
-TEST_F(HashTest, SeedIsTheInitialValueAndEmptyInputGivesItBack) {
-    EXPECT_NE(SuperFastHash("hello world", 11, 0), published("hello world"));
-    for (int len : {0, -5}) EXPECT_EQ(SuperFastHash("abc", len, 1234), 1234u);
-    EXPECT_EQ(SuperFastHash(nullptr, 8, 1234), 1234u);
-    EXPECT_NE(SuperFastHash("b", 1, SuperFastHash("a", 1, 0)), SuperFastHash("a", 1, SuperFastHash("b", 1, 0)));
-    u_int32 v = 0x01020304; // a scalar hashes its bytes as they lie in memory
-    EXPECT_EQ(u_int32_hash(&v, 9), SuperFastHash(reinterpret_cast<const char *>(&v), 4, 9));
-    EXPECT_EQ(u_int32_hash(nullptr, 9), 9u);
-}
-
 } // namespace

@@ -1,8 +1,5 @@
-// What the handle records while operations run: nothing until a recorder is switched on, and
-// call-site tags that belong to the thread that set them.
+// What the handle records while operations run: nothing until a recorder is switched on.
 #include <gtest/gtest.h>
-
-#include <thread>
 
 #include "mgx/runtime.h"
 
@@ -63,34 +60,6 @@ TEST_F(Recording, EveryRecorderIsOffUntilSwitchedOn) {
     run_both();
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(mgx_journal_count(h), 1u);
-}
-
-// A tag goes to the next allocation of the thread that set it, failed or not, and is kept only
-// while its recorder is on.
-TEST_F(Recording, CallsiteTagIsTakenByTheNextAllocationOfItsOwnThread) {
-    mgx_handle_set_recorders(h, MGX_RECORD_CALLSITE_TAGS);
-    auto alloc = [this] { return h->inst_alloc(h->alloc_ctx, 1, 8); };
-    void *mine = nullptr, *theirs = nullptr;
-    std::thread other([&] {
-        plinth_set_callsite_tag(0xB03C3002);
-        std::thread([&] { mine = alloc(); }).join(); // untagged thread
-        theirs = alloc();
-    });
-    other.join();
-    void *untagged = alloc(); // the tag was consumed: none is left
-    plinth_set_callsite_tag(0xB03C3003);
-    mgx_handle_fail_allocation(h, 1);
-    EXPECT_EQ(alloc(), nullptr);
-    // With the recorder off a tag is consumed all the same, and not kept.
-    mgx_handle_set_recorders(h, 0);
-    plinth_set_callsite_tag(0xB03C3004);
-    void *quiet = alloc();
-    mgx_handle_set_recorders(h, MGX_RECORD_CALLSITE_TAGS);
-    void *after = alloc();
-    ASSERT_EQ(mgx_callsite_tag_count(h), 2u);
-    EXPECT_EQ(mgx_callsite_tag(h, 0), 0xB03C3002u);
-    EXPECT_EQ(mgx_callsite_tag(h, 1), 0xB03C3003u);
-    for (void *p : {mine, theirs, untagged, quiet, after}) h->inst_free(h->alloc_ctx, 1, p);
 }
 
 } // namespace

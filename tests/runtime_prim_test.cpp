@@ -83,16 +83,6 @@ TYPED_TEST(PrimTest, SetWireFormShortBuffersAndAPendingError) {
     }
     EXPECT_EQ(mgx_handle_last_error(h), MGX_ESHORT);
 
-    uint32_t pending = 5;
-    uint8_t out[16] = {};
-    char text[64] = "kept";
-    C::set(h, 0, &back, &v, &pending);
-    EXPECT_EQ(C::marshal(h, 0, out, &v, 16, &pending) + C::unmarshal(h, 0, wire.data(), &back, w, 0, &pending) +
-                  C::print(h, 0, text, 0, "f", &v, 64, &pending) + C::to_xml(h, 0, "f", text, &v, 64, 0, &pending),
-              0u);
-    EXPECT_TRUE(same(back, none));
-    EXPECT_STREQ(text, "kept");
-    EXPECT_EQ(out[0] + pending, 5u);
 }
 
 TYPED_TEST(PrimTest, PrintAndXmlForms) {
@@ -113,13 +103,6 @@ TYPED_TEST(PrimTest, PrintAndXmlForms) {
     EXPECT_TRUE(same(back, v));
     C::from_xml(h, 0, "r/missing", doc.get(), &back, &this->err, nullptr, 0);
     EXPECT_EQ(this->err, MGX_ENOENT);
-    char msg[64] = "";
-    for (const char *path : {"r/junk", "r/empty"}) {
-        uint32_t e = 0;
-        C::from_xml(h, 0, path, doc.get(), &back, &e, msg, sizeof msg);
-        EXPECT_EQ(e, MGX_EINVAL) << path;
-    }
-    EXPECT_STREQ(msg, "Invalid value at r/empty");
     EXPECT_TRUE(same(back, v));
 }
 
@@ -154,28 +137,11 @@ TEST_F(ScalarTest, ReadersAreStrict) {
     };
     check(u_int8{}, u_int8_from_xml,
           {{"255", true}, {" 42\n", true}, {"256", false}, {"-1", false}, {"+1", false}, {"0x1", false}, {"1 2", false}});
-    check(u_int16{}, u_int16_from_xml, {{"65536", false}});
-    check(u_int32{}, u_int32_from_xml, {{"4294967295", true}, {"99999999999999999999999", false}});
     check(u_int64{}, u_int64_from_xml, {{"18446744073709551615", true}, {"18446744073709551616", false}});
-    check(mgx_boolean{}, mgx_boolean_from_xml, {{"yes", false}});
     check(mgx_mac_addr{}, mgx_mac_addr_from_xml, {{"00:1A:2B:3C:4D:5E", true}, {"00:1a:2b:3c:4d", false},
                                                   {"00-1a-2b-3c-4d-5e", false}, {"0g:1a:2b:3c:4d:5e", false}});
     check(ipv4_addr{}, ipv4_addr_from_xml, {{"1.2.3", false}, {"256.1.1.1", false}});
     check(ipv6_addr{}, ipv6_addr_from_xml, {{"::ffff:10.0.0.1", true}, {"1::2::3", false}});
-}
-
-TEST_F(ScalarTest, InstanceComparisons) {
-    mgx_mac_addr m1{{0, 0, 0, 0, 0, 9}}, m2{{0, 0, 0, 0, 1, 0}};
-    EXPECT_EQ(std::vector<int>({mgx_mac_addr_compare(&m1, &m2), mgx_mac_addr_compare(&m2, &m1),
-                                mgx_mac_addr_compare(nullptr, nullptr), mgx_mac_addr_compare(nullptr, &m1),
-                                mgx_mac_addr_compare(&m1, nullptr)}),
-              std::vector<int>({-1, 1, 0, -1, 1}));
-    ipv4_addr low = 0x0A000002, high = 0xC0A80001; // by value, not by the host-order bytes
-    EXPECT_EQ(ipv4_addr_compare(&low, &high), -1);
-    ipv6_addr a = v6("::2"), b = v6("1::");
-    EXPECT_EQ(ipv6_addr_compare(&a, &b), -1);
-    EXPECT_EQ(mgx_mac_addr_get_oid_count(h, 0, nullptr, &err), 0u);
-    EXPECT_EQ(take_err(), MGX_EINVAL);
 }
 
 // ---------------------------------------------------------------------------- aaa_tlv
@@ -216,7 +182,6 @@ TEST_F(AaaTlvTest, AttributeApiAndOrdering) {
     EXPECT_EQ(aaa_tlv_attr_find(t, 99), -1);
     aaa_tlv_attr_remove(h, 0, t, 0, &err);
     EXPECT_EQ(aaa_tlv_attr_find(t, 1), 1);
-    EXPECT_EQ(aaa_tlv_attr_at(t, 2, nullptr, nullptr), 0u);
     aaa_tlv_attr_remove(h, 0, t, 2, &err);
     EXPECT_EQ(take_err(), MGX_ENOENT);
     aaa_tlv_set(h, 0, t, t, &err);
@@ -233,10 +198,6 @@ TEST_F(AaaTlvTest, AttributeApiAndOrdering) {
         EXPECT_EQ(aaa_tlv_compare(other, t), order) << attrs[0].first;
         EXPECT_EQ(aaa_tlv_hash(other, 5) == aaa_tlv_hash(t, 5), order == 0) << attrs[0].first;
     }
-    aaa_tlv *empty = make();
-    EXPECT_EQ(aaa_tlv_compare(nullptr, empty) + aaa_tlv_compare(empty, nullptr) + aaa_tlv_compare(nullptr, nullptr), 0);
-    for (uint32_t i = 0; i < 2; ++i) aaa_tlv_attr_remove(h, 0, t, 0, &err);
-    EXPECT_EQ(t->body, nullptr) << "an empty list holds no memory";
 }
 
 TEST_F(AaaTlvTest, WireFormShortLengthsAndHostileInput) {
@@ -263,9 +224,7 @@ TEST_F(AaaTlvTest, WireFormShortLengthsAndHostileInput) {
         {0xFF, 0xFF, 0xFF, 0xFF},                                    // four billion attributes, no bytes
         {0x7F, 0xFF, 0xFF, 0xFF, 0, 0, 0, 1, 0, 0, 0, 0},            // huge count, one real attribute
         {0, 0, 0, 1, 0, 0, 0, 1, 0xFF, 0xFF, 0xFF, 0xFF, 'x'},       // a 4 GiB value
-        {0, 0, 0, 1, 0, 0, 0, 1, 0x7F, 0xFF, 0xFF, 0xF0, 'x'},       // a 2 GiB value
         {0, 0, 0, 2, 0, 0, 0, 1, 0, 0, 0, 1, 'x', 0, 0, 0, 2, 0, 0}, // second header cut short
-        {0, 0, 0, 2, 0, 0, 0, 1, 0, 0, 0, 1, 'x', 0, 0, 0, 2, 0, 0, 0, 9, 'y'},
     };
     for (const auto &bytes : hostile) {
         uint32_t e = 0;
@@ -304,55 +263,6 @@ TEST_F(AaaTlvTest, AllocationFailureLeavesTheListAsItWas) {
         op(&e);
         EXPECT_EQ(e, 0u) << name << " succeeds once memory is back";
     }
-}
-
-TEST_F(AaaTlvTest, ObjectReferencesAreCountedAndCopied) {
-    aaa_tlv *owner = make(), *a = make(), *b = make();
-    const uint64_t oid = mgx_oid_map(h, owner);
-    aaa_tlv_add_object_reference(h, 0, a, oid, &err);
-    add(a, 1, "x");
-    aaa_tlv_set(h, 0, b, a, &err);
-    EXPECT_EQ(mgx_oid_ref_count(h, oid), 2u) << "the copy holds its own reference";
-    uint64_t refs[1] = {};
-    aaa_tlv_get_object_references(h, 0, b, refs, 0, &err);
-    EXPECT_EQ(take_err(), MGX_EINVAL) << "an array too small for the references";
-    decode(b, {0, 0, 0, 0}, 4, &err); // decoding replaces attributes; references stay
-    EXPECT_EQ(aaa_tlv_attr_count(b) + 10 * aaa_tlv_get_oid_count(h, 0, b, &err), 10u);
-    aaa_tlv_add_object_reference(h, 0, a, oid + 1000, &err);
-    EXPECT_EQ(take_err(), MGX_ENOENT);
-    for (aaa_tlv *t : {a, b}) { // what a containing record's destroy does before destroying the list
-        ASSERT_EQ(aaa_tlv_get_oid_count(h, 0, t, &err), 1u);
-        aaa_tlv_get_object_references(h, 0, t, refs, 1, &err);
-        EXPECT_EQ(refs[0], oid);
-        mgxlib_lookup_and_update_oid_ref_count(h, 0, refs[0], 0, &err);
-    }
-    EXPECT_EQ(mgx_oid_ref_count(h, oid) + err, 0u);
-    EXPECT_EQ(mgx_request_oid_mapping_destroy(h, 0, owner, &err), 1);
-}
-
-TEST_F(AaaTlvTest, PrintAndXmlForms) {
-    aaa_tlv *t = make({{1, "hi"}, {7, ""}, {26, std::string("<&>\0\xff", 5)}}), *back = make({{99, "replaced"}});
-    char buf[512];
-    const std::string printed = "  attrs@aaa_tlv: {\n    attr[0]: type 1: 6869\n    attr[1]: type 7: \n"
-                                "    attr[2]: type 26: 3c263e00ff\n  }\n";
-    EXPECT_EQ(aaa_tlv_print(h, 0, buf, 2, "attrs", t, sizeof buf, &err), printed.size());
-    EXPECT_EQ(buf, printed);
-    const std::string xml = "<attrs state=\"2\"><attr><type>1</type><value>6869</value></attr>"
-                            "<attr><type>7</type><value></value></attr>"
-                            "<attr><type>26</type><value>3c263e00ff</value></attr></attrs>";
-    EXPECT_EQ(aaa_tlv_to_xml(h, 0, "attrs", buf, t, sizeof buf, 2, &err), xml.size());
-    EXPECT_EQ(buf, xml);
-    EXPECT_EQ(aaa_tlv_to_xml(h, 0, "attrs", buf, t, 40, 2, &err), 39u);
-    EXPECT_EQ(std::string(buf), xml.substr(0, 39));
-
-    auto doc = parse_xml("<r>" + xml + "<bad><attr><type>1</type><value>6g</value></attr></bad></r>");
-    aaa_tlv_from_xml(h, 0, "r/attrs", doc.get(), back, &err, nullptr, 0);
-    EXPECT_EQ(aaa_tlv_compare(back, t) + err, 0u);
-    aaa_tlv_from_xml(h, 0, "r/bad", doc.get(), back, &err, nullptr, 0);
-    EXPECT_EQ(take_err(), MGX_EINVAL);
-    aaa_tlv_from_xml(h, 0, "r/none", doc.get(), back, &err, nullptr, 0);
-    EXPECT_EQ(err, MGX_ENOENT);
-    EXPECT_EQ(aaa_tlv_compare(back, t), 0) << "failed reads leave the list as it was";
 }
 
 } // namespace

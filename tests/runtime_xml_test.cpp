@@ -1,4 +1,4 @@
-// XML documents and queries, the bounded text writers, escaping, and counted strings.
+// XML documents and queries, escaping, and the document limits.
 #include <unistd.h>
 
 #include <cstdio>
@@ -36,29 +36,6 @@ std::string round_trip(mgx_handle_t *h, const std::string &text) {
     var_string_from_xml(h, 0, "s", doc.get(), out.data(), length + 1, &err);
     EXPECT_EQ(err, 0u);
     return std::string(out.data(), length);
-}
-
-TEST_F(XmlTest, WritersAreBoundedAndReportWhatTheyWrote) {
-    char buf[64];
-    EXPECT_EQ(start_tag(buf, sizeof buf, "cl_hdl", 0), 8u);
-    EXPECT_STREQ(buf, "<cl_hdl>");
-    EXPECT_EQ(end_tag(buf, sizeof buf, "cl_hdl"), 9u);
-    EXPECT_STREQ(buf, "</cl_hdl>");
-    const std::string full = "<cl_hdl state=\"2\">";
-    for (uint32_t size = 0; size <= full.size() + 1; ++size) {
-        std::memset(buf, '#', sizeof buf);
-        uint32_t n = start_tag(buf, size, "cl_hdl", 2);
-        ASSERT_EQ(n, size ? std::min<uint32_t>(size - 1, uint32_t(full.size())) : 0u);
-        EXPECT_EQ(size ? std::string(buf) : std::string(1, buf[0]), size ? full.substr(0, n) : "#");
-    }
-    EXPECT_EQ(xml_enum_print(buf, 5, "<ABC/>", 6), 4u);
-    EXPECT_EQ(mgx_snprintf(h, 0, buf, 5, &err, "%s@%s", "hello", "world"), 4u);
-    EXPECT_STREQ(buf, "hell");
-    EXPECT_EQ(mgx_print_space(h, 0, buf, 6, 4, &err), 3u);
-    uint32_t pending = 22;
-    std::strcpy(buf, "kept");
-    EXPECT_EQ(mgx_snprintf(h, 0, buf, sizeof buf, &pending, "x") + mgx_print_space(h, 0, buf, 4, 9, &pending), 0u);
-    EXPECT_STREQ(buf, "kept");
 }
 
 TEST_F(XmlTest, EscapedTextReadsBackExactly) {
@@ -201,26 +178,6 @@ TEST_F(XmlTest, DocumentSizeAndAttributesPerElementAreBounded) {
     EXPECT_EQ(read_answer(std::string("<z/>\n\0<r a='1'/>", 16)), "line 2: a NUL character, which no XML document holds");
     EXPECT_EQ(read_answer(std::string("<z/>\0\0", 6)), "read"); // a length counting terminators
     EXPECT_EQ(read_answer(std::string(MGX_XML_MAX_DOCUMENT + 1, ' ')), "the document is larger than 67108864 bytes");
-}
-
-TEST_F(XmlTest, CountedStrings) {
-    char buf[64];
-    EXPECT_EQ(var_string_print(h, 0, buf, 2, "client_name", "abcdef", sizeof buf, 3, &err), 19u);
-    EXPECT_STREQ(buf, "  client_name: abc\n");
-    var_string_print(h, 0, buf, 0, "client_name", nullptr, sizeof buf, 5, &err);
-    EXPECT_STREQ(buf, "client_name: \n");
-
-    auto doc = parse_xml("<r><name>hello</name></r>");
-    char out[6] = "xxxxx";
-    var_string_from_xml(h, 0, "r/name", doc.get(), out, 5, &err);
-    EXPECT_EQ(take_err(), MGX_ERANGE);
-    EXPECT_STREQ(out, "xxxxx") << "a text that does not fit leaves the buffer alone";
-    var_string_from_xml(h, 0, "r/other", doc.get(), out, sizeof out, &err);
-    EXPECT_EQ(err, MGX_ENOENT);
-    EXPECT_EQ(mgx_handle_last_error(h), MGX_ENOENT);
-    uint32_t pending = 12;
-    EXPECT_EQ(var_string_to_xml(h, 0, "s", buf, "x", sizeof buf, 1, 0, &pending), 0u);
-    EXPECT_STREQ(buf, "client_name: \n");
 }
 
 } // namespace
