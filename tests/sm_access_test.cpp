@@ -39,27 +39,6 @@ std::string attr_text(const aaa_tlv *list, uint32_t i) {
     return std::string(static_cast<const char *>(value), length);
 }
 
-TEST_F(Access, LaterVariantFieldIsAbsentAtVariantZero) {
-    track();
-    mgx_handle_set_domain_variant(h, "sess_mgr_session_start", 0);
-    auto *s = own(sess_mgr_session_start_create(h, luid), sess_mgr_session_start_destroy);
-    auto *name = own(sess_mgr_client_name_create(h, luid), sess_mgr_client_name_destroy);
-    std::vector<uint8_t> before = bytes_of(s, 232);
-    mgx_journal_clear(h);
-    sess_mgr_session_start_cl_name_set(h, luid, s, name, &err);
-    EXPECT_EQ(take_err(), MGX_EVARIANT);
-    EXPECT_EQ(sess_mgr_session_start_cl_name_get(h, luid, s, &err), nullptr);
-    EXPECT_EQ(take_err(), MGX_EVARIANT);
-    sess_mgr_session_start_cl_name_state_flag_set(h, luid, s, 5, &err);
-    EXPECT_EQ(err, MGX_EVARIANT);
-    EXPECT_EQ(mgx_handle_last_error(h), MGX_EVARIANT);
-    EXPECT_EQ(mgx_journal_count(h), 0u);
-    EXPECT_EQ(bytes_of(s, 232), before);
-    // An error already in the word: nothing happens at all.
-    sess_mgr_conn_hdl_conn_hdl_set_value(h, luid, &s->hdl, 4, &err);
-    EXPECT_EQ(s->hdl.conn_hdl, 0u);
-}
-
 TEST_F(Access, SetsMarkTwoInTheFlattenedAreaOfNestedFields) {
     track();
     auto *s = own(sess_mgr_session_start_create(h, luid), sess_mgr_session_start_destroy);

@@ -62,23 +62,6 @@ TEST_F(Composite, AReplacedMemberIsDetachedNotDestroyed) {
     EXPECT_EQ(mgx_hook_count_kind(h, MGX_HOOK_DESTROY), 0u);
 }
 
-TEST_F(Composite, WholeUnionSetMovesTheMembersOutOfTheSource) {
-    auto *src = own(ovrin_smd_in_event_create(h, luid), ovrin_smd_in_event_destroy);
-    auto *dst = own(ovrin_smd_in_event_create(h, luid), ovrin_smd_in_event_destroy);
-    auto *on = sess_mgr_monitoring_create(h, luid);
-    auto *off = sess_mgr_monitoring_create(h, luid);
-    ovrin_smd_in_event_disable_mon_set(h, luid, src, off, &err);
-    ovrin_smd_in_event_enable_mon_set(h, luid, src, on, &err); // same type, own slot
-    ovrin_smd_in_event_set(h, luid, dst, src, &err);
-    ASSERT_EQ(take_err(), 0u);
-    EXPECT_EQ(dst->enable_mon, on);
-    EXPECT_EQ(dst->disable_mon, off);
-    EXPECT_EQ(dst->event_type.value, SESS_MGR_RCL_IN_ENABLE_MONITORING);
-    EXPECT_EQ(src->enable_mon, nullptr);
-    EXPECT_EQ(src->disable_mon, nullptr);
-    EXPECT_EQ(src->event_type.value, SESS_MGR_RCL_IN_ENABLE_MONITORING);
-}
-
 TEST_F(Composite, VariantBoundMembersAndDiscriminatorValues) {
     mgx_handle_set_domain_variant(h, "ovrin_smd_in_event", 1);
     auto *u = own(ovrin_smd_in_event_create(h, luid), ovrin_smd_in_event_destroy);
@@ -172,20 +155,6 @@ TEST_F(Composite, FixedArrayBoundsAndBulkCopies) {
     EXPECT_EQ(std::vector<uint8_t>(reinterpret_cast<uint8_t *>(p), reinterpret_cast<uint8_t *>(p + 1)), before);
     sm_dot11_params_oui_set(h, luid, p, 2, &v, &err);
     EXPECT_EQ(sm_dot11_params_oui_get_value(h, luid, p, 2, &err), 0x77);
-}
-
-TEST_F(Composite, EnumerationElementsKeepTheirHeaders) {
-    auto *b = own(ovrin_epm_bind_policy_info_create(h, luid), ovrin_epm_bind_policy_info_destroy);
-    ovrin_epm_bind_policy_info_policy_src_set_value(h, luid, b, 1, OVRIN_EPM_SOURCE_AAA, &err);
-    EXPECT_EQ(ovrin_epm_bind_policy_info_policy_src_get_value(h, luid, b, 1, &err), OVRIN_EPM_SOURCE_AAA);
-    ovrin_epm_policy_source src[4] = {};
-    for (uint32_t i = 0; i < 4; ++i) src[i].value = OVRIN_EPM_SOURCE_LOCAL_WLAN - i;
-    void *descriptor = b->policy_src[3].descriptor;
-    EXPECT_EQ(ovrin_epm_bind_policy_info_policy_src_set_mem_cr(h, b, src, 4), 0u);
-    EXPECT_EQ(b->policy_src[3].value, OVRIN_EPM_SOURCE_LOCAL);
-    EXPECT_EQ(b->policy_src[3].descriptor, descriptor);
-    EXPECT_NE(b->policy_src[3].flags & MGX_IF_NESTED, 0);
-    EXPECT_EQ(take_err(), 0u);
 }
 
 TEST_F(Composite, FixedArrayFlagsAndTheAsymmetricFlagArrayCopy) {
