@@ -109,18 +109,20 @@ ovrin_smd_resp_event *build(mgx_handle_t *h, const Large &c) {
         ovrin_svm_epm_notify_domain_name_bind *dn = ovrin_epm_bind_policy_info_domain_names_get(h, kLuid, p, e);
         ovrin_svm_epm_notify_domain_name_bind_mac_set(h, kLuid, dn, &dmac, e);
         ovrin_svm_epm_notify_domain_name_bind_wlclient_num_set_value(h, kLuid, dn, q.wlclient_num, e);
-        // The last element first: the array takes its full size at once instead of growing.
-        for (size_t i = q.domain_names.size(); i-- > 0 && !err;) {
+        // The array takes its full size at once (its last element set from a blank record), then
+        // every element is filled where it lies, as an application fills any nested record.
+        const uint32_t n = static_cast<uint32_t>(q.domain_names.size());
+        if (n > 0 && !err) {
+            fqdn_domain_name_bind *blank = fqdn_domain_name_bind_create(h, kLuid);
+            if (!blank) err = MGX_ENOMEM;
+            ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, kLuid, dn, n - 1, blank, e);
+            if (blank) fqdn_domain_name_bind_destroy(h, kLuid, blank);
+        }
+        for (uint32_t i = 0; i < n && !err; ++i) {
             const DomainName &name = q.domain_names[i];
-            fqdn_domain_name_bind *b = fqdn_domain_name_bind_create(h, kLuid);
-            if (!b) {
-                err = MGX_ENOMEM;
-                break;
-            }
+            fqdn_domain_name_bind *b = ovrin_svm_epm_notify_domain_name_bind_domain_names_get(h, kLuid, dn, i, e);
             fqdn_domain_name_bind_fqdn_register_set_value(h, kLuid, b, name.fqdn_register, e);
             fqdn_domain_name_bind_name_set(h, kLuid, b, name.name.c_str(), size(name.name), e);
-            ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, kLuid, dn, static_cast<uint32_t>(i), b, e);
-            fqdn_domain_name_bind_destroy(h, kLuid, b);
         }
         ovrin_epm_bind_policy_info_avg_data_dn_set_value(h, kLuid, p, q.rates[0], e);
         ovrin_epm_bind_policy_info_avg_realtime_dn_set_value(h, kLuid, p, q.rates[1], e);
@@ -145,17 +147,18 @@ sess_mgr_sess_attr_query_resp *build(mgx_handle_t *h, const Bulk &c) {
     if (!q) return nullptr;
     sess_mgr_sess_attr_query_resp_query_hdl_set_value(h, kLuid, q, c.query_hdl, e);
     sess_mgr_sess_attr_query_resp_has_more_resp_set_value(h, kLuid, q, c.has_more_resp, e);
-    for (size_t i = c.entries.size(); i-- > 0 && !err;) {
-        sess_mgr_query_resp *r = sess_mgr_query_resp_create(h, kLuid);
-        if (!r) {
-            err = MGX_ENOMEM;
-            break;
-        }
+    const uint32_t n = static_cast<uint32_t>(c.entries.size());
+    if (n > 0) { // full size at once, then filled in place (as the large message's domain names)
+        sess_mgr_query_resp *blank = sess_mgr_query_resp_create(h, kLuid);
+        if (!blank) err = MGX_ENOMEM;
+        sess_mgr_sess_attr_query_resp_resp_array_set(h, kLuid, q, n - 1, blank, e);
+        if (blank) sess_mgr_query_resp_destroy(h, kLuid, blank);
+    }
+    for (uint32_t i = 0; i < n && !err; ++i) {
+        sess_mgr_query_resp *r = sess_mgr_sess_attr_query_resp_resp_array_get(h, kLuid, q, i, e);
         sess_mgr_session_label_session_label_set_value(h, kLuid, sess_mgr_query_resp_label_get(h, kLuid, r, e),
                                                        c.entries[i].label, e);
         attrs(h, sess_mgr_query_resp_attr_list_get(h, kLuid, r, e), c.entries[i].attrs, e);
-        sess_mgr_sess_attr_query_resp_resp_array_set(h, kLuid, q, static_cast<uint32_t>(i), r, e);
-        sess_mgr_query_resp_destroy(h, kLuid, r);
     }
     sess_mgr_sess_attr_query_resp_session_list_hdl_set_value(h, kLuid, q, c.session_list_hdl, e);
     sess_mgr_sess_attr_query_resp_session_count_set_value(h, kLuid, q, c.session_count, e);

@@ -2,6 +2,7 @@
 #ifndef MGX_RUNTIME_INTERNAL_H
 #define MGX_RUNTIME_INTERNAL_H
 
+#include <bit>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -236,14 +237,38 @@ template <class Body> void guarded(mgx_handle_t *h, uint32_t *err, Body &&body) 
     });
 }
 
-// Big-endian helpers for the wire form.
+// Big-endian helpers for the wire form. The widths the primitives use are one load or store and a
+// byte swap (every caller's width is a constant once inlined); any other width goes byte by byte.
+template <class U> inline U to_big(U v) {
+    if constexpr (std::endian::native == std::endian::big || sizeof(U) == 1) return v;
+    else if constexpr (sizeof(U) == 2) return __builtin_bswap16(v);
+    else if constexpr (sizeof(U) == 4) return __builtin_bswap32(v);
+    else return __builtin_bswap64(v);
+}
 inline void put_be(uint8_t *p, uint64_t v, unsigned width) {
-    for (unsigned i = 0; i < width; ++i) p[i] = static_cast<uint8_t>(v >> (8 * (width - 1 - i)));
+    auto store = [p](auto x) { x = to_big(x); std::memcpy(p, &x, sizeof x); };
+    switch (width) {
+    case 1: *p = static_cast<uint8_t>(v); return;
+    case 2: return store(static_cast<uint16_t>(v));
+    case 4: return store(static_cast<uint32_t>(v));
+    case 8: return store(v);
+    default:
+        for (unsigned i = 0; i < width; ++i) p[i] = static_cast<uint8_t>(v >> (8 * (width - 1 - i)));
+    }
 }
 inline uint64_t get_be(const uint8_t *p, unsigned width) {
-    uint64_t v = 0;
-    for (unsigned i = 0; i < width; ++i) v = (v << 8) | p[i];
-    return v;
+    auto load = [p](auto x) { std::memcpy(&x, p, sizeof x); return static_cast<uint64_t>(to_big(x)); };
+    switch (width) {
+    case 1: return *p;
+    case 2: return load(uint16_t{});
+    case 4: return load(uint32_t{});
+    case 8: return load(uint64_t{});
+    default: {
+        uint64_t v = 0;
+        for (unsigned i = 0; i < width; ++i) v = (v << 8) | p[i];
+        return v;
+    }
+    }
 }
 
 } // namespace mgx

@@ -343,8 +343,11 @@ void offset_remove(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance
     }
 }
 
-void *field_get(const Type &, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
-    if (!start(h, luid, instance, err)) return nullptr;
+namespace {
+
+// The field's address as field get hands it out (scalars through their type's get, each reported
+// with the instance as parent), for a caller that has begun and found the instance.
+void *fetch_field(const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
     if (!present_in(f, h, instance, err)) return nullptr;
     void *field = field_at(instance, f);
     if (is_primitive(f.kind)) {
@@ -360,6 +363,13 @@ void *field_get(const Type &, const Field &f, mgx_handle_t *h, uint32_t luid, vo
         get(*f.type, h, luid, field);
     report(h, luid, field, instance);
     return field;
+}
+
+} // namespace
+
+void *field_get(const Type &, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
+    if (!start(h, luid, instance, err)) return nullptr;
+    return fetch_field(f, h, luid, instance, err);
 }
 
 void field_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, void *value,
@@ -395,7 +405,7 @@ void field_set_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lu
                      uint32_t *err) {
     if (!start(h, luid, instance, err)) return;
     if (!adjust(t, h, luid, instance, err)) return;
-    void *field = field_get(t, f, h, luid, instance, err);
+    void *field = fetch_field(f, h, luid, instance, err); // begun above: the handle's error is clear
     if (failed(err)) return;
     if (!field) {
         fail(h, err, MGX_ENOENT);

@@ -84,7 +84,7 @@ template <class F> [[gnu::always_inline]] inline uint32_t put_element(const F &f
 template <class F> [[gnu::always_inline]] inline void put_piece(const F &f, Writer &w, const void *element) {
     uint32_t e = 0;
     w.pos += static_cast<int32_t>(put_element(f, w.h, w.luid, w.buf + w.pos, element, w.left(), &e));
-    keep_first(w.err, e);
+    if (e && !*w.err) [[unlikely]] *w.err = e; // the writer's cell is never null
 }
 
 // Arrays, counted strings and union arms; scalars take the short road in encode().
