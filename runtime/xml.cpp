@@ -1,6 +1,7 @@
 // XML documents (libxml2) and their path queries, the tag writers, and the escaping of element
 // text. The paths the readers build (element names and positions) are answered by walking the
 // tree directly; any other path goes to libxml2's XPath engine, which gives the same node sets.
+#include <atomic>
 #include <climits>
 #include <cstdio>
 #include <algorithm>
@@ -90,6 +91,7 @@ struct Step {
     const char *name;
     size_t length;
     uint32_t position;
+    const char *end; // just past the step (its name and position) in the path
 };
 constexpr size_t max_steps = 32;
 
@@ -135,6 +137,7 @@ bool plain_steps(const char *path, Step (&steps)[max_steps], size_t &n) {
             s.position = static_cast<uint32_t>(v);
             ++p;
         }
+        s.end = p;
         if (*p == '\0') return true;
         if (*p++ != '/') return false;
     }
@@ -155,36 +158,145 @@ template <class Visit> bool walk(xmlNodePtr first, const Step *s, const Step *en
     return true;
 }
 
+// The elements the last plain path read on this thread led through, so that the next path that
+// begins with the same steps starts below them: a record is read one path per field, each its
+// record's path and one step more, so all but the first read walk one level instead of the whole
+// depth, and an array's element N is not found again by counting N siblings for each of its
+// fields. A level is taken again only where it names one element for certain: a step with a
+// position, or a step without one whose element has no sibling of its name (with such a sibling,
+// a later one may hold what the next path asks for where the earlier one does not, and document
+// order decides). The chain belongs to one document, known by the stamp its reading wrote into
+// it: documents are opaque to their users and not changed between their reading and their free,
+// a document freed takes its stamp with it, and one that mgx_xml_document_read did not make
+// carries none and is never kept.
+constexpr size_t chain_path_size = 512;
+struct Chain {
+    const void *doc = nullptr;
+    const void *stamp = nullptr;
+    size_t n = 0;                 // levels kept
+    size_t end[max_steps];        // where each level's step ends in path
+    xmlNodePtr node[max_steps];
+    uint8_t certain[max_steps];   // 1 one element for certain, 0 not, 2 not yet known
+    char path[chain_path_size];
+};
+thread_local Chain chain; // trivially destructible: nothing to run at thread exit
+
+// The chain's address found once per read: a thread-local's address is a call in a shared
+// library, which the compiler would otherwise repeat inside the loops below.
+[[gnu::noinline]] Chain &this_thread_chain() { return chain; }
+
+constexpr uintptr_t stamp_bit = uintptr_t{1} << (sizeof(uintptr_t) * 8 - 1); // no user-space pointer has it
+
+const void *stamp_of(const void *doc) {
+    const void *p = static_cast<const xmlDoc *>(doc)->_private;
+    return reinterpret_cast<uintptr_t>(p) & stamp_bit ? p : nullptr;
+}
+
+void *next_stamp() {
+    static std::atomic<uintptr_t> serial{0};
+    return reinterpret_cast<void *>(stamp_bit | (serial.fetch_add(1, std::memory_order_relaxed) + 1));
+}
+
+bool only_of_its_name(xmlNodePtr node) {
+    for (xmlNodePtr c = node->parent ? node->parent->children : nullptr; c; c = c->next)
+        if (c != node && c->type == XML_ELEMENT_NODE && !c->ns && xmlStrEqual(c->name, node->name)) return false;
+    return true;
+}
+
+// A path split into steps, the leading ones perhaps answered by the chain: the walk starts at
+// `from` (the document's top level, or the children of the last level reused) with the steps
+// after `reused`; `last` is that level's element when one was reused.
+struct Walk {
+    Step steps[max_steps];
+    size_t n = 0, reused = 0;
+    xmlNodePtr from = nullptr, last = nullptr;
+};
+
+bool plan_walk(void *doc, const char *path, Walk &q) {
+    if (!doc || !path) return false;
+    q.from = static_cast<xmlDocPtr>(doc)->children;
+    q.reused = 0;
+    const void *stamp = stamp_of(doc);
+    Chain &c = this_thread_chain();
+    if (stamp && c.n && c.doc == doc && c.stamp == stamp) {
+        // The deepest level whose steps the path repeats, then back to the last certain one.
+        size_t length = std::strlen(path), k = c.n;
+        for (; k > 0; --k) {
+            size_t end = c.end[k - 1];
+            if (end <= length && (path[end] == '/' || path[end] == '\0') && std::memcmp(path, c.path, end) == 0) break;
+        }
+        for (size_t j = 0; j < k; ++j) {
+            if (c.certain[j] == 2) c.certain[j] = only_of_its_name(c.node[j]);
+            if (!c.certain[j]) k = j;
+        }
+        if (k) {
+            q.reused = k;
+            q.last = c.node[k - 1];
+            q.from = q.last->children;
+            const char *rest = path + c.end[k - 1];
+            if (*rest == '\0') return true; // the whole path was the chain's
+            return plain_steps(rest, q.steps, q.n) && k + q.n <= max_steps;
+        }
+    }
+    return plain_steps(path, q.steps, q.n);
+}
+
+// After a walk that found `found` for path: the chain now leads to it.
+void keep_chain(void *doc, const char *path, const Walk &q, xmlNodePtr found) {
+    const void *stamp = stamp_of(doc);
+    size_t length = std::strlen(path);
+    Chain &c = this_thread_chain();
+    if (!stamp || length >= chain_path_size) {
+        c.n = 0;
+        return;
+    }
+    // Levels before the reused ones are the chain's own: it was for this document, or none were reused.
+    size_t total = q.reused + q.n;
+    xmlNodePtr node = found;
+    for (size_t j = q.n; j-- > 0; node = node->parent) {
+        size_t level = q.reused + j;
+        c.node[level] = node;
+        c.end[level] = static_cast<size_t>(q.steps[j].end - path);
+        c.certain[level] = q.steps[j].position ? 1 : 2;
+    }
+    c.doc = doc;
+    c.stamp = stamp;
+    c.n = total;
+    std::memcpy(c.path, path, length + 1);
+}
+
 // How many nodes path selects: status 0, or 2 for no document or a path that is not a node set.
 uint32_t node_count(void *doc, const char *path, uint32_t &count) {
     count = 0;
-    Step steps[max_steps];
-    size_t n;
-    if (doc && path && plain_steps(path, steps, n)) {
+    Walk q;
+    if (plan_walk(doc, path, q)) {
+        if (!q.n) return count = 1, 0u; // the chain's own element, one for certain
         auto visit = [&count](xmlNodePtr) { return ++count, true; };
-        walk(static_cast<xmlDocPtr>(doc)->children, steps, steps + n, visit);
+        walk(q.from, q.steps, q.steps + q.n, visit);
         return 0;
     }
-    Query q(doc, path);
-    count = static_cast<uint32_t>(q.count());
-    return q.status;
+    Query x(doc, path);
+    count = static_cast<uint32_t>(x.count());
+    return x.status;
 }
 
 // Hands the first node path selects to use and answers what it answers; 2 when there is none.
 // The node lives only as long as the call (XPath copies some nodes into its result).
 template <class Use> uint32_t with_first_node(void *doc, const char *path, Use use) {
-    Step steps[max_steps];
-    size_t n;
-    if (doc && path && plain_steps(path, steps, n)) {
-        xmlNodePtr found = nullptr;
-        auto visit = [&found](xmlNodePtr node) { return found = node, false; };
-        walk(static_cast<xmlDocPtr>(doc)->children, steps, steps + n, visit);
+    Walk q;
+    if (plan_walk(doc, path, q)) {
+        xmlNodePtr found = q.n ? nullptr : q.last;
+        if (q.n) {
+            auto visit = [&found](xmlNodePtr node) { return found = node, false; };
+            walk(q.from, q.steps, q.steps + q.n, visit);
+            if (found) keep_chain(doc, path, q, found);
+        }
         return found ? use(found) : MGX_ENOENT;
     }
-    Query q(doc, path);
-    if (q.status) return q.status;
-    if (q.count() == 0) return MGX_ENOENT;
-    return use(q.obj->nodesetval->nodeTab[0]);
+    Query x(doc, path);
+    if (x.status) return x.status;
+    if (x.count() == 0) return MGX_ENOENT;
+    return use(x.obj->nodesetval->nodeTab[0]);
 }
 
 // Appends the text of node's subtree to out: text and CDATA, element by element, comments and
@@ -271,23 +383,19 @@ size_t unescape_private(std::string_view text, char *dst, size_t cap) {
 // very many attributes costs the square of their number. A linear scan finds the start tags first
 // and counts their attributes (one '=' outside quotes each); comments, CDATA sections, processing
 // instructions and declarations are stepped over. False, with the line, when one has too many.
+// Text between tags is skipped a block at a time, and lines are counted only for the answer.
 bool attributes_within_limit(const char *text, size_t n, size_t &line) {
-    size_t i = 0, lines = 1;
+    const std::string_view all(text, n);
+    size_t i = 0;
     auto skip_to = [&](std::string_view end) {
-        for (; i < n; ++i) {
-            if (text[i] == '\n') ++lines;
-            if (n - i >= end.size() && std::memcmp(text + i, end.data(), end.size()) == 0) {
-                i += end.size();
-                return;
-            }
-        }
+        size_t at = all.find(end, i);
+        i = at == std::string_view::npos ? n : at + end.size();
     };
     auto starts = [&](std::string_view s) { return n - i >= s.size() && std::memcmp(text + i, s.data(), s.size()) == 0; };
     while (i < n) {
-        if (text[i] != '<') {
-            if (text[i++] == '\n') ++lines;
-            continue;
-        }
+        const void *open = std::memchr(text + i, '<', n - i);
+        if (!open) break;
+        i = static_cast<size_t>(static_cast<const char *>(open) - text);
         if (starts("<!--")) {
             skip_to("-->");
         } else if (starts("<![CDATA[")) {
@@ -301,7 +409,7 @@ bool attributes_within_limit(const char *text, size_t n, size_t &line) {
             unsigned attributes = 0;
             int depth = 0;
             char quote = 0;
-            size_t at = lines;
+            const size_t tag = i;
             for (++i; i < n; ++i) {
                 // Inside a declaration's internal subset, comments and processing instructions
                 // are stepped over whole: a quote in them opens nothing.
@@ -311,7 +419,6 @@ bool attributes_within_limit(const char *text, size_t n, size_t &line) {
                     continue;
                 }
                 char c = text[i];
-                if (c == '\n') ++lines;
                 if (quote) {
                     if (c == quote) quote = 0;
                 } else if (c == '"' || c == '\'') {
@@ -319,7 +426,7 @@ bool attributes_within_limit(const char *text, size_t n, size_t &line) {
                 } else if (declaration && (c == '[' || c == ']')) {
                     depth += c == '[' ? 1 : -1;
                 } else if (!declaration && c == '=' && ++attributes > MGX_XML_MAX_ATTRIBUTES) {
-                    line = at;
+                    line = 1 + static_cast<size_t>(std::count(text, text + tag, '\n'));
                     return false;
                 } else if (c == '>' && depth <= 0) {
                     ++i;
@@ -463,13 +570,17 @@ void *mgx_xml_document_read(const char *text, size_t length, char *message, size
             say("line %d, column %d: %s", first.line, first.column, first.message);
         else
             say("%s", "not a well-formed XML document");
+    } else {
+        doc->_private = next_stamp(); // the path readers may keep where they were in it
     }
     xmlFreeParserCtxt(ctx);
     return doc;
 }
 
 void mgx_xml_document_free(void *document) {
-    if (document) xmlFreeDoc(static_cast<xmlDocPtr>(document));
+    if (!document) return;
+    if (Chain &c = this_thread_chain(); c.doc == document) c.n = 0;
+    xmlFreeDoc(static_cast<xmlDocPtr>(document));
 }
 
 uint32_t xml_get_element_nodecount(void *doc, const char *path, uint32_t *count) {
