@@ -3,9 +3,9 @@
 // declaration order; union members appear under the discriminator's name joined to theirs.
 #include "ops/text/text.h"
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 #include "ops/record/lifecycle.h"
 #include "ops/walk.h"
@@ -52,17 +52,34 @@ template <class V> const Field *selected_member(const Type &t, V *instance, int 
     return nullptr;
 }
 
-// Paths and labels go into fixed buffers, one per level; a longer one is cut, deliberately.
-template <size_t N> void format_into(char (&out)[N], const char *format, ...) __attribute__((format(printf, 2, 3)));
-template <size_t N> void format_into(char (&out)[N], const char *format, ...) {
-    va_list ap;
-    va_start(ap, format);
-    std::vsnprintf(out, N, format, ap);
-    va_end(ap);
-}
+// Paths and labels go into fixed buffers, one per level; a longer one is cut, deliberately. The
+// pieces are joined one after another, the buffer always terminated (a path is built for every
+// field read, so this stays clear of the formatted printers).
+template <size_t N> class Joined {
+public:
+    explicit Joined(char (&out)[N]) : out_(out) { out_[0] = '\0'; }
+    Joined &operator<<(std::string_view s) {
+        size_t k = s.size() < N - 1 - n_ ? s.size() : N - 1 - n_;
+        std::memcpy(out_ + n_, s.data(), k);
+        out_[n_ += k] = '\0';
+        return *this;
+    }
+    Joined &operator<<(const char *s) { return *this << std::string_view(s); }
+    Joined &operator<<(char c) { return *this << std::string_view(&c, 1); }
+    Joined &operator<<(uint32_t v) {
+        char digits[10];
+        size_t k = sizeof digits;
+        do digits[--k] = static_cast<char>('0' + v % 10); while (v /= 10);
+        return *this << std::string_view(digits + k, sizeof digits - k);
+    }
+
+private:
+    char (&out_)[N];
+    size_t n_ = 0;
+};
 
 void member_label(char (&label)[label_size], const Type &t, const Field &member, char joiner) {
-    format_into(label, "%s%c%s", t.fields[t.discriminator].name, joiner, member.name);
+    Joined(label) << t.fields[t.discriminator].name << joiner << member.name;
 }
 
 // ------------------------------------------------------------------ XML writing
@@ -198,14 +215,14 @@ void array_from_xml(const FieldAt<void> &a, const Type &t, XmlIn &in, const char
         if (count > present) { // a count the document does not back is refused, not allocated
             const char *slash = std::strrchr(path, '/');
             char count_path[path_size];
-            format_into(count_path, "%.*s/%s", static_cast<int>(slash ? slash - path : 0), path, a.counter().name);
+            Joined(count_path) << std::string_view(path, slash ? static_cast<size_t>(slash - path) : 0) << '/' << a.counter().name;
             invalid_at(in, count_path);
             return;
         }
         if (!resize_array(a, t, in, count)) return;
     }
     for (uint32_t k = 0, n = a.elements(); k < n; ++k) {
-        format_into(element_path, "%s[%u]", path, k + 1);
+        Joined(element_path) << path << '[' << k + 1 << ']';
         element_from_xml(f, in, element_path, a.element(k));
         if (!absent_is_fine(in.err)) return;
     }
@@ -215,7 +232,7 @@ void member_from_xml(const Type &t, const FieldAt<void> &a, XmlIn &in, const cha
     const Field &f = a.field();
     char label[label_size], path[path_size];
     member_label(label, t, f, '-');
-    format_into(path, "%s/%s", parent, label);
+    Joined(path) << parent << '/' << label;
     void *&slot = a.pointer();
     if (!slot) {
         notify(in.h, &slot, sizeof slot, in.luid, a.instance());
@@ -248,7 +265,7 @@ void field_print(const FieldAt<const void> &a, PrintOut &o, uint32_t indent) {
     case Shape::fixed_array:
     case Shape::var_array:
         for (uint32_t k = 0, n = a.elements(); k < n; ++k) {
-            format_into(label, "%s[%d]", f.name, static_cast<int>(k));
+            Joined(label) << f.name << '[' << k << ']';
             o.n += element_print(f, o, indent, label, a.element(k));
         }
         return;
@@ -312,7 +329,7 @@ void from_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *path, v
     for (FieldAt<void> a : fields(t, instance, t.last_variant())) {
         const Field &f = a.field();
         if (f.shape == Shape::member) continue;
-        format_into(child, "%s/%s", path, f.name);
+        Joined(child) << path << '/' << f.name;
         switch (f.shape) {
         case Shape::scalar: {
             if (a.is_counter()) old_counts.keep(a.index(), a.counted());
