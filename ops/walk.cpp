@@ -24,7 +24,7 @@ bool init_elements(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, 
         // A failed initialisation took itself back; element k is destroyed only when it was made
         // and raising its variant failed.
         const uint32_t made = e ? k : k + 1;
-        if (!e && raise) adjust_variant(*f.type, h, luid, element, &e);
+        if (!e && raise) raise_variant(*f.type, h, luid, element, &e);
         if (e) {
             for (uint32_t j = from; j < made; ++j) destroy_internal(*f.type, h, luid, layout.element(block, j), 0);
             fail(h, err, e);

@@ -285,7 +285,7 @@ void decode_arm(const FieldAt<void> &a, Reader &r) {
         }
         // A record the decoder makes for the receiver follows the receiver's domain.
         uint32_t e = 0;
-        adjust_variant(*f.type, r.h, r.luid, fresh, &e);
+        raise_variant(*f.type, r.h, r.luid, fresh, &e);
         arm = fresh;
         if (r.h->database) mgxdb_record_containment2(r.h, r.luid, arm, a.instance(), 1);
     }
@@ -539,6 +539,12 @@ uint32_t adjust_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *ins
     return mgxlib_adjust_variant(h, luid, instance, mgx_get_manifested_type_info(instance), t.last_variant(), err);
 }
 
+void raise_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
+    adjust_embedded(t, h, luid, instance, err);
+    if (!layout_settled(t, instance))
+        mgxlib_adjust_variant(h, luid, instance, mgx_get_manifested_type_info(instance), t.last_variant(), err);
+}
+
 void clone_internal(const Type &t, mgx_handle_t *h, uint32_t luid, const void *source, void **destination,
                     uint8_t *buf, uint32_t length, uint32_t *err) {
     if (!begin(h, luid, source, err)) return;
@@ -559,7 +565,7 @@ void clone_internal(const Type &t, mgx_handle_t *h, uint32_t luid, const void *s
             return;
         }
         uint32_t e = 0;
-        adjust_variant(t, h, luid, fresh, &e); // the copy may hold every variant the handle knows
+        raise_variant(t, h, luid, fresh, &e); // the copy may hold every variant the handle knows
         *destination = fresh;
     }
     decode(t, h, luid, buf, *destination, static_cast<int32_t>(n), 0, err);

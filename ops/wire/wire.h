@@ -16,6 +16,9 @@ uint32_t encode(const Type &t, mgx_handle_t *h, uint32_t luid, uint8_t *buf, con
 uint32_t decode(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *buf, void *instance, int32_t length,
                 uint32_t flags, uint32_t *err);
 uint32_t adjust_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
+// The same for an instance this library has just made (a new arm, array element or clone): the
+// runtime is not asked where the answer cannot change (a single-variant type already laid out).
+void raise_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
 
 void clone(const Type &t, mgx_handle_t *h, uint32_t luid, const void *source, void **destination, uint8_t *buf,
            uint32_t length, uint32_t *err);
