@@ -143,6 +143,22 @@ TEST_F(Text, PartialDocumentsKeepWhatTheyDoNotMention) {
     EXPECT_EQ(mgx_handle_total_allocations(h), before);
 }
 
+// A field's path is its record's path and one step more, in a buffer of 256: one that does not
+// fit is cut there, deliberately, and reads as a field the document does not give.
+TEST_F(Text, FieldPathsLongerThanTheirBufferAreCut) {
+    auto *c = own(sess_mgr_conn_hdl_create(h, 1), sess_mgr_conn_hdl_destroy);
+    for (size_t outer : {244u, 245u}) { // "/c/conn_hdl" makes 255 characters, then 256
+        const std::string name(outer, 'a');
+        const std::string xml = "<" + name + "><c><conn_hdl>5</conn_hdl></c></" + name + ">";
+        void *doc = mgx_xml_document_parse(xml.data(), xml.size());
+        c->conn_hdl = 1;
+        sess_mgr_conn_hdl_from_xml(h, 1, (name + "/c").c_str(), doc, c, &err, nullptr, 0);
+        mgx_xml_document_free(doc);
+        EXPECT_EQ(take_err(), 0u);
+        EXPECT_EQ(c->conn_hdl, outer == 244 ? 5u : 1u) << outer;
+    }
+}
+
 TEST_F(Text, OutputIsBoundedAtEverySize) {
     const ovrin::Type &t = testfill::type("ovrin_smd_in_event");
     auto *e = own(ovrin_smd_in_event_create(h, 1), ovrin_smd_in_event_destroy);
