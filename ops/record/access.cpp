@@ -29,7 +29,7 @@ bool is_primitive(Kind k) {
     }
 }
 
-void *prim_get(Kind k, mgx_handle_t *h, uint32_t luid, void *field, uint32_t *err) {
+[[gnu::always_inline]] inline void *prim_get(Kind k, mgx_handle_t *h, uint32_t luid, void *field, uint32_t *err) {
     switch (k) {
 #define OVRIN_CASE(K, T)                                                                                               \
     case Kind::K: return T##_get(h, luid, static_cast<T *>(field), err);
@@ -61,7 +61,7 @@ uint64_t prim_get_value(Kind k, mgx_handle_t *h, uint32_t luid, const void *fiel
     }
 }
 
-void prim_set_value(Kind k, mgx_handle_t *h, uint32_t luid, void *field, uint64_t value, uint32_t *err) {
+[[gnu::always_inline]] inline void prim_set_value(Kind k, mgx_handle_t *h, uint32_t luid, void *field, uint64_t value, uint32_t *err) {
     switch (k) {
 #define OVRIN_CASE(K, T)                                                                                               \
     case Kind::K: return T##_set_value(h, luid, static_cast<T *>(field), static_cast<T>(value), err);
