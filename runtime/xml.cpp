@@ -206,13 +206,13 @@ bool only_of_its_name(xmlNodePtr node) {
 // A path split into steps, the leading ones perhaps answered by the chain: the walk starts at
 // `from` (the document's top level, or the children of the last level reused) with the steps
 // after `reused`; `last` is that level's element when one was reused.
-struct Walk {
+struct PathPlan {
     Step steps[max_steps];
     size_t n = 0, reused = 0;
     xmlNodePtr from = nullptr, last = nullptr;
 };
 
-bool plan_walk(void *doc, const char *path, Walk &q) {
+bool plan_walk(void *doc, const char *path, PathPlan &q) {
     if (!doc || !path) return false;
     q.from = static_cast<xmlDocPtr>(doc)->children;
     q.reused = 0;
@@ -242,7 +242,7 @@ bool plan_walk(void *doc, const char *path, Walk &q) {
 }
 
 // After a walk that found `found` for path: the chain now leads to it.
-void keep_chain(void *doc, const char *path, const Walk &q, xmlNodePtr found) {
+void keep_chain(void *doc, const char *path, const PathPlan &q, xmlNodePtr found) {
     const void *stamp = stamp_of(doc);
     size_t length = std::strlen(path);
     Chain &c = this_thread_chain();
@@ -268,7 +268,7 @@ void keep_chain(void *doc, const char *path, const Walk &q, xmlNodePtr found) {
 // How many nodes path selects: status 0, or 2 for no document or a path that is not a node set.
 uint32_t node_count(void *doc, const char *path, uint32_t &count) {
     count = 0;
-    Walk q;
+    PathPlan q;
     if (plan_walk(doc, path, q)) {
         if (!q.n) return count = 1, 0u; // the chain's own element, one for certain
         auto visit = [&count](xmlNodePtr) { return ++count, true; };
@@ -283,7 +283,7 @@ uint32_t node_count(void *doc, const char *path, uint32_t &count) {
 // Hands the first node path selects to use and answers what it answers; 2 when there is none.
 // The node lives only as long as the call (XPath copies some nodes into its result).
 template <class Use> uint32_t with_first_node(void *doc, const char *path, Use use) {
-    Walk q;
+    PathPlan q;
     if (plan_walk(doc, path, q)) {
         xmlNodePtr found = q.n ? nullptr : q.last;
         if (q.n) {

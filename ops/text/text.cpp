@@ -215,7 +215,8 @@ void array_from_xml(const FieldAt<void> &a, const Type &t, XmlIn &in, const char
         if (count > present) { // a count the document does not back is refused, not allocated
             const char *slash = std::strrchr(path, '/');
             char count_path[path_size];
-            Joined(count_path) << std::string_view(path, slash ? static_cast<size_t>(slash - path) : 0) << '/' << a.counter().name;
+            const std::string_view record(path, slash ? static_cast<size_t>(slash - path) : 0);
+            Joined(count_path) << record << '/' << a.counter().name;
             invalid_at(in, count_path);
             return;
         }
