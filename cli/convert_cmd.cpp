@@ -234,8 +234,10 @@ int ovrin_cmd_encode(int argc, char **argv) {
         std::fprintf(stderr, "ovrin-sm: the input is not a well-formed XML document: %s\n", why);
         return exit_failure;
     }
+    // The input is not needed any more: the document is all that is read from here on.
+    std::vector<uint8_t>().swap(input);
     // The root is checked in either reading: the library's answer to a wrong one is only "missing".
-    std::string root = root_name(text, input.size());
+    std::string root = root_name(doc);
     if (root != o.type) {
         mgx_xml_document_free(doc);
         std::fprintf(stderr, "ovrin-sm: the root element is <%s>; a %s document has <%s>\n", root.c_str(), o.type,
@@ -244,11 +246,11 @@ int ovrin_cmd_encode(int argc, char **argv) {
     }
     if (!o.lenient) {
         const ovrin::Type *t = find_table(o.type);
-        std::vector<std::string> problems = t ? check_document(*t, text, input.size()) : std::vector<std::string>{};
-        for (size_t i = 0; i < problems.size() && i < 20; ++i)
-            std::fprintf(stderr, "ovrin-sm: %s\n", problems[i].c_str());
-        if (problems.size() > 20) std::fprintf(stderr, "ovrin-sm: and %zu more\n", problems.size() - 20);
-        if (!problems.empty()) {
+        constexpr size_t shown = 20;
+        Findings found = t ? check_document(*t, doc, shown) : Findings{};
+        for (const std::string &problem : found.problems) std::fprintf(stderr, "ovrin-sm: %s\n", problem.c_str());
+        if (found.count > shown) std::fprintf(stderr, "ovrin-sm: and %zu more\n", found.count - shown);
+        if (found.count) {
             mgx_xml_document_free(doc);
             std::fprintf(stderr, "ovrin-sm: the document does not hold a %s as written (--lenient reads it anyway)\n",
                          o.type);

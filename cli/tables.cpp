@@ -60,6 +60,10 @@ std::string closest(const std::string &name, const std::vector<std::string> &can
     std::string best;
     size_t best_distance = std::max<size_t>(2, name.size() / 3) + 1;
     for (const std::string &c : candidates) {
+        // The distance is at least the difference in length: a name far longer or shorter than
+        // a candidate is not measured against it (a hostile name costs nothing per candidate).
+        size_t longer = std::max(name.size(), c.size()), shorter = std::min(name.size(), c.size());
+        if (longer - shorter >= best_distance) continue;
         size_t d = edit_distance(name, c);
         if (d < best_distance) best_distance = d, best = c;
     }

@@ -1,13 +1,14 @@
 // The strict document check of encode, walked over the type tables.
 #include "cli/xml_check.h"
 
-#include <libxml/parser.h>
 #include <libxml/tree.h>
 
-#include <algorithm>
 #include <cctype>
 #include <cstring>
-#include <memory>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
 
 #include "cli/tables.h"
 
@@ -15,22 +16,47 @@ namespace ovrin::cli {
 
 namespace {
 
-using Doc = std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)>;
-
-// The same reading options as the runtime's reader: no network, no entity substitution.
-Doc parse(const char *text, size_t length) {
-    return Doc(xmlReadMemory(text, static_cast<int>(length), nullptr, nullptr,
-                             XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING),
-               xmlFreeDoc);
+// The runtime's documents are libxml2 documents (mgx_xml_document_read makes them): the check
+// walks the tree the library reads afterwards, so a document is parsed once, under the runtime's
+// limits and without entity substitution.
+const xmlNode *root_of(const void *doc) {
+    return doc ? xmlDocGetRootElement(static_cast<const xmlDoc *>(doc)) : nullptr;
 }
 
-std::string name_of(const xmlNode *n) { return reinterpret_cast<const char *>(n->name); }
+std::string_view name_of(const xmlNode *n) { return reinterpret_cast<const char *>(n->name); }
 
-std::string content_of(const xmlNode *n) {
-    xmlChar *c = xmlNodeGetContent(n);
-    std::string s = c ? reinterpret_cast<const char *>(c) : "";
-    xmlFree(c);
-    return s;
+// Only the first problems are shown: a closest-name search, which costs a distance per candidate,
+// is made for the first ones and not for every unknown name of a large document.
+constexpr size_t hinted_problems = 100;
+
+// The bytes of an element's value as the library reads them: the text of the element and of any
+// element inside it, each private-use escape (U+E000 + byte, three bytes in UTF-8) one byte. False
+// for a value that refers to an entity, which the library refuses itself ("Invalid value at").
+// Entities are never expanded, so a reference used many times costs nothing here.
+bool value_bytes(const xmlNode *node, uint64_t &bytes) {
+    for (const xmlNode *c = node->children; c; c = c->next) {
+        if (c->type == XML_ENTITY_REF_NODE) return false;
+        if (c->type == XML_ELEMENT_NODE && !value_bytes(c, bytes)) return false;
+        if ((c->type != XML_TEXT_NODE && c->type != XML_CDATA_SECTION_NODE) || !c->content) continue;
+        const auto *s = reinterpret_cast<const unsigned char *>(c->content);
+        for (size_t i = 0; s[i]; ++i) {
+            bool escape = s[i] == 0xEE && (s[i + 1] & 0xFC) == 0x80 && (s[i + 2] & 0xC0) == 0x80;
+            bytes += 1;
+            i += escape ? 2 : 0;
+        }
+    }
+    return true;
+}
+
+// The text of an element's value (as value_bytes reads it, escapes kept), or false.
+bool value_text(const xmlNode *node, std::string &out) {
+    for (const xmlNode *c = node->children; c; c = c->next) {
+        if (c->type == XML_ENTITY_REF_NODE) return false;
+        if (c->type == XML_ELEMENT_NODE && !value_text(c, out)) return false;
+        if ((c->type == XML_TEXT_NODE || c->type == XML_CDATA_SECTION_NODE) && c->content)
+            out.append(reinterpret_cast<const char *>(c->content));
+    }
+    return true;
 }
 
 std::vector<const xmlNode *> elements_of(const xmlNode *n) {
@@ -40,7 +66,7 @@ std::vector<const xmlNode *> elements_of(const xmlNode *n) {
     return out;
 }
 
-bool blank(const std::string &s) {
+bool blank(std::string_view s) {
     for (unsigned char c : s)
         if (!std::isspace(c)) return false;
     return true;
@@ -71,15 +97,32 @@ std::string member_element(const Type &u, const Field &m) { return std::string(u
 
 std::string element_name(const Type &t, const Field &f) { return f.shape == Shape::member ? member_element(t, f) : f.name; }
 
+// A composite type's element names, in field order, and the field each name is: made once per
+// type for the whole document.
+struct Members {
+    std::vector<std::string> names;
+    std::unordered_map<std::string_view, uint16_t> field; // views into names
+};
+
 class Checker {
 public:
-    std::vector<std::string> problems;
+    explicit Checker(size_t keep) : keep_(keep) {}
+    Findings found;
 
     void composite(const Type &t, const xmlNode *node, const std::string &path);
     void enumeration(const Type &e, const xmlNode *node, const std::string &path);
 
 private:
-    void say(const std::string &path, const std::string &what) { problems.push_back(path + ": " + what); }
+    std::unordered_map<const Type *, Members> members_;
+    std::unordered_map<const Type *, std::unordered_map<std::string_view, const Literal *>> literals_;
+
+    size_t keep_;
+    void say(const std::string &path, const std::string &what) {
+        if (found.problems.size() < keep_) found.problems.push_back(path + ": " + what);
+        ++found.count;
+    }
+    bool hinting() const { return found.count < hinted_problems; }
+    const Members &members_of(const Type &t);
     void no_text(const xmlNode *node, const std::string &path, const char *where);
     void value(const Field &f, const xmlNode *node, const std::string &path);
     void attributes(const xmlNode *node, const std::string &path);
@@ -89,13 +132,24 @@ private:
     const Literal *literal_of(const Type &e, const xmlNode *node);
 };
 
+const Members &Checker::members_of(const Type &t) {
+    auto [at, made] = members_.try_emplace(&t);
+    Members &m = at->second;
+    if (made) {
+        m.names.reserve(t.n_fields); // the index holds views into the names: no reallocation after
+        for (uint16_t i = 0; i < t.n_fields; ++i) m.names.push_back(element_name(t, t.fields[i]));
+        for (uint16_t i = 0; i < t.n_fields; ++i) m.field.emplace(m.names[i], i); // the first of a name wins
+    }
+    return m;
+}
+
 void Checker::no_text(const xmlNode *node, const std::string &path, const char *where) {
     for (const xmlNode *c = node->children; c; c = c->next) {
-        if ((c->type == XML_TEXT_NODE || c->type == XML_CDATA_SECTION_NODE) && !blank(content_of(c))) {
-            std::string text = content_of(c);
-            size_t a = text.find_first_not_of(" \t\r\n");
-            text = text.substr(a, 20);
-            say(path, "text '" + text + "' where " + where + " belong");
+        if ((c->type == XML_TEXT_NODE || c->type == XML_CDATA_SECTION_NODE) && c->content) {
+            std::string_view text(reinterpret_cast<const char *>(c->content));
+            if (blank(text)) continue;
+            text.remove_prefix(text.find_first_not_of(" \t\r\n"));
+            say(path, "text '" + std::string(text.substr(0, 20)) + "' where " + where + " belong");
             return;
         }
         if (c->type == XML_ENTITY_REF_NODE) {
@@ -112,9 +166,12 @@ void Checker::value(const Field &f, const xmlNode *node, const std::string &path
     case Kind::enumeration: enumeration(*f.type, node, path); return;
     case Kind::aaa_tlv: attributes(node, path); return;
     default:
-        if (!elements_of(node).empty())
-            say(path + "/" + name_of(elements_of(node)[0]), "an element inside " + std::string(f.name) +
-                                                                 ", which holds a value, not members");
+        for (const xmlNode *c = node->children; c; c = c->next) {
+            if (c->type != XML_ELEMENT_NODE) continue;
+            say(path + "/" + std::string(name_of(c)),
+                "an element inside " + std::string(f.name) + ", which holds a value, not members");
+            return;
+        }
         return;
     }
 }
@@ -123,8 +180,9 @@ void Checker::value(const Field &f, const xmlNode *node, const std::string &path
 void Checker::attributes(const xmlNode *node, const std::string &path) {
     no_text(node, path, "only attr elements");
     unsigned k = 0;
-    for (const xmlNode *a : elements_of(node)) {
-        std::string apath = path + "/" + name_of(a);
+    for (const xmlNode *a = node->children; a; a = a->next) {
+        if (a->type != XML_ELEMENT_NODE) continue;
+        std::string apath = path + "/" + std::string(name_of(a));
         if (name_of(a) != "attr") {
             say(apath, "an attribute list holds attr elements only");
             continue;
@@ -132,22 +190,30 @@ void Checker::attributes(const xmlNode *node, const std::string &path) {
         apath += place(++k);
         no_text(a, apath, "only type and value elements");
         unsigned types = 0, values = 0;
-        for (const xmlNode *c : elements_of(a)) {
-            std::string n = name_of(c);
+        for (const xmlNode *c = a->children; c; c = c->next) {
+            if (c->type != XML_ELEMENT_NODE) continue;
+            std::string_view n = name_of(c);
             if (n == "type") ++types;
             else if (n == "value") ++values;
-            else say(apath + "/" + n, "an attr holds a type and a value only");
+            else say(apath + "/" + std::string(n), "an attr holds a type and a value only");
         }
         if (types > 1 || values > 1) say(apath, "type or value given more than once; only the first is read");
     }
 }
 
 const Literal *Checker::literal_of(const Type &e, const xmlNode *node) {
-    std::vector<const xmlNode *> given = elements_of(node);
-    if (given.size() != 1) return nullptr;
-    for (uint16_t i = 0; i < e.n_literals; ++i)
-        if (name_of(given[0]) == e.literals[i].name) return &e.literals[i];
-    return nullptr;
+    const xmlNode *given = nullptr;
+    for (const xmlNode *c = node->children; c; c = c->next) {
+        if (c->type != XML_ELEMENT_NODE) continue;
+        if (given) return nullptr; // more than one
+        given = c;
+    }
+    if (!given) return nullptr;
+    auto [at, made] = literals_.try_emplace(&e);
+    if (made)
+        for (uint16_t i = 0; i < e.n_literals; ++i) at->second.emplace(e.literals[i].name, &e.literals[i]);
+    auto found = at->second.find(name_of(given));
+    return found == at->second.end() ? nullptr : found->second;
 }
 
 void Checker::enumeration(const Type &e, const xmlNode *node, const std::string &path) {
@@ -159,11 +225,11 @@ void Checker::enumeration(const Type &e, const xmlNode *node, const std::string 
         return;
     }
     if (given.size() > 1) say(path, std::to_string(given.size()) + " literals given; an enumeration holds one");
-    const std::string lit = name_of(given[0]);
-    if (literal_of(e, node) || given.size() > 1) return;
+    const std::string lit(name_of(given[0]));
+    if (given.size() > 1 || literal_of(e, node)) return;
     std::vector<std::string> names;
     for (uint16_t i = 0; i < e.n_literals; ++i) names.push_back(e.literals[i].name);
-    std::string hint = closest(lit, names);
+    std::string hint = hinting() ? closest(lit, names) : std::string();
     if (!hint.empty()) {
         hint = "; did you mean " + hint + "?";
     } else if (names.size() <= 6) {
@@ -175,7 +241,8 @@ void Checker::enumeration(const Type &e, const xmlNode *node, const std::string 
     say(path, lit + " is not a literal of " + e.name + hint);
 }
 
-// The length of a string and the count of a variable array must agree with what follows them.
+// The length of a string and the count of a variable array must agree with what follows them. A
+// count or text that refers to an entity is left to the library's reader, which refuses it.
 void Checker::counted(const Type &t, const Field &f, const std::vector<std::vector<const xmlNode *>> &given,
                       const std::string &path) {
     const Field &c = t.fields[f.companion];
@@ -183,14 +250,16 @@ void Checker::counted(const Type &t, const Field &f, const std::vector<std::vect
     const auto &counts = given[static_cast<size_t>(&c - t.fields)];
     std::string cpath = path + "/" + c.name;
     uint64_t said = 0;
-    bool has_count = !counts.empty() && decimal(content_of(counts[0]), said);
+    std::string count_text;
+    bool has_count = !counts.empty() && value_text(counts[0], count_text) && decimal(count_text, said);
     if (f.shape == Shape::var_string) {
         if (!has_count) return; // the length follows the text
         if (items.empty()) {
             if (said != 0) say(cpath, "says " + std::to_string(said) + ", but " + f.name + " is not given");
             return;
         }
-        size_t bytes = content_of(items[0]).size();
+        uint64_t bytes = 0;
+        if (!value_bytes(items[0], bytes)) return;
         if (said != bytes)
             say(cpath, "says " + std::to_string(said) + ", but " + f.name + " holds " + std::to_string(bytes) +
                            (bytes == 1 ? " byte" : " bytes"));
@@ -232,22 +301,21 @@ void Checker::fresh(const Type &t, const std::string &path) {
 
 void Checker::composite(const Type &t, const xmlNode *node, const std::string &path) {
     no_text(node, path, "only member elements");
+    const Members &members = members_of(t);
+    const std::vector<std::string> &names = members.names;
     std::vector<std::vector<const xmlNode *>> given(t.n_fields);
-    std::vector<std::string> names;
-    for (uint16_t i = 0; i < t.n_fields; ++i) names.push_back(element_name(t, t.fields[i]));
-    std::vector<std::string> unknown; // each reported once
-    for (const xmlNode *c : elements_of(node)) {
-        std::string n = name_of(c);
-        size_t i = 0;
-        while (i < names.size() && names[i] != n) ++i;
-        if (i < names.size()) {
-            given[i].push_back(c);
+    std::unordered_set<std::string_view> unknown; // each reported once; views into the document
+    for (const xmlNode *c = node->children; c; c = c->next) {
+        if (c->type != XML_ELEMENT_NODE) continue;
+        std::string_view n = name_of(c);
+        if (auto known = members.field.find(n); known != members.field.end()) {
+            given[known->second].push_back(c);
             continue;
         }
-        if (std::find(unknown.begin(), unknown.end(), n) != unknown.end()) continue;
-        unknown.push_back(n);
-        std::string hint = closest(n, names);
-        say(path + "/" + n, std::string(t.name) + " has no member " + n + (hint.empty() ? "" : "; did you mean " + hint + "?"));
+        if (!unknown.insert(n).second) continue;
+        std::string name(n);
+        std::string hint = hinting() ? closest(name, names) : std::string();
+        say(path + "/" + name, std::string(t.name) + " has no member " + name + (hint.empty() ? "" : "; did you mean " + hint + "?"));
     }
     for (uint16_t i = 0; i < t.n_fields; ++i) {
         const Field &f = t.fields[i];
@@ -289,24 +357,23 @@ void Checker::composite(const Type &t, const xmlNode *node, const std::string &p
 
 } // namespace
 
-std::string root_name(const char *text, size_t length) {
-    Doc doc = parse(text, length);
-    const xmlNode *root = doc ? xmlDocGetRootElement(doc.get()) : nullptr;
-    return root ? name_of(root) : "";
+std::string root_name(const void *doc) {
+    const xmlNode *root = root_of(doc);
+    return root ? std::string(name_of(root)) : "";
 }
 
-std::vector<std::string> check_document(const Type &t, const char *text, size_t length) {
-    Checker c;
-    Doc doc = parse(text, length);
-    const xmlNode *root = doc ? xmlDocGetRootElement(doc.get()) : nullptr;
-    if (!root) return {"/: not a well-formed XML document"};
+Findings check_document(const Type &t, const void *doc, size_t keep) {
+    Checker c(keep);
+    const xmlNode *root = root_of(doc);
+    if (!root) return {{"/: not a well-formed XML document"}, 1};
     std::string path = std::string("/") + t.name;
-    if (name_of(root) != t.name) return {"/" + name_of(root) + ": the root element of a " + t.name + " document is <" + t.name + ">"};
+    if (name_of(root) != t.name)
+        return {{"/" + std::string(name_of(root)) + ": the root element of a " + t.name + " document is <" + t.name + ">"}, 1};
     if (t.kind == TypeKind::enumeration)
         c.enumeration(t, root, path);
     else
         c.composite(t, root, path);
-    return c.problems;
+    return std::move(c.found);
 }
 
 } // namespace ovrin::cli

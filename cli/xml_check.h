@@ -6,7 +6,6 @@
 #ifndef OVRIN_CLI_XML_CHECK_H
 #define OVRIN_CLI_XML_CHECK_H
 
-#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -14,13 +13,22 @@
 
 namespace ovrin::cli {
 
-// The document's root element name, or "" when the text does not parse (the caller has already
-// had the runtime's reader say why).
-std::string root_name(const char *text, size_t length);
+// The root element name of a document the runtime's reader made (mgx_xml_document_read), or ""
+// when it has none.
+std::string root_name(const void *doc);
 
-// The problems of a well-formed document as a document of type t, one "PATH: what is wrong" line
-// each, in document order; empty when there are none.
-std::vector<std::string> check_document(const Type &t, const char *text, size_t length);
+// What is wrong with a document as a document of type t: the first problems, one "PATH: what is
+// wrong" line each in document order, and how many there are in all (none: the document holds a
+// t as written).
+struct Findings {
+    std::vector<std::string> problems;
+    size_t count = 0;
+};
+
+// The findings of such a document, keeping the first `keep` problems' lines. The document is
+// read as it stands: entities are not expanded (a value that refers to one is left to the
+// library's reader, which refuses it).
+Findings check_document(const Type &t, const void *doc, size_t keep);
 
 } // namespace ovrin::cli
 
