@@ -223,11 +223,14 @@ struct Tlv {
         TextOut out(buf, size);
         out.spaces(indent);
         out.fmt("%s@aaa_tlv: {\n", name ? name : "");
-        for (uint32_t i = 0; i < v.count(); ++i) {
+        // Each line is written piece by piece, and the walk ends once the buffer is full.
+        for (uint32_t i = 0; i < v.count() && !out.full(); ++i) {
             out.spaces(indent + 2);
-            out.fmt("attr[%u]: type %u: %s\n", i, v.attr(i).type, hex_encode(v.value(i), v.attr(i).length).c_str());
+            out.fmt("attr[%u]: type %u: ", i, v.attr(i).type);
+            out.hex(v.value(i), v.attr(i).length);
+            out.raw("\n", 1);
         }
-        for (uint32_t i = 0; i < v.nrefs(); ++i) {
+        for (uint32_t i = 0; i < v.nrefs() && !out.full(); ++i) {
             out.spaces(indent + 2);
             out.fmt("ref[%u]: %llu\n", i, static_cast<unsigned long long>(v.ref(i)));
         }
@@ -241,13 +244,14 @@ struct Tlv {
                            uint32_t size, uint8_t state_flag, uint32_t *err) {
         if (err_set(err)) return 0;
         View v(field);
-        std::string items;
-        for (uint32_t i = 0; i < v.count(); ++i)
-            items += "<attr><type>" + std::to_string(v.attr(i).type) + "</type><value>" +
-                     hex_encode(v.value(i), v.attr(i).length) + "</value></attr>";
         uint32_t n = start_tag(buf, size, name, state_flag);
+        // Written straight into the buffer, and no further than it holds.
         TextOut rest(buf + n, size - n);
-        rest.raw(items);
+        for (uint32_t i = 0; i < v.count() && !rest.full(); ++i) {
+            rest.fmt("<attr><type>%u</type><value>", v.attr(i).type);
+            rest.hex(v.value(i), v.attr(i).length);
+            rest.raw("</value></attr>");
+        }
         n += rest.count();
         return n + end_tag(buf + n, size - n, name);
     }

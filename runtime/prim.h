@@ -31,7 +31,14 @@ public:
     // Element content: the XML escapes, and the private-use escape for bytes that XML 1.0
     // cannot carry (see xml_escape). An escape is written whole or not at all.
     void xml_text(const char *s, size_t n);
+    // Lower-case hexadecimal of n bytes, made a block at a time.
+    void hex(const uint8_t *p, size_t n);
     uint32_t count() const { return n_; }
+    // Nothing more can be written: a writer that walks many pieces stops here, so that a text cut
+    // at its buffer costs the buffer and not the whole of what it would have said.
+    bool full() const { return full_ || n_ + 1 >= size_; }
+    // The characters that still fit (a longer piece is cut to this many).
+    uint32_t room() const { return full() ? 0 : size_ - 1 - n_; }
 
     bool whole(const char *s, size_t n); // all of s, or nothing
 
@@ -63,8 +70,7 @@ uint32_t xml_value(void *doc, const char *path, std::string &out);
 // Strict decimal: digits only (surrounding blanks allowed), no sign, at most max.
 bool parse_decimal(std::string_view text, uint64_t max, uint64_t &out);
 std::string_view trim_blanks(std::string_view text);
-// Lower-case hexadecimal of n bytes, and its strict inverse (even length, hex digits only).
-std::string hex_encode(const uint8_t *p, size_t n);
+// The strict inverse of TextOut::hex: even length, hexadecimal digits only.
 bool hex_decode(std::string_view text, std::string &out);
 
 // Reads the element at path with xml_value and hands its blank-trimmed text to parse. Absent: 2;

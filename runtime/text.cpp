@@ -61,17 +61,41 @@ void TextOut::fmt(const char *format, ...) {
 
 void TextOut::xml_text(const char *s, size_t n) {
     // Escaped straight into the buffer, nothing built aside. A reference ("&...;") is written
-    // whole or not at all; plain text may be cut anywhere.
-    xml_escape_pieces(
-        s, n,
-        [](void *sink, const char *p, size_t k) {
-            auto *out = static_cast<TextOut *>(sink);
-            if (*p == '&')
-                out->whole(p, k);
-            else
-                out->raw(p, k);
-        },
-        this);
+    // whole or not at all; plain text may be cut anywhere. The text is escaped a block at a time
+    // and no further than the buffer holds. A block ends where no character can straddle it:
+    // before a byte that does not continue a UTF-8 sequence, or after three continuation bytes
+    // (no sequence that began before them reaches past them).
+    constexpr size_t block = 4096;
+    const auto *u = reinterpret_cast<const unsigned char *>(s);
+    auto continues = [u](size_t i) { return (u[i] & 0xC0) == 0x80; };
+    for (size_t from = 0; from < n && !full();) {
+        size_t end = n - from > block ? from + block : n;
+        while (end < n && continues(end) && !(continues(end - 1) && continues(end - 2) && continues(end - 3))) ++end;
+        xml_escape_pieces(
+            s + from, end - from,
+            [](void *sink, const char *p, size_t k) {
+                auto *out = static_cast<TextOut *>(sink);
+                if (*p == '&')
+                    out->whole(p, k);
+                else
+                    out->raw(p, k);
+            },
+            this);
+        from = end;
+    }
+}
+
+void TextOut::hex(const uint8_t *p, size_t n) {
+    static const char digits[] = "0123456789abcdef";
+    char block[512];
+    for (size_t from = 0; from < n && !full(); from += sizeof block / 2) {
+        size_t k = n - from < sizeof block / 2 ? n - from : sizeof block / 2;
+        for (size_t i = 0; i < k; ++i) {
+            block[2 * i] = digits[p[from + i] >> 4];
+            block[2 * i + 1] = digits[p[from + i] & 15];
+        }
+        raw(block, 2 * k);
+    }
 }
 
 std::string_view trim_blanks(std::string_view text) {
@@ -93,16 +117,6 @@ bool parse_decimal(std::string_view text, uint64_t max, uint64_t &out) {
     }
     out = v;
     return true;
-}
-
-std::string hex_encode(const uint8_t *p, size_t n) {
-    static const char digits[] = "0123456789abcdef";
-    std::string s(2 * n, '0');
-    for (size_t i = 0; i < n; ++i) {
-        s[2 * i] = digits[p[i] >> 4];
-        s[2 * i + 1] = digits[p[i] & 15];
-    }
-    return s;
 }
 
 static int hex_digit(char c) {

@@ -13,7 +13,8 @@ uint32_t var_string_print(mgx_handle_t *, uint32_t, char *buf, uint32_t indent, 
     TextOut out(buf, size);
     out.spaces(indent);
     out.fmt("%s: ", name ? name : "");
-    if (text) out.raw(text, strnlen(text, len));
+    // The text's end is looked for no further than the buffer holds: what lies beyond is cut.
+    if (text) out.raw(text, strnlen(text, len < out.room() ? len : size_t{out.room()} + 1));
     out.raw("\n", 1);
     return out.count();
 }
