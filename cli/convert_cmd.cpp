@@ -197,17 +197,17 @@ int ovrin_cmd_decode(int argc, char **argv) {
             std::fprintf(stderr, "ovrin-sm: the input looks like hexadecimal text: add --hex to read it so\n");
         status = exit_failure;
     } else {
-        std::vector<char> text;
+        Text text;
         long n = render(*ops, s.h, instance, o.xml, text);
         if (n < 0) {
             uint32_t code = mgx_handle_last_error(s.h) ? mgx_handle_last_error(s.h) : MGX_ENOMEM;
             std::fprintf(stderr, "ovrin-sm: %s could not be rendered: error %u (%s)\n", o.type, code, mgx_strerror(code));
             status = exit_failure;
         } else if (o.pretty) {
-            std::string pretty = indent_xml(text.data(), static_cast<size_t>(n));
+            std::string pretty = indent_xml(text.data, static_cast<size_t>(n));
             std::fwrite(pretty.data(), 1, pretty.size(), stdout);
         } else {
-            std::fwrite(text.data(), 1, static_cast<size_t>(n), stdout);
+            std::fwrite(text.data, 1, static_cast<size_t>(n), stdout);
             if (o.xml) std::fputc('\n', stdout);
         }
         if (used < bytes.size()) std::fprintf(stderr, "ovrin-sm: %zu trailing bytes left over\n", bytes.size() - used);

@@ -1,29 +1,13 @@
 // Whole renderings, and indented XML.
 #include "cli/render.h"
 
-#include <cerrno>
-#include <cstdint>
 
 namespace ovrin::cli {
 
-long render(const ovrin_sm_type_ops &ops, mgx_handle_t *h, const void *instance, bool xml, std::vector<char> &text) {
-    // The writers stop at the buffer's end without an error, leaving it full but for the
-    // terminating NUL: a text that reaches that point may have been cut, so it is written again
-    // into twice the room.
-    constexpr size_t largest = UINT32_MAX;
-    if (text.size() < 4096) text.resize(4096);
-    for (;;) {
-        const auto size = static_cast<uint32_t>(text.size());
-        int64_t n = xml ? static_cast<int32_t>(ops.toxml_cr(h, instance, text.data(), size))
-                        : ops.print_cr(h, instance, text.data(), size);
-        if (n < 0) return -1;
-        if (static_cast<uint64_t>(n) + 1 < size) return static_cast<long>(n);
-        if (text.size() == largest) {
-            errno = ENOMEM;
-            return -1;
-        }
-        text.resize(text.size() > largest / 2 ? largest : text.size() * 2);
-    }
+long render(const ovrin_sm_type_ops &ops, mgx_handle_t *h, const void *instance, bool xml, Text &text) {
+    // One walk: the library grows the block as the text is written.
+    int64_t n = (xml ? ops.toxml_whole : ops.print_whole)(h, instance, &text.data, &text.size);
+    return n < 0 ? -1 : static_cast<long>(n);
 }
 
 std::string indent_xml(const char *text, size_t n) {

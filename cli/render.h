@@ -4,19 +4,28 @@
 #define OVRIN_CLI_RENDER_H
 
 #include <cstddef>
+#include <cstdlib>
 #include <string>
-#include <vector>
 
 #include "mgx/runtime.h"
 #include "ovrin_sm/optable.h"
 
 namespace ovrin::cli {
 
-// The instance in the print form, or as XML with xml, into text (which keeps its storage between
-// calls), the buffer grown until the whole text fits. The character count, or -1 when the library
-// reports a failure (its code is then the handle's last error, or ENOMEM when the text would not
-// fit in the largest buffer the operations take).
-long render(const ovrin_sm_type_ops &ops, mgx_handle_t *h, const void *instance, bool xml, std::vector<char> &text);
+// A rendered text: a block from malloc that keeps its storage between renderings.
+struct Text {
+    char *data = nullptr;
+    size_t size = 0;
+    Text() = default;
+    Text(const Text &) = delete;
+    Text &operator=(const Text &) = delete;
+    ~Text() { std::free(data); }
+};
+
+// The instance in the print form, or as XML with xml, whole, into text. The character count, or
+// -1 when the library reports a failure (its code is then the handle's last error: 12 when the
+// text would not fit in the largest buffer the operations take).
+long render(const ovrin_sm_type_ops &ops, mgx_handle_t *h, const void *instance, bool xml, Text &text);
 
 // The library's one-line XML with one element a line, children indented by two spaces; a
 // value's text stays on its element's line exactly as it was.

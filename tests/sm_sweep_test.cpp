@@ -4,6 +4,7 @@
 // exception sweeps beside it.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -62,6 +63,44 @@ TEST_F(Sweep, EveryTypeCopiesWholeAndAfterARawCopyWithoutSharingStorage) {
                 EXPECT_EQ(err, 0u) << o.name;
                 for (void *p : {src, dst, copy}) o.destroy(h, 1, p);
                 ASSERT_EQ(mgx_handle_live_allocations(h), 0u) << o.name << (tracked ? " tracked" : "");
+            }
+        }
+    }
+}
+
+// The whole-text operations make in one walk what the bounded writers make given room enough,
+// from no block and from small blocks that grow at every power of two (each piece that meets the
+// end written again), and answer -1 while the handle's error store holds a code.
+TEST_F(Sweep, EveryTypeWritesItsWholeTextInOneWalkAsTheBoundedWritersDo) {
+    std::vector<char> room(1 << 20);
+    for (bool tracked : {false, true}) {
+        mgx_handle_set_state_tracking(h, tracked, MGX_STTR_TRACKED);
+        for (const Ops &o : typeops::all()) {
+            for (unsigned arm = 0; arm < o.arms(); ++arm) {
+                void *inst = typeops::make_filled(o, h, 5, arm);
+                for (bool xml : {false, true}) {
+                    auto size = static_cast<uint32_t>(room.size());
+                    int64_t n = xml ? int64_t{static_cast<int32_t>(o.toxml_cr(h, inst, room.data(), size))}
+                                    : o.print_cr(h, inst, room.data(), size);
+                    ASSERT_TRUE(n >= 0 && n + 1 < size) << o.name;
+                    const std::string bounded(room.data(), static_cast<size_t>(n));
+                    for (size_t first : {0, 1, 5, 24}) {
+                        size_t block = first;
+                        auto *text = static_cast<char *>(first ? std::malloc(first) : nullptr);
+                        int64_t whole = (xml ? o.toxml_whole : o.print_whole)(h, inst, &text, &block);
+                        ASSERT_EQ(whole, n) << o.name << " from " << first;
+                        EXPECT_EQ(std::string(text, static_cast<size_t>(n) + 1), bounded + '\0') << o.name;
+                        EXPECT_GT(block, static_cast<size_t>(n));
+                        std::free(text);
+                    }
+                }
+                mgx_store_err(h, 22);
+                char *text = nullptr;
+                size_t block = 0;
+                EXPECT_EQ(o.print_whole(h, inst, &text, &block), -1) << o.name;
+                std::free(text);
+                o.destroy(h, 1, inst);
+                ASSERT_EQ(mgx_handle_live_allocations(h), 0u) << o.name;
             }
         }
     }

@@ -23,6 +23,7 @@
 
 #include "mgx/runtime.h"
 #include "ovrin_sm/ops.h"
+#include "cli/render.h"
 #include "ovrin_sm/optable.h"
 
 namespace ovrin::demo {
@@ -102,7 +103,7 @@ struct Side {
     const Options &opt;
     int fd;
     mgx_handle_t *h = mgx_handle_create();
-    std::vector<char> text; // rendering room, grown to the largest message rendered so far
+    ovrin::cli::Text text; // rendering room, grown to the largest message rendered so far
     long sent = 0, received = 0, intact = 0;
     int frame_no = 0; // frames of the first session so far, both directions, for --corrupt
 

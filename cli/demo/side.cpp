@@ -147,8 +147,8 @@ void Side::render(const ovrin_sm_type_ops &ops, const void *msg, const std::vect
             std::printf("    (%s cannot be rendered: error %u)\n", ops.name, mgx_handle_last_error(h));
             return;
         }
-        std::fwrite(text.data(), 1, static_cast<size_t>(n), stdout);
-        if (n == 0 || text[static_cast<size_t>(n) - 1] != '\n') std::putchar('\n');
+        std::fwrite(text.data, 1, static_cast<size_t>(n), stdout);
+        if (n == 0 || text.data[n - 1] != '\n') std::putchar('\n');
         return;
     }
     }

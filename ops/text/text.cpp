@@ -4,9 +4,11 @@
 #include "ops/text/text.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
+#include "ops/enum/enum.h"
 #include "ops/record/lifecycle.h"
 #include "ops/walk.h"
 
@@ -84,25 +86,85 @@ void member_label(char (&label)[label_size], const Type &t, const Field &member,
 
 // ------------------------------------------------------------------ XML writing
 
-// A bounded text being written: each writer gets the rest of the buffer and adds what it wrote.
+// A text being written: each writer is a piece that gets the rest of the buffer and adds what it
+// wrote. A bounded text (the C writers) is cut at the end of its buffer; once the buffer is full
+// no writer could add anything, so the walk stops there instead of visiting the rest of the
+// instance for nothing. A growing text (a whole rendering) is never cut: a piece that may not have
+// fitted is written again at the same place after the buffer has grown, so one walk makes the
+// whole text and each growth costs at most the piece being written, never the text before it.
+struct Growth {
+    char **text;
+    size_t *size;
+};
+
+// A piece that stops this far or further from the end of its room was written whole: a writer
+// that runs out of room fills it but for the terminating NUL and at most the escape ("&#xE0HH;",
+// eight characters) that it left out rather than split.
+constexpr uint32_t piece_slack = 16;
+constexpr uint32_t first_growth = 4096;
+
 struct TextOut {
     mgx_handle_t *h;
     uint32_t luid;
     char *buf;
     uint32_t size;
     uint32_t *err;
+    Growth *growth = nullptr;
     uint32_t n = 0;
     uint32_t left() const { return n < size ? size - n : 0; }
     char *at() const { return buf + (n < size ? n : size); }
+    bool full() const { return !growth && n + 1 >= size; }
+
+    // One piece: write(at, room) writes at most room - 1 characters and a NUL at `at`, and says
+    // how many it wrote.
+    template <class Write> void put(Write write) {
+        for (;;) {
+            uint32_t k = write(at(), left());
+            if (!growth || *err || k + piece_slack < left()) {
+                n += k;
+                return;
+            }
+            if (!grow()) return;
+        }
+    }
+
+    // Twice the room (a first block when there is none), from the C heap: the text is the
+    // caller's. 12 when that is refused or the text would pass the largest size the writers take.
+    bool grow() {
+        size_t want = !buf ? first_growth : size < 16 ? 16 : size_t{size} * 2;
+        if (size == UINT32_MAX) {
+            fail(h, err, MGX_ENOMEM);
+            return false;
+        }
+        if (want > UINT32_MAX) want = UINT32_MAX;
+        auto *bigger = static_cast<char *>(std::realloc(*growth->text, want));
+        if (!bigger) {
+            fail(h, err, MGX_ENOMEM);
+            return false;
+        }
+        *growth->text = buf = bigger;
+        *growth->size = size = static_cast<uint32_t>(want);
+        return true;
+    }
 };
 using XmlOut = TextOut;
 using PrintOut = TextOut;
 
-uint32_t element_to_xml(const Field &f, XmlOut &o, const char *name, const void *element, uint8_t state) {
+void write_xml(const Type &t, XmlOut &o, const char *name, const void *instance, uint8_t state_flag);
+
+void element_to_xml(const Field &f, XmlOut &o, const char *name, const void *element, uint8_t state) {
     switch (f.kind) {
-    case Kind::record: return to_xml(*f.type, o.h, o.luid, name, o.at(), element, o.left(), state, o.err);
-    case Kind::enumeration: return enum_to_xml(*f.type, o.h, o.luid, name, o.at(), element, o.left(), state, o.err);
-    default: return prim_text_of(f.kind).to_xml(o.h, o.luid, name, o.at(), element, o.left(), state, o.err);
+    case Kind::record: write_xml(*f.type, o, name, element, state); return;
+    case Kind::enumeration:
+        o.put([&](char *at, uint32_t left) {
+            return enum_to_xml(*f.type, o.h, o.luid, name, at, element, left, state, o.err);
+        });
+        return;
+    default:
+        o.put([&](char *at, uint32_t left) {
+            return prim_text_of(f.kind).to_xml(o.h, o.luid, name, at, element, left, state, o.err);
+        });
+        return;
     }
 }
 
@@ -112,17 +174,44 @@ void field_to_xml(const FieldAt<const void> &a, XmlOut &o, uint8_t state) {
     case Shape::scalar:
     case Shape::fixed_array:
     case Shape::var_array:
-        for (uint32_t k = 0, n = a.elements(); k < n && !*o.err; ++k)
-            o.n += element_to_xml(f, o, f.name, a.element(k), state);
+        for (uint32_t k = 0, n = a.elements(); k < n && !*o.err && !o.full(); ++k)
+            element_to_xml(f, o, f.name, a.element(k), state);
         return;
     case Shape::var_string: {
         const char *text = static_cast<const char *>(a.block());
-        o.n += var_string_to_xml(o.h, o.luid, f.name, o.at(), text, o.left(), text ? a.count() : 0, state, o.err);
+        o.put([&](char *at, uint32_t left) {
+            return var_string_to_xml(o.h, o.luid, f.name, at, text, left, text ? a.count() : 0, state, o.err);
+        });
         return;
     }
     case Shape::member:
         return; // written once, after the fields, when selected
     }
+}
+
+void write_xml(const Type &t, XmlOut &o, const char *name, const void *instance, uint8_t state_flag) {
+    if (!begin(o.h, o.luid, instance, o.err)) return;
+    int8_t variant = mgx_get_instance_variant(instance, 1, 0);
+    bool tracked = tracking(t, o.h);
+    const uint8_t *area = tracked && instance && (hdr(instance)->flags & MGX_IF_TRACKED)
+                              ? state_area(t, o.h, o.luid, const_cast<void *>(instance))
+                              : nullptr;
+    o.put([&](char *at, uint32_t left) { return start_tag(at, left, name, state_flag); });
+    if (variant >= 0) {
+        for (FieldAt<const void> a : fields(t, instance, variant)) {
+            if (*o.err || o.full()) break;
+            field_to_xml(a, o, a.flag(area));
+        }
+        const Field *m = *o.err || o.full() ? nullptr : selected_member(t, instance, variant);
+        if (m) {
+            if (const void *member = *static_cast<const void *const *>(field_at(instance, *m))) {
+                char label[label_size];
+                member_label(label, t, *m, '-');
+                write_xml(*m->type, o, label, member, area ? area[m->sttr_pos] : 0);
+            }
+        }
+    }
+    o.put([&](char *at, uint32_t left) { return end_tag(at, left, name); });
 }
 
 // ------------------------------------------------------------------ XML reading
@@ -248,11 +337,21 @@ void member_from_xml(const Type &t, const FieldAt<void> &a, XmlIn &in, const cha
 
 // ------------------------------------------------------------------ print
 
-uint32_t element_print(const Field &f, PrintOut &o, uint32_t indent, const char *label, const void *element) {
+void write_print(const Type &t, PrintOut &o, uint32_t indent, const char *name, const void *instance);
+
+void element_print(const Field &f, PrintOut &o, uint32_t indent, const char *label, const void *element) {
     switch (f.kind) {
-    case Kind::record: return print(*f.type, o.h, o.luid, o.at(), indent, label, element, o.left(), o.err);
-    case Kind::enumeration: return enum_print(*f.type, o.h, o.luid, o.at(), indent, label, element, o.left(), o.err);
-    default: return prim_text_of(f.kind).print(o.h, o.luid, o.at(), indent, label, element, o.left(), o.err);
+    case Kind::record: write_print(*f.type, o, indent, label, element); return;
+    case Kind::enumeration:
+        o.put([&](char *at, uint32_t left) {
+            return enum_print(*f.type, o.h, o.luid, at, indent, label, element, left, o.err);
+        });
+        return;
+    default:
+        o.put([&](char *at, uint32_t left) {
+            return prim_text_of(f.kind).print(o.h, o.luid, at, indent, label, element, left, o.err);
+        });
+        return;
     }
 }
 
@@ -261,18 +360,20 @@ void field_print(const FieldAt<const void> &a, PrintOut &o, uint32_t indent) {
     char label[label_size];
     switch (f.shape) {
     case Shape::scalar:
-        o.n += element_print(f, o, indent, f.name, a.address());
+        element_print(f, o, indent, f.name, a.address());
         return;
     case Shape::fixed_array:
     case Shape::var_array:
-        for (uint32_t k = 0, n = a.elements(); k < n; ++k) {
+        for (uint32_t k = 0, n = a.elements(); k < n && !o.full(); ++k) {
             Joined(label) << f.name << '[' << k << ']';
-            o.n += element_print(f, o, indent, label, a.element(k));
+            element_print(f, o, indent, label, a.element(k));
         }
         return;
     case Shape::var_string: {
         const char *text = static_cast<const char *>(a.block());
-        o.n += var_string_print(o.h, o.luid, o.at(), indent, f.name, text, o.left(), text ? a.count() : 0, o.err);
+        o.put([&](char *at, uint32_t left) {
+            return var_string_print(o.h, o.luid, at, indent, f.name, text, left, text ? a.count() : 0, o.err);
+        });
         return;
     }
     case Shape::member:
@@ -280,32 +381,34 @@ void field_print(const FieldAt<const void> &a, PrintOut &o, uint32_t indent) {
     }
 }
 
+void write_print(const Type &t, PrintOut &o, uint32_t indent, const char *name, const void *instance) {
+    if (!begin(o.h, o.luid, instance, o.err)) return;
+    int8_t variant = mgx_get_instance_variant(instance, 1, 0);
+    o.put([&](char *at, uint32_t left) { return mgx_print_space(o.h, o.luid, at, indent, left, o.err); });
+    o.put([&](char *at, uint32_t left) { return mgx_snprintf(o.h, o.luid, at, left, o.err, "%s@%s: {\n", name, t.name); });
+    if (variant < 0) return; // deliberately left open: callers go on after it
+    for (FieldAt<const void> a : fields(t, instance, variant)) {
+        if (o.full()) return; // nothing more fits, and nothing written after this could
+        field_print(a, o, indent + 2);
+    }
+    const Field *m = o.full() ? nullptr : selected_member(t, instance, variant);
+    if (m) {
+        if (const void *member = *static_cast<const void *const *>(field_at(instance, *m))) {
+            char label[label_size];
+            member_label(label, t, *m, '.');
+            write_print(*m->type, o, indent + 2, label, member);
+        }
+    }
+    o.put([&](char *at, uint32_t left) { return mgx_print_space(o.h, o.luid, at, indent, left, o.err); });
+    o.put([&](char *at, uint32_t left) { return mgx_snprintf(o.h, o.luid, at, left, o.err, "}\n"); });
+}
+
 } // namespace
 
 uint32_t to_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *name, char *buf, const void *instance,
                 uint32_t size, uint8_t state_flag, uint32_t *err) {
-    if (!begin(h, luid, instance, err)) return 0;
-    int8_t variant = mgx_get_instance_variant(instance, 1, 0);
-    bool tracked = tracking(t, h);
-    const uint8_t *area =
-        tracked && instance && (hdr(instance)->flags & MGX_IF_TRACKED) ? state_area(t, h, luid, const_cast<void *>(instance)) : nullptr;
     XmlOut o{h, luid, buf, size, err};
-    o.n += start_tag(o.at(), o.left(), name, state_flag);
-    if (variant >= 0) {
-        for (FieldAt<const void> a : fields(t, instance, variant)) {
-            if (*err) break;
-            field_to_xml(a, o, a.flag(area));
-        }
-        const Field *m = *err ? nullptr : selected_member(t, instance, variant);
-        if (m) {
-            if (const void *member = *static_cast<const void *const *>(field_at(instance, *m))) {
-                char label[label_size];
-                member_label(label, t, *m, '-');
-                o.n += to_xml(*m->type, h, luid, label, o.at(), member, o.left(), area ? area[m->sttr_pos] : 0, err);
-            }
-        }
-    }
-    o.n += end_tag(o.at(), o.left(), name);
+    write_xml(t, o, name, instance, state_flag);
     return o.n;
 }
 
@@ -360,29 +463,32 @@ void from_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *path, v
 
 uint32_t print(const Type &t, mgx_handle_t *h, uint32_t luid, char *buf, uint32_t indent, const char *name,
                const void *instance, uint32_t size, uint32_t *err) {
-    if (!begin(h, luid, instance, err)) return 0;
-    int8_t variant = mgx_get_instance_variant(instance, 1, 0);
     PrintOut o{h, luid, buf, size, err};
-    o.n += mgx_print_space(h, luid, o.at(), indent, o.left(), err);
-    o.n += mgx_snprintf(h, luid, o.at(), o.left(), err, "%s@%s: {\n", name, t.name);
-    if (variant < 0) return o.n; // deliberately left open: callers go on after it
-    for (FieldAt<const void> a : fields(t, instance, variant)) field_print(a, o, indent + 2);
-    const Field *m = selected_member(t, instance, variant);
-    if (m) {
-        if (const void *member = *static_cast<const void *const *>(field_at(instance, *m))) {
-            char label[label_size];
-            member_label(label, t, *m, '.');
-            o.n += print(*m->type, h, luid, o.at(), indent + 2, label, member, o.left(), err);
-        }
-    }
-    o.n += mgx_print_space(h, luid, o.at(), indent, o.left(), err);
-    o.n += mgx_snprintf(h, luid, o.at(), o.left(), err, "}\n");
+    write_print(t, o, indent, name, instance);
     return o.n;
 }
 
 int32_t print_cr(const Type &t, mgx_handle_t *h, const void *instance, char *buf, uint32_t size) {
     uint32_t n = print(t, h, h->desc_call_luid, buf, 0, t.name, instance, size, &h->last_error);
     return h->last_error ? -1 : static_cast<int32_t>(n);
+}
+
+int64_t text_whole(const Type &t, mgx_handle_t *h, const void *instance, bool xml, char **text, size_t *size) {
+    if (!h || !text || !size) return -1;
+    Growth growth{text, size};
+    TextOut o{h, h->desc_call_luid, *text, static_cast<uint32_t>(*text && *size < UINT32_MAX ? *size : 0),
+              &h->last_error, &growth};
+    if (!*text && !o.grow()) return -1;
+    if (t.kind == TypeKind::enumeration)
+        o.put([&](char *at, uint32_t left) {
+            return xml ? enum_to_xml(t, h, o.luid, t.name, at, instance, left, 0, o.err)
+                       : enum_print(t, h, o.luid, at, 0, t.name, instance, left, o.err);
+        });
+    else if (xml)
+        write_xml(t, o, t.name, instance, 0);
+    else
+        write_print(t, o, 0, t.name, instance);
+    return h->last_error ? -1 : int64_t{o.n};
 }
 
 } // namespace ovrin

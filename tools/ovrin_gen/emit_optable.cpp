@@ -11,13 +11,15 @@ namespace gen {
 namespace {
 
 // One slot of the table entry: the entry point it leads to, the kinds that have it, and its
-// signature in the table (names as the header shows them).
+// signature in the table (names as the header shows them). A slot with an engine call leads to
+// no export: its thunk makes that call ($table the type's table) for the table alone.
 struct Slot {
     const char *op;
     unsigned kinds;
     const char *result;
     const char *params;
     const char *note; // for the header; empty for none
+    const char *engine = "";
 };
 
 const std::vector<Slot> &slots() {
@@ -55,6 +57,12 @@ const std::vector<Slot> &slots() {
          "null for enumerations"},
         {"compare", k_all, "int32_t", "const void *a, const void *b", ""},
         {"hash", k_all, "uint32_t", "const void *instance, uint32_t seed", ""},
+        {"print_whole", k_all, "int64_t", "mgx_handle_t *h, const void *instance, char **text, size_t *size",
+         "print_cr's text whole, in one walk: *text (from malloc, or null) grows with realloc and is the "
+         "caller's to free; the length, or -1 (the handle's last error says why)",
+         "ovrin::text_whole($table, h, instance, false, text, size)"},
+        {"toxml_whole", k_all, "int64_t", "mgx_handle_t *h, const void *instance, char **text, size_t *size",
+         "the same for toxml_cr's text", "ovrin::text_whole($table, h, instance, true, text, size)"},
     };
     return list;
 }
@@ -107,6 +115,9 @@ std::string untyped(const std::string &type) { return replace_all(type, "$T", "v
 // pointers become the type's own again (a `void **` destination by reinterpret_cast, which the
 // engine turns back into `void **` before storing through it).
 std::string thunk(const Type &t, const Slot &s) {
+    if (*s.engine)
+        return format("%s %s_%s(%s) { return %s; }\n", s.result, t.name.c_str(), s.op, s.params,
+                      replace_all(s.engine, "$table", "ovrin::table::" + t.name).c_str());
     const EntryPoint &e = entry_point(s, kind_bit(t));
     std::vector<Param> want = split_params(s.params), have = split_params(e.params);
     bool same = want.size() == have.size();
@@ -170,7 +181,8 @@ std::string emit_optable_header(const Catalogue &) {
 
 std::string emit_optable_source(const Catalogue &c) {
     std::string s = format("// The operations table and its thunks. %s\n", generated_banner);
-    s += "#include <cstring>\n\n#include \"@D@/ops.h\"\n#include \"@D@/optable.h\"\n\n";
+    s += "#include <cstring>\n\n#include \"@D@/ops.h\"\n#include \"@D@/optable.h\"\n#include \"@D@_internal/tables.h\"\n"
+         "#include \"ops/text/text.h\"\n\n";
     s += "namespace {\n// Each calls the export of the same name with the instance pointers typed again.\nnamespace thunk {\n";
     for (const auto &t : c.types) {
         s += "\n";
