@@ -8,6 +8,7 @@
 //                empty one and the reverse
 //   xml_dtd      every type's XML as it is, and with a document type declaration, an entity
 //                reference or a run of attributes put in
+//   xml_check    every type's XML as it is, with an unknown member, and with entity references
 //   trace        a trace file with an emission of every argument shape, and the bundle's message
 //                texts section as the library file holds it
 //   elf          the bundle's library file cut down to the sections the readers look for (ELF
@@ -67,6 +68,23 @@ struct Encodings {
     Bytes empty[2];               // a fresh instance; empty when it has no wire form
 };
 
+// xml_check: each type's document as it is (it checks), with an unknown member put first, and with
+// an entity declared and referred to inside the root (each a problem to find).
+void write_check_seeds(const fs::path &dir, const std::vector<std::string> &xml) {
+    for (size_t i = 0; i < xml.size(); ++i) {
+        if (xml[i].empty()) continue;
+        const std::string stem = typeops::all()[i].name;
+        const size_t body = xml[i].find('>') + 1;
+        const Bytes type{static_cast<uint8_t>(i)};
+        write(dir / "xml_check" / (stem + "-plain"), type, xml[i].data(), xml[i].size());
+        std::string doc = xml[i].substr(0, body) + "<unknown_member>1</unknown_member>" + xml[i].substr(body);
+        write(dir / "xml_check" / (stem + "-unknown"), type, doc.data(), doc.size());
+        doc = "<!DOCTYPE " + stem + " [<!ENTITY e \"entity text\">]>" + xml[i].substr(0, body) + "&e;&e;" +
+              xml[i].substr(body);
+        write(dir / "xml_check" / (stem + "-entity"), type, doc.data(), doc.size());
+    }
+}
+
 void write_message_seeds(const fs::path &dir) {
     const std::vector<typeops::Ops> &types = typeops::all();
     std::vector<Encodings> enc(types.size());
@@ -124,6 +142,8 @@ void write_message_seeds(const fs::path &dir) {
         }
         if (!e.empty[1].empty()) pair("empty-0-t", 1, e.empty[1], e.filled[1][0]);
     }
+
+    write_check_seeds(dir, xml);
 
     // xml_dtd: each document as it is, and with one of the prologues and something put in
     for (size_t i = 0; i < types.size(); ++i) {

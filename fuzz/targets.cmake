@@ -1,7 +1,7 @@
 # The fuzz targets and what each is built from, shared by the fuzz build (each linked with
 # libFuzzer) and the test build (each linked with tests/fuzz_replay.cpp, which replays the inputs
 # kept in fuzz/regressions/ through the same code).
-set(OVRIN_FUZZ_TARGETS wire xml xml_dtd reuse trace elf trace_files)
+set(OVRIN_FUZZ_TARGETS wire xml xml_dtd reuse trace elf trace_files xml_check)
 
 # ovrin_fuzz_executable(NAME TARGET SOURCES...): an executable from fuzz/TARGET_fuzz.cpp, the
 # target's helpers and the given sources.
@@ -9,6 +9,10 @@ function(ovrin_fuzz_executable name target)
   set(sources ${PROJECT_SOURCE_DIR}/fuzz/${target}_fuzz.cpp ${ARGN})
   set(libraries ovrin_sm mgx ZLIB::ZLIB ${CMAKE_DL_LIBS})
   if(target STREQUAL "xml_dtd")
+    list(APPEND libraries LibXml2::LibXml2)
+  elseif(target STREQUAL "xml_check")
+    # The tool's check with its private copy of the type tables.
+    list(APPEND sources ${PROJECT_SOURCE_DIR}/cli/xml_check.cpp ${PROJECT_SOURCE_DIR}/cli/tables.cpp)
     list(APPEND libraries LibXml2::LibXml2)
   elseif(target STREQUAL "elf")
     list(APPEND sources ${PROJECT_SOURCE_DIR}/tests/sm_heap.cpp ${PROJECT_SOURCE_DIR}/cli/manifest_cmd.cpp

@@ -73,10 +73,10 @@ gate_tsan() {
 }
 
 # The fuzz targets (fuzz/targets.cmake), each with its dictionary when it has one.
-fuzz_targets=(wire xml xml_dtd reuse trace elf trace_files)
+fuzz_targets=(wire xml xml_dtd reuse trace elf trace_files xml_check)
 fuzz_dictionary() {
     case "$1" in
-        xml|xml_dtd) echo "-dict=fuzz/xml.dict" ;;
+        xml|xml_dtd|xml_check) echo "-dict=fuzz/xml.dict" ;;
         trace|elf|trace_files) echo "-dict=fuzz/files.dict" ;;
     esac
 }
