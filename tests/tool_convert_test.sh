@@ -109,6 +109,21 @@ awk 'BEGIN { v = sprintf("%2000s", ""); gsub(/ /, "ab", v); v = substr(v, 1, 200
 [ "$(grep -c '^    attr\[' "$work/big.print")" -eq 3000 ] && [ "$(tail -n 1 "$work/big.print")" = "}" ] ||
     fail "the print form is cut: $(tail -c 100 "$work/big.print")"
 
+# Whole output of many small pieces: 3000 records in an array, each with an attribute list, read
+# back to the same bytes from XML, and printed to the last closing brace.
+awk 'BEGIN { printf "<sess_mgr_sess_attr_query_resp><no_of_entries>3000</no_of_entries>"
+             for (i = 0; i < 3000; ++i)
+                 printf "<resp_array><label><session_label>%d</session_label></label><attr_list><attr><type>%d</type><value>0a3c</value></attr></attr_list></resp_array>", i, i % 7
+             print "</sess_mgr_sess_attr_query_resp>" }' > "$work/array.xml"
+t=sess_mgr_sess_attr_query_resp
+"$tool" encode $t "$work/array.xml" > "$work/array.bin" || fail "encode 3000 array elements"
+"$tool" decode $t "$work/array.bin" --xml > "$work/array-out.xml" || fail "decode --xml of 3000 array elements"
+[ "$(grep -o '<resp_array>' "$work/array-out.xml" | wc -l)" -eq 3000 ] || fail "array elements missing from the XML"
+"$tool" encode $t "$work/array-out.xml" | cmp -s - "$work/array.bin" || fail "3000 array elements changed"
+"$tool" decode $t "$work/array.bin" > "$work/array.print" || fail "decode of 3000 array elements"
+[ "$(grep -c '^  resp_array\[' "$work/array.print")" -eq 3000 ] && [ "$(tail -n 1 "$work/array.print")" = "}" ] ||
+    fail "the print form is cut: $(tail -c 100 "$work/array.print")"
+
 # The command line: versions that agree with the project's; each command's help on standard
 # output with status 0; a bad option, value or operand named, with status 2.
 "$tool" --version > "$work/version"

@@ -78,4 +78,19 @@ expect "texts of mgx_ovrin_sm: cannot read /dev/zero: a character device" trace 
 expect "texts of mgx_ovrin_sm: cannot read $work/dir: Is a directory" trace "$work/names-dir.trc"
 timeout 20 "$tool" trace "$work/names-dir.trc" > "$work/lines" 2> /dev/null || true
 grep -q 'ALERT mgx_ovrin_sm #0: message 0$' "$work/lines" || fail "the emission is not shown by number: $(cat "$work/lines")"
+# Documents that cost the strict check of encode what they hold, not more. An entity of 1 MiB
+# referred to 2000 times would be 2 GiB expanded: the check never expands it, and the library
+# refuses the value that refers to it.
+{ printf '<!DOCTYPE %s [<!ENTITY e "' $t; head -c 1048576 /dev/zero | tr '\0' x; printf '">]>'
+  printf '<%s><cl_name><cl_name_len>5</cl_name_len><client_name>' $t; printf '&e;%.0s' $(seq 2000)
+  printf '</client_name></cl_name></%s>' $t; } > "$work/entity.xml"
+expect "Invalid value at /$t/cl_name/client_name" encode $t "$work/entity.xml"
+# 100000 distinct unknown names: the first 20 are shown (the first with its closest member), the
+# rest counted.
+awk -v t=$t 'BEGIN { printf "<%s>", t; for (i = 0; i < 100000; ++i) printf "<sesion_type%d/>", i; printf "</%s>", t }' \
+    > "$work/unknown.xml"
+expect "and 99980 more" encode $t "$work/unknown.xml"
+[ "$(grep -c "has no member" "$work/err")" -eq 20 ] || fail "unknown names: $(head -c 2000 "$work/err")"
+grep -qF "/$t/sesion_type0: $t has no member sesion_type0; did you mean session_type?" "$work/err" ||
+    fail "unknown names: $(head -n 3 "$work/err")"
 echo "tool inputs: ok"
