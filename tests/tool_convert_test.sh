@@ -15,6 +15,9 @@ printf '%s' "$xml" > "$work/in.xml"
 grep -q '^    client_name: a<&"b$' "$work/print" || fail "print form: $(cat "$work/print")"
 "$tool" decode sess_mgr_register --hex "$work/bytes.hex" --xml > "$work/out.xml" || fail "decode --hex --xml"
 "$tool" encode sess_mgr_register "$work/out.xml" | cmp -s - "$work/bytes" || fail "XML round trip changed the bytes"
+# A byte that XML cannot carry is written as a private-use character, and counts as one byte.
+printf '<sess_mgr_register><cl_name><cl_name_len>3</cl_name_len><client_name>a&#xE001;b</client_name></cl_name></sess_mgr_register>' |
+    "$tool" encode sess_mgr_register --hex | grep -q '61 01 62' || fail "a private-use character in a string"
 
 # Bytes that do not decode: a clear message and a non-zero status.
 head -c 9 "$work/bytes" > "$work/short"
