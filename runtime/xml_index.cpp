@@ -3,7 +3,6 @@
 #include "runtime/xml_index.h"
 
 #include <atomic>
-#include <bit>
 #include <cstring>
 
 namespace mgx {
@@ -47,10 +46,12 @@ uint64_t next_serial() {
 
 XmlChildIndex::XmlChildIndex(xmlDocPtr doc) : serial(next_serial()) {
     size_t children = 0;
-    each_child(doc, [&](xmlNodePtr, xmlNodePtr) { ++children; });
-    groups_.resize(std::bit_ceil(2 * children + 2));
+    groups_.resize(16);
+    each_child(doc, [&](xmlNodePtr parent, xmlNodePtr child) {
+        ++add(parent, child->name).count;
+        ++children;
+    });
     nodes_.resize(children);
-    each_child(doc, [&](xmlNodePtr parent, xmlNodePtr child) { ++add(parent, child->name).count; });
     uint32_t first = 0;
     for (Group &g : groups_) {
         g.first = first;
@@ -72,12 +73,28 @@ const XmlChildIndex::Group *XmlChildIndex::find(const void *parent, const char *
     }
 }
 
-XmlChildIndex::Group &XmlChildIndex::add(const void *parent, const xmlChar *name) {
+XmlChildIndex::Group *XmlChildIndex::slot(const void *parent, const xmlChar *name) {
     const auto *text = reinterpret_cast<const char *>(name);
     const size_t length = std::strlen(text);
-    auto &g = const_cast<Group &>(*find(parent, text, length, hash_of(parent, text, length)));
-    if (!g.parent) g.parent = parent, g.name = name;
-    return g;
+    return const_cast<Group *>(find(parent, text, length, hash_of(parent, text, length)));
+}
+
+// The group of parent's children named name, made when there is none yet. The table doubles
+// before it is half full, so its slots stay within four times the groups.
+XmlChildIndex::Group &XmlChildIndex::add(const void *parent, const xmlChar *name) {
+    Group *g = slot(parent, name);
+    if (g->parent) return *g;
+    if (2 * (used_ + 1) > groups_.size()) {
+        std::vector<Group> old(groups_.size() * 2);
+        old.swap(groups_);
+        for (const Group &o : old)
+            if (o.parent) *slot(o.parent, o.name) = o;
+        g = slot(parent, name);
+    }
+    ++used_;
+    g->parent = parent;
+    g->name = name;
+    return *g;
 }
 
 std::span<const xmlNodePtr> XmlChildIndex::children(const void *parent, const char *name, size_t length) const {

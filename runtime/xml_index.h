@@ -36,9 +36,11 @@ private:
         uint32_t first = 0, count = 0;
     };
     const Group *find(const void *parent, const char *name, size_t length, uint64_t hash) const;
+    Group *slot(const void *parent, const xmlChar *name);
     Group &add(const void *parent, const xmlChar *name);
 
-    std::vector<Group> groups_; // open addressing; a power of two at least twice the groups
+    std::vector<Group> groups_; // open addressing, a power of two at least twice the groups
+    size_t used_ = 0;
     std::vector<xmlNodePtr> nodes_;
 };
 
