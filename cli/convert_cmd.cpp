@@ -227,9 +227,8 @@ int ovrin_cmd_encode(int argc, char **argv) {
     if (!ops) return exit_usage;
     std::vector<uint8_t> input;
     if (!read_message(o.file, input)) return exit_failure;
-    const char *text = reinterpret_cast<const char *>(input.data());
     char why[512] = "";
-    void *doc = mgx_xml_document_read(text, input.size(), why, sizeof why);
+    void *doc = mgx_xml_document_read(reinterpret_cast<const char *>(input.data()), input.size(), why, sizeof why);
     if (!doc) {
         std::fprintf(stderr, "ovrin-sm: the input is not a well-formed XML document: %s\n", why);
         return exit_failure;
