@@ -476,8 +476,8 @@ int32_t print_cr(const Type &t, mgx_handle_t *h, const void *instance, char *buf
 int64_t text_whole(const Type &t, mgx_handle_t *h, const void *instance, bool xml, char **text, size_t *size) {
     if (!h || !text || !size) return -1;
     Growth growth{text, size};
-    TextOut o{h, h->desc_call_luid, *text, static_cast<uint32_t>(*text && *size < UINT32_MAX ? *size : 0),
-              &h->last_error, &growth};
+    const size_t usable = !*text ? 0 : *size < UINT32_MAX ? *size : UINT32_MAX; // the most the writers take
+    TextOut o{h, h->desc_call_luid, *text, static_cast<uint32_t>(usable), &h->last_error, &growth};
     if (!*text && !o.grow()) return -1;
     if (t.kind == TypeKind::enumeration)
         o.put([&](char *at, uint32_t left) {
