@@ -25,9 +25,9 @@ struct Findings {
     size_t count = 0;
 };
 
-// The findings of such a document, keeping the first `keep` problems' lines. The document is
-// read as it stands: entities are not expanded (a value that refers to one is left to the
-// library's reader, which refuses it).
+// The findings of such a document, keeping the first `keep` problems' lines (a closest name is
+// offered in the first 100 only). The document is read as it stands: entities are not expanded
+// (a value that refers to one is left to the library's reader, which refuses it).
 Findings check_document(const Type &t, const void *doc, size_t keep);
 
 } // namespace ovrin::cli
