@@ -123,8 +123,10 @@ void encode_composite(const FieldAt<const void> &a, Writer &w, const uint8_t *ar
         for (uint32_t k = 0; k < count; ++k) put_piece(f, w, block ? run[k] : nullptr);
         if (!tracked) return;
         w.state_byte(flag);
+        // An instance made untracked (no state area) has blocks without flag slots, though the
+        // handle encoding it tracks: its elements' state bytes are 0, as its other ones are.
         const ArrayLayout layout(f);
-        const uint8_t *per_element = layout.flags(block, count, true);
+        const uint8_t *per_element = layout.flags(block, count, area != nullptr);
         for (uint32_t k = 0; k < count && w.left() > 0; ++k)
             w.buf[w.pos++] = per_element ? *layout.slot_of(per_element, k) : 0;
         return;
