@@ -138,6 +138,21 @@ TEST_F(Wire, PerElementStateBytesTravelInElementOrder) {
     ASSERT_EQ(err, 0u);
     for (uint32_t k = 0; k < 3; ++k)
         EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_domain_names_state_flag_get(h, 1, d, k, &err), 5 + k) << k;
+
+    // Made on an untracked handle, the array's block has no flag slots: encoded by the tracking
+    // handle, the elements' state bytes are 0 (the block is not read past; the sanitizer gate
+    // sees any read beyond it).
+    mgx_handle_t *plain = mgx_handle_create();
+    auto *u = ovrin_svm_epm_notify_domain_name_bind_create(plain, 1);
+    for (uint32_t k = 0; k < 3; ++k) ovrin_svm_epm_notify_domain_name_bind_domain_names_set(plain, 1, u, k, value, &err);
+    n = ovrin_svm_epm_notify_domain_name_bind_len(h, 1, u);
+    Bytes untracked(n + 1);
+    n = ovrin_svm_epm_notify_domain_name_bind_marshal(h, 1, untracked.data(), u, static_cast<int32_t>(n), &err);
+    ASSERT_EQ(err, 0u);
+    EXPECT_EQ(Bytes(untracked.begin() + n - 4, untracked.begin() + n), (Bytes{0, 0, 0, 0}));
+    ovrin_svm_epm_notify_domain_name_bind_destroy(plain, 1, u);
+    EXPECT_EQ(mgx_handle_live_allocations(plain), 0u);
+    mgx_handle_destroy(plain);
 }
 
 // Decode flags 0 give every string fresh storage, even one of the same length as the instance
