@@ -10,6 +10,7 @@
 // text, the arguments' own bytes and width_limit (plus a number's digits) per argument: a text
 // cannot make an emission cost more than its size allows. Rendering twice gives the same line,
 // and an emission of one of the runtime's argument shapes captures that same line.
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -24,10 +25,17 @@ namespace {
 struct Input {
     const uint8_t *p;
     size_t left;
-    uint64_t get(size_t bytes) {
+    uint64_t get(size_t bytes) { // at most 8
         uint64_t v = 0;
         for (size_t i = 0; i < bytes && left; ++i, ++p, --left) v |= uint64_t{*p} << (8 * i);
         return v;
+    }
+    std::string text(size_t n) {
+        n = std::min(n, left);
+        std::string s(reinterpret_cast<const char *>(p), n);
+        p += n;
+        left -= n;
+        return s;
     }
 };
 
@@ -71,15 +79,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     for (fmt::Arg &a : args) {
         a.kind = "udps"[in.get(1) % 4];
         if (a.kind == 's') {
-            size_t n = std::min<size_t>(in.get(2), in.left);
-            a.text.assign(reinterpret_cast<const char *>(in.p), n);
-            in.get(n);
-            argument_bytes += n;
+            a.text = in.text(in.get(2));
+            argument_bytes += a.text.size();
         } else {
             a.value = in.get(a.kind == 'p' ? 8 : 4);
         }
     }
-    const std::string text(reinterpret_cast<const char *>(in.p), in.left);
+    const std::string text = in.text(in.left);
     const std::string line = fmt::render(text, args);
     if (line.size() > text.size() + argument_bytes + args.size() * (fmt::width_limit + 32)) std::abort();
     if (fmt::render(text, args) != line) std::abort();
