@@ -150,6 +150,11 @@ inline uint64_t expanded_size(uint32_t raw_length, uint32_t count) {
     return uint64_t{raw_length} + uint64_t{count} * sizeof(uint32_t);
 }
 
+// Expands a section into its texts. When count or crc is non-zero the section must match them
+// (the table compiled into the code says which texts it numbers); that is checked on the header
+// alone, before anything is copied or expanded. Texts that would take more than keep_limit bytes
+// (expanded_size) are refused unexpanded. False, with the reason in error, for a damaged,
+// mismatched or refused section.
 inline bool expand_texts(const uint8_t *section, size_t size, uint32_t count, uint32_t crc, TextSet &out,
                          std::string &error, uint64_t keep_limit = UINT64_MAX) {
     Cursor c{section, size};
