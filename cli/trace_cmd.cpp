@@ -66,10 +66,10 @@ struct Library {
 
 // Everything the command reads besides the trace: the library files its table records name (or
 // the one given with --library), and the texts expanded from them. Each file is read once however
-// its path is spelt (it is known by its device and inode), each texts section is looked at once
-// per table and expanded at most once, and all the expanded texts together stay within
-// kept_limit, so what a trace can make the command read and hold grows with the trace and the
-// files it names, not with the number of records naming them.
+// its path is spelt (it is known by its device and inode), a table is checked against a section's
+// header before anything is expanded, a section is expanded at most once, and all the expanded
+// texts together stay within kept_limit: what a trace can make the command read and hold grows
+// with the trace and the files it names, not with the number of records naming them.
 class Libraries {
 public:
     // Expanded texts kept at once: one section at the largest the runtime reads (64 MiB of texts,
