@@ -247,7 +247,7 @@ void decode_array(const FieldAt<void> &a, Reader &r, uint32_t old_count, bool tr
     // sizes match in turn), as an instance decoded into again keeps what it owns.
     if (r.flags && block && count == old_count && count > 0 &&
         static_cast<int64_t>(count) * min_instance_bytes <= r.left()) {
-        notify(r.h, block, layout.size(count, tracked), r.luid);
+        notify(r.h, block, layout.block_size(count, tracked), r.luid);
         uint8_t *per_element = layout.flags(block, count, tracked);
         if (per_element) std::memset(per_element, 0, count * layout.slot);
         decode_elements(a, r, count, per_element);
