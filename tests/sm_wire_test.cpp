@@ -306,10 +306,12 @@ TEST_F(Wire, ArraysShrinkToNothingAndHostileCountsAreRefused) {
     EXPECT_EQ(take_err(), 90u);
     EXPECT_EQ(mgx_handle_total_allocations(h), before);
     EXPECT_EQ(r->domain_names_length, 0u);
-    // Every element takes at least its 6-byte header: 11 names in 60 bytes are refused as well.
+    // Every element is held to its type's smallest encoding (a name: header 6, length 2, flag 1),
+    // not to a bare header: 11 names in 98 bytes are refused as well, though 11 headers would fit.
+    EXPECT_EQ(testfill::type("fqdn_domain_name_bind").min_wire, 9u);
     std::fill(b.begin() + count_at, b.end(), 0);
     b[count_at + 3] = 11;
-    EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_unmarshal(h, 1, b.data(), r, static_cast<int32_t>(count_at + 4 + 60),
+    EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_unmarshal(h, 1, b.data(), r, static_cast<int32_t>(count_at + 4 + 98),
                                                               0, &err),
               static_cast<uint32_t>(count_at + 4));
     EXPECT_EQ(err, 90u);
