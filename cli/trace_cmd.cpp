@@ -4,12 +4,17 @@
 // The running code recorded message numbers and arguments only; the texts come from the
 // non-loaded section of the library file each table record names, or of LIBRARY when given (a
 // trace carried off the device, decoded beside a copy of its library).
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "cli/commands.h"
@@ -23,31 +28,117 @@ namespace fmt = mgx::tracefmt;
 
 struct Texts {
     std::string module;
-    std::vector<std::string> texts; // empty when they could not be read
+    fmt::TextSet texts; // empty when they could not be read
 };
 
-// Reads the texts a table record names from library, or from the file the record names when
-// library is null, warning once per table when they cannot be had. unreadable is set when the
-// library file itself could not be read or is damaged, as opposed to lacking matching texts.
-Texts load_texts(const fmt::TableRecord &t, const mgx::elf::File *library, const std::string &library_path,
-                 bool &unreadable) {
-    Texts out{t.module, {}};
-    std::string path = library ? library_path : t.library;
-    std::string error;
-    std::optional<mgx::elf::File> named;
-    if (!library) {
-        named = ovrin::input::read_library(path, error);
-        library = named ? &*named : nullptr;
-        unreadable = unreadable || !named;
+// What the run keeps of one library file: its message texts sections and nothing else, so a file
+// of any size costs no more than the texts it holds. The sections are copied out of the file's
+// bytes, or the bytes are kept whole when the sections make up most of them (so a file that is
+// one large section is not held twice).
+struct Library {
+    std::string problem; // why the file gives no texts (unreadable, not an ELF file); then empty
+    std::vector<uint8_t> bytes;
+    std::map<std::string, std::span<const uint8_t>, std::less<>> sections; // into bytes, by name
+
+    static Library of(mgx::elf::File file) {
+        Library lib;
+        uint64_t total = 0; // sections may overlap: this may pass the file's size
+        for (const mgx::elf::Section &s : file.sections) {
+            std::span<const uint8_t> v = file.view(s);
+            if (v.size() >= sizeof fmt::texts_magic &&
+                std::memcmp(v.data(), fmt::texts_magic, sizeof fmt::texts_magic) == 0 &&
+                lib.sections.emplace(s.name, v).second) // the first of a name is the one read
+                total += v.size();
+        }
+        if (total > file.bytes.size() / 2) {
+            lib.bytes = std::move(file.bytes); // a vector's move keeps its block: the views stay valid
+            return lib;
+        }
+        lib.bytes.reserve(total);
+        for (auto &[name, v] : lib.sections) {
+            size_t at = lib.bytes.size();
+            lib.bytes.insert(lib.bytes.end(), v.begin(), v.end());
+            v = std::span<const uint8_t>(lib.bytes.data() + at, v.size());
+        }
+        return lib;
     }
-    const mgx::elf::Section *section = library ? library->find(t.section) : nullptr;
-    if (library && !section) error = path + " has no " + t.section + " section";
-    if (section && !fmt::expand_texts(library->contents(*section), t.count, t.crc, out.texts, error))
-        error = path + ": " + error;
-    if (out.texts.empty())
-        std::fprintf(stderr, "ovrin-sm: texts of %s: %s; showing message numbers\n", t.module.c_str(), error.c_str());
-    return out;
-}
+};
+
+// Everything the command reads besides the trace: the library files its table records name (or
+// the one given with --library), and the texts expanded from them. Each file is read once however
+// its path is spelt (it is known by its device and inode), a table is checked against a section's
+// header before anything is expanded, a section is expanded at most once, and all the expanded
+// texts together stay within kept_limit: what a trace can make the command read and hold grows
+// with the trace and the files it names, not with the number of records naming them.
+class Libraries {
+public:
+    // Expanded texts kept at once: one section at the largest the runtime reads (64 MiB of texts,
+    // a million of them) fits.
+    static constexpr uint64_t kept_limit = uint64_t{128} << 20;
+
+    explicit Libraries(std::optional<Library> given, std::string given_path)
+        : given_(std::move(given)), given_path_(std::move(given_path)) {}
+
+    // The texts of a table record, warning once per library, section and checksum when they
+    // cannot be had.
+    const Texts &texts(const fmt::TableRecord &t) {
+        std::string path = given_ ? given_path_ : t.library, error;
+        const Library *lib = given_ ? &*given_ : nullptr;
+        std::string id = given_ ? std::string("given") : std::string();
+        if (!lib) lib = named(path, id, error);
+        std::string key = id + '\n' + t.section + '\n' + std::to_string(t.count) + '\n' + std::to_string(t.crc);
+        auto found = loaded_.find(key);
+        if (found != loaded_.end()) return found->second;
+        Texts out{t.module, {}};
+        if (lib && !lib->problem.empty()) error = lib->problem;
+        unreadable = unreadable || !lib || !lib->problem.empty();
+        if (lib && lib->problem.empty()) {
+            auto section = lib->sections.find(t.section);
+            if (section == lib->sections.end())
+                error = path + " has no message texts section " + t.section;
+            else if (!fmt::expand_texts(section->second.data(), section->second.size(), t.count, t.crc, out.texts,
+                                        error, kept_ < kept_limit ? kept_limit - kept_ : 0))
+                error = path + ": " + error;
+            else
+                kept_ += out.texts.memory();
+        }
+        if (out.texts.empty())
+            std::fprintf(stderr, "ovrin-sm: texts of %s: %s; showing message numbers\n", t.module.c_str(), error.c_str());
+        return loaded_.emplace(std::move(key), std::move(out)).first->second;
+    }
+
+    bool unreadable = false; // a library file could not be read or is damaged
+
+private:
+    // The library file at path, read the first time the file is met; null when it cannot be
+    // opened. id names the file (device and inode), or the path when it cannot be opened.
+    const Library *named(const std::string &path, std::string &id, std::string &error) {
+        struct stat st {};
+        int fd = mgx::elf::detail::open_for_reading(path, true, st, error);
+        if (fd < 0) {
+            id = "path " + path;
+            return nullptr;
+        }
+        id = "file " + std::to_string(st.st_dev) + ':' + std::to_string(st.st_ino);
+        auto found = files_.find({st.st_dev, st.st_ino});
+        if (found == files_.end()) {
+            std::vector<uint8_t> bytes;
+            std::optional<mgx::elf::File> file;
+            if (mgx::elf::detail::read_open_file(fd, st, path, mgx::elf::file_limit, bytes, error))
+                file = mgx::elf::parse(std::move(bytes), path, error);
+            Library lib = file ? Library::of(std::move(*file)) : Library{error, {}, {}};
+            found = files_.emplace(std::make_pair(st.st_dev, st.st_ino), std::move(lib)).first;
+        }
+        ::close(fd);
+        return &found->second;
+    }
+
+    std::optional<Library> given_;
+    std::string given_path_;
+    std::map<std::pair<dev_t, ino_t>, Library> files_;
+    std::map<std::string, Texts> loaded_; // by library file, section, count and checksum
+    uint64_t kept_ = 0;                   // what the texts in loaded_ take
+};
 
 std::string timestamp(uint64_t ns) {
     time_t seconds = static_cast<time_t>(ns / 1000000000u);
@@ -115,19 +206,23 @@ int ovrin_cmd_trace(int argc, char **argv) {
         return 1;
     }
     // A library named on the command line is read once, before any line is printed.
-    std::optional<mgx::elf::File> override_file;
-    if (!library.empty() && !(override_file = ovrin::input::read_library(library, error))) {
-        std::fprintf(stderr, "ovrin-sm: %s\n", error.c_str());
-        return 1;
+    std::optional<Library> given;
+    if (!library.empty()) {
+        std::optional<mgx::elf::File> file = ovrin::input::read_library(library, error);
+        if (!file) {
+            std::fprintf(stderr, "ovrin-sm: %s\n", error.c_str());
+            return 1;
+        }
+        given = Library::of(std::move(*file));
     }
-    bool unreadable_library = false;
+    Libraries libraries(std::move(given), library);
     fmt::FileReader reader(bytes);
-    std::map<uint16_t, fmt::TableRecord> tables;
-    std::map<std::string, Texts> loaded; // by library, section and CRC: each file is read once
+    // Each table as last described, with its texts once an emission has asked for them.
+    std::map<uint16_t, std::pair<fmt::TableRecord, const Texts *>> tables;
     uint64_t emissions = 0;
     for (uint8_t kind; (kind = reader.next()) != 0;) {
         if (kind == fmt::record_table) {
-            tables[reader.table.index] = reader.table;
+            tables[reader.table.index] = {reader.table, nullptr};
             continue;
         }
         const fmt::EmissionRecord &e = reader.emission;
@@ -135,13 +230,8 @@ int ovrin_cmd_trace(int argc, char **argv) {
         auto table = tables.find(e.table);
         const Texts *texts = nullptr;
         if (table != tables.end()) {
-            const fmt::TableRecord &t = table->second;
-            std::string key = (library.empty() ? t.library : library) + '\n' + t.section + '\n' + std::to_string(t.crc);
-            auto found = loaded.find(key);
-            if (found == loaded.end())
-                found = loaded.emplace(key, load_texts(t, override_file ? &*override_file : nullptr, library,
-                                                       unreadable_library)).first;
-            texts = &found->second;
+            auto &[record, known] = table->second;
+            texts = known ? known : (known = &libraries.texts(record));
         }
         std::string text = texts && e.number < texts->texts.size() ? fmt::render(texts->texts[e.number], e.args)
                                                                    : numbers_only(e);
@@ -154,5 +244,5 @@ int ovrin_cmd_trace(int argc, char **argv) {
         return 1;
     }
     if (emissions == 0) std::fprintf(stderr, "ovrin-sm: %s holds no emissions\n", path.c_str());
-    return unreadable_library ? 1 : 0;
+    return libraries.unreadable ? 1 : 0;
 }

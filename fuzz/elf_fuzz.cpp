@@ -68,7 +68,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             if (text > section.size()) die("manifest records hold more than their section");
         }
         if (const mgx::elf::Section *t = file->find(".ovrin_sm_trace_texts")) {
-            std::vector<std::string> texts;
+            mgx::tracefmt::TextSet texts;
             std::string why;
             if (!mgx::tracefmt::expand_texts(file->contents(*t), 0, 0, texts, why) && why.empty())
                 die("a message texts section refused without a reason");

@@ -16,6 +16,8 @@
 //                bytes and through a file; and the first 4 KiB of the real file
 //   trace_files  trace files written by the runtime (the bundle's own table, and a table whose
 //                texts the seed writer made), naming cut-down library files written beside them
+//   trace_format the seed table's texts with their emissions' arguments, the bundle's distinct
+//                texts with arguments their conversions take, and widths at the limit
 //
 //   ovrin_fuzz_seeds DIR
 #include <dlfcn.h>
@@ -25,6 +27,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <string>
 
 #include "fuzz/fuzz_types.h"
@@ -352,6 +355,72 @@ void write_trace_seeds(const fs::path &dir, const fs::path &files_dir) {
     write(files_dir / "directory", {}, with(0, {}, fuzz::rename_libraries(shapes, to("@d"))));
 }
 
+// ------------------------------------------------------------------ trace texts with formats
+
+// A trace_format input: the argument count, each argument (kind 0-3 for u, d, p, s, and its value),
+// then the text.
+Bytes format_input(const std::string &text, const std::vector<mgx::tracefmt::Arg> &args) {
+    Bytes b{static_cast<uint8_t>(args.size())};
+    for (const mgx::tracefmt::Arg &a : args) {
+        b.push_back(static_cast<uint8_t>(std::string("udps").find(a.kind)));
+        std::string value;
+        if (a.kind == 's') {
+            mgx::tracefmt::put(value, a.text.size(), 2);
+            value += a.text;
+        } else {
+            mgx::tracefmt::put(value, a.value, a.kind == 'p' ? 8 : 4);
+        }
+        b.insert(b.end(), value.begin(), value.end());
+    }
+    b.insert(b.end(), text.begin(), text.end());
+    return b;
+}
+
+// Arguments a text's conversions take, as the bundle's emissions would pass them; the conversions
+// themselves in conversions.
+std::vector<mgx::tracefmt::Arg> arguments_for(const std::string &text, std::string &conversions) {
+    std::vector<mgx::tracefmt::Arg> args;
+    for (size_t i = 0; i < text.size(); ++i) {
+        mgx::tracefmt::Conversion c;
+        if (text[i] != '%') continue;
+        if (i + 1 < text.size() && text[i + 1] == '%') {
+            ++i;
+            continue;
+        }
+        if (!mgx::tracefmt::read_conversion(text, i, c)) break;
+        i = c.end - 1;
+        conversions += text.substr(c.begin, c.end - c.begin);
+        if (c.conv == 's') args.push_back({'s', 0, "Cannot allocate memory"});
+        else if (c.conv == 'p') args.push_back({'p', 0xbeef, {}});
+        else if (c.conv == 'd' || c.conv == 'i') args.push_back({'d', static_cast<uint32_t>(-5), {}});
+        else args.push_back({'u', 7, {}});
+    }
+    return args;
+}
+
+void write_format_seeds(const fs::path &dir) {
+    const std::vector<std::vector<mgx::tracefmt::Arg>> shapes = {
+        {}, {{'s', 0, "Cannot allocate memory"}}, {{'d', 10, {}}, {'d', static_cast<uint32_t>(-6), {}}, {'d', 12, {}}},
+        {{'u', 3, {}}, {'u', 2, {}}}, {{'p', 0xbeef, {}}, {'s', 0, "Invalid argument"}}, {{'u', 7, {}}}};
+    for (size_t i = 0; i < seed_texts.size(); ++i)
+        write(dir / ("seed-" + std::to_string(i)), {}, format_input(seed_texts[i], shapes[i]));
+    write(dir / "width-at-the-limit", {}, format_input("[%4096u|%-4096.4096s]", {{'u', 7, {}}, {'s', 0, "ab"}}));
+
+    std::string error;
+    auto library = mgx::elf::read(bundle_path(), error);
+    const mgx::elf::Section *section = library ? library->find(".ovrin_sm_trace_texts") : nullptr;
+    mgx::tracefmt::TextSet texts;
+    if (!section || !mgx::tracefmt::expand_texts(library->contents(*section), 0, 0, texts, error))
+        fuzz::die("no message texts in " + std::string(bundle_path()) + " " + error);
+    std::set<std::string> seen; // one text for each run of conversions the bundle's texts use
+    for (size_t i = 0; i < texts.size(); ++i) {
+        std::string text(texts[i]), conversions;
+        std::vector<mgx::tracefmt::Arg> args = arguments_for(text, conversions);
+        if (!conversions.empty() && seen.insert(conversions).second)
+            write(dir / ("bundle-" + std::to_string(i)), {}, format_input(text, args));
+    }
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
@@ -363,6 +432,7 @@ int main(int argc, char **argv) {
     write_message_seeds(dir);
     write_library_seeds(dir / "elf");
     write_trace_seeds(dir / "trace", dir / "trace_files");
+    write_format_seeds(dir / "trace_format");
     std::printf("%u seeds in %s\n", written, dir.c_str());
     return 0;
 }

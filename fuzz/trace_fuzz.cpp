@@ -59,14 +59,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         }
         if (r.pos != in.size()) std::abort(); // the reader stops at the end or at damage, never early
     } else {
-        std::vector<std::string> out;
+        fmt::TextSet out;
         std::string error;
         if (fmt::expand_texts(in, 0, 0, out, error)) {
-            for (const std::string &text : out)
-                for (const auto &args : shapes()) (void)fmt::render(text, args);
+            for (size_t i = 0; i < out.size(); ++i)
+                for (const auto &args : shapes()) (void)fmt::render(out[i], args);
             // Expecting the count and CRC the section states must accept it the same way.
             uint32_t crc = static_cast<uint32_t>(in[16] | in[17] << 8 | in[18] << 16 | uint32_t{in[19]} << 24);
-            std::vector<std::string> again;
+            fmt::TextSet again;
             if (!fmt::expand_texts(in, static_cast<uint32_t>(out.size()), crc, again, error) || again != out)
                 std::abort();
         } else if (error.empty()) {

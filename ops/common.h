@@ -43,6 +43,13 @@ inline void store_count(void *instance, const Field &counter, uint32_t value) {
 // the element's state-flag area, so that every flag written through an element stays inside its
 // slot: two bytes, or the element type's area when that is larger, to its alignment. Worked out
 // here and nowhere else.
+//
+// A block has room for room(count) elements and as many slots, the flag region starting after
+// the room: exactly count up to 16, past that count rounded up to the next eighth of its power of
+// two (at most an eighth unused). The room depends on the count alone, so every reader finds the
+// flag region from the count; a block keeps its place while its count grows inside the same room,
+// so that setting elements one past the end moves it O(log N) times. What lies past the count
+// (zeroed elements and slots) is never read: to every operation the array has count elements.
 struct ArrayLayout {
     size_t elem_size, slot;
     explicit ArrayLayout(const Field &f) : elem_size(f.elem_size), slot(2) {
@@ -50,16 +57,25 @@ struct ArrayLayout {
         size_t align = f.type && f.type->sttr_align > 1 ? f.type->sttr_align : 1;
         slot = (slot + align - 1) / align * align;
     }
+    static uint32_t room(uint32_t count) {
+        if (count <= 16) return count;
+        const uint32_t step = uint32_t{1} << (31 - __builtin_clz(count) - 3);
+        const uint64_t rounded = (uint64_t{count} + step - 1) / step * step;
+        return rounded > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(rounded);
+    }
+    // The bytes of count elements and their slots, without the room around them.
     size_t size(uint32_t count, bool tracked) const { return count * (elem_size + (tracked ? slot : 0)); }
+    // The bytes of a whole block made for count elements.
+    size_t block_size(uint32_t count, bool tracked) const { return size(room(count), tracked); }
     void *element(void *block, uint32_t k) const { return bytes(block) + size_t{k} * elem_size; }
     const void *element(const void *block, uint32_t k) const { return bytes(block) + size_t{k} * elem_size; }
     // The flag region of a block of count elements (null untracked or without a block), and
     // element k's slot in it.
     uint8_t *flags(void *block, uint32_t count, bool tracked) const {
-        return tracked && block ? bytes(block) + size_t{count} * elem_size : nullptr;
+        return tracked && block ? bytes(block) + size_t{room(count)} * elem_size : nullptr;
     }
     const uint8_t *flags(const void *block, uint32_t count, bool tracked) const {
-        return tracked && block ? bytes(block) + size_t{count} * elem_size : nullptr;
+        return tracked && block ? bytes(block) + size_t{room(count)} * elem_size : nullptr;
     }
     uint8_t *slot_of(uint8_t *flags, uint32_t k) const { return flags ? flags + size_t{k} * slot : nullptr; }
     const uint8_t *slot_of(const uint8_t *flags, uint32_t k) const { return flags ? flags + size_t{k} * slot : nullptr; }

@@ -36,7 +36,7 @@ bool init_elements(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, 
 
 void *new_block(const Field &f, mgx_handle_t *h, uint32_t luid, uint32_t count, bool tracked, bool raise,
                 uint32_t *err) {
-    size_t size = ArrayLayout(f).size(count, tracked);
+    size_t size = ArrayLayout(f).block_size(count, tracked);
     void *block = h->inst_alloc(h->alloc_ctx, luid, size);
     if (!block) {
         fail(h, err, MGX_ENOMEM);
@@ -45,6 +45,36 @@ void *new_block(const Field &f, mgx_handle_t *h, uint32_t luid, uint32_t count, 
     std::memset(block, 0, size);
     if (init_elements(f, h, luid, block, count, 0, count, tracked, raise, err)) return block;
     h->inst_free(h->alloc_ctx, luid, block);
+    return nullptr;
+}
+
+void *grow_block(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint32_t old_count, uint32_t count,
+                 bool tracked, uint32_t *err) {
+    const ArrayLayout layout(f);
+    if (!block) old_count = 0;
+    if (block && ArrayLayout::room(old_count) == ArrayLayout::room(count)) {
+        if (init_elements(f, h, luid, block, count, old_count, count, tracked, false, err)) return block;
+        // The room goes back to zeroed bytes, as it was.
+        std::memset(layout.element(block, old_count), 0, size_t{count - old_count} * layout.elem_size);
+        if (uint8_t *flags = layout.flags(block, count, tracked))
+            std::memset(layout.slot_of(flags, old_count), 0, size_t{count - old_count} * layout.slot);
+        return nullptr;
+    }
+    const size_t size = layout.block_size(count, tracked);
+    void *fresh = h->inst_alloc(h->alloc_ctx, luid, size);
+    if (!fresh) {
+        fail(h, err, MGX_ENOMEM);
+        return nullptr;
+    }
+    std::memset(fresh, 0, size);
+    if (old_count) {
+        std::memcpy(fresh, block, layout.size(old_count, false));
+        if (const uint8_t *old_flags = layout.flags(block, old_count, tracked))
+            std::memcpy(layout.flags(fresh, count, tracked), old_flags, old_count * layout.slot);
+    }
+    // On failure the old elements still live in the old block.
+    if (init_elements(f, h, luid, fresh, count, old_count, count, tracked, false, err)) return fresh;
+    h->inst_free(h->alloc_ctx, luid, fresh);
     return nullptr;
 }
 

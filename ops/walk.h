@@ -182,6 +182,14 @@ bool init_elements(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, 
 void *new_block(const Field &f, mgx_handle_t *h, uint32_t luid, uint32_t count, bool tracked, bool raise,
                 uint32_t *err);
 
+// Room for count elements (more than old_count) in a variable array's block, the new ones
+// initialised as init_elements makes them (not raised). In place when the block's room holds
+// them (block is returned); otherwise a new block of room(count) holding the old elements and
+// their flag slots moved over (the old block and the registrations of the moved elements are the
+// caller's to settle). Null with the code in err on failure, the block as it was.
+void *grow_block(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint32_t old_count, uint32_t count,
+                 bool tracked, uint32_t *err);
+
 // Destroys the first count elements of a block (none without a block).
 void destroy_elements(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint32_t count);
 

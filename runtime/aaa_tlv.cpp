@@ -1,7 +1,10 @@
 // aaa_tlv: an AAA attribute list. The 32-byte instance sits inline in its record; its attributes
 // (a 32-bit type code and value bytes) and the object references it holds live in one body block
-// from the handle's instance allocator. An empty list has no body. Every change builds the new
-// body first and swaps it in, so a failed allocation leaves the list as it was.
+// from the handle's instance allocator. An empty list has no body. Every change that needs a
+// bigger body builds it first and swaps it in, so a failed allocation leaves the list as it was.
+// Adding grows the body by a factor and keeps the room beside what is used, so that N adds copy
+// O(N) bytes in all; every other change builds a body of exactly the size it needs.
+#include <algorithm>
 #include <climits>
 #include <string>
 #include <vector>
@@ -22,13 +25,15 @@ struct aaa_tlv_body {
     uint32_t count;    // attributes
     uint32_t nrefs;    // object references
     uint32_t data_len; // value bytes
-    uint32_t pad;
-    // followed by uint64_t refs[nrefs], AaaAttr attrs[count], uint8_t data[data_len]
+    // The room each area has; the used part is at its start, the rest is never read.
+    uint32_t attr_room, ref_room, data_room;
+    // followed by uint64_t refs[ref_room], AaaAttr attrs[attr_room], uint8_t data[data_room]
 
     uint64_t *refs() { return reinterpret_cast<uint64_t *>(this + 1); }
-    AaaAttr *attrs() { return reinterpret_cast<AaaAttr *>(refs() + nrefs); }
-    uint8_t *data() { return reinterpret_cast<uint8_t *>(attrs() + count); }
+    AaaAttr *attrs() { return reinterpret_cast<AaaAttr *>(refs() + ref_room); }
+    uint8_t *data() { return reinterpret_cast<uint8_t *>(attrs() + attr_room); }
 };
+static_assert(sizeof(aaa_tlv_body) % alignof(uint64_t) == 0, "the references follow the header");
 
 namespace mgx {
 namespace {
@@ -55,23 +60,35 @@ private:
     const Body *b_;
 };
 
-// Builds a new body of known shape; an empty list needs no block at all.
+// The room an area gets when it must grow to hold need: twice what it had, at least need.
+uint64_t grown(uint64_t room, uint64_t need) { return std::max(need, 2 * room); }
+
+// Builds a new body of known shape (with room for more when asked); an empty list needs no block.
 class Builder {
 public:
     bool start(mgx_handle_t *h, uint32_t luid, uint64_t nrefs, uint64_t count, uint64_t data_len, uint32_t *err) {
+        return start(h, luid, nrefs, count, data_len, nrefs, count, data_len, err);
+    }
+    bool start(mgx_handle_t *h, uint32_t luid, uint64_t nrefs, uint64_t count, uint64_t data_len, uint64_t ref_room,
+               uint64_t attr_room, uint64_t data_room, uint32_t *err) {
         // Every list must stay expressible on the wire, whose lengths are signed 32-bit.
         if (nrefs > UINT32_MAX || kWireHeader + kWireAttr * count + data_len > INT32_MAX) {
             fail(h, err, MGX_EINVAL);
             return false;
         }
         if (nrefs == 0 && count == 0) return true;
-        size_t bytes = sizeof(Body) + sizeof(uint64_t) * nrefs + sizeof(AaaAttr) * count + data_len;
+        // Room is capped where the counts themselves end (the wire check above bounds them).
+        ref_room = std::min<uint64_t>(ref_room, UINT32_MAX);
+        attr_room = std::min<uint64_t>(attr_room, INT32_MAX / kWireAttr);
+        data_room = std::min<uint64_t>(data_room, INT32_MAX);
+        size_t bytes = sizeof(Body) + sizeof(uint64_t) * ref_room + sizeof(AaaAttr) * attr_room + data_room;
         b_ = static_cast<Body *>(handle_alloc(h, luid, bytes));
         if (!b_) {
             fail(h, err, MGX_ENOMEM);
             return false;
         }
-        *b_ = Body{static_cast<uint32_t>(count), static_cast<uint32_t>(nrefs), static_cast<uint32_t>(data_len), 0};
+        *b_ = Body{static_cast<uint32_t>(count), static_cast<uint32_t>(nrefs), static_cast<uint32_t>(data_len),
+                   static_cast<uint32_t>(attr_room), static_cast<uint32_t>(ref_room), static_cast<uint32_t>(data_room)};
         return true;
     }
     void ref(uint64_t oid) { b_->refs()[refs_++] = oid; }
@@ -383,13 +400,29 @@ void aaa_tlv_offset_remove(mgx_handle_t *h, uint32_t luid, aaa_tlv *field, uint3
     Tlv::set_sttr(h, luid, field, nullptr, err);
 }
 
+// Appends in the body's spare room when there is enough; otherwise the body moves to one with
+// room grown by a factor. Either way the body word is announced, as every change of the list is.
 void aaa_tlv_attr_add(mgx_handle_t *h, uint32_t luid, aaa_tlv *tlv, uint32_t type, const void *value,
                       uint32_t length, uint32_t *err) {
     if (!check_field(h, tlv, err)) return;
     if (!value && length) return fail(h, err, MGX_EINVAL);
     View v(tlv);
+    const uint64_t count = uint64_t{v.count()} + 1, data_len = uint64_t{v.data_len()} + length;
+    Body *body = tlv->body;
+    if (body && count <= body->attr_room && data_len <= body->data_room &&
+        kWireHeader + kWireAttr * count + data_len <= INT32_MAX) {
+        write_notify(h, &tlv->body, sizeof tlv->body, luid, nullptr);
+        body->attrs()[body->count] = AaaAttr{type, length, body->data_len};
+        if (length) std::memcpy(body->data() + body->data_len, value, length);
+        body->count = static_cast<uint32_t>(count);
+        body->data_len = static_cast<uint32_t>(data_len);
+        return;
+    }
+    const uint64_t attr_room = body ? body->attr_room : 0, data_room = body ? body->data_room : 0;
     Builder b;
-    if (!b.start(h, luid, v.nrefs(), uint64_t{v.count()} + 1, uint64_t{v.data_len()} + length, err)) return;
+    if (!b.start(h, luid, v.nrefs(), count, data_len, v.nrefs(), count <= attr_room ? attr_room : grown(attr_room, count),
+                 data_len <= data_room ? data_room : grown(data_room, data_len), err))
+        return;
     b.refs_of(v);
     b.attrs_of(v);
     b.attr(type, value, length);
@@ -429,12 +462,21 @@ void aaa_tlv_add_object_reference(mgx_handle_t *h, uint32_t luid, aaa_tlv *tlv, 
     if (!check_field(h, tlv, err)) return;
     if (!mgx_oid_exists(h, oid)) return fail(h, err, MGX_ENOENT);
     View v(tlv);
-    Builder b;
-    if (!b.start(h, luid, uint64_t{v.nrefs()} + 1, v.count(), v.data_len(), err)) return;
-    b.refs_of(v);
-    b.ref(oid);
-    b.attrs_of(v);
-    replace(h, luid, tlv, b.take(), true);
+    Body *body = tlv->body;
+    if (body && body->nrefs < body->ref_room) {
+        write_notify(h, &tlv->body, sizeof tlv->body, luid, nullptr);
+        body->refs()[body->nrefs++] = oid;
+    } else {
+        const uint64_t nrefs = uint64_t{v.nrefs()} + 1;
+        Builder b;
+        if (!b.start(h, luid, nrefs, v.count(), v.data_len(), grown(body ? body->ref_room : 0, nrefs),
+                     body ? body->attr_room : 0, body ? body->data_room : 0, err))
+            return;
+        b.refs_of(v);
+        b.ref(oid);
+        b.attrs_of(v);
+        replace(h, luid, tlv, b.take(), true);
+    }
     mgx_oid_add_ref(h, oid);
 }
 

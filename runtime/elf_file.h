@@ -18,6 +18,7 @@
 #include <cstring>
 #include <new>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -43,10 +44,16 @@ struct File {
             if (s.name == name) return &s;
         return nullptr;
     }
-    // The section's bytes; empty for SHT_NOBITS or a section that does not fit in the file.
-    std::vector<uint8_t> contents(const Section &s) const {
+    // The section's bytes where they lie in the file, without a copy; empty for SHT_NOBITS or a
+    // section that does not fit in the file.
+    std::span<const uint8_t> view(const Section &s) const {
         if (s.type == SHT_NOBITS || s.offset > bytes.size() || s.size > bytes.size() - s.offset) return {};
-        return {bytes.begin() + static_cast<long>(s.offset), bytes.begin() + static_cast<long>(s.offset + s.size)};
+        return {bytes.data() + s.offset, static_cast<size_t>(s.size)};
+    }
+    // A copy of the section's bytes.
+    std::vector<uint8_t> contents(const Section &s) const {
+        std::span<const uint8_t> v = view(s);
+        return {v.begin(), v.end()};
     }
 };
 
@@ -108,12 +115,10 @@ inline int open_for_reading(const std::string &path, bool only_regular, struct s
     return -1;
 }
 
-// Reads a regular file whole, at most limit bytes. Directories, devices, pipes and sockets are
-// refused without reading.
-inline bool read_regular_file(const std::string &path, uint64_t limit, std::vector<uint8_t> &out, std::string &error) {
-    struct stat st {};
-    int fd = open_for_reading(path, true, st, error);
-    if (fd < 0) return false;
+// Reads the regular file open on fd (st, its fstat) whole, at most limit bytes; path names it in
+// messages. The descriptor stays open.
+inline bool read_open_file(int fd, const struct stat &st, const std::string &path, uint64_t limit,
+                           std::vector<uint8_t> &out, std::string &error) {
     bool ok = false;
     if (static_cast<uint64_t>(st.st_size) > limit)
         error = path + " is larger than " + std::to_string(limit >> 20) + " MiB, the limit for a library file";
@@ -138,8 +143,18 @@ inline bool read_regular_file(const std::string &path, uint64_t limit, std::vect
             got += static_cast<size_t>(n);
         }
     }
-    ::close(fd);
     if (ok) out.resize(got);
+    return ok;
+}
+
+// Reads a regular file whole, at most limit bytes. Directories, devices, pipes and sockets are
+// refused without reading.
+inline bool read_regular_file(const std::string &path, uint64_t limit, std::vector<uint8_t> &out, std::string &error) {
+    struct stat st {};
+    int fd = open_for_reading(path, true, st, error);
+    if (fd < 0) return false;
+    bool ok = read_open_file(fd, st, path, limit, out, error);
+    ::close(fd);
     return ok;
 }
 

@@ -77,7 +77,8 @@ void instance_free(void *ctx, uint32_t, void *p) {
         std::abort();
     }
     r->live_bytes -= size;
-    if (!r->sttr_offsets.empty()) erase_range(r->sttr_offsets, p, size);
+    if (!r->sttr_offsets.empty())
+        r->sttr_offsets.erase_range(reinterpret_cast<uintptr_t>(p), reinterpret_cast<uintptr_t>(p) + size);
     if (!r->retained.empty()) erase_range(r->retained, p, size);
     if (!r->oid_of.empty()) {
         auto oid = r->oid_of.find(p);
@@ -454,9 +455,8 @@ void mgx_hd_mapping_destroy(mgx_handle_t *h, uint32_t luid, void *instance, uint
 // ------------------------------------------------------------------ state-flag offsets
 
 int64_t mgxlib_get_sttr_offset(mgx_handle_t *h, uint32_t, const void *instance) {
-    auto &m = rt(h)->sttr_offsets;
-    auto it = m.find(reinterpret_cast<uintptr_t>(instance));
-    return it == m.end() ? 0 : it->second;
+    const int64_t *offset = rt(h)->sttr_offsets.find(reinterpret_cast<uintptr_t>(instance));
+    return offset ? *offset : 0;
 }
 
 // An offset that cannot be recorded leaves the field without a state-flag area (its flags are
@@ -467,10 +467,9 @@ void mgxlib_update_sttr_offset(mgx_handle_t *h, uint32_t luid, const void *field
 }
 
 int mgx_sttr_offset_lookup(const mgx_handle_t *h, const void *field, int64_t *offset_out) {
-    auto &m = rt(h)->sttr_offsets;
-    auto it = m.find(reinterpret_cast<uintptr_t>(field));
-    if (it == m.end()) return 0;
-    if (offset_out) *offset_out = it->second;
+    const int64_t *offset = rt(h)->sttr_offsets.find(reinterpret_cast<uintptr_t>(field));
+    if (!offset) return 0;
+    if (offset_out) *offset_out = *offset;
     return 1;
 }
 

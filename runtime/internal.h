@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "mgx/runtime.h"
+#include "runtime/offset_table.h"
 
 namespace mgx {
 
@@ -178,7 +179,7 @@ struct Runtime {
     uint32_t fail_oid_destroy = 0, fail_ref_release = 0, fail_hd_destroy = 0, fail_stats = 0;
     // state-flag offsets by field address; retained data by instance address (ordered so that a
     // freed block can drop every entry that lies inside it)
-    std::map<uintptr_t, int64_t> sttr_offsets;
+    OffsetTable sttr_offsets;
     std::map<uintptr_t, std::vector<uint8_t>> retained;
     // encoder work space
     std::vector<uint8_t> work_space;

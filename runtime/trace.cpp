@@ -44,7 +44,7 @@ constexpr size_t bundle_call_texts = 1024;
 // What the runtime knows of one message table: its texts (empty when they could not be read,
 // with the reason) and the library file that holds them.
 struct TableTexts {
-    std::vector<std::string> texts;
+    mgx::tracefmt::TextSet texts;
     std::string library;
     std::string problem;
     uint32_t count = 0, crc = 0; // of the table they were read for
@@ -113,7 +113,8 @@ TableTexts &table_texts(TraceState &s, mgx_trace_table_t *t) {
         tt.problem = tt.library.empty() ? "the file holding the table is unknown" : error;
     else if (!section)
         tt.problem = tt.library + " has no " + (t->section ? t->section : "(unnamed)") + " section";
-    else if (!mgx::tracefmt::expand_texts(file->contents(*section), t->count, t->texts_crc, tt.texts, error))
+    else if (std::span<const uint8_t> bytes = file->view(*section);
+             !mgx::tracefmt::expand_texts(bytes.data(), bytes.size(), t->count, t->texts_crc, tt.texts, error))
         tt.problem = tt.library + ": " + error;
     TableTexts &kept = s.tables.insert_or_assign(t, std::move(tt)).first->second;
     t->cache = &kept;
@@ -302,7 +303,7 @@ int mgx_trace_texts_attach(mgx_trace_table_t *t, const void *section, size_t len
     try {
         TableTexts tt;
         std::string error;
-        if (!mgx::tracefmt::expand_texts({bytes, bytes + length}, t->count, t->texts_crc, tt.texts, error))
+        if (!mgx::tracefmt::expand_texts(bytes, length, t->count, t->texts_crc, tt.texts, error))
             return EINVAL;
         tt.library = file_of(t);
         tt.count = t->count;

@@ -18,11 +18,13 @@
 
 #include <zlib.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace mgx::tracefmt {
@@ -115,12 +117,47 @@ inline std::vector<uint8_t> texts_section(const std::vector<std::string> &texts)
     return out;
 }
 
+// A section's texts as expanded: their bytes as the section holds them (each text ends with a
+// NUL) and where each begins, so a text costs four bytes beyond its own however many there are.
+class TextSet {
+public:
+    size_t size() const { return starts_.size(); }
+    bool empty() const { return starts_.empty(); }
+    // Text i (i < size()), up to its NUL; a text the section numbers but does not hold is empty.
+    std::string_view operator[](size_t i) const {
+        std::string_view all(raw_);
+        if (starts_[i] >= all.size()) return {};
+        all.remove_prefix(starts_[i]);
+        return all.substr(0, all.find('\0'));
+    }
+    // The bytes it takes: the texts' own and four for each.
+    uint64_t memory() const { return raw_.size() + uint64_t{starts_.size()} * sizeof(uint32_t); }
+    bool operator==(const TextSet &other) const {
+        if (size() != other.size()) return false;
+        for (size_t i = 0; i < size(); ++i)
+            if ((*this)[i] != other[i]) return false;
+        return true;
+    }
+
+private:
+    friend bool expand_texts(const uint8_t *, size_t, uint32_t, uint32_t, TextSet &, std::string &, uint64_t);
+    std::string raw_;
+    std::vector<uint32_t> starts_;
+};
+
+// What a section's texts take once expanded (TextSet::memory), from its header.
+inline uint64_t expanded_size(uint32_t raw_length, uint32_t count) {
+    return uint64_t{raw_length} + uint64_t{count} * sizeof(uint32_t);
+}
+
 // Expands a section into its texts. When count or crc is non-zero the section must match them
-// (the table compiled into the code says which texts it numbers). False, with the reason in
-// error, for a damaged or mismatched section.
-inline bool expand_texts(const std::vector<uint8_t> &section, uint32_t count, uint32_t crc,
-                         std::vector<std::string> &out, std::string &error) {
-    Cursor c{section.data(), section.size()};
+// (the table compiled into the code says which texts it numbers); that is checked on the header
+// alone, before anything is copied or expanded. Texts that would take more than keep_limit bytes
+// (expanded_size) are refused unexpanded. False, with the reason in error, for a damaged,
+// mismatched or refused section.
+inline bool expand_texts(const uint8_t *section, size_t size, uint32_t count, uint32_t crc, TextSet &out,
+                         std::string &error, uint64_t keep_limit = UINT64_MAX) {
+    Cursor c{section, size};
     std::string magic = c.bytes(sizeof texts_magic);
     uint32_t n = static_cast<uint32_t>(c.get(4)), raw_length = static_cast<uint32_t>(c.get(4));
     uint32_t sum = static_cast<uint32_t>(c.get(4)), zlength = static_cast<uint32_t>(c.get(4));
@@ -143,6 +180,10 @@ inline bool expand_texts(const std::vector<uint8_t> &section, uint32_t count, ui
         error = "the message texts are damaged";
         return false;
     }
+    if (expanded_size(raw_length, n) > keep_limit) {
+        error = "more message texts than are kept (" + std::to_string(keep_limit >> 20) + " MiB left)";
+        return false;
+    }
     std::string raw(raw_length, '\0');
     uLongf raw_len = raw_length;
     if (uncompress(reinterpret_cast<Bytef *>(raw.data()), &raw_len, c.p, zlength) != Z_OK || raw_len != raw_length ||
@@ -150,80 +191,127 @@ inline bool expand_texts(const std::vector<uint8_t> &section, uint32_t count, ui
         error = "the message texts are damaged";
         return false;
     }
-    out.clear();
-    size_t pos = 0;
-    while (pos < raw.size() && out.size() < n) {
+    std::vector<uint32_t> starts;
+    starts.reserve(n);
+    for (size_t pos = 0; pos < raw.size() && starts.size() < n;) {
+        starts.push_back(static_cast<uint32_t>(pos));
         size_t end = raw.find('\0', pos);
-        if (end == std::string::npos) end = raw.size();
-        out.emplace_back(raw, pos, end - pos);
-        pos = end + 1;
+        pos = end == std::string::npos ? raw.size() : end + 1;
     }
-    out.resize(n);
+    starts.resize(n, raw_length);
+    out.raw_ = std::move(raw);
+    out.starts_ = std::move(starts);
     return true;
+}
+
+inline bool expand_texts(const std::vector<uint8_t> &section, uint32_t count, uint32_t crc, TextSet &out,
+                         std::string &error) {
+    return expand_texts(section.data(), section.size(), count, crc, out, error);
 }
 
 // ------------------------------------------------------------------ rendering
 
-// Formats text with the emission's arguments, one conversion at a time. A text whose conversions
-// do not take the arguments given (count or kind) is shown as it stands rather than misread.
-inline std::string render(const std::string &fmt, const std::vector<Arg> &args) {
-    struct Piece {
-        size_t begin, end; // the conversion, '%' to its conversion character
-        char conv;
+// The widest field and the longest precision a conversion may ask for. A text asking for more is
+// shown as it stands, so one conversion never yields more than this beyond its argument's own
+// bytes, and one emission costs at most a fixed multiple of its text and arguments.
+constexpr uint32_t width_limit = 4096;
+
+// One conversion of a text: '%', flags, width, precision and the conversion character. Width and
+// precision are -1 when not given; values past width_limit are kept as width_limit + 1.
+struct Conversion {
+    size_t begin = 0, end = 0; // in the text, '%' to one past the conversion character
+    std::string flags;         // each of "-+ #0" at most once
+    int64_t width = -1, precision = -1;
+    char conv = 0;
+};
+
+// Reads the conversion starting at text[i] == '%'; false when the text ends inside it.
+inline bool read_conversion(std::string_view text, size_t i, Conversion &c) {
+    c = Conversion{};
+    c.begin = i++;
+    for (; i < text.size() && std::string_view("-+ #0").find(text[i]) != std::string_view::npos; ++i)
+        if (c.flags.find(text[i]) == std::string::npos) c.flags.push_back(text[i]);
+    auto number = [&](int64_t &value) {
+        value = 0;
+        for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i)
+            value = std::min<int64_t>(value * 10 + (text[i] - '0'), width_limit + 1);
     };
-    std::vector<Piece> pieces;
-    for (size_t i = 0; i < fmt.size(); ++i) {
-        if (fmt[i] != '%') continue;
-        size_t begin = i;
-        if (++i >= fmt.size()) return fmt;
-        if (fmt[i] == '%') continue;
-        while (i < fmt.size() && std::strchr("-+ #0123456789.", fmt[i])) ++i;
-        if (i >= fmt.size()) return fmt;
-        pieces.push_back(Piece{begin, i + 1, fmt[i]});
+    if (i < text.size() && text[i] >= '1' && text[i] <= '9') number(c.width);
+    if (i < text.size() && text[i] == '.') {
+        ++i;
+        number(c.precision);
     }
-    if (pieces.size() != args.size()) return fmt;
-    for (size_t k = 0; k < pieces.size(); ++k) {
-        char want = args[k].kind;
-        char conv = pieces[k].conv;
-        bool fits = conv == 's' ? want == 's' : conv == 'p' ? want == 'p' : std::strchr("diuxXoc", conv) && (want == 'u' || want == 'd');
-        if (!fits) return fmt;
-    }
-    std::string out;
-    size_t at = 0;
-    for (size_t k = 0; k < pieces.size(); ++k) {
-        for (size_t i = at; i < pieces[k].begin; ++i) {
-            out.push_back(fmt[i]);
-            if (fmt[i] == '%') ++i; // "%%" shows one '%'
-        }
-        std::string conversion = fmt.substr(pieces[k].begin, pieces[k].end - pieces[k].begin);
-        const Arg &a = args[k];
-        char buf[64];
-        int n;
+    if (i >= text.size()) return false;
+    c.conv = text[i];
+    c.end = i + 1;
+    return true;
+}
+
+// Whether the conversion takes the argument: its character is one the texts use with an argument
+// of that kind, and its width and precision are within width_limit.
+inline bool takes(const Conversion &c, const Arg &a) {
+    if (c.width > width_limit || c.precision > width_limit) return false;
+    if (c.conv == 's') return a.kind == 's';
+    if (c.conv == 'p') return a.kind == 'p';
+    return std::string_view("diuxXoc").find(c.conv) != std::string_view::npos && (a.kind == 'u' || a.kind == 'd');
+}
+
+// One conversion formatted with its argument, into a buffer sized for the most it can yield.
+inline void format_one(const Conversion &c, const Arg &a, std::string &out) {
+    std::string spec = "%" + c.flags;
+    if (c.width >= 0) spec += std::to_string(c.width);
+    if (c.precision >= 0) spec += "." + std::to_string(c.precision);
+    spec.push_back(c.conv);
+    size_t room = static_cast<size_t>(std::max<int64_t>({c.width, c.precision, 0})) +
+                  (a.kind == 's' ? a.text.size() : 32) + 1;
+    std::string buf(room, '\0');
+    int n;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-        if (a.kind == 's') {
-            std::string s;
-            s.resize(a.text.size() + 256);
-            n = std::snprintf(s.data(), s.size(), conversion.c_str(), a.text.c_str());
-            s.resize(n > 0 ? std::min(static_cast<size_t>(n), s.size() - 1) : 0);
-            out += s;
-            at = pieces[k].end;
+    if (a.kind == 's')
+        n = std::snprintf(buf.data(), room, spec.c_str(), a.text.c_str());
+    else if (a.kind == 'p')
+        n = std::snprintf(buf.data(), room, spec.c_str(), reinterpret_cast<void *>(static_cast<uintptr_t>(a.value)));
+    else if (a.kind == 'd')
+        n = std::snprintf(buf.data(), room, spec.c_str(), static_cast<int32_t>(static_cast<uint32_t>(a.value)));
+    else
+        n = std::snprintf(buf.data(), room, spec.c_str(), static_cast<uint32_t>(a.value));
+#pragma GCC diagnostic pop
+    if (n > 0) out.append(buf, 0, std::min(static_cast<size_t>(n), room - 1));
+}
+
+// Formats text with the emission's arguments, one conversion at a time. A text whose conversions
+// do not take the arguments given (count, kind, or a width or precision past width_limit) is
+// shown as it stands rather than misread.
+inline std::string render(std::string_view text, const std::vector<Arg> &args) {
+    std::vector<Conversion> conversions;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '%') continue;
+        if (i + 1 < text.size() && text[i + 1] == '%') {
+            ++i;
             continue;
         }
-        if (a.kind == 'p')
-            n = std::snprintf(buf, sizeof buf, conversion.c_str(), reinterpret_cast<void *>(static_cast<uintptr_t>(a.value)));
-        else if (a.kind == 'd')
-            n = std::snprintf(buf, sizeof buf, conversion.c_str(), static_cast<int32_t>(static_cast<uint32_t>(a.value)));
-        else
-            n = std::snprintf(buf, sizeof buf, conversion.c_str(), static_cast<uint32_t>(a.value));
-#pragma GCC diagnostic pop
-        if (n > 0) out.append(buf, std::min(static_cast<size_t>(n), sizeof buf - 1));
-        at = pieces[k].end;
+        Conversion c;
+        if (!read_conversion(text, i, c) || conversions.size() == args.size() || !takes(c, args[conversions.size()]))
+            return std::string(text);
+        i = c.end - 1;
+        conversions.push_back(std::move(c));
     }
-    for (size_t i = at; i < fmt.size(); ++i) {
-        out.push_back(fmt[i]);
-        if (fmt[i] == '%' && i + 1 < fmt.size() && fmt[i + 1] == '%') ++i;
+    if (conversions.size() != args.size()) return std::string(text);
+    std::string out;
+    auto literal = [&](size_t from, size_t to) { // "%%" shows one '%'
+        for (size_t i = from; i < to; ++i) {
+            out.push_back(text[i]);
+            if (text[i] == '%') ++i;
+        }
+    };
+    size_t at = 0;
+    for (size_t k = 0; k < conversions.size(); ++k) {
+        literal(at, conversions[k].begin);
+        format_one(conversions[k], args[k], out);
+        at = conversions[k].end;
     }
+    literal(at, text.size());
     return out;
 }
 

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <array>
 #include <deque>
 #include <functional>
 
@@ -263,6 +264,67 @@ TEST_F(AaaTlvTest, AllocationFailureLeavesTheListAsItWas) {
         op(&e);
         EXPECT_EQ(e, 0u) << name << " succeeds once memory is back";
     }
+}
+
+// Adding N attributes one by one moves the body O(log N) times, so the bytes copied stay linear;
+// the room kept for later adds is seen nowhere: a list built by adds reads, encodes, compares and
+// hashes as its exact copy does.
+TEST_F(AaaTlvTest, AddsGrowTheBodyByAFactor) {
+    aaa_tlv *t = make(), *copy = make();
+    constexpr uint32_t n = 4096;
+    const uint64_t before = mgx_handle_total_allocations(h);
+    const size_t journal = mgx_journal_count(h);
+    for (uint32_t i = 0; i < n; ++i) add(t, i, std::string(i % 7, char('a' + i % 26)));
+    ASSERT_EQ(take_err(), 0u);
+    // Both areas double when they grow: about log2(n) moves each, 12 at each of 4096.
+    EXPECT_LE(mgx_handle_total_allocations(h) - before, 26u);
+    EXPECT_EQ(mgx_handle_live_allocations(h), 1u);
+    EXPECT_EQ(mgx_journal_count(h) - journal, size_t{n}) << "every add announces the body word";
+
+    aaa_tlv_set(h, 0, copy, t, &err);
+    ASSERT_EQ(aaa_tlv_attr_count(t), n);
+    EXPECT_EQ(value_at(t, n - 1), std::string((n - 1) % 7, char('a' + (n - 1) % 26)));
+    EXPECT_EQ(aaa_tlv_compare(t, copy), 0);
+    EXPECT_EQ(aaa_tlv_hash(t, 3), aaa_tlv_hash(copy, 3));
+    ASSERT_EQ(aaa_tlv_len(h, 0, t), aaa_tlv_len(h, 0, copy));
+    std::vector<uint8_t> a(aaa_tlv_len(h, 0, t)), b(a.size());
+    aaa_tlv_marshal(h, 0, a.data(), t, int32_t(a.size()), &err);
+    aaa_tlv_marshal(h, 0, b.data(), copy, int32_t(b.size()), &err);
+    EXPECT_EQ(a, b);
+
+    // An add into the room already there allocates nothing: a pending failure stays pending.
+    aaa_tlv *room = make({{1, "abcd"}, {2, "efgh"}, {3, "ijkl"}});
+    mgx_handle_fail_allocation(h, 1);
+    add(room, 4, "m");
+    EXPECT_EQ(take_err(), 0u);
+    EXPECT_EQ(mgx_handle_allocation_failure_pending(h), 1u);
+    // Past the room the body must move: the failure leaves the list as it was.
+    add(room, 5, "n");
+    EXPECT_EQ(take_err(), MGX_ENOMEM);
+    EXPECT_EQ(aaa_tlv_attr_count(room), 4u);
+    EXPECT_EQ(value_at(room, 3), "m");
+    EXPECT_EQ(take_err(), 0u);
+}
+
+// References grow the same way, and keep the attributes they sit before.
+TEST_F(AaaTlvTest, ReferencesGrowByAFactorBesideTheAttributes) {
+    aaa_tlv *t = make({{9, "value"}});
+    std::array<uint8_t, 24> object{};
+    const std::vector<uint64_t> oids(64, mgx_oid_map(h, object.data())); // one object, 64 references
+    const uint64_t before = mgx_handle_total_allocations(h);
+    for (uint64_t oid : oids) aaa_tlv_add_object_reference(h, 0, t, oid, &err);
+    ASSERT_EQ(take_err(), 0u);
+    EXPECT_LE(mgx_handle_total_allocations(h) - before, 8u);
+    EXPECT_EQ(aaa_tlv_get_oid_count(h, 0, t, &err), 64u);
+    std::vector<uint64_t> back(64);
+    aaa_tlv_get_object_references(h, 0, t, back.data(), 64, &err);
+    EXPECT_EQ(back, oids);
+    add(t, 10, "more");
+    EXPECT_EQ(value_at(t, 0), "value");
+    EXPECT_EQ(value_at(t, 1), "more");
+    for (uint64_t oid : oids) mgxlib_lookup_and_update_oid_ref_count(h, 0, oid, 0, &err);
+    EXPECT_EQ(mgx_request_oid_mapping_destroy(h, 0, object.data(), &err), 1);
+    EXPECT_EQ(take_err(), 0u);
 }
 
 } // namespace

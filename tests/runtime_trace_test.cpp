@@ -105,6 +105,67 @@ TEST(Trace, ConversionsTakeTheirArgumentsOrTheTextStandsAsItIs) {
     EXPECT_EQ(fmt::render("%u and %u", {u(1)}), "%u and %u");
     EXPECT_EQ(fmt::render("%d", {s("x")}), "%d");
     EXPECT_EQ(fmt::render("50%", {}), "50%");
+    // what the texts never use, or use wrongly, is not passed on to be guessed at
+    for (const std::string &text : std::vector<std::string>{"%*u", "%lu", "%5-3u", "%.-2u", "%n", std::string("%\0u", 3),
+                                                            std::string("%5\0", 3)})
+        EXPECT_EQ(fmt::render(text, {u(1)}), text) << text;
+    EXPECT_EQ(fmt::render("%--05u|%+.3d|%#x", {u(7), d(4), u(255)}), "7    |+004|0xff");
+}
+
+// Widths and precisions up to the limit are rendered in full; past it (as far as a printf width
+// goes, or beyond) the text stands as it is. So an emission yields at most the limit per
+// conversion beyond its text and arguments.
+TEST(Trace, WidthsAndPrecisionsPastTheLimitLeaveTheTextAsItStands) {
+    const std::string limit = std::to_string(fmt::width_limit), past = std::to_string(fmt::width_limit + 1);
+    EXPECT_EQ(fmt::render("%" + limit + "u", {u(7)}), std::string(fmt::width_limit - 1, ' ') + "7");
+    EXPECT_EQ(fmt::render("%." + limit + "d", {d(-7)}), "-" + std::string(fmt::width_limit - 1, '0') + "7");
+    EXPECT_EQ(fmt::render("%-" + limit + "s|", {s("ab")}), "ab" + std::string(fmt::width_limit - 2, ' ') + "|");
+    EXPECT_EQ(fmt::render("%." + limit + "s", {s(std::string(5000, 'y'))}), std::string(fmt::width_limit, 'y'));
+    EXPECT_EQ(fmt::render("%s", {s(std::string(5000, 'y'))}), std::string(5000, 'y')); // an argument is never cut
+    const std::vector<std::pair<std::string, std::vector<fmt::Arg>>> refused = {
+        {"%" + past + "u", {u(1)}},        {"%." + past + "u", {u(1)}}, {"%2147483000u", {u(1)}},
+        {"%99999999999999999999x", {u(1)}}, {"%" + past + "p", {p(1)}}, {"%1." + past + "s", {s("a")}},
+        {"x %u %" + past + "u", {u(1), u(2)}}};
+    for (const auto &[text, args] : refused) EXPECT_EQ(fmt::render(text, args), text);
+
+    // Emitted: the capture holds the text as it stands, not 2 GB of spaces.
+    Table tab({"%2147483000u", "%" + limit + "u|%" + limit + "u"});
+    mgx_trace_clear();
+    qlog_emit_u(&tab.t, 0, 3, MGX_SEV_INFO, 9);
+    qlog_emit_uu(&tab.t, 1, 3, MGX_SEV_INFO, 1, 2);
+    ASSERT_EQ(mgx_trace_count(), 2u);
+    EXPECT_STREQ(mgx_trace_text(0), "%2147483000u");
+    EXPECT_EQ(std::strlen(mgx_trace_text(1)), 2 * fmt::width_limit + 1);
+    mgx_trace_clear();
+}
+
+// Expanded texts hold their bytes once and four more per text, however many (empty) texts a
+// section numbers; a section that would pass what a reader keeps is refused from its header,
+// before anything is expanded.
+TEST(Trace, ExpandedTextsCostTheirBytesAndFourPerText) {
+    std::vector<uint8_t> section = fmt::texts_section({"one %u", "", "three"});
+    fmt::TextSet texts;
+    std::string error;
+    ASSERT_TRUE(fmt::expand_texts(section, 0, 0, texts, error)) << error;
+    ASSERT_EQ(texts.size(), 3u);
+    EXPECT_EQ(std::make_tuple(texts[0], texts[1], texts[2]), std::make_tuple("one %u", "", "three"));
+    EXPECT_EQ(texts.memory(), 14u + 3 * 4);
+
+    // A section claiming a million texts in its million bytes (all empty): four bytes each.
+    std::vector<uint8_t> empties = fmt::texts_section(std::vector<std::string>(1u << 20));
+    ASSERT_TRUE(fmt::expand_texts(empties, 1u << 20, 0, texts, error)) << error;
+    EXPECT_EQ(texts.memory(), (1u << 20) * 5u);
+    EXPECT_EQ(texts[(1u << 20) - 1], "");
+
+    // Refused by size from the header alone: the compressed bytes here are not even zlib.
+    std::vector<uint8_t> claimed(section.begin(), section.begin() + fmt::texts_header_size);
+    claimed.resize(claimed.size() + 100, 0xA5);
+    claimed[20] = 100; // compressed length
+    claimed[21] = claimed[22] = claimed[23] = 0;
+    EXPECT_FALSE(fmt::expand_texts(claimed.data(), claimed.size(), 0, 0, texts, error, 13 + 3 * 4));
+    EXPECT_NE(error.find("more message texts than are kept"), std::string::npos) << error;
+    EXPECT_FALSE(fmt::expand_texts(claimed.data(), claimed.size(), 0, 0, texts, error, 14 + 3 * 4));
+    EXPECT_EQ(error, "the message texts are damaged");
 }
 
 TEST(Trace, TextsMustBelongToTheirTable) {

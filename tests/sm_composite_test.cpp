@@ -287,6 +287,53 @@ TEST_F(Composite, GrowingANonEmptyArrayMovesElementsAndTracesOncePerProcess) {
     }
 }
 
+// Setting elements one past the end, N times, moves the block O(log N) times (room grown by an
+// eighth past 16 elements) and holds at most an eighth more than the elements need. The room is
+// seen nowhere: every element keeps its flag slot through the moves and the growth in place, and
+// a clone (whose block is made at once) encodes, prints, compares and hashes the same.
+TEST_F(Composite, SettingOnePastTheEndGrowsByAFactor) {
+    constexpr uint32_t n = 1024;
+    for (bool tracked : {false, true}) {
+        if (tracked) track();
+        auto *value = own(named(h, "a.example"), fqdn_domain_name_bind_destroy); // tracked as the handle is
+        auto *r = own(ovrin_svm_epm_notify_domain_name_bind_create(h, luid), ovrin_svm_epm_notify_domain_name_bind_destroy);
+        const uint64_t before = mgx_handle_total_allocations(h), bytes = mgx_handle_live_bytes(h);
+        for (uint32_t i = 0; i < n; ++i) ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, luid, r, i, value, &err);
+        ASSERT_EQ(take_err(), 0u);
+        ASSERT_EQ(r->domain_names_length, n);
+        // One copied name per element; the block moved 16 times up to 16 elements, then 8 per doubling.
+        EXPECT_LE(mgx_handle_total_allocations(h) - before - n, 16u + 8 * 6) << tracked;
+        const size_t slot = tracked ? std::max<size_t>(2, testfill::type("fqdn_domain_name_bind").sttr_size) : 0;
+        const size_t exact = n * (sizeof(fqdn_domain_name_bind) + slot + 10); // elements, slots, names
+        EXPECT_LE(mgx_handle_live_bytes(h) - bytes, exact + exact / 8) << tracked;
+        for (uint32_t k = 0; tracked && k < n; ++k) {
+            EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_domain_names_state_flag_get(h, luid, r, k, &err), 2) << k;
+            fqdn_domain_name_bind_set_all_state_tracking_flag(h, luid, &r->domain_names[k], 1); // inside its slot
+        }
+
+        std::vector<uint8_t> ws(ovrin_svm_epm_notify_domain_name_bind_len(h, luid, r) + 16);
+        ovrin_svm_epm_notify_domain_name_bind *copy = nullptr;
+        ovrin_svm_epm_notify_domain_name_bind_clone(h, luid, r, &copy, ws.data(), uint32_t(ws.size()), &err);
+        ASSERT_EQ(take_err(), 0u);
+        own(copy, ovrin_svm_epm_notify_domain_name_bind_destroy);
+        EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_compare(r, copy), 0);
+        EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_hash(r, 1), ovrin_svm_epm_notify_domain_name_bind_hash(copy, 1));
+        auto wire = [&](const ovrin_svm_epm_notify_domain_name_bind *x) {
+            std::vector<uint8_t> out(ovrin_svm_epm_notify_domain_name_bind_len(h, luid, x) + 1);
+            out.resize(ovrin_svm_epm_notify_domain_name_bind_marshal(h, luid, out.data(), x, int32_t(out.size() - 1), &err));
+            return out;
+        };
+        EXPECT_EQ(wire(r), wire(copy));
+        auto text = [&](const ovrin_svm_epm_notify_domain_name_bind *x) {
+            std::string out(1 << 20, '\0');
+            out.resize(size_t(ovrin_svm_epm_notify_domain_name_bind_print_cr(h, x, out.data(), uint32_t(out.size()))));
+            return out;
+        };
+        EXPECT_EQ(text(r), text(copy));
+        EXPECT_EQ(take_err(), 0u);
+    }
+}
+
 TEST_F(Composite, FailedGrowthAndUntrackedValuesLeaveTheArrayAsItWas) {
     auto *r = ovrin_svm_epm_notify_domain_name_bind_create(h, luid);
     auto *value = named(h, "b.example");

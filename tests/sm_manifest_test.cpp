@@ -62,7 +62,7 @@ TEST_F(LibraryFile, TraceTextsLiveOnlyInANonLoadedSection) {
     ASSERT_NE(section, nullptr);
     EXPECT_EQ(section->flags & SHF_ALLOC, 0u);
     std::vector<uint8_t> bytes = file.contents(*section);
-    std::vector<std::string> texts;
+    mgx::tracefmt::TextSet texts;
     std::string error;
     ASSERT_TRUE(mgx::tracefmt::expand_texts(bytes, 0, 0, texts, error)) << error;
     ASSERT_GT(bytes.size(), mgx::tracefmt::texts_header_size + 64);

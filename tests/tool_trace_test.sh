@@ -29,7 +29,7 @@ grep -q "^standard input: .ovrin_sm_manifest" "$work/manifest" || fail "manifest
 
 # A library without the texts: numbers and arguments, and a warning saying why.
 "$tool" trace "$work/demo.trc" --library "$runtime" > "$work/numbers" 2> "$work/err" || fail "numbers-only decode"
-grep -q "has no .ovrin_sm_trace_texts section; showing message numbers" "$work/err" || fail "warning: $(cat "$work/err")"
+grep -q "has no message texts section .ovrin_sm_trace_texts; showing message numbers" "$work/err" || fail "warning: $(cat "$work/err")"
 grep -Eq ': message [0-9]+ -?[0-9]+ -?[0-9]+ -?[0-9]+$' "$work/numbers" || fail "numbers: $(head -n 3 "$work/numbers")"
 
 # A file cut short: what precedes the cut is printed, the cut is reported, the status says so.

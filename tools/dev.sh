@@ -73,11 +73,12 @@ gate_tsan() {
 }
 
 # The fuzz targets (fuzz/targets.cmake), each with its dictionary when it has one.
-fuzz_targets=(wire xml xml_dtd reuse trace elf trace_files xml_check)
+fuzz_targets=(wire xml xml_dtd reuse trace elf trace_files trace_format xml_check)
 fuzz_dictionary() {
     case "$1" in
         xml|xml_dtd|xml_check) echo "-dict=fuzz/xml.dict" ;;
         trace|elf|trace_files) echo "-dict=fuzz/files.dict" ;;
+        trace_format) echo "-dict=fuzz/format.dict" ;;
     esac
 }
 

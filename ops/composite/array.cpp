@@ -1,5 +1,6 @@
 // Fixed arrays (elements inline in the record) and variable arrays (one block owned by the
-// record, grown exactly to the highest index set), with their whole-array and per-element flags.
+// record, holding the elements up to the highest index set, grown by a factor), with their
+// whole-array and per-element flags.
 #include <algorithm>
 #include <atomic>
 #include <cstring>
@@ -97,36 +98,27 @@ void reregister(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uin
     for (uint32_t k = 0; flags && k < n; ++k) offset_update(*f.type, h, luid, layout.element(block, k), layout.slot_of(flags, k), err);
 }
 
-// Makes room for element index: a new block of exactly index+1 elements holding the old elements
-// and their flags, the new ones freshly initialised. False (12 or an initialisation error) leaves
-// the array as it was.
+// Makes room for element index: the count becomes index+1, the new elements freshly initialised,
+// in the block's room when it has enough, else in a new block (grown by a factor, see
+// ArrayLayout) holding the old elements and their flags. False (12 or an initialisation error)
+// leaves the array as it was.
 bool grow(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index,
           uint32_t *err) {
     const FieldAt<void> a = field_of(t, f, instance);
     void *&block = a.pointer();
     uint32_t old_count = block ? a.count() : 0;
-    if (block) note_reallocation(t);
     uint32_t count = index + 1;
     bool with_flags = tracking(t, h);
+    const bool moves = !block || ArrayLayout::room(old_count) != ArrayLayout::room(count);
+    if (block && moves) note_reallocation(t);
+    void *fresh = grow_block(f, h, luid, block, old_count, count, with_flags, err);
+    if (!fresh) return false;
+    if (!moves) {
+        set_count(h, luid, a, count);
+        return true;
+    }
     const ArrayLayout layout(f);
-    size_t size = layout.size(count, with_flags);
-    void *fresh = h->inst_alloc(h->alloc_ctx, luid, size);
-    if (!fresh) {
-        fail(h, err, MGX_ENOMEM);
-        return false;
-    }
-    std::memset(fresh, 0, size);
     uint8_t *flags = layout.flags(fresh, count, with_flags);
-    if (old_count) {
-        std::memcpy(fresh, block, layout.size(old_count, false));
-        if (uint8_t *old_flags = layout.flags(block, old_count, with_flags))
-            std::memcpy(flags, old_flags, old_count * layout.slot);
-    }
-    // On failure the old elements still live in the old block.
-    if (!init_elements(f, h, luid, fresh, count, old_count, count, with_flags, false, err)) {
-        h->inst_free(h->alloc_ctx, luid, fresh);
-        return false;
-    }
     reregister(f, h, luid, fresh, flags, old_count, err);
     if (block) {
         if (h->database && h->domain_mode == 1 && luid != MGX_LUID_NONE)
