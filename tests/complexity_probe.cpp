@@ -41,6 +41,23 @@ __attribute__((noinline)) void counted(complexity::Work &work) {
     CALLGRIND_STOP_INSTRUMENTATION;
 }
 
+// The gate's own check: work made to grow quadratically (pairs of n items compared), which the gate
+// must refuse whatever the library does.
+class Pairs : public complexity::Work {
+public:
+    explicit Pairs(size_t n) : n(n) {}
+    void run() override {
+        volatile size_t equal = 0;
+        for (size_t i = 0; i < n; ++i)
+            for (size_t j = 0; j < i; ++j) equal = equal + ((i ^ j) == 0);
+    }
+    size_t n;
+};
+
+const complexity::LibraryChannel gate_check = {
+    "gate.quadratic", "n items compared pairwise (the gate must fail it)",
+    [](mgx_handle_t *, size_t n) -> std::unique_ptr<complexity::Work> { return std::make_unique<Pairs>(n); }};
+
 int run_library(const complexity::LibraryChannel &c, size_t n) {
     mgx_handle_t *h = mgx_handle_create();
     if (!h) return fail("cannot create a handle");
@@ -89,6 +106,7 @@ int main(int argc, char **argv) {
             return fail("unknown option " + a);
     }
     if (size == 0) return fail("--size: a number of at least 1 is needed");
+    if (channel == gate_check.name) return run_library(gate_check, size);
     for (const auto &c : complexity::library_channels())
         if (channel == c.name) return run_library(c, size);
     for (const auto &c : complexity::tool_channels())
