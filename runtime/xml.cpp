@@ -13,6 +13,8 @@
 #include <libxml/xpath.h>
 
 #include "runtime/prim.h"
+#include "runtime/xml_index.h"
+#include "runtime/xml_scan.h"
 
 namespace mgx {
 
@@ -158,21 +160,31 @@ template <class Visit> bool walk(xmlNodePtr first, const Step *s, const Step *en
     return true;
 }
 
+// The same over a document's child index: each step one lookup under each element the step
+// before it selected, whatever the number of siblings before the element it names.
+template <class Visit>
+bool walk(const XmlChildIndex &index, const void *parent, const Step *s, const Step *end, Visit &visit) {
+    auto named = index.children(parent, s->name, s->length);
+    if (s->position) named = s->position <= named.size() ? named.subspan(s->position - 1, 1) : named.first(0);
+    for (xmlNodePtr c : named)
+        if (!(s + 1 == end ? visit(c) : walk(index, c, s + 1, end, visit))) return false;
+    return true;
+}
+
 // The elements the last plain path read on this thread led through, so that the next path that
 // begins with the same steps starts below them: a record is read one path per field, each its
 // record's path and one step more, so all but the first read walk one level instead of the whole
-// depth, and an array's element N is not found again by counting N siblings for each of its
-// fields. A level is taken again only where it names one element for certain: a step with a
+// depth. A level is taken again only where it names one element for certain: a step with a
 // position, or a step without one whose element has no sibling of its name (with such a sibling,
 // a later one may hold what the next path asks for where the earlier one does not, and document
-// order decides). The chain belongs to one document, known by the stamp its reading wrote into
-// it: documents are opaque to their users and not changed between their reading and their free,
-// a document freed takes its stamp with it, and one that mgx_xml_document_read did not make
+// order decides). The chain belongs to one document, known by the serial of the index its reading
+// hung on it: documents are opaque to their users and not changed between their reading and their
+// free, a document freed takes its index with it, and one that mgx_xml_document_read did not make
 // carries none and is never kept.
 constexpr size_t chain_path_size = 512;
 struct Chain {
     const void *doc = nullptr;
-    const void *stamp = nullptr;
+    uint64_t serial = 0;          // of the document's index
     size_t n = 0;                 // levels kept
     size_t end[max_steps];        // where each level's step ends in path
     xmlNodePtr node[max_steps];
@@ -187,38 +199,43 @@ thread_local Chain chain; // trivially destructible: nothing to run at thread ex
 
 constexpr uintptr_t stamp_bit = uintptr_t{1} << (sizeof(uintptr_t) * 8 - 1); // no user-space pointer has it
 
-const void *stamp_of(const void *doc) {
-    const void *p = static_cast<const xmlDoc *>(doc)->_private;
-    return reinterpret_cast<uintptr_t>(p) & stamp_bit ? p : nullptr;
+// The child index mgx_xml_document_read hung on the document (its _private, marked by the top
+// bit), or null for a document it did not make.
+const XmlChildIndex *index_of(const void *doc) {
+    auto p = reinterpret_cast<uintptr_t>(static_cast<const xmlDoc *>(doc)->_private);
+    return p & stamp_bit ? reinterpret_cast<const XmlChildIndex *>(p & ~stamp_bit) : nullptr;
 }
 
-void *next_stamp() {
-    static std::atomic<uintptr_t> serial{0};
-    return reinterpret_cast<void *>(stamp_bit | (serial.fetch_add(1, std::memory_order_relaxed) + 1));
+bool only_of_its_name(const XmlChildIndex &index, xmlNodePtr node) {
+    const auto *name = reinterpret_cast<const char *>(node->name);
+    return index.children(node->parent, name, std::strlen(name)).size() == 1;
 }
 
-bool only_of_its_name(xmlNodePtr node) {
-    for (xmlNodePtr c = node->parent ? node->parent->children : nullptr; c; c = c->next)
-        if (c != node && c->type == XML_ELEMENT_NODE && !c->ns && xmlStrEqual(c->name, node->name)) return false;
-    return true;
-}
-
-// A path split into steps, the leading ones perhaps answered by the chain: the walk starts at
-// `from` (the document's top level, or the children of the last level reused) with the steps
-// after `reused`; `last` is that level's element when one was reused.
+// A path split into steps, the leading ones perhaps answered by the chain: the walk starts below
+// `parent` (the document, or the last level reused) with the steps after `reused`; `last` is that
+// level's element when one was reused. Documents the reader made walk their index; any other
+// walks the children from `parent` on.
 struct PathPlan {
     Step steps[max_steps];
     size_t n = 0, reused = 0;
-    xmlNodePtr from = nullptr, last = nullptr;
+    const XmlChildIndex *index = nullptr;
+    xmlNodePtr parent = nullptr, last = nullptr;
+
+    template <class Visit> void walk(Visit &visit) const {
+        if (index)
+            mgx::walk(*index, parent, steps, steps + n, visit);
+        else
+            mgx::walk(parent->children, steps, steps + n, visit);
+    }
 };
 
 bool plan_walk(void *doc, const char *path, PathPlan &q) {
     if (!doc || !path) return false;
-    q.from = static_cast<xmlDocPtr>(doc)->children;
+    q.parent = static_cast<xmlNodePtr>(doc);
     q.reused = 0;
-    const void *stamp = stamp_of(doc);
+    q.index = index_of(doc);
     Chain &c = this_thread_chain();
-    if (stamp && c.n && c.doc == doc && c.stamp == stamp) {
+    if (q.index && c.n && c.doc == doc && c.serial == q.index->serial) {
         // The deepest level whose steps the path repeats, then back to the last certain one.
         size_t length = std::strlen(path), k = c.n;
         for (; k > 0; --k) {
@@ -226,13 +243,12 @@ bool plan_walk(void *doc, const char *path, PathPlan &q) {
             if (end <= length && (path[end] == '/' || path[end] == '\0') && std::memcmp(path, c.path, end) == 0) break;
         }
         for (size_t j = 0; j < k; ++j) {
-            if (c.certain[j] == 2) c.certain[j] = only_of_its_name(c.node[j]);
+            if (c.certain[j] == 2) c.certain[j] = only_of_its_name(*q.index, c.node[j]);
             if (!c.certain[j]) k = j;
         }
         if (k) {
             q.reused = k;
-            q.last = c.node[k - 1];
-            q.from = q.last->children;
+            q.last = q.parent = c.node[k - 1];
             const char *rest = path + c.end[k - 1];
             if (*rest == '\0') return true; // the whole path was the chain's
             return plain_steps(rest, q.steps, q.n) && k + q.n <= max_steps;
@@ -243,10 +259,9 @@ bool plan_walk(void *doc, const char *path, PathPlan &q) {
 
 // After a walk that found `found` for path: the chain now leads to it.
 void keep_chain(void *doc, const char *path, const PathPlan &q, xmlNodePtr found) {
-    const void *stamp = stamp_of(doc);
     size_t length = std::strlen(path);
     Chain &c = this_thread_chain();
-    if (!stamp || length >= chain_path_size) {
+    if (!q.index || length >= chain_path_size) {
         c.n = 0;
         return;
     }
@@ -260,7 +275,7 @@ void keep_chain(void *doc, const char *path, const PathPlan &q, xmlNodePtr found
         c.certain[level] = q.steps[j].position ? 1 : 2;
     }
     c.doc = doc;
-    c.stamp = stamp;
+    c.serial = q.index->serial;
     c.n = total;
     std::memcpy(c.path, path, length + 1);
 }
@@ -272,7 +287,7 @@ uint32_t node_count(void *doc, const char *path, uint32_t &count) {
     if (plan_walk(doc, path, q)) {
         if (!q.n) return count = 1, 0u; // the chain's own element, one for certain
         auto visit = [&count](xmlNodePtr) { return ++count, true; };
-        walk(q.from, q.steps, q.steps + q.n, visit);
+        q.walk(visit);
         return 0;
     }
     Query x(doc, path);
@@ -288,7 +303,7 @@ template <class Use> uint32_t with_first_node(void *doc, const char *path, Use u
         xmlNodePtr found = q.n ? nullptr : q.last;
         if (q.n) {
             auto visit = [&found](xmlNodePtr node) { return found = node, false; };
-            walk(q.from, q.steps, q.steps + q.n, visit);
+            q.walk(visit);
             if (found) keep_chain(doc, path, q, found);
         }
         return found ? use(found) : MGX_ENOENT;
@@ -377,65 +392,6 @@ size_t unescape_private(std::string_view text, char *dst, size_t cap) {
         if (w < cap) dst[w] = static_cast<char>(c);
     }
     return w;
-}
-
-// libxml2 checks each attribute of an element against the ones before it, so one element with
-// very many attributes costs the square of their number. A linear scan finds the start tags first
-// and counts their attributes (one '=' outside quotes each); comments, CDATA sections, processing
-// instructions and declarations are stepped over. False, with the line, when one has too many.
-// Text between tags is skipped a block at a time, and lines are counted only for the answer.
-bool attributes_within_limit(const char *text, size_t n, size_t &line) {
-    const std::string_view all(text, n);
-    size_t i = 0;
-    auto skip_to = [&](std::string_view end) {
-        size_t at = all.find(end, i);
-        i = at == std::string_view::npos ? n : at + end.size();
-    };
-    auto starts = [&](std::string_view s) { return n - i >= s.size() && std::memcmp(text + i, s.data(), s.size()) == 0; };
-    while (i < n) {
-        const void *open = std::memchr(text + i, '<', n - i);
-        if (!open) break;
-        i = static_cast<size_t>(static_cast<const char *>(open) - text);
-        if (starts("<!--")) {
-            skip_to("-->");
-        } else if (starts("<![CDATA[")) {
-            skip_to("]]>");
-        } else if (starts("<?")) {
-            skip_to("?>");
-        } else {
-            // A declaration (up to its '>' outside brackets and quotes) or a start or end tag
-            // (up to its '>' outside quotes, counting its attributes).
-            const bool declaration = starts("<!");
-            unsigned attributes = 0;
-            int depth = 0;
-            char quote = 0;
-            const size_t tag = i;
-            for (++i; i < n; ++i) {
-                // Inside a declaration's internal subset, comments and processing instructions
-                // are stepped over whole: a quote in them opens nothing.
-                if (declaration && !quote && (starts("<!--") || starts("<?"))) {
-                    skip_to(starts("<?") ? "?>" : "-->");
-                    --i; // the loop steps past the end marker's last character
-                    continue;
-                }
-                char c = text[i];
-                if (quote) {
-                    if (c == quote) quote = 0;
-                } else if (c == '"' || c == '\'') {
-                    quote = c;
-                } else if (declaration && (c == '[' || c == ']')) {
-                    depth += c == '[' ? 1 : -1;
-                } else if (!declaration && c == '=' && ++attributes > MGX_XML_MAX_ATTRIBUTES) {
-                    line = 1 + static_cast<size_t>(std::count(text, text + tag, '\n'));
-                    return false;
-                } else if (c == '>' && depth <= 0) {
-                    ++i;
-                    break;
-                }
-            }
-        }
-    }
-    return true;
 }
 
 struct FirstError {
@@ -543,9 +499,11 @@ void *mgx_xml_document_read(const char *text, size_t length, char *message, size
                        static_cast<size_t>(1 + std::count(text, text + at, '\n')));
         length = at;
     }
-    size_t line = 0;
-    if (!attributes_within_limit(text, length, line))
-        return say("line %zu: an element has more than %u attributes", line, MGX_XML_MAX_ATTRIBUTES);
+    try {
+        if (std::string why = xml_over_limits(text, length); !why.empty()) return say("%s", why.c_str());
+    } catch (const std::bad_alloc &) {
+        return say("%s", "out of memory");
+    }
     ensure_parser();
     // No network, no external DTD and no substitution of entities (external entities are never
     // loaded, internal ones are refused where a value is read); malformed input gives no document.
@@ -554,6 +512,10 @@ void *mgx_xml_document_read(const char *text, size_t length, char *message, size
     // The first error is the one that says what is wrong; later ones follow from it.
     FirstError first;
     ctx->_private = &first;
+    // Comments and processing instructions are kept out of the tree: no reader looks at them, and
+    // a document of nothing else would cost a node for every few bytes.
+    ctx->sax->comment = nullptr;
+    ctx->sax->processingInstruction = nullptr;
     ctx->sax->serror = [](void *user, xmlErrorPtr e) {
         auto *f = static_cast<FirstError *>(static_cast<xmlParserCtxtPtr>(user)->_private);
         if (f->seen || !e || e->level < XML_ERR_ERROR) return;
@@ -570,16 +532,24 @@ void *mgx_xml_document_read(const char *text, size_t length, char *message, size
             say("line %d, column %d: %s", first.line, first.column, first.message);
         else
             say("%s", "not a well-formed XML document");
-    } else {
-        doc->_private = next_stamp(); // the path readers may keep where they were in it
     }
     xmlFreeParserCtxt(ctx);
+    if (doc) {
+        // The path readers look children up in the index and may keep where they were in it.
+        try {
+            doc->_private = reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(new XmlChildIndex(doc)) | stamp_bit);
+        } catch (const std::bad_alloc &) {
+            xmlFreeDoc(doc);
+            return say("%s", "out of memory");
+        }
+    }
     return doc;
 }
 
 void mgx_xml_document_free(void *document) {
     if (!document) return;
     if (Chain &c = this_thread_chain(); c.doc == document) c.n = 0;
+    delete index_of(document);
     xmlFreeDoc(static_cast<xmlDocPtr>(document));
 }
 

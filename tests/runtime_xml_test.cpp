@@ -66,6 +66,8 @@ TEST_F(XmlTest, EscapedTextReadsBackExactly) {
 
 // Every path, simple or not, selects what libxml2's XPath engine selects from the document node:
 // the same count, and the text of the first node with entities expanded and comments left out.
+// Documents the reader made are answered through their child index; a document libxml2 parsed
+// for someone else, by walking its children.
 TEST_F(XmlTest, PathQueriesAnswerAsXPathDoes) {
     const char *docs[] = {
         "<r><a><b>1</b><b>2</b><c/></a><a><b>3</b></a><a/><b>top</b><a><b>4</b><b>5<!--c-->6</b></a></r>",
@@ -77,6 +79,9 @@ TEST_F(XmlTest, PathQueriesAnswerAsXPathDoes) {
         // lack what the next path asks for: a reader that went on from where the last path led
         // would answer from the wrong one.
         "<r><a><x>0</x></a><a><y>2</y><x>1</x></a><b><c><d>5</d></c></b><b><c><e>6</e><d>7</d></c></b></r>",
+        // Same-named siblings apart, among namespaced namesakes and others' children of their name.
+        "<r><b>0</b><a><b>1</b></a><p:a xmlns:p='urn:p'><b>x</b></p:a><q><a>in</a></q><a/><a xmlns='urn:d'>d</a>"
+        "<a><b>2</b><b>3</b></a><b>4</b><a><b>5</b><c/></a></r>",
     };
     const char *paths[] = {
         "r", "/r", "r/a", "r/a/b", "/r/a/b", "r/a[2]/b", "r/a/b[2]", "r/a[4]/b[2]", "r/a[1]/b[1]", "r/a[007]/b",
@@ -88,40 +93,46 @@ TEST_F(XmlTest, PathQueriesAnswerAsXPathDoes) {
         "r/a[b]", "r/a[ 1]", "r /a", "r/@x", "r/a/b/text()", "r/comment()", "r/namespace::*", "r/a/b | r/b", "/",
         "", "r/", "r//", "r/[", "r/-a", "r/1a", "count(r/a)", "r/a[1.0]",
     };
+    auto foreign = [](const char *text) {
+        return std::unique_ptr<void, void (*)(void *)>(xmlReadMemory(text, int(std::strlen(text)), nullptr, nullptr, 0),
+                                                       [](void *d) { xmlFreeDoc(static_cast<xmlDocPtr>(d)); });
+    };
     for (const char *text : docs) {
-        auto doc = parse_xml(text);
-        ASSERT_NE(doc, nullptr) << text;
-        for (const char *path : paths) {
-            SCOPED_TRACE(std::string(text) + " @ " + path);
-            xmlXPathContextPtr ctx = xmlXPathNewContext(static_cast<xmlDocPtr>(doc.get()));
-            ctx->error = [](void *, xmlErrorPtr) {};
-            ctx->node = static_cast<xmlNodePtr>(doc.get());
-            xmlXPathObjectPtr obj = xmlXPathEvalExpression(reinterpret_cast<const xmlChar *>(path), ctx);
-            bool nodes = obj && obj->type == XPATH_NODESET;
-            uint32_t want_count = nodes && obj->nodesetval ? obj->nodesetval->nodeNr : 0;
-            std::string want;
-            if (want_count) {
-                xmlChar *content = xmlNodeGetContent(obj->nodesetval->nodeTab[0]);
-                want = content ? reinterpret_cast<const char *>(content) : "";
-                xmlFree(content);
-            }
-            xmlXPathFreeObject(obj);
-            xmlXPathFreeContext(ctx);
+        std::unique_ptr<void, void (*)(void *)> both[] = {parse_xml(text), foreign(text)};
+        for (auto &doc : both) {
+            ASSERT_NE(doc, nullptr) << text;
+            for (const char *path : paths) {
+                SCOPED_TRACE(std::string(text) + " @ " + path);
+                xmlXPathContextPtr ctx = xmlXPathNewContext(static_cast<xmlDocPtr>(doc.get()));
+                ctx->error = [](void *, xmlErrorPtr) {};
+                ctx->node = static_cast<xmlNodePtr>(doc.get());
+                xmlXPathObjectPtr obj = xmlXPathEvalExpression(reinterpret_cast<const xmlChar *>(path), ctx);
+                bool nodes = obj && obj->type == XPATH_NODESET;
+                uint32_t want_count = nodes && obj->nodesetval ? obj->nodesetval->nodeNr : 0;
+                std::string want;
+                if (want_count) {
+                    xmlChar *content = xmlNodeGetContent(obj->nodesetval->nodeTab[0]);
+                    want = content ? reinterpret_cast<const char *>(content) : "";
+                    xmlFree(content);
+                }
+                xmlXPathFreeObject(obj);
+                xmlXPathFreeContext(ctx);
 
-            uint32_t count = 99, length = 99;
-            EXPECT_EQ(xml_get_element_nodecount(doc.get(), path, &count), nodes ? 0u : MGX_ENOENT);
-            EXPECT_EQ(count, want_count);
-            char buf[64];
-            uint32_t status = want_count ? 0u : MGX_ENOENT;
-            EXPECT_EQ(xml_get_element_value(doc.get(), path, buf, sizeof buf, &length), status);
-            if (status) continue;
-            EXPECT_EQ(std::string(buf), want);
-            EXPECT_EQ(length, want.size());
-            EXPECT_EQ(xml_get_element_value(doc.get(), path, nullptr, 0, &length), want.empty() ? 0u : MGX_ERANGE);
-            EXPECT_EQ(length, want.size());
-            var_string_from_xml(h, 0, path, doc.get(), buf, sizeof buf, &err);
-            EXPECT_EQ(take_err(), 0u);
-            EXPECT_EQ(std::string(buf), want);
+                uint32_t count = 99, length = 99;
+                EXPECT_EQ(xml_get_element_nodecount(doc.get(), path, &count), nodes ? 0u : MGX_ENOENT);
+                EXPECT_EQ(count, want_count);
+                char buf[64];
+                uint32_t status = want_count ? 0u : MGX_ENOENT;
+                EXPECT_EQ(xml_get_element_value(doc.get(), path, buf, sizeof buf, &length), status);
+                if (status) continue;
+                EXPECT_EQ(std::string(buf), want);
+                EXPECT_EQ(length, want.size());
+                EXPECT_EQ(xml_get_element_value(doc.get(), path, nullptr, 0, &length), want.empty() ? 0u : MGX_ERANGE);
+                EXPECT_EQ(length, want.size());
+                var_string_from_xml(h, 0, path, doc.get(), buf, sizeof buf, &err);
+                EXPECT_EQ(take_err(), 0u);
+                EXPECT_EQ(std::string(buf), want);
+            }
         }
     }
     // A document freed and another read (most likely into the same memory): the reader answers
@@ -179,9 +190,10 @@ TEST_F(XmlTest, DocumentsMustBeWellFormedAndLoadNothingFromOutside) {
     std::remove(secret.c_str());
 }
 
-// The documented limits, refused with a reason before libxml2 sees the text (one element with many
-// attributes costs it the square of their number).
-TEST_F(XmlTest, DocumentSizeAndAttributesPerElementAreBounded) {
+// The documented limits, refused with a reason before libxml2 sees the text: one element with many
+// attributes costs it the square of their number, each node a hundred bytes or more however short
+// its text, and its dictionary slows down past some tens of thousands of distinct names.
+TEST_F(XmlTest, DocumentLimitsAreCountedBeforeParsing) {
     auto element = [](unsigned attributes) {
         std::string text = "<!-- a=1 b=2 --><r";
         for (unsigned i = 0; i < attributes; ++i) text += " a" + std::to_string(i) + "='='";
@@ -193,6 +205,36 @@ TEST_F(XmlTest, DocumentSizeAndAttributesPerElementAreBounded) {
     EXPECT_EQ(read_answer(std::string("<z/>\n\0<r a='1'/>", 16)), "line 2: a NUL character, which no XML document holds");
     EXPECT_EQ(read_answer(std::string("<z/>\0\0", 6)), "read"); // a length counting terminators
     EXPECT_EQ(read_answer(std::string(MGX_XML_MAX_DOCUMENT + 1, ' ')), "the document is larger than 67108864 bytes");
+
+    // Nodes: elements, CDATA sections, references to declared entities (in text and in attribute
+    // values) and declarations count; comments, processing instructions, the predefined entities
+    // and character references do not (none of them stays a node).
+    std::string nodes = "<!DOCTYPE r [<!ENTITY e 'x'><!-- <a/> --><?p <b/>?>]>\n<r a='&e;&amp;'><![CDATA[<c/>]]>&e;&lt;&#65;";
+    const size_t counted = 5; // the declaration, r, the reference in a, the CDATA section, the reference in text
+    nodes += std::string(4 * (MGX_XML_MAX_NODES - counted), '*');
+    for (size_t i = nodes.size() - 4 * (MGX_XML_MAX_NODES - counted); i < nodes.size(); i += 4) std::memcpy(&nodes[i], "<a/>", 4);
+    for (int i = 0; i < 1000; ++i) nodes += "<!--<a/>--><?pi <a/>?>";
+    EXPECT_EQ(read_answer(nodes + "</r>"), "read");
+    EXPECT_EQ(read_answer(nodes + "\n<b></b></r>"),
+              "line 3: the document has more than 1048576 nodes (elements, CDATA sections, entity references, declarations)");
+
+    // Depth: elements that close themselves are not a level.
+    auto nested = [](unsigned levels) {
+        std::string text;
+        for (unsigned i = 0; i < levels; ++i) text += "<d>";
+        text += "<e/>";
+        for (unsigned i = 0; i < levels; ++i) text += "</d>";
+        return text;
+    };
+    EXPECT_EQ(read_answer(nested(MGX_XML_MAX_DEPTH)), "read");
+    EXPECT_EQ(read_answer(nested(MGX_XML_MAX_DEPTH + 1)), "line 1: elements nest deeper than 128 levels");
+    EXPECT_EQ(read_answer("<r>" + std::string(MGX_XML_MAX_DEPTH, '\n') + "<a/><a/></r>"), "read");
+
+    // Names: of elements, attributes and entities, each counted once however often it is used.
+    std::string names = "<!DOCTYPE r [<!ENTITY e0 'x'>]><r>&e0;&e0;";
+    for (unsigned i = 1; i < MGX_XML_MAX_NAMES - 2; i += 2) names += "<n" + std::to_string(i) + " n" + std::to_string(i + 1) + "='1'/><r/>";
+    EXPECT_EQ(read_answer(names + "</r>"), "read");
+    EXPECT_EQ(read_answer(names + "<r x='1'/></r>"), "line 1: the document has more than 10000 distinct names");
 }
 
 } // namespace

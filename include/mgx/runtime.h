@@ -135,12 +135,17 @@ MGX_API int mgx_retained_data_set(mgx_handle_t *h, const void *instance, const v
 MGX_API uint16_t mgx_retained_data_get(const mgx_handle_t *h, const void *instance, const void **bytes);
 
 /* ---- XML documents. The reader takes documents of at most MGX_XML_MAX_DOCUMENT bytes with at most
- * MGX_XML_MAX_ATTRIBUTES attributes on any element and no NUL character, reads no external entity or
- * DTD, and refuses
- * (error 22, "Invalid value at <path>") a value that refers to an entity other than the five
- * predefined ones and character references. */
+ * MGX_XML_MAX_ATTRIBUTES attributes on any element, at most MGX_XML_MAX_NODES elements, CDATA
+ * sections, entity references and declarations together, elements nested at most
+ * MGX_XML_MAX_DEPTH deep, at most MGX_XML_MAX_NAMES distinct names of elements, attributes and
+ * entities, and no NUL character; it reads no external entity or DTD, keeps no comment or
+ * processing instruction, and refuses (error 22, "Invalid value at <path>") a value that refers to
+ * an entity other than the five predefined ones and character references. */
 #define MGX_XML_MAX_DOCUMENT (64u * 1024u * 1024u)
 #define MGX_XML_MAX_ATTRIBUTES 256u
+#define MGX_XML_MAX_NODES (1u << 20)
+#define MGX_XML_MAX_DEPTH 128u
+#define MGX_XML_MAX_NAMES 10000u
 MGX_API void *mgx_xml_document_parse(const char *text, size_t length); /* null when not taken */
 /* The same; when no document results, message (if given) says why: a limit, or libxml2's
  * "line L, column C: ..." for a document that is not well-formed. */
