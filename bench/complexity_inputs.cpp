@@ -559,7 +559,8 @@ const std::vector<LibraryChannel> &library_channels() {
 
 const std::vector<ToolChannel> &tool_channels() {
     static const std::vector<ToolChannel> channels = {
-        {"tool.check", "encode (strict check) of a document with n distinct unknown element names", write_check},
+        {"tool.check", "encode (strict check) of a document with n distinct unknown element names (a document may hold 10,000 names)",
+         write_check},
         {"tool.encode", "encode (strict check, then the library's reading) of n <resp_array> records", write_encode},
         {"tool.decode_print", "decode to the print form of a message of n attributes", write_decode_print},
         {"tool.decode_xml", "decode --xml of a message of n attributes", write_decode_xml},
