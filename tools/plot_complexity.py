@@ -72,8 +72,8 @@ def panel(x0, y0, w, h, title, channels, top):
         end = min(6, top / slope)
         out.append(f'<line x1="{px(0):.1f}" y1="{py(0):.1f}" x2="{px(end):.1f}" y2="{py(slope * end):.1f}" '
                    f'stroke="#888" stroke-width="1.5" stroke-dasharray="6,4"/>')
-        out.append(f'<text x="{px(end) - 4:.1f}" y="{py(slope * end) - 6:.1f}" text-anchor="end" fill="#666">'
-                   f'{label}</text>')
+        at = end * 0.75  # below the line, three quarters along, clear of the title and the ends
+        out.append(f'<text x="{px(at) + 8:.1f}" y="{py(slope * at) + 16:.1f}" fill="#666">{label}</text>')
     for i, (name, c) in enumerate(channels):
         ns = sorted(c["sizes"])
         base_n, base_t = ns[0], c["sizes"][ns[0]]
