@@ -4,6 +4,7 @@
 #include <elf.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -395,10 +396,13 @@ struct Section {
 // what the tool's readers look at, without any code.
 Bytes elf_file(std::vector<Section> sections) {
     Bytes names(1, 0);
-    for (const Section &s : sections) names.insert(names.end(), s.name.begin(), s.name.end() + 1);
+    auto add_name = [&names](const std::string &name) { // with its NUL
+        names.insert(names.end(), name.c_str(), name.c_str() + name.size() + 1);
+    };
+    for (const Section &s : sections) add_name(s.name);
     const std::string shstrtab = ".shstrtab";
     size_t shstrtab_name = names.size();
-    names.insert(names.end(), shstrtab.begin(), shstrtab.end() + 1);
+    add_name(shstrtab);
     sections.push_back({shstrtab, SHT_STRTAB, names});
 
     Bytes data(sizeof(Elf64_Ehdr), 0);
@@ -448,7 +452,7 @@ bool write_manifest(const std::string &dir, size_t n, ToolRun &run, std::string 
         std::string text = "type_" + std::to_string(i) + " 0123456789abcdef0123456789abcdef type 0 24";
         put(u32(text.size() + 1));
         put(2);
-        section.insert(section.end(), text.begin(), text.end() + 1);
+        section.insert(section.end(), text.c_str(), text.c_str() + text.size() + 1);
         while (section.size() % 4) section.push_back(0);
     }
     Bytes file = elf_file({{".ovrin_sm_manifest", SHT_PROGBITS, section}});
