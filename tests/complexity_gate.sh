@@ -1,14 +1,20 @@
 #!/usr/bin/env bash
-# Fails when a channel's work grows faster than linearly with its input, without timing anything:
-# callgrind counts the instructions of the operation (a library channel, counted inside
-# complexity_probe) or of the whole ovrin-sm process (a tool channel) at sizes N, 2N and 4N, and
+# Fails when a channel's work or memory grows faster than linearly with its input, without timing
+# anything. At sizes N, 2N and 4N, valgrind counts
+#   - instructions (callgrind): of the operation alone for a library channel (counted inside
+#     complexity_probe, between callgrind's markers), of the whole ovrin-sm process for a tool
+#     channel;
+#   - the heap's peak (dhat, "At t-gmax"): of the whole process, the input it makes included;
+# and for each,
 #   ratio = (I(4N) - I(2N)) / (I(2N) - I(N))
-# is about 2 for linear work and about 4 for quadratic work; fixed costs (start-up, libraries,
-# the handle) cancel in the differences. The ratio must not exceed LIMIT.
+# is about 2 for linear growth and about 4 for quadratic growth; fixed costs (start-up, libraries,
+# the handle) cancel in the differences. The instructions' ratio must not exceed LIMIT; so must
+# the heap's, where it grows at all (by 64 KiB or more from N to 4N: below that the peak is set by
+# what every run allocates).
 #   complexity_gate.sh PROBE TOOL CHANNEL N [LIMIT [INSTRUMENTED]]
 # Status 3 when the channel grows faster than the limit allows, 1 when it could not be measured,
-# 77 (skipped) in an instrumented build (sanitizers, fuzzing: their counts mean nothing)
-# and where valgrind is not installed.
+# 77 (skipped) in an instrumented build (sanitizers, fuzzing: their counts mean nothing) and where
+# valgrind is not installed.
 set -euo pipefail
 probe=$1 tool=$2 channel=$3 n=$4 limit=${5:-2.6} instrumented=${6:-0}
 if [ "$instrumented" = 1 ]; then
@@ -22,36 +28,57 @@ fi
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-instructions() { # instructions SIZE -> the instructions counted at that size
-    local size=$1 out="$work/callgrind.$1" status=0 expected=0
+# measure TOOL SIZE -> what valgrind's TOOL (callgrind or dhat) measured of the channel at SIZE:
+# instructions, or the heap's peak in bytes
+measure() {
+    local vtool=$1 size=$2 out="$work/$1.$2" status=0 expected=0
     local -a command
     if [[ $channel == tool.* ]]; then
         mkdir -p "$work/in.$size"
         mapfile -t lines < <("$probe" --channel "$channel" --size "$size" --dir "$work/in.$size")
         ((${#lines[@]} >= 2)) || { echo "$channel: the probe wrote no command at size $size" >&2; return 1; }
         expected=${lines[0]}
-        command=(valgrind --tool=callgrind --callgrind-out-file="$out" "$tool" "${lines[@]:1}")
+        command=("$tool" "${lines[@]:1}")
     else
-        command=(valgrind --tool=callgrind --instr-atstart=no --collect-atstart=no --callgrind-out-file="$out"
-                 "$probe" --channel "$channel" --size "$size")
+        command=("$probe" --channel "$channel" --size "$size")
+    fi
+    if [ "$vtool" = callgrind ]; then
+        command=(valgrind --tool=callgrind --callgrind-out-file="$out"
+                 $([[ $channel == tool.* ]] || echo "--instr-atstart=no --collect-atstart=no") "${command[@]}")
+    else
+        command=(valgrind --tool=dhat --dhat-out-file=/dev/null "${command[@]}")
     fi
     "${command[@]}" >/dev/null 2>"$work/log.$size" || status=$?
+    rm -rf "$work/in.$size"
     if [ "$status" != "$expected" ]; then
         echo "$channel: exit status $status at size $size (expected $expected):" >&2
         grep -v '^==' "$work/log.$size" | tail -n 5 >&2
         return 1
     fi
-    rm -rf "$work/in.$size"
-    awk '/^(summary|totals):/ { n = $2 } END { printf "%.0f\n", n }' "$out"
+    if [ "$vtool" = callgrind ]; then
+        awk '/^(summary|totals):/ { n = $2 } END { printf "%.0f\n", n }' "$out"
+    else
+        awk '/At t-gmax:/ { n = $4; gsub(",", "", n) } END { printf "%.0f\n", n }' "$work/log.$size"
+    fi
 }
 
-i1=$(instructions "$n")
-i2=$(instructions $((2 * n)))
-i4=$(instructions $((4 * n)))
-awk -v c="$channel" -v n="$n" -v a="$i1" -v b="$i2" -v d="$i4" -v limit="$limit" 'BEGIN {
+i1=$(measure callgrind "$n")
+i2=$(measure callgrind $((2 * n)))
+i4=$(measure callgrind $((4 * n)))
+m1=$(measure dhat "$n")
+m2=$(measure dhat $((2 * n)))
+m4=$(measure dhat $((4 * n)))
+awk -v c="$channel" -v n="$n" -v a="$i1" -v b="$i2" -v d="$i4" -v ma="$m1" -v mb="$m2" -v md="$m4" -v limit="$limit" 'BEGIN {
     if (b <= a) { printf "%s: no growth from N=%d to 2N (%d, %d instructions): the input does not reach the work\n", c, n, a, b; exit 1 }
     ratio = (d - b) / (b - a)
     printf "%s: N=%d instructions %d, 2N %d, 4N %d; increments ratio %.2f (linear 2, quadratic 4; limit %.2f)\n",
            c, n, a, b, d, ratio, limit
-    if (ratio > limit) { printf "%s: grows faster than linearly\n", c; exit 3 }
+    grows = md - ma >= 65536
+    mratio = mb > ma ? (md - mb) / (mb - ma) : (grows ? 1e9 : 0)
+    printf "%s: heap peak N %d bytes, 2N %d, 4N %d; %s\n", c, ma, mb, md,
+           grows ? sprintf("increments ratio %.2f", mratio) : "flat (less than 64 KiB from N to 4N)"
+    failed = 0
+    if (ratio > limit) { printf "%s: its work grows faster than linearly\n", c; failed = 1 }
+    if (grows && mratio > limit) { printf "%s: its memory grows faster than linearly\n", c; failed = 1 }
+    exit failed ? 3 : 0
 }'

@@ -54,9 +54,25 @@ public:
     size_t n;
 };
 
-const complexity::LibraryChannel gate_check = {
-    "gate.quadratic", "n items compared pairwise (the gate must fail it)",
-    [](mgx_handle_t *, size_t n) -> std::unique_ptr<complexity::Work> { return std::make_unique<Pairs>(n); }};
+// And memory made to grow quadratically (a table of n x n bytes, not touched) by linear work.
+class Table : public complexity::Work {
+public:
+    explicit Table(size_t n) : n(n) {}
+    void run() override {
+        volatile size_t sum = 0;
+        for (size_t i = 0; i < n; ++i) sum = sum + i;
+        table.reset(new char[n * n]); // kept until the work is destroyed, so never left out
+    }
+    size_t n;
+    std::unique_ptr<char[]> table;
+};
+
+const complexity::LibraryChannel gate_checks[] = {
+    {"gate.quadratic", "n items compared pairwise (the gate must fail it)",
+     [](mgx_handle_t *, size_t n) -> std::unique_ptr<complexity::Work> { return std::make_unique<Pairs>(n); }},
+    {"gate.quadratic_memory", "n x n bytes allocated by linear work (the gate must fail it)",
+     [](mgx_handle_t *, size_t n) -> std::unique_ptr<complexity::Work> { return std::make_unique<Table>(n); }},
+};
 
 int run_library(const complexity::LibraryChannel &c, size_t n) {
     mgx_handle_t *h = mgx_handle_create();
@@ -106,7 +122,8 @@ int main(int argc, char **argv) {
             return fail("unknown option " + a);
     }
     if (size == 0) return fail("--size: a number of at least 1 is needed");
-    if (channel == gate_check.name) return run_library(gate_check, size);
+    for (const auto &c : gate_checks)
+        if (channel == c.name) return run_library(c, size);
     for (const auto &c : complexity::library_channels())
         if (channel == c.name) return run_library(c, size);
     for (const auto &c : complexity::tool_channels())
