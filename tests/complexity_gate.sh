@@ -8,15 +8,19 @@
 # and for each,
 #   ratio = (I(4N) - I(2N)) / (I(2N) - I(N))
 # is about 2 for linear growth and about 4 for quadratic growth; fixed costs (start-up, libraries,
-# the handle) cancel in the differences. The instructions' ratio must not exceed LIMIT; so must
-# the heap's, where it grows at all (by 64 KiB or more from N to 4N: below that the peak is set by
-# what every run allocates).
-#   complexity_gate.sh PROBE TOOL CHANNEL N [LIMIT [INSTRUMENTED]]
+# the handle) cancel in the differences. The instructions' ratio must not exceed LIMIT. The heap's
+# must not exceed 3.5, where it grows at all (by 64 KiB or more from N to 4N: below that the peak
+# is set by what every run allocates): blocks that grow by a factor move the peak in steps, so
+# linear memory can show up to about 3 (decode shows 2.89), while quadratic memory shows 4.
+# MEMORY=0 skips the heap (for channels whose operation allocates nothing of its own: the
+# peak would be the input's).
+#   complexity_gate.sh PROBE TOOL CHANNEL N [LIMIT [INSTRUMENTED [MEMORY]]]
 # Status 3 when the channel grows faster than the limit allows, 1 when it could not be measured,
 # 77 (skipped) in an instrumented build (sanitizers, fuzzing: their counts mean nothing) and where
 # valgrind is not installed.
 set -euo pipefail
-probe=$1 tool=$2 channel=$3 n=$4 limit=${5:-2.6} instrumented=${6:-0}
+probe=$1 tool=$2 channel=$3 n=$4 limit=${5:-2.6} instrumented=${6:-0} memory=${7:-1}
+memory_limit=3.5
 if [ "$instrumented" = 1 ]; then
     echo "skipped: an instrumented build"
     exit 77
@@ -65,20 +69,25 @@ measure() {
 i1=$(measure callgrind "$n")
 i2=$(measure callgrind $((2 * n)))
 i4=$(measure callgrind $((4 * n)))
-m1=$(measure dhat "$n")
-m2=$(measure dhat $((2 * n)))
-m4=$(measure dhat $((4 * n)))
-awk -v c="$channel" -v n="$n" -v a="$i1" -v b="$i2" -v d="$i4" -v ma="$m1" -v mb="$m2" -v md="$m4" -v limit="$limit" 'BEGIN {
+m1=0 m2=0 m4=0
+if [ "$memory" = 1 ]; then
+    m1=$(measure dhat "$n")
+    m2=$(measure dhat $((2 * n)))
+    m4=$(measure dhat $((4 * n)))
+fi
+awk -v c="$channel" -v n="$n" -v a="$i1" -v b="$i2" -v d="$i4" -v ma="$m1" -v mb="$m2" -v md="$m4" -v limit="$limit" \
+    -v memory="$memory" -v mlimit="$memory_limit" 'BEGIN {
     if (b <= a) { printf "%s: no growth from N=%d to 2N (%d, %d instructions): the input does not reach the work\n", c, n, a, b; exit 1 }
     ratio = (d - b) / (b - a)
     printf "%s: N=%d instructions %d, 2N %d, 4N %d; increments ratio %.2f (linear 2, quadratic 4; limit %.2f)\n",
            c, n, a, b, d, ratio, limit
     grows = md - ma >= 65536
     mratio = mb > ma ? (md - mb) / (mb - ma) : (grows ? 1e9 : 0)
-    printf "%s: heap peak N %d bytes, 2N %d, 4N %d; %s\n", c, ma, mb, md,
-           grows ? sprintf("increments ratio %.2f", mratio) : "flat (less than 64 KiB from N to 4N)"
+    if (memory)
+        printf "%s: heap peak N %d bytes, 2N %d, 4N %d; %s\n", c, ma, mb, md,
+               grows ? sprintf("increments ratio %.2f (limit %.2f)", mratio, mlimit) : "flat (less than 64 KiB from N to 4N)"
     failed = 0
     if (ratio > limit) { printf "%s: its work grows faster than linearly\n", c; failed = 1 }
-    if (grows && mratio > limit) { printf "%s: its memory grows faster than linearly\n", c; failed = 1 }
+    if (memory && grows && mratio > mlimit) { printf "%s: its memory grows faster than linearly\n", c; failed = 1 }
     exit failed ? 3 : 0
 }'
