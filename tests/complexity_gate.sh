@@ -77,14 +77,14 @@ if [ "$memory" = 1 ]; then
 fi
 awk -v c="$channel" -v n="$n" -v a="$i1" -v b="$i2" -v d="$i4" -v ma="$m1" -v mb="$m2" -v md="$m4" -v limit="$limit" \
     -v memory="$memory" -v mlimit="$memory_limit" 'BEGIN {
-    if (b <= a) { printf "%s: no growth from N=%d to 2N (%d, %d instructions): the input does not reach the work\n", c, n, a, b; exit 1 }
+    if (b <= a) { printf "%s: no growth from N=%d to 2N (%.0f, %.0f instructions): the input does not reach the work\n", c, n, a, b; exit 1 }
     ratio = (d - b) / (b - a)
-    printf "%s: N=%d instructions %d, 2N %d, 4N %d; increments ratio %.2f (linear 2, quadratic 4; limit %.2f)\n",
+    printf "%s: N=%d instructions %.0f, 2N %.0f, 4N %.0f; increments ratio %.2f (linear 2, quadratic 4; limit %.2f)\n",
            c, n, a, b, d, ratio, limit
     grows = md - ma >= 65536
     mratio = mb > ma ? (md - mb) / (mb - ma) : (grows ? 1e9 : 0)
     if (memory)
-        printf "%s: heap peak N %d bytes, 2N %d, 4N %d; %s\n", c, ma, mb, md,
+        printf "%s: heap peak N %.0f bytes, 2N %.0f, 4N %.0f; %s\n", c, ma, mb, md,
                grows ? sprintf("increments ratio %.2f (limit %.2f)", mratio, mlimit) : "flat (less than 64 KiB from N to 4N)"
     failed = 0
     if (ratio > limit) { printf "%s: its work grows faster than linearly\n", c; failed = 1 }
