@@ -28,7 +28,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config libxml2-dev zlib1g-dev nettle-dev
-          libgtest-dev libgmock-dev libbenchmark-dev)
+          libgtest-dev libgmock-dev libbenchmark-dev valgrind)
 
 # Only the benchmarks need these: the comparator's library and compiler.
 bench_packages=(libprotobuf-dev protobuf-compiler)
