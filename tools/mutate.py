@@ -15,8 +15,9 @@ import tempfile
 import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-# Slow gates that only repeat what the suite checks faster, or do not build the library at all.
-EXCLUDED_TESTS = "soak|package"
+# Slow gates that only repeat what the suite checks faster, or do not build the library at all; the
+# complexity gate, which proves itself on work made quadratic on purpose (complexity.gate_*).
+EXCLUDED_TESTS = "soak|package|complexity"
 
 
 def faults(path):
