@@ -13,6 +13,7 @@
 #include "bench/ours.h"
 #include "ovrin_sm/ops.h"
 #include "runtime/trace_format.h"
+#include "tests/elf_write.h"
 
 namespace complexity {
 
@@ -21,36 +22,13 @@ namespace {
 using bench::kLuid;
 using Bytes = std::vector<uint8_t>;
 
-// The operations of one message type that the channels use.
-template <class T> struct TypeOps {
-    const char *name;
-    T *(*create)(mgx_handle_t *, uint32_t);
-    void (*destroy)(mgx_handle_t *, uint32_t, T *);
-    uint32_t (*adjust_variant)(mgx_handle_t *, uint32_t, T *, uint32_t *);
-    uint32_t (*len)(mgx_handle_t *, uint32_t, const T *);
-    uint32_t (*marshal)(mgx_handle_t *, uint32_t, uint8_t *, const T *, int32_t, uint32_t *);
-    uint32_t (*unmarshal)(mgx_handle_t *, uint32_t, const uint8_t *, T *, int32_t, uint32_t, uint32_t *);
-    void (*clone)(mgx_handle_t *, uint32_t, const T *, T **, uint8_t *, uint32_t, uint32_t *);
-    int32_t (*compare)(const T *, const T *);
-    uint32_t (*hash)(const T *, uint32_t);
-    uint32_t (*to_xml)(mgx_handle_t *, uint32_t, const char *, char *, const T *, uint32_t, uint8_t, uint32_t *);
-    void (*from_xml)(mgx_handle_t *, uint32_t, const char *, void *, T *, uint32_t *, char *, uint32_t);
-    uint32_t (*print)(mgx_handle_t *, uint32_t, char *, uint32_t, const char *, const T *, uint32_t, uint32_t *);
-};
-
-#define OVRIN_COMPLEXITY_OPS(t)                                                                                   \
-    TypeOps<t> {                                                                                                  \
-        #t, t##_create, t##_destroy, t##_adjust_variant, t##_len, t##_marshal, t##_unmarshal, t##_clone,        \
-            t##_compare, t##_hash, t##_to_xml, t##_from_xml, t##_print                                            \
-    }
-
 using Records = sess_mgr_sess_attr_query_resp; // n entries of a label and 4 attributes
 using Attrs = sess_mgr_query_resp;             // one label and n attributes
 using Names = ovrin_svm_epm_notify_domain_name_bind; // n domain names
 
-const auto kRecords = OVRIN_COMPLEXITY_OPS(sess_mgr_sess_attr_query_resp);
-const auto kAttrs = OVRIN_COMPLEXITY_OPS(sess_mgr_query_resp);
-const auto kNames = OVRIN_COMPLEXITY_OPS(ovrin_svm_epm_notify_domain_name_bind);
+const auto kRecords = OVRIN_BENCH_OPS(sess_mgr_sess_attr_query_resp);
+const auto kAttrs = OVRIN_BENCH_OPS(sess_mgr_query_resp);
+const auto kNames = OVRIN_BENCH_OPS(ovrin_svm_epm_notify_domain_name_bind);
 
 uint32_t u32(size_t n) { return static_cast<uint32_t>(n); }
 
@@ -100,7 +78,7 @@ Names *make(mgx_handle_t *h, size_t n, const Names *) {
     return nullptr;
 }
 
-template <class T> Bytes encode(const TypeOps<T> &ops, mgx_handle_t *h, const T *t, uint32_t *err) {
+template <class T> Bytes encode(const bench::Ops<T> &ops, mgx_handle_t *h, const T *t, uint32_t *err) {
     Bytes wire(ops.len(h, kLuid, t));
     wire.resize(ops.marshal(h, kLuid, wire.data(), t, static_cast<int32_t>(wire.size()), err));
     return wire;
@@ -119,7 +97,7 @@ template <class Write> std::string whole_text(Write write) {
     }
 }
 
-template <class T> std::string xml_of(const TypeOps<T> &ops, mgx_handle_t *h, const T *t) {
+template <class T> std::string xml_of(const bench::Ops<T> &ops, mgx_handle_t *h, const T *t) {
     return whole_text([&](char *out, uint32_t size, uint32_t *err) { return ops.to_xml(h, kLuid, ops.name, out, t, size, 0, err); });
 }
 
@@ -128,7 +106,7 @@ template <class T> std::string xml_of(const TypeOps<T> &ops, mgx_handle_t *h, co
 // A built instance of size n that the work owns.
 template <class T> class WithMessage : public Work {
 public:
-    WithMessage(const TypeOps<T> &ops, mgx_handle_t *h, size_t n) : ops(ops), h(h), msg(make(h, n, static_cast<const T *>(nullptr))) {
+    WithMessage(const bench::Ops<T> &ops, mgx_handle_t *h, size_t n) : ops(ops), h(h), msg(make(h, n, static_cast<const T *>(nullptr))) {
         if (!msg) fail("cannot build the message");
     }
     ~WithMessage() override {
@@ -144,7 +122,7 @@ public:
         if (err) fail(std::string(op) + " failed: error " + std::to_string(err));
     }
 
-    const TypeOps<T> &ops;
+    const bench::Ops<T> &ops;
     mgx_handle_t *h;
     T *msg;
 };
@@ -174,7 +152,7 @@ std::unique_ptr<Work> prepare_decode(mgx_handle_t *h, size_t n) {
 template <class T> class Simple : public WithMessage<T> {
 public:
     using Op = void (*)(Simple &);
-    Simple(const TypeOps<T> &ops, mgx_handle_t *h, size_t n, Op op) : WithMessage<T>(ops, h, n), op(op) {}
+    Simple(const bench::Ops<T> &ops, mgx_handle_t *h, size_t n, Op op) : WithMessage<T>(ops, h, n), op(op) {}
     ~Simple() override {
         if (other) this->ops.destroy(this->h, kLuid, other);
     }
@@ -261,7 +239,7 @@ std::unique_ptr<Work> prepare_to_xml(mgx_handle_t *h, size_t n) {
 // Parsing a document of size n and reading it into a new instance, as a receiver of XML does.
 template <class T> class FromXml : public Work {
 public:
-    FromXml(const TypeOps<T> &ops, mgx_handle_t *h, size_t n) : ops(ops), h(h) {
+    FromXml(const bench::Ops<T> &ops, mgx_handle_t *h, size_t n) : ops(ops), h(h) {
         T *msg = make(h, n, static_cast<const T *>(nullptr));
         if (!msg) {
             fail("cannot build the message");
@@ -283,7 +261,7 @@ public:
         if (doc) mgx_xml_document_free(doc);
     }
 
-    const TypeOps<T> &ops;
+    const bench::Ops<T> &ops;
     mgx_handle_t *h;
     std::string xml;
 };
@@ -335,7 +313,7 @@ bool write_file(const std::string &path, const std::string &s, std::string &erro
 }
 
 // Builds an instance on a handle of its own, hands it to use, and checks that nothing leaked.
-template <class T, class Use> bool with_instance(const TypeOps<T> &ops, size_t n, std::string &error, Use use) {
+template <class T, class Use> bool with_instance(const bench::Ops<T> &ops, size_t n, std::string &error, Use use) {
     mgx_handle_t *h = mgx_handle_create();
     T *t = h ? make(h, n, static_cast<const T *>(nullptr)) : nullptr;
     bool ok = t && use(h, t);
@@ -386,61 +364,7 @@ bool write_decode_xml(const std::string &dir, size_t n, ToolRun &run, std::strin
     return write_decode(dir, n, run, error, true);
 }
 
-struct Section {
-    std::string name;
-    uint32_t type;
-    Bytes contents;
-};
-
-// A 64-bit little-endian ELF file holding only the given sections and the section name table:
-// what the tool's readers look at, without any code.
-Bytes elf_file(std::vector<Section> sections) {
-    Bytes names(1, 0);
-    auto add_name = [&names](const std::string &name) { // with its NUL
-        names.insert(names.end(), name.c_str(), name.c_str() + name.size() + 1);
-    };
-    for (const Section &s : sections) add_name(s.name);
-    const std::string shstrtab = ".shstrtab";
-    size_t shstrtab_name = names.size();
-    add_name(shstrtab);
-    sections.push_back({shstrtab, SHT_STRTAB, names});
-
-    Bytes data(sizeof(Elf64_Ehdr), 0);
-    std::vector<Elf64_Shdr> headers(1, Elf64_Shdr{});
-    uint32_t name_at = 1;
-    for (const Section &s : sections) {
-        while (data.size() % 8) data.push_back(0);
-        Elf64_Shdr sh{};
-        sh.sh_name = s.name == shstrtab ? uint32_t(shstrtab_name) : name_at;
-        name_at += u32(s.name.size() + 1);
-        sh.sh_type = s.type;
-        sh.sh_offset = data.size();
-        sh.sh_size = s.contents.size();
-        sh.sh_addralign = 1;
-        data.insert(data.end(), s.contents.begin(), s.contents.end());
-        headers.push_back(sh);
-    }
-    while (data.size() % 8) data.push_back(0);
-    Elf64_Ehdr eh{};
-    std::memcpy(eh.e_ident, ELFMAG, SELFMAG);
-    eh.e_ident[EI_CLASS] = ELFCLASS64;
-    eh.e_ident[EI_DATA] = ELFDATA2LSB;
-    eh.e_ident[EI_VERSION] = EV_CURRENT;
-    eh.e_type = ET_DYN;
-    eh.e_machine = EM_X86_64;
-    eh.e_version = EV_CURRENT;
-    eh.e_shoff = data.size();
-    eh.e_ehsize = sizeof(Elf64_Ehdr);
-    eh.e_shentsize = sizeof(Elf64_Shdr);
-    eh.e_shnum = static_cast<uint16_t>(headers.size());
-    eh.e_shstrndx = static_cast<uint16_t>(headers.size() - 1);
-    std::memcpy(data.data(), &eh, sizeof eh);
-    for (const Elf64_Shdr &sh : headers) {
-        const auto *p = reinterpret_cast<const uint8_t *>(&sh);
-        data.insert(data.end(), p, p + sizeof sh);
-    }
-    return data;
-}
+using ovrin::testing::elf_file;
 
 // `manifest` of a library whose manifest section holds n type records.
 bool write_manifest(const std::string &dir, size_t n, ToolRun &run, std::string &error) {

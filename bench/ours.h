@@ -17,6 +17,29 @@ ovrin_smd_in_event *build(mgx_handle_t *h, const Medium &c);
 ovrin_smd_resp_event *build(mgx_handle_t *h, const Large &c);
 sess_mgr_sess_attr_query_resp *build(mgx_handle_t *h, const Bulk &c);
 
+// The operations of one ovrin_sm message type that the benchmarks use.
+template <class T> struct Ops {
+    const char *name;
+    T *(*create)(mgx_handle_t *, uint32_t);
+    void (*destroy)(mgx_handle_t *, uint32_t, T *);
+    uint32_t (*adjust_variant)(mgx_handle_t *, uint32_t, T *, uint32_t *);
+    uint32_t (*len)(mgx_handle_t *, uint32_t, const T *);
+    uint32_t (*marshal)(mgx_handle_t *, uint32_t, uint8_t *, const T *, int32_t, uint32_t *);
+    uint32_t (*unmarshal)(mgx_handle_t *, uint32_t, const uint8_t *, T *, int32_t, uint32_t, uint32_t *);
+    void (*clone)(mgx_handle_t *, uint32_t, const T *, T **, uint8_t *, uint32_t, uint32_t *);
+    int32_t (*compare)(const T *, const T *);
+    uint32_t (*hash)(const T *, uint32_t);
+    uint32_t (*to_xml)(mgx_handle_t *, uint32_t, const char *, char *, const T *, uint32_t, uint8_t, uint32_t *);
+    void (*from_xml)(mgx_handle_t *, uint32_t, const char *, void *, T *, uint32_t *, char *, uint32_t);
+    uint32_t (*print)(mgx_handle_t *, uint32_t, char *, uint32_t, const char *, const T *, uint32_t, uint32_t *);
+};
+
+#define OVRIN_BENCH_OPS(t)                                                                                        \
+    ::bench::Ops<t> {                                                                                           \
+        #t, t##_create, t##_destroy, t##_adjust_variant, t##_len, t##_marshal, t##_unmarshal, t##_clone,        \
+            t##_compare, t##_hash, t##_to_xml, t##_from_xml, t##_print                                            \
+    }
+
 } // namespace bench
 
 #endif

@@ -34,6 +34,7 @@
 #include "fuzz/trace_paths.h"
 #include "ovrin_sm/ops.h"
 #include "runtime/elf_file.h"
+#include "tests/elf_write.h"
 #include "runtime/trace_format.h"
 #include "tests/sm_type_ops.h"
 
@@ -173,63 +174,8 @@ const char *bundle_path() {
     return info.dli_fname;
 }
 
-struct OutSection {
-    std::string name;
-    uint32_t type;
-    Bytes contents;
-    uint32_t link = 0;
-    uint64_t entsize = 0;
-};
-
-// A 64-bit little-endian ELF file holding only the given sections (section 0 and the section
-// name table are added): what the readers look at, without the code.
-Bytes small_elf(const std::vector<OutSection> &sections) {
-    Bytes names(1, 0);
-    std::vector<Elf64_Shdr> headers(1, Elf64_Shdr{});
-    Bytes data(sizeof(Elf64_Ehdr), 0);
-    auto add = [&](const std::string &name, uint32_t type, const Bytes &contents, uint32_t link, uint64_t entsize) {
-        while (data.size() % 8) data.push_back(0);
-        Elf64_Shdr s{};
-        s.sh_name = static_cast<uint32_t>(names.size());
-        names.insert(names.end(), name.begin(), name.end());
-        names.push_back(0);
-        s.sh_type = type;
-        s.sh_offset = data.size();
-        s.sh_size = contents.size();
-        s.sh_link = link;
-        s.sh_entsize = entsize;
-        s.sh_addralign = 1;
-        data.insert(data.end(), contents.begin(), contents.end());
-        headers.push_back(s);
-    };
-    for (const OutSection &s : sections) add(s.name, s.type, s.contents, s.link, s.entsize);
-    Bytes own_names = names;
-    std::string shstrtab = ".shstrtab";
-    own_names.insert(own_names.end(), shstrtab.begin(), shstrtab.end());
-    own_names.push_back(0);
-    add(shstrtab, SHT_STRTAB, own_names, 0, 0);
-    while (data.size() % 8) data.push_back(0);
-
-    Elf64_Ehdr eh{};
-    std::memcpy(eh.e_ident, ELFMAG, SELFMAG);
-    eh.e_ident[EI_CLASS] = ELFCLASS64;
-    eh.e_ident[EI_DATA] = ELFDATA2LSB;
-    eh.e_ident[EI_VERSION] = EV_CURRENT;
-    eh.e_type = ET_DYN;
-    eh.e_machine = EM_X86_64;
-    eh.e_version = EV_CURRENT;
-    eh.e_shoff = data.size();
-    eh.e_ehsize = sizeof(Elf64_Ehdr);
-    eh.e_shentsize = sizeof(Elf64_Shdr);
-    eh.e_shnum = static_cast<uint16_t>(headers.size());
-    eh.e_shstrndx = static_cast<uint16_t>(headers.size() - 1);
-    std::memcpy(data.data(), &eh, sizeof eh);
-    for (const Elf64_Shdr &h : headers) {
-        const uint8_t *p = reinterpret_cast<const uint8_t *>(&h);
-        data.insert(data.end(), p, p + sizeof h);
-    }
-    return data;
-}
+using OutSection = ovrin::testing::ElfSection;
+using ovrin::testing::elf_file;
 
 // The bundle's library cut down: its manifest and message texts sections, and its first few
 // exported symbols with their names.
@@ -261,7 +207,7 @@ Bytes small_bundle() {
         out.push_back({".dynstr", SHT_STRTAB, new_strings});
         out.push_back({".dynsym", SHT_DYNSYM, new_symbols, static_cast<uint32_t>(out.size()), sizeof(Elf64_Sym)});
     }
-    return small_elf(out);
+    return elf_file(out);
 }
 
 void write_library_seeds(const fs::path &dir) {
@@ -330,7 +276,7 @@ void write_trace_seeds(const fs::path &dir, const fs::path &files_dir) {
 
     // trace_files: [libraries][u32 length, file]...[trace], library paths "@0", "@1"
     Bytes bundle = small_bundle();
-    Bytes own = small_elf({{".seed_texts", SHT_PROGBITS, mgx::tracefmt::texts_section(seed_texts)}});
+    Bytes own = elf_file({{".seed_texts", SHT_PROGBITS, mgx::tracefmt::texts_section(seed_texts)}});
     Bytes from_bundle = record_trace(dir / "bundle.tmp", bundle_emissions);
     auto to = [](const char *name) { return [name](const std::string &) { return std::string(name); }; };
     auto with = [](uint8_t mode, const std::vector<const Bytes *> &libraries, const Bytes &trace) {

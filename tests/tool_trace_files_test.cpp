@@ -21,6 +21,7 @@
 
 #include "cli/commands.h"
 #include "runtime/trace_format.h"
+#include "tests/elf_write.h"
 #include "tests/sm_heap.h"
 
 namespace {
@@ -29,39 +30,11 @@ namespace fmt = mgx::tracefmt;
 namespace fs = std::filesystem;
 using Bytes = std::vector<uint8_t>;
 
-// A 64-bit ELF file holding the given sections and their name table, nothing else.
+// A library file holding the given sections (PROGBITS) and their name table, nothing else.
 Bytes elf_file(const std::vector<std::pair<std::string, Bytes>> &sections) {
-    Bytes data(sizeof(Elf64_Ehdr)), names(1);
-    std::vector<Elf64_Shdr> headers(1);
-    auto add = [&](const std::string &name, uint32_t type, const Bytes &bytes) {
-        Elf64_Shdr h{};
-        h.sh_name = static_cast<uint32_t>(names.size());
-        names.insert(names.end(), name.begin(), name.end());
-        names.push_back(0);
-        h.sh_type = type;
-        h.sh_offset = data.size();
-        h.sh_size = bytes.size();
-        data.insert(data.end(), bytes.begin(), bytes.end());
-        headers.push_back(h);
-    };
-    for (const auto &[name, bytes] : sections) add(name, SHT_PROGBITS, bytes);
-    Bytes own = names;
-    const std::string shstrtab = ".shstrtab";
-    own.insert(own.end(), shstrtab.begin(), shstrtab.end() + 1);
-    add(shstrtab, SHT_STRTAB, own);
-    while (data.size() % 8) data.push_back(0);
-    Elf64_Ehdr eh{};
-    std::memcpy(eh.e_ident, ELFMAG, SELFMAG);
-    eh.e_ident[EI_CLASS] = ELFCLASS64;
-    eh.e_ident[EI_DATA] = ELFDATA2LSB;
-    eh.e_shoff = data.size();
-    eh.e_shentsize = sizeof(Elf64_Shdr);
-    eh.e_shnum = static_cast<uint16_t>(headers.size());
-    eh.e_shstrndx = static_cast<uint16_t>(headers.size() - 1);
-    std::memcpy(data.data(), &eh, sizeof eh);
-    const auto *h = reinterpret_cast<const uint8_t *>(headers.data());
-    data.insert(data.end(), h, h + headers.size() * sizeof(Elf64_Shdr));
-    return data;
+    std::vector<ovrin::testing::ElfSection> out;
+    for (const auto &[name, bytes] : sections) out.push_back({name, SHT_PROGBITS, bytes});
+    return ovrin::testing::elf_file(out);
 }
 
 uint32_t crc_of(const std::vector<std::string> &texts) {
