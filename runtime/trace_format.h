@@ -258,10 +258,10 @@ inline bool takes(const Conversion &c, const Arg &a) {
 
 // One conversion formatted with its argument, into a buffer sized for the most it can yield.
 inline void format_one(const Conversion &c, const Arg &a, std::string &out) {
-    std::string spec = "%" + c.flags;
-    if (c.width >= 0) spec += std::to_string(c.width);
-    if (c.precision >= 0) spec += "." + std::to_string(c.precision);
-    spec.push_back(c.conv);
+    std::string format = "%" + c.flags;
+    if (c.width >= 0) format += std::to_string(c.width);
+    if (c.precision >= 0) format += "." + std::to_string(c.precision);
+    format.push_back(c.conv);
     size_t room = static_cast<size_t>(std::max<int64_t>({c.width, c.precision, 0})) +
                   (a.kind == 's' ? a.text.size() : 32) + 1;
     std::string buf(room, '\0');
@@ -269,13 +269,13 @@ inline void format_one(const Conversion &c, const Arg &a, std::string &out) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
     if (a.kind == 's')
-        n = std::snprintf(buf.data(), room, spec.c_str(), a.text.c_str());
+        n = std::snprintf(buf.data(), room, format.c_str(), a.text.c_str());
     else if (a.kind == 'p')
-        n = std::snprintf(buf.data(), room, spec.c_str(), reinterpret_cast<void *>(static_cast<uintptr_t>(a.value)));
+        n = std::snprintf(buf.data(), room, format.c_str(), reinterpret_cast<void *>(static_cast<uintptr_t>(a.value)));
     else if (a.kind == 'd')
-        n = std::snprintf(buf.data(), room, spec.c_str(), static_cast<int32_t>(static_cast<uint32_t>(a.value)));
+        n = std::snprintf(buf.data(), room, format.c_str(), static_cast<int32_t>(static_cast<uint32_t>(a.value)));
     else
-        n = std::snprintf(buf.data(), room, spec.c_str(), static_cast<uint32_t>(a.value));
+        n = std::snprintf(buf.data(), room, format.c_str(), static_cast<uint32_t>(a.value));
 #pragma GCC diagnostic pop
     if (n > 0) out.append(buf, 0, std::min(static_cast<size_t>(n), room - 1));
 }
