@@ -22,6 +22,13 @@ namespace {
 
 bool space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
 
+// A character of a name in a declaration (any byte of a multi-byte character among them).
+bool word_char(char c) {
+    auto u = static_cast<unsigned char>(c);
+    return (u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') || u == '_' || u == '-' ||
+           u == '.' || u == ':' || u >= 0x80;
+}
+
 struct Scan {
     const char *text;
     size_t n, i = 0;
@@ -68,18 +75,26 @@ struct Scan {
     }
 
     // A declaration, up to its '>' outside brackets and quotes; each markup declaration in an
-    // internal subset is a node. Comments and processing instructions in it are stepped over
-    // whole: a quote in them opens nothing.
+    // internal subset is a node, and each word outside quotes a name (the names it declares, and a
+    // few keywords). Comments and processing instructions in it are stepped over whole: a quote in
+    // them opens nothing.
     bool declaration() {
         int brackets = 0;
         char quote = 0;
+        size_t word = 0; // where the word being read began, 0 outside one
         for (++i; i < n; ++i) {
+            char c = text[i];
+            if (!quote && word_char(c)) {
+                if (!word) word = i;
+                continue;
+            }
+            if (word && !name(word, {text + word, i - word})) return false;
+            word = 0;
             if (!quote && (starts("<!--") || starts("<?"))) {
                 skip_to(starts("<?") ? "?>" : "-->");
                 --i; // the loop steps past the end marker's last character
                 continue;
             }
-            char c = text[i];
             if (quote) {
                 if (c == quote) quote = 0;
             } else if (c == '"' || c == '\'') {

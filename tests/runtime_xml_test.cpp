@@ -230,11 +230,15 @@ TEST_F(XmlTest, DocumentLimitsAreCountedBeforeParsing) {
     EXPECT_EQ(read_answer(nested(MGX_XML_MAX_DEPTH + 1)), "line 1: elements nest deeper than 128 levels");
     EXPECT_EQ(read_answer("<r>" + std::string(MGX_XML_MAX_DEPTH, '\n') + "<a/><a/></r>"), "read");
 
-    // Names: of elements, attributes and entities, each counted once however often it is used.
-    std::string names = "<!DOCTYPE r [<!ENTITY e0 'x'>]><r>&e0;&e0;";
-    for (unsigned i = 1; i < MGX_XML_MAX_NAMES - 2; i += 2) names += "<n" + std::to_string(i) + " n" + std::to_string(i + 1) + "='1'/><r/>";
+    // Names: of elements, attributes and entities, and every word of a declaration (DOCTYPE, r,
+    // ENTITY, e0 here), each counted once however often it is used.
+    std::string names = "<!DOCTYPE r [<!ENTITY e0 'x y'>]><r>&e0;&e0;";
+    for (unsigned i = 1; i < MGX_XML_MAX_NAMES - 4; i += 2) names += "<n" + std::to_string(i) + " n" + std::to_string(i + 1) + "='1'/><r/>";
     EXPECT_EQ(read_answer(names + "</r>"), "read");
     EXPECT_EQ(read_answer(names + "<r x='1'/></r>"), "line 1: the document has more than 10000 distinct names");
+    std::string declared = "<!DOCTYPE r [";
+    for (unsigned i = 0; i < MGX_XML_MAX_NAMES; ++i) declared += "\n<!ENTITY e" + std::to_string(i) + " 'x'>";
+    EXPECT_EQ(read_answer(declared + "]><r/>"), "line 9999: the document has more than 10000 distinct names");
 }
 
 } // namespace
