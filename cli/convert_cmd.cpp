@@ -230,7 +230,7 @@ int ovrin_cmd_encode(int argc, char **argv) {
     char why[512] = "";
     void *doc = mgx_xml_document_read(reinterpret_cast<const char *>(input.data()), input.size(), why, sizeof why);
     if (!doc) {
-        std::fprintf(stderr, "ovrin-sm: the input is not a well-formed XML document: %s\n", why);
+        std::fprintf(stderr, "ovrin-sm: cannot read the input as an XML document: %s\n", why);
         return exit_failure;
     }
     // The input is not needed any more: the document is all that is read from here on.

@@ -53,7 +53,7 @@ $ev<cl_name><cl_name_len>6</cl_name_len><client_name>alice</client_name></cl_nam
 <sess_mgr_new_client_notif><attr_list><attr><type>1</type><type>2</type><value>ab</value></attr></attr_list></sess_mgr_new_client_notif>|/sess_mgr_new_client_notif/attr_list/attr[1]: type or value given more than once; only the first is read
 CASES
 # Not well-formed, the wrong root, bytes that are not hex or hex without --hex: each says where.
-printf '<a>\n<b></a>' | expect 1 "not a well-formed XML document: line 2, column" encode sess_mgr_register -
+printf '<a>\n<b></a>' | expect 1 "cannot read the input as an XML document: line 2, column" encode sess_mgr_register -
 printf '<sess_mgr_registr/>' | expect 1 "the root element is <sess_mgr_registr>; a sess_mgr_register document has <sess_mgr_register>" encode sess_mgr_register
 printf '00 2f\n00 zz' | expect 1 "'z' at line 2, column 4 is not a hexadecimal digit" decode sess_mgr_register --hex
 # A length that is not a number is left to the library's reader, which names it.
