@@ -82,12 +82,15 @@ TEST_F(XmlTest, PathQueriesAnswerAsXPathDoes) {
         // Same-named siblings apart, among namespaced namesakes and others' children of their name.
         "<r><b>0</b><a><b>1</b></a><p:a xmlns:p='urn:p'><b>x</b></p:a><q><a>in</a></q><a/><a xmlns='urn:d'>d</a>"
         "<a><b>2</b><b>3</b></a><b>4</b><a><b>5</b><c/></a></r>",
+        // Names that begin one another.
+        "<r><ab>1</ab><abc><a>2</a></abc><a><b>3</b></a><b2>4</b2><a><bb>5</bb><b>6</b></a></r>",
     };
     const char *paths[] = {
         "r", "/r", "r/a", "r/a/b", "/r/a/b", "r/a[2]/b", "r/a/b[2]", "r/a[4]/b[2]", "r/a[1]/b[1]", "r/a[007]/b",
         "r/a[9]", "r/b", "r/a/c", "r/a/b/x", "a", "r/q/a", "r/q[2]/a", "r/p:a", "r/m", "r/m/i", "r/e", "r/e[2]",
         "r/e/i", "r/d", "r/d[2]", "r/w", "r/w[2]", "r/u-v.w_1", "r/and", "r/text", "r/a/y", "r/a/x", "r/a[2]/y",
-        "r/a[2]", "r/a[2]/x", "r/b/c/e", "r/b/c/d", "r/b[2]/c/e", "r/b[2]/c", "r/b[2]/c/d",
+        "r/a[2]", "r/a[2]/x", "r/b/c/e", "r/b/c/d", "r/b[2]/c/e", "r/b[2]/c", "r/b[2]/c/d", "r/ab", "r/abc/a",
+        "r/a[2]/bb", "r/b2",
         // not of the simple form: left to the XPath engine
         "//b", "r//b", "r/*", "r/a/..", ".", "r/.", "r/a[0]", "r/a[99999999999]", "r/a[last()]", "r/a[1][1]",
         "r/a[b]", "r/a[ 1]", "r /a", "r/@x", "r/a/b/text()", "r/comment()", "r/namespace::*", "r/a/b | r/b", "/",
@@ -134,6 +137,21 @@ TEST_F(XmlTest, PathQueriesAnswerAsXPathDoes) {
                 EXPECT_EQ(std::string(buf), want);
             }
         }
+    }
+    // Two documents of the same shape read in turns, on one thread and path by path as records
+    // are: each answers from itself, whichever was read last.
+    {
+        auto one = parse_xml("<r><a><b>1</b></a><a><b>2</b><c>3</c></a></r>");
+        auto two = parse_xml("<r><a><b>4</b></a><a><b>5</b><c>6</c></a></r>");
+        const char *paths_in_turn[] = {"r/a[2]/b", "r/a[2]/c", "r/a/b", "r/a[1]/b"};
+        for (const char *path : paths_in_turn)
+            for (void *doc : {one.get(), two.get(), one.get()}) {
+                char got[8] = "";
+                uint32_t n = 0;
+                ASSERT_EQ(xml_get_element_value(doc, path, got, sizeof got, &n), 0u) << path;
+                int want = path[4] == '2' ? (path[7] == 'b' ? 2 : 3) : 1;
+                EXPECT_EQ(got[0] - '0', want + (doc == two.get() ? 3 : 0)) << path;
+            }
     }
     // A document freed and another read (most likely into the same memory): the reader answers
     // from the new one.
