@@ -145,6 +145,9 @@ TEST_F(Lifecycle, OidMappingOutcomes) {
     EXPECT_EQ(mgx_handle_live_allocations(h), 1u);
 }
 
+// A copy of an attribute list set into another record holds its own reference to each object (the
+// count goes up with the set and back down with that record's destroy); a clone copies what the
+// wire carries, which holds no reference; destroy releases what the list holds.
 TEST_F(Lifecycle, DestroyReleasesTheReferencesOfAttributeLists) {
     auto *target = own(sess_mgr_conn_hdl_create(h, 1), sess_mgr_conn_hdl_destroy);
     uint64_t oid = mgx_oid_map(h, target);
@@ -152,6 +155,17 @@ TEST_F(Lifecycle, DestroyReleasesTheReferencesOfAttributeLists) {
         sess_mgr_session_start *s = sess_mgr_session_start_create(h, 1);
         aaa_tlv_add_object_reference(h, 1, &s->identity_attrs, oid, &err);
         ASSERT_EQ(err, 0u);
+        EXPECT_EQ(mgx_oid_ref_count(h, oid), 1u);
+        sess_mgr_session_start *copy = nullptr, *other = sess_mgr_session_start_create(h, 1);
+        sess_mgr_session_start_identity_attrs_set(h, 1, other, &s->identity_attrs, &err);
+        ASSERT_EQ(err, 0u);
+        EXPECT_EQ(mgx_oid_ref_count(h, oid), 2u);
+        std::vector<uint8_t> scratch(sess_mgr_session_start_len(h, 1, s) + 16);
+        sess_mgr_session_start_clone(h, 1, s, &copy, scratch.data(), uint32_t(scratch.size()), &err);
+        ASSERT_EQ(err, 0u);
+        EXPECT_EQ(aaa_tlv_get_oid_count(h, 1, &copy->identity_attrs, &err), 0u);
+        sess_mgr_session_start_destroy(h, 1, copy);
+        sess_mgr_session_start_destroy(h, 1, other);
         EXPECT_EQ(mgx_oid_ref_count(h, oid), 1u);
         if (fail) mgx_handle_fail_oid_ref_release(h, fail);
         sess_mgr_session_start_destroy(h, 1, s);
