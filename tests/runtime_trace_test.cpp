@@ -62,6 +62,15 @@ TEST(Trace, ModulesRegisterOnceAndRecordsAreBoundedWithNamesThatStayValid) {
     EXPECT_STREQ(mgx_trace_text(4095), "message 4999");
     mgx_trace_clear();
     EXPECT_EQ(mgx_trace_dropped(), 0u);
+
+    // The dependent-bundle calls: the newest 256, oldest first.
+    mgx_bundle_calls_clear();
+    for (uint64_t i = 0; i < 300; ++i) aaa_proxy_bundle_handler_register(i);
+    ASSERT_EQ(mgx_bundle_call_count(), 256u);
+    EXPECT_STREQ(mgx_bundle_call(0), "aaa_proxy_bundle_handler_register(0x2c)");
+    EXPECT_STREQ(mgx_bundle_call(255), "aaa_proxy_bundle_handler_register(0x12b)");
+    mgx_bundle_calls_clear();
+    EXPECT_EQ(mgx_bundle_call_count(), 0u);
 }
 
 TEST(Trace, EmissionsAreRenderedAndCaptured) {
