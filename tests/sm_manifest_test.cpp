@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <cctype>
 #include <iterator>
 #include <map>
@@ -14,6 +15,7 @@
 #include "cli/elf_sections.h"
 #include "mgx/runtime.h"
 #include "runtime/trace_format.h"
+#include "tests/elf_write.h"
 #include "tests/prim_fixture.h"
 #include "ovrin_sm/ops.h"
 
@@ -155,6 +157,60 @@ TEST_F(LibraryFile, ExportsExactlyTheCataloguesSymbols) {
     std::set<std::string> exported(exported_list.begin(), exported_list.end());
     for (const std::string &name : exported) EXPECT_TRUE(expected.count(name)) << "exported but not in the catalogue: " << name;
     for (const std::string &name : expected) EXPECT_TRUE(exported.count(name)) << "missing: " << name;
+}
+
+// The file readers at their bounds: what ends exactly at the end of the file or section is read,
+// what ends one byte past it is refused.
+TEST(FileReaders, WhatEndsAtTheEndIsReadAndOneBytePastIsRefused) {
+    std::vector<uint8_t> file = ovrin::testing::elf_file({{".t", SHT_PROGBITS, {1, 2, 3}}});
+    Elf64_Ehdr eh;
+    std::memcpy(&eh, file.data(), sizeof eh);
+    ASSERT_EQ(eh.e_shoff + eh.e_shnum * sizeof(Elf64_Shdr), file.size()); // the headers end the file
+    std::string error;
+    EXPECT_TRUE(mgx::elf::parse(file, "f", error)) << error;
+    EXPECT_FALSE(mgx::elf::parse({file.begin(), file.end() - 1}, "f", error));
+    EXPECT_EQ(error, "f: 3 section headers at byte " + std::to_string(eh.e_shoff) + " lie outside the file (" +
+                         std::to_string(file.size() - 1) + " bytes)");
+
+    // Section 1 stretched to the end of the file, then one byte further.
+    Elf64_Shdr sh;
+    const size_t at = eh.e_shoff + sizeof(Elf64_Shdr);
+    std::memcpy(&sh, file.data() + at, sizeof sh);
+    for (uint64_t past : {0, 1}) {
+        sh.sh_size = file.size() - sh.sh_offset + past;
+        std::memcpy(file.data() + at, &sh, sizeof sh);
+        auto f = mgx::elf::parse(file, "f", error);
+        ASSERT_EQ(bool(f), !past) << error;
+        if (f) EXPECT_EQ(f->contents(*f->find(".t")).size(), sh.sh_size);
+        else EXPECT_EQ(error, "f: section 1 (.t) at byte " + std::to_string(sh.sh_offset) + ", " + std::to_string(sh.sh_size) +
+                                  " bytes, lies outside the file (" + std::to_string(file.size()) + " bytes)");
+    }
+
+    // Manifest records: the last one ending at the section's end (no padding after it), or past it;
+    // fewer than a record header's bytes left over are not a record.
+    auto record = [](uint32_t length, uint32_t kind, const std::string &text) {
+        std::vector<uint8_t> r(8);
+        std::memcpy(r.data(), &length, 4);
+        std::memcpy(r.data() + 4, &kind, 4);
+        r.insert(r.end(), text.begin(), text.end());
+        return r;
+    };
+    std::vector<uint8_t> section = record(4, 1, std::string("abc\0", 4));
+    std::vector<uint8_t> last = record(3, 2, "xyz");
+    section.insert(section.end(), last.begin(), last.end());
+    std::vector<ovrin::elf::ManifestRecord> records;
+    ASSERT_TRUE(ovrin::elf::manifest_records(section, records));
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[1].kind, 2u);
+    EXPECT_EQ(records[1].text, "xyz");
+    section.insert(section.end(), 7, 0);
+    records.clear();
+    EXPECT_TRUE(ovrin::elf::manifest_records(section, records));
+    EXPECT_EQ(records.size(), 2u);
+    section.resize(section.size() - 7);
+    section[section.size() - 11] = 4; // the last record's length, one past the section
+    records.clear();
+    EXPECT_FALSE(ovrin::elf::manifest_records(section, records));
 }
 
 } // namespace
