@@ -10,14 +10,68 @@
 #include <vector>
 
 #include "mgx/runtime.h"
+#include "ops/common.h"
 #include "tests/prim_fixture.h"
 #include "tests/sm_type_ops.h"
 
 namespace {
 
+using ovrin::Field;
+using ovrin::Kind;
+using ovrin::Shape;
+using ovrin::Type;
 using typeops::Ops;
 
 const mgx_instance_hdr_t *hdr(const void *p) { return static_cast<const mgx_instance_hdr_t *>(p); }
+
+// `<type>_<field>_<name>` called with the instance and args (the error slot last).
+template <class R = void, class... A>
+R call(const Type &t, const Field &f, const std::string &name, mgx_handle_t *h, void *inst, A... args) {
+    void *fn = testfill::op(t, (std::string(f.name) + "_" + name).c_str());
+    return reinterpret_cast<R (*)(mgx_handle_t *, uint32_t, void *, A...)>(fn)(h, 1, inst, args...);
+}
+
+bool is_counter(const Field &f) { return f.companion >= 0 && f.shape == Shape::scalar; }
+bool is_array(const Field &f) { return f.shape == Shape::fixed_array || f.shape == Shape::var_array; }
+
+// One state byte as the accessors reach it: a field's own (an array's whole-array byte) or an
+// array element's (index >= 0), named by its path.
+struct FlagAt {
+    std::string path;
+    const Type *type;
+    const Field *field;
+    void *instance;
+    int64_t index = -1;
+
+    uint8_t get(mgx_handle_t *h, uint32_t *err) const {
+        if (index >= 0) return call<uint8_t>(*type, *field, "state_flag_get", h, instance, uint32_t(index), err);
+        return call<uint8_t>(*type, *field, is_array(*field) ? "state_flag_whole_get" : "state_flag_get", h, instance, err);
+    }
+    void set(mgx_handle_t *h, uint8_t v, uint32_t *err) const {
+        if (index >= 0) return call(*type, *field, "state_flag_set", h, instance, uint32_t(index), v, err);
+        call(*type, *field, is_array(*field) ? "state_flag_whole_set" : "state_flag_set", h, instance, v, err);
+    }
+};
+
+// Every state byte of an instance that travels, at every depth: each field's own (a count or
+// length has none: the byte of what it counts travels), a variable array's elements' bytes, and
+// those of nested records and of the arm the union holds. An array element's fields are not
+// walked: no flag area is recorded for an element itself, so its accessors reach no flag.
+void flags_of(const Type &t, void *inst, const std::string &path, std::vector<FlagAt> &out) {
+    for (uint16_t i = 0; i < t.n_fields; ++i) {
+        const Field &f = t.fields[i];
+        if (!ovrin::present(f, hdr(inst)->variant) || is_counter(f)) continue;
+        const std::string at = path + "." + f.name;
+        out.push_back({at, &t, &f, inst});
+        void *field = static_cast<uint8_t *>(inst) + f.offset;
+        if (f.shape == Shape::scalar && f.kind == Kind::record) flags_of(*f.type, field, at, out);
+        if (f.shape == Shape::member && *static_cast<void **>(field)) flags_of(*f.type, *static_cast<void **>(field), at, out);
+        if (f.shape != Shape::var_array) continue;
+        const void *block = *static_cast<void **>(field);
+        for (uint32_t k = 0; block && k < ovrin::count_at(inst, t.fields[f.companion]); ++k)
+            out.push_back({at + "[" + std::to_string(k) + "]", &t, &f, inst, k});
+    }
+}
 
 struct Sweep : RuntimeFixture {
     template <class Fn> Fn op(const Ops &o, const char *name) { return reinterpret_cast<Fn>(testfill::op(*o.type, name)); }
@@ -129,6 +183,40 @@ TEST_F(Sweep, EveryTypesLeastEncodingIsItsMinimumOnTheWire) {
         EXPECT_EQ(o.marshal(h, 1, buf.data(), least, int32_t(buf.size()), &err), o.type->min_wire) << o.name;
         take_err();
         o.destroy(h, 1, least);
+    }
+}
+
+// A tracking sender's state bytes land, on a tracking receiver, each on its own field's flag: every
+// byte of the sender gets a value of its own, and every flag the receiver reads back (fields,
+// nested records, arrays and their elements, union arms) holds the value of the same field.
+TEST_F(Sweep, EveryStateByteArrivesAtItsOwnFieldsFlag) {
+    track();
+    for (const Ops &o : typeops::all()) {
+        if (o.is_enum()) continue;
+        for (unsigned arm = 0; arm < o.arms(); ++arm) {
+            void *sent = typeops::make_filled(o, h, 7, arm), *got = typeops::make(o, h);
+            std::vector<FlagAt> flags, arrived;
+            flags_of(*o.type, sent, o.name, flags);
+            auto value = [](size_t i) { return static_cast<uint8_t>(1 + i % 255); };
+            for (size_t i = 0; i < flags.size(); ++i) flags[i].set(h, value(i), &err);
+            ASSERT_EQ(take_err(), 0u) << o.name;
+            // One byte of space more than _len: a union's last arm writes its state byte only while
+            // two bytes of space remain.
+            uint32_t space = o.len(h, 1, sent) + 1;
+            std::vector<uint8_t> wire(space + 1);
+            uint32_t n = o.marshal(h, 1, wire.data(), sent, static_cast<int32_t>(space), &err);
+            o.unmarshal(h, 1, wire.data(), got, static_cast<int32_t>(n), 0, &err);
+            ASSERT_EQ(take_err(), 0u) << o.name;
+            flags_of(*o.type, got, o.name, arrived);
+            ASSERT_EQ(arrived.size(), flags.size()) << o.name;
+            for (size_t i = 0; i < flags.size(); ++i) {
+                ASSERT_EQ(arrived[i].path, flags[i].path);
+                EXPECT_EQ(arrived[i].get(h, &err), value(i)) << arrived[i].path << " arm " << arm;
+            }
+            EXPECT_EQ(take_err(), 0u);
+            for (void *p : {sent, got}) o.destroy(h, 1, p);
+            ASSERT_EQ(mgx_handle_live_allocations(h), 0u) << o.name;
+        }
     }
 }
 
