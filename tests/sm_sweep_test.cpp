@@ -118,6 +118,7 @@ struct Sweep : RuntimeFixture {
         const std::string at = std::string(t.name) + "." + f.name + " ";
         const bool absent = !ovrin::present(f, hdr(inst)->variant), enumeration = f.kind == Kind::enumeration;
         const uint32_t code = absent ? MGX_EVARIANT : MGX_EINVAL;
+        ASSERT_LE(f.size, zeros.size() * sizeof(uint64_t)) << at;
         const bool integer = f.kind <= Kind::boolean || enumeration;
         void *value = f.kind == Kind::record || enumeration ? testfill::create(*f.type, h) : nullptr;
         if (enumeration && !absent) { // a value this enumeration does not have
