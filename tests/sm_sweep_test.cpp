@@ -4,23 +4,163 @@
 // exception sweeps beside it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "mgx/runtime.h"
+#include "ops/common.h"
 #include "tests/prim_fixture.h"
 #include "tests/sm_type_ops.h"
 
 namespace {
 
+using ovrin::Field;
+using ovrin::Kind;
+using ovrin::Shape;
+using ovrin::Type;
 using typeops::Ops;
 
 const mgx_instance_hdr_t *hdr(const void *p) { return static_cast<const mgx_instance_hdr_t *>(p); }
 
+// `<type>_<field>_<name>` called with the instance and args (the error slot last).
+template <class R = void, class... A>
+R call(const Type &t, const Field &f, const std::string &name, mgx_handle_t *h, void *inst, A... args) {
+    void *fn = testfill::op(t, (std::string(f.name) + "_" + name).c_str());
+    return reinterpret_cast<R (*)(mgx_handle_t *, uint32_t, void *, A...)>(fn)(h, 1, inst, args...);
+}
+
+bool is_counter(const Field &f) { return f.companion >= 0 && f.shape == Shape::scalar; }
+bool is_array(const Field &f) { return f.shape == Shape::fixed_array || f.shape == Shape::var_array; }
+
+// One state byte as the accessors reach it: a field's own (an array's whole-array byte) or an
+// array element's (index >= 0), named by its path.
+struct FlagAt {
+    std::string path;
+    const Type *type;
+    const Field *field;
+    void *instance;
+    int64_t index = -1;
+
+    uint8_t get(mgx_handle_t *h, uint32_t *err) const {
+        if (index >= 0) return call<uint8_t>(*type, *field, "state_flag_get", h, instance, uint32_t(index), err);
+        return call<uint8_t>(*type, *field, is_array(*field) ? "state_flag_whole_get" : "state_flag_get", h, instance, err);
+    }
+    void set(mgx_handle_t *h, uint8_t v, uint32_t *err) const {
+        if (index >= 0) return call(*type, *field, "state_flag_set", h, instance, uint32_t(index), v, err);
+        call(*type, *field, is_array(*field) ? "state_flag_whole_set" : "state_flag_set", h, instance, v, err);
+    }
+};
+
+// Every state byte of an instance that travels, at every depth: each field's own (a count or
+// length has none: the byte of what it counts travels), a variable array's elements' bytes, and
+// those of nested records and of the arm the union holds. An array element's fields are not
+// walked: no flag area is recorded for an element itself, so its accessors reach no flag.
+void flags_of(const Type &t, void *inst, const std::string &path, std::vector<FlagAt> &out) {
+    for (uint16_t i = 0; i < t.n_fields; ++i) {
+        const Field &f = t.fields[i];
+        if (!ovrin::present(f, hdr(inst)->variant) || is_counter(f)) continue;
+        const std::string at = path + "." + f.name;
+        out.push_back({at, &t, &f, inst});
+        void *field = static_cast<uint8_t *>(inst) + f.offset;
+        if (f.shape == Shape::scalar && f.kind == Kind::record) flags_of(*f.type, field, at, out);
+        if (f.shape == Shape::member && *static_cast<void **>(field)) flags_of(*f.type, *static_cast<void **>(field), at, out);
+        if (f.shape != Shape::var_array) continue;
+        const void *block = *static_cast<void **>(field);
+        for (uint32_t k = 0; block && k < ovrin::count_at(inst, t.fields[f.companion]); ++k)
+            out.push_back({at + "[" + std::to_string(k) + "]", &t, &f, inst, k});
+    }
+}
+
+// A user value no literal of the enumeration has.
+uint32_t no_literal(const Type &e) {
+    uint32_t v = e.n_literals;
+    for (uint16_t i = 0; i < e.n_literals; ++i) v = std::max(v, e.literals[i].user + 1);
+    return v;
+}
+
 struct Sweep : RuntimeFixture {
     template <class Fn> Fn op(const Ops &o, const char *name) { return reinterpret_cast<Fn>(testfill::op(*o.type, name)); }
+
+    // What a refused write must leave as it was: the instance's bytes with the flag area a made
+    // instance holds behind them, and its tracked wire form (values and flags at every depth).
+    std::vector<uint8_t> image(const Ops &o, void *inst) {
+        const auto *b = static_cast<const uint8_t *>(inst);
+        std::vector<uint8_t> out(b, b + o.type->tracked_size());
+        uint32_t e = 0;
+        std::vector<uint8_t> wire = typeops::encode(o, h, inst, &e);
+        out.insert(out.end(), wire.begin(), wire.end());
+        return out;
+    }
+
+    // `_set_value`, at the field's own width, of an element (index) or the field.
+    void set_value(const Type &t, const Field &f, void *inst, int64_t index, uint64_t v) {
+        auto with = [&](auto value) {
+            if (index < 0) return call(t, f, "set_value", h, inst, value, &err);
+            call(t, f, "set_value", h, inst, uint32_t(index), value, &err);
+        };
+        switch (f.kind) {
+        case Kind::u8: return with(uint8_t(v));
+        case Kind::u16: return with(uint16_t(v));
+        case Kind::u64: return with(uint64_t(v));
+        default: return with(uint32_t(v));
+        }
+    }
+
+    // Every setter of a field called so that it must refuse: with valid arguments when the field
+    // is not in the instance's variant (43); otherwise with an argument it cannot take (22: no
+    // value, no text, more elements than a fixed array holds, index UINT32_MAX, no flags) or an
+    // enumeration value no literal has (43). check(what, code) follows each call.
+    template <class Check> void refuse_writes(const Type &t, const Field &f, void *inst, const Check &check) {
+        static const std::vector<uint64_t> zeros(128); // any primitive's value, any fixed array's elements
+        const std::string at = std::string(t.name) + "." + f.name + " ";
+        const bool absent = !ovrin::present(f, hdr(inst)->variant), enumeration = f.kind == Kind::enumeration;
+        const uint32_t code = absent ? MGX_EVARIANT : MGX_EINVAL;
+        ASSERT_LE(f.size, zeros.size() * sizeof(uint64_t)) << at;
+        const bool integer = f.kind <= Kind::boolean || enumeration;
+        void *value = f.kind == Kind::record || enumeration ? testfill::create(*f.type, h) : nullptr;
+        if (enumeration && !absent) { // a value this enumeration does not have
+            const uint32_t bad = no_literal(*f.type);
+            std::memcpy(static_cast<uint8_t *>(value) + 12, &bad, sizeof bad);
+        }
+        const void *given = value ? value : zeros.data();
+        switch (f.shape) {
+        case Shape::scalar:
+            call(t, f, "set", h, inst, absent ? given : nullptr, &err), check(at + "set", code);
+            if (enumeration && !absent) call(t, f, "set", h, inst, given, &err), check(at + "set a non-literal", MGX_EVARIANT);
+            if (static_cast<int>(&f - t.fields) == t.discriminator)
+                set_value(t, f, inst, -1, absent ? 0 : no_literal(*f.type)), check(at + "set_value", MGX_EVARIANT);
+            else if (absent && integer && !enumeration)
+                set_value(t, f, inst, -1, 0), check(at + "set_value", MGX_EVARIANT);
+            break;
+        case Shape::member: call(t, f, "set", h, inst, absent ? value : nullptr, &err), check(at + "set", code); break;
+        case Shape::var_string: call(t, f, "set", h, inst, absent ? "abc" : nullptr, 3u, &err), check(at + "set", code); break;
+        case Shape::var_array:
+            call(t, f, "set", h, inst, 0u, absent ? value : nullptr, &err), check(at + "set", code);
+            if (!absent) call(t, f, "set", h, inst, UINT32_MAX, value, &err), check(at + "set at UINT32_MAX", code);
+            break;
+        case Shape::fixed_array:
+            call(t, f, "set_mem", h, inst, given, int32_t(f.count + !absent), &err), check(at + "set_mem", code);
+            if (absent) call(t, f, "set", h, inst, 0u, given, &err), check(at + "set", code);
+            if (integer && (absent || enumeration))
+                set_value(t, f, inst, 0, absent ? 0 : no_literal(*f.type)), check(at + "set_value", MGX_EVARIANT);
+            if (enumeration && !absent) call(t, f, "set", h, inst, 0u, given, &err), check(at + "set a non-literal", MGX_EVARIANT);
+            break;
+        }
+        // The flag setters refuse a field not in the variant as well, and an array's flags given as none.
+        const uint32_t count = f.shape == Shape::var_array ? ovrin::count_at(inst, t.fields[f.companion]) : f.count;
+        if (is_array(f)) {
+            call(t, f, "state_flag_set_arr", h, inst, static_cast<const uint8_t *>(nullptr), count, &err);
+            check(at + "state_flag_set_arr", count || absent ? code : 0u);
+        }
+        if (absent) {
+            call(t, f, is_array(f) ? "state_flag_whole_set" : "state_flag_set", h, inst, uint8_t{5}, &err);
+            check(at + "state_flag_set", code);
+        }
+        if (value) reinterpret_cast<void (*)(mgx_handle_t *, uint32_t, void *)>(testfill::op(*f.type, "destroy"))(h, 1, value);
+    }
 };
 
 TEST_F(Sweep, EveryTypeCreatesAndDestroysTrackedOrNotAndCountsItsVariant) {
@@ -129,6 +269,70 @@ TEST_F(Sweep, EveryTypesLeastEncodingIsItsMinimumOnTheWire) {
         EXPECT_EQ(o.marshal(h, 1, buf.data(), least, int32_t(buf.size()), &err), o.type->min_wire) << o.name;
         take_err();
         o.destroy(h, 1, least);
+    }
+}
+
+// A tracking sender's state bytes land, on a tracking receiver, each on its own field's flag: every
+// byte of the sender gets a value of its own, and every flag the receiver reads back (fields,
+// nested records, arrays and their elements, union arms) holds the value of the same field.
+TEST_F(Sweep, EveryStateByteArrivesAtItsOwnFieldsFlag) {
+    track();
+    for (const Ops &o : typeops::all()) {
+        if (o.is_enum()) continue;
+        for (unsigned arm = 0; arm < o.arms(); ++arm) {
+            void *sent = typeops::make_filled(o, h, 7, arm), *got = typeops::make(o, h);
+            std::vector<FlagAt> flags, arrived;
+            flags_of(*o.type, sent, o.name, flags);
+            auto value = [](size_t i) { return static_cast<uint8_t>(1 + i % 255); };
+            for (size_t i = 0; i < flags.size(); ++i) flags[i].set(h, value(i), &err);
+            ASSERT_EQ(take_err(), 0u) << o.name;
+            // One byte of space more than _len: a union's last arm writes its state byte only while
+            // two bytes of space remain.
+            uint32_t space = o.len(h, 1, sent) + 1;
+            std::vector<uint8_t> wire(space + 1);
+            uint32_t n = o.marshal(h, 1, wire.data(), sent, static_cast<int32_t>(space), &err);
+            o.unmarshal(h, 1, wire.data(), got, static_cast<int32_t>(n), 0, &err);
+            ASSERT_EQ(take_err(), 0u) << o.name;
+            flags_of(*o.type, got, o.name, arrived);
+            ASSERT_EQ(arrived.size(), flags.size()) << o.name;
+            for (size_t i = 0; i < flags.size(); ++i) {
+                ASSERT_EQ(arrived[i].path, flags[i].path);
+                EXPECT_EQ(arrived[i].get(h, &err), value(i)) << arrived[i].path << " arm " << arm;
+            }
+            EXPECT_EQ(take_err(), 0u);
+            for (void *p : {sent, got}) o.destroy(h, 1, p);
+            ASSERT_EQ(mgx_handle_live_allocations(h), 0u) << o.name;
+        }
+    }
+}
+
+// A setter that refuses, with 43 (the field is not in the instance's variant) or 22 (an argument
+// it cannot take), enumerations and discriminators included, leaves the value and its state flag
+// as they were: every setter of every field of every type, at each variant, under tracking, with
+// every union's members held and every flag set beforehand.
+TEST_F(Sweep, EveryRefusedSetLeavesTheValueAndItsFlagAsTheyWere) {
+    track();
+    for (const Ops &o : typeops::all()) {
+        const Type &t = *o.type;
+        for (int8_t variant = 0; variant < t.n_variants; ++variant) {
+            mgx_handle_set_domain_variant(h, o.name, variant);
+            void *inst = typeops::make_filled(o, h, 9, testfill::every_arm);
+            ASSERT_FALSE(hdr(inst)->flags & MGX_IF_STTR_OFFSET) << o.name; // the area is behind the instance
+            if (!o.is_enum()) op<void (*)(mgx_handle_t *, uint32_t, void *, uint8_t)>(o, "set_all_state_tracking_flag")(h, 1, inst, 7);
+            const std::vector<uint8_t> before = image(o, inst);
+            auto check = [&](const std::string &what, uint32_t code) {
+                EXPECT_EQ(take_err(), code) << what << " at variant " << int{variant};
+                EXPECT_EQ(image(o, inst), before) << what << " at variant " << int{variant};
+            };
+            if (o.is_enum()) {
+                op<void (*)(mgx_handle_t *, uint32_t, void *, uint32_t, uint32_t *)>(o, "set_value")(h, 1, inst, no_literal(t), &err);
+                check(std::string(o.name) + " set_value", MGX_EVARIANT);
+            }
+            for (uint16_t i = 0; i < t.n_fields; ++i) refuse_writes(t, t.fields[i], inst, check);
+            o.destroy(h, 1, inst);
+        }
+        mgx_handle_set_domain_variant(h, o.name, t.last_variant());
+        ASSERT_EQ(mgx_handle_live_allocations(h), 0u) << o.name;
     }
 }
 
