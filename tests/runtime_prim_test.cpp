@@ -201,6 +201,25 @@ TEST_F(AaaTlvTest, AttributeApiAndOrdering) {
     }
 }
 
+// Values are written in hex a block at a time: every byte of a value longer than a block shows,
+// in order, in the print and in the XML.
+TEST_F(AaaTlvTest, LongValuesShowEveryByteInText) {
+    std::string value, hex;
+    static const char digits[] = "0123456789abcdef";
+    for (int i = 0; i < 1000; ++i) {
+        value += char(i * 7 + i / 256);
+        hex += {digits[(i * 7 + i / 256) >> 4 & 15], digits[(i * 7 + i / 256) & 15]};
+    }
+    aaa_tlv *t = make({{3, value}, {4, "z"}});
+    std::vector<char> buf(8192);
+    std::string printed(buf.data(), aaa_tlv_print(h, 0, buf.data(), 0, "l", t, uint32_t(buf.size()), &err));
+    EXPECT_NE(printed.find("attr[0]: type 3: " + hex + "\n"), std::string::npos) << printed;
+    EXPECT_NE(printed.find("attr[1]: type 4: 7a\n"), std::string::npos) << printed;
+    std::string xml(buf.data(), aaa_tlv_to_xml(h, 0, "l", buf.data(), t, uint32_t(buf.size()), 0, &err));
+    EXPECT_NE(xml.find("<value>" + hex + "</value></attr><attr><type>4</type><value>7a</value>"), std::string::npos) << xml;
+    EXPECT_EQ(take_err(), 0u);
+}
+
 TEST_F(AaaTlvTest, WireFormShortLengthsAndHostileInput) {
     aaa_tlv *t = make({{1, "ab"}, {0x01020304, ""}}), *back = make({{5, "replaced by the decode"}});
     const std::vector<uint8_t> wire = {0, 0, 0, 2, 0, 0, 0, 1, 0, 0, 0, 2, 'a', 'b', 1, 2, 3, 4, 0, 0, 0, 0};

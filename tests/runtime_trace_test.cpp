@@ -119,6 +119,9 @@ TEST(Trace, ConversionsTakeTheirArgumentsOrTheTextStandsAsItIs) {
                                                             std::string("%5\0", 3)})
         EXPECT_EQ(fmt::render(text, {u(1)}), text) << text;
     EXPECT_EQ(fmt::render("%--05u|%+.3d|%#x", {u(7), d(4), u(255)}), "7    |+004|0xff");
+    // the widest each conversion makes without a width, whole
+    EXPECT_EQ(fmt::render("%u|%d|%#o|%p", {u(4294967295u), d(-2147483647 - 1), u(4294967295u), p(0x123456789abcdef0u)}),
+              "4294967295|-2147483648|037777777777|0x123456789abcdef0");
 }
 
 // Widths and precisions up to the limit are rendered in full; past it (as far as a printf width
@@ -134,7 +137,9 @@ TEST(Trace, WidthsAndPrecisionsPastTheLimitLeaveTheTextAsItStands) {
     const std::vector<std::pair<std::string, std::vector<fmt::Arg>>> refused = {
         {"%" + past + "u", {u(1)}},        {"%." + past + "u", {u(1)}}, {"%2147483000u", {u(1)}},
         {"%99999999999999999999x", {u(1)}}, {"%" + past + "p", {p(1)}}, {"%1." + past + "s", {s("a")}},
-        {"x %u %" + past + "u", {u(1), u(2)}}};
+        {"x %u %" + past + "u", {u(1), u(2)}},
+        // widths that a 64-bit reading would wrap round to 5 and to below zero
+        {"%18446744073709551621u", {u(1)}}, {"%9223372036854775808u", {u(1)}}, {"%.18446744073709551621u", {u(1)}}};
     for (const auto &[text, args] : refused) EXPECT_EQ(fmt::render(text, args), text);
 
     // Emitted: the capture holds the text as it stands, not 2 GB of spaces.
@@ -159,6 +164,12 @@ TEST(Trace, ExpandedTextsCostTheirBytesAndFourPerText) {
     ASSERT_EQ(texts.size(), 3u);
     EXPECT_EQ(std::make_tuple(texts[0], texts[1], texts[2]), std::make_tuple("one %u", "", "three"));
     EXPECT_EQ(texts.memory(), 14u + 3 * 4);
+    // A section numbering more texts than it holds: the ones it lacks are empty.
+    std::vector<uint8_t> fewer = section;
+    fewer[8] = 5; // the header's count of texts
+    ASSERT_TRUE(fmt::expand_texts(fewer, 0, 0, texts, error)) << error;
+    ASSERT_EQ(texts.size(), 5u);
+    EXPECT_EQ(std::make_tuple(texts[2], texts[3], texts[4]), std::make_tuple("three", "", ""));
 
     // A section claiming a million texts in its million bytes (all empty): four bytes each.
     std::vector<uint8_t> empties = fmt::texts_section(std::vector<std::string>(1u << 20));

@@ -54,6 +54,16 @@ TEST_F(XmlTest, EscapedTextReadsBackExactly) {
         EXPECT_NE(xml.find(part), std::string::npos) << part;
     EXPECT_EQ(round_trip(h, bytes), bytes);
 
+    // Long text is escaped a block at a time: no character is split where a block ends, whatever
+    // its width and wherever it falls.
+    for (const std::string ch : {"\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x98\x80"}) {
+        for (size_t lead = 0; lead < 4; ++lead) {
+            std::string text(lead, 'a');
+            while (text.size() < 9000) text += ch;
+            EXPECT_EQ(string_xml(text, 20000), "<s>" + text + "</s>") << ch.size() << "-byte characters after " << lead;
+        }
+    }
+
     const std::string whole = string_xml("a&b\x01z");
     ASSERT_EQ(whole, "<s>a&amp;b&#xE001;z</s>");
     for (uint32_t size = 0; size <= whole.size(); ++size) { // a cut never splits an escape

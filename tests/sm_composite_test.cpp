@@ -334,6 +334,32 @@ TEST_F(Composite, SettingOnePastTheEndGrowsByAFactor) {
     }
 }
 
+// A block made at once (here by reading a document) has room past its count: setting into that
+// room moves nothing, so nothing is said about moving; the first growth past the room moves the
+// block and says so, once.
+TEST_F(Composite, GrowthInsideTheRoomIsNoMove) {
+    const std::string text = "Reallocating resource for ovrin_svm_epm_notify_domain_name_bind";
+    std::string xml = "<x><domain_names_length>17</domain_names_length>";
+    for (int i = 0; i < 17; ++i) xml += "<domain_names/>";
+    xml += "</x>";
+    auto *r = own(ovrin_svm_epm_notify_domain_name_bind_create(h, luid), ovrin_svm_epm_notify_domain_name_bind_destroy);
+    void *doc = mgx_xml_document_parse(xml.data(), xml.size());
+    ovrin_svm_epm_notify_domain_name_bind_from_xml(h, luid, "x", doc, r, &err, nullptr, 0);
+    mgx_xml_document_free(doc);
+    ASSERT_EQ(take_err(), 0u);
+    ASSERT_EQ(r->domain_names_length, 17u);
+    const auto *block = r->domain_names;
+    auto *value = own(named(h, "a.example"), fqdn_domain_name_bind_destroy);
+    ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, luid, r, 17, value, &err); // room(17) is 18
+    ASSERT_EQ(take_err(), 0u);
+    EXPECT_EQ(r->domain_names, block);
+    EXPECT_EQ(traced(text), 0u);
+    ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, luid, r, 18, value, &err);
+    ASSERT_EQ(take_err(), 0u);
+    EXPECT_NE(r->domain_names, block);
+    EXPECT_EQ(traced(text), 1u);
+}
+
 TEST_F(Composite, FailedGrowthAndUntrackedValuesLeaveTheArrayAsItWas) {
     auto *r = ovrin_svm_epm_notify_domain_name_bind_create(h, luid);
     auto *value = named(h, "b.example");

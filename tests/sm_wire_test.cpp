@@ -163,6 +163,14 @@ TEST_F(Wire, PerElementStateBytesTravelInElementOrder) {
     // handle, the elements' state bytes are 0 (the block is not read past; the sanitizer gate
     // sees any read beyond it).
     mgx_handle_t *plain = mgx_handle_create();
+    // Each of its blocks is followed by bytes that are not 0, so that a read past one shows here too.
+    static mgx_alloc_fn plain_alloc;
+    plain_alloc = plain->inst_alloc;
+    plain->inst_alloc = [](void *ctx, uint32_t l, size_t size) -> void * {
+        auto *p = static_cast<uint8_t *>(plain_alloc(ctx, l, size + 64));
+        if (p) std::memset(p + size, 0xEE, 64);
+        return p;
+    };
     auto *u = ovrin_svm_epm_notify_domain_name_bind_create(plain, 1);
     for (uint32_t k = 0; k < 3; ++k) ovrin_svm_epm_notify_domain_name_bind_domain_names_set(plain, 1, u, k, value, &err);
     n = ovrin_svm_epm_notify_domain_name_bind_len(h, 1, u);
@@ -351,6 +359,16 @@ TEST_F(Wire, ArraysShrinkToNothingAndHostileCountsAreRefused) {
               static_cast<uint32_t>(count_at + 4));
     EXPECT_EQ(err, 90u);
     EXPECT_EQ(mgx_handle_total_allocations(h), before);
+    // Eleven names at their smallest (the three named ones made blank, eight more), ending the
+    // message in exactly 99 bytes, are taken.
+    err = 0;
+    auto *blank = own(fqdn_domain_name_bind_create(h, 1), fqdn_domain_name_bind_destroy);
+    for (uint32_t i = 0; i < 11; ++i) ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, 1, a, i, blank, &err);
+    n = ovrin_svm_epm_notify_domain_name_bind_marshal(h, 1, b.data(), a, 512, &err);
+    ASSERT_EQ(n, count_at + 4 + 11 * 9);
+    EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_unmarshal(h, 1, b.data(), r, static_cast<int32_t>(n), 0, &err), n);
+    EXPECT_EQ(take_err(), 0u);
+    EXPECT_EQ(r->domain_names_length, 11u);
 }
 
 // A clone goes through the wire form in a work buffer: one byte short gives 90 and leaves an

@@ -93,4 +93,9 @@ expect "and 8980 more" encode $t "$work/unknown.xml"
 [ "$(grep -c "has no member" "$work/err")" -eq 20 ] || fail "unknown names: $(head -c 2000 "$work/err")"
 grep -qF "/$t/sesion_type0: $t has no member sesion_type0; did you mean session_type?" "$work/err" ||
     fail "unknown names: $(head -n 3 "$work/err")"
+# An unknown name given many times is one problem, and counted once.
+awk -v t=$t 'BEGIN { printf "<%s>", t; for (i = 0; i < 30; ++i) printf "<sesion_type%d/><sesion_type%d/>", i % 21, i % 21; printf "</%s>", t }' \
+    > "$work/again.xml"
+expect "and 1 more" encode $t "$work/again.xml"
+[ "$(grep -c "has no member" "$work/err")" -eq 20 ] || fail "unknown names given again: $(head -c 2000 "$work/err")"
 echo "tool inputs: ok"

@@ -153,6 +153,49 @@ TEST_F(TraceTool, EachLibraryFileIsReadAndExpandedOnceWhateverItsPathsSpelling) 
     EXPECT_LE(b.read, a.read + trace_growth + read_slack) << "the library is " << library_size << " bytes";
 }
 
+// The texts a run expands stay within what the command keeps (128 MiB) however many tables ask
+// for them: each table of this trace expands 20 MiB (16 MiB of texts, four bytes per text), six
+// fit, and every later one shows message numbers and says why.
+TEST_F(TraceTool, ExpandedTextsStayWithinWhatTheCommandKeeps) {
+    std::vector<std::string> texts(1u << 20, std::string(15, 'a'));
+    const Bytes section = fmt::texts_section(texts);
+    const std::string library = write("lib.so", elf_file({{".t0", section}, {".t1", section}, {".t2", section}}));
+    const uint32_t crc = crc_of(texts);
+    std::vector<fmt::TableRecord> tables;
+    for (const char *name : {".t0", ".t1", ".t2"})
+        for (uint32_t count : {0u, 1u << 20})
+            for (uint32_t sum : {0u, crc}) // each a different table, so expanded apart
+                tables.push_back({static_cast<uint16_t>(tables.size()), count, sum, "m", name, library});
+    Outcome r = trace({write("kept.trc", trace_of(tables))});
+    EXPECT_EQ(lines(r.out), 12u);
+    size_t shown = 0, refused = 0;
+    for (size_t at = 0; (at = r.out.find("#0: aaaaaaaaaaaaaaa\n", at)) != std::string::npos; ++at) ++shown;
+    for (size_t at = 0; (at = r.err.find("more message texts than are kept", at)) != std::string::npos; ++at) ++refused;
+    EXPECT_EQ(shown, 6u) << r.out.substr(0, 300);
+    EXPECT_EQ(refused, 6u) << r.err.substr(0, 300);
+    EXPECT_LT(r.peak, size_t{136} << 20);
+}
+
+// Headers of type SHT_NULL are not checked against the file when it is read, so one may claim
+// bytes past the file's end: named as a texts section and starting at real texts, it still gives
+// nothing (no byte past the file is looked at).
+TEST_F(TraceTool, ASectionReachingPastTheFilesEndGivesNoTexts) {
+    const std::vector<std::string> texts = {"hello %u"};
+    Bytes file = elf_file({{".t", fmt::texts_section(texts)}});
+    Elf64_Ehdr eh;
+    std::memcpy(&eh, file.data(), sizeof eh);
+    Elf64_Shdr sh;
+    uint8_t *at = file.data() + eh.e_shoff + sizeof sh; // the first after the null header
+    std::memcpy(&sh, at, sizeof sh);
+    sh.sh_type = SHT_NULL;
+    sh.sh_size = file.size() - sh.sh_offset + 32; // no larger than the file, past its end from where it starts
+    std::memcpy(at, &sh, sizeof sh);
+    const std::string library = write("short.so", file);
+    Outcome r = trace({write("short.trc", trace_of({{0, 1, crc_of(texts), "m", ".t", library}}, {fmt::Arg{'u', 7, {}}}))});
+    EXPECT_EQ(r.out.find("hello 7"), std::string::npos) << r.out;
+    EXPECT_NE(r.err.find("has no message texts section .t"), std::string::npos) << r.err;
+}
+
 // Table records whose checksum the section's header already refuses cost nothing per byte of the
 // section, named by path or given with --library; each still says why its texts are not shown.
 TEST_F(TraceTool, RecordsTheSectionCannotMatchCostNothingPerSectionByte) {
