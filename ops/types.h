@@ -153,11 +153,6 @@ struct Type {
     uint16_t n_owning, n_inline, n_areas;
     // Records and unions: the wire plan of each variant (n_variants of them); null for enumerations.
     const WirePlan *wire;
-    // Records and unions: the fewest bytes an instance with members takes on the wire (its header
-    // and its oldest variant's members at their smallest; strings, arrays and union arms empty).
-    // A decoder refuses a count of elements the bytes left could not hold at this size, before
-    // it allocates anything for them.
-    uint32_t min_wire;
 
     uint32_t tracked_size() const { return size + sttr_size; }
     int8_t last_variant() const { return static_cast<int8_t>(n_variants - 1); }

@@ -15,6 +15,7 @@ namespace {
 
 constexpr uint8_t wire_flag_mask = MGX_IF_TRACKED | MGX_IF_HD_MAPPED;
 constexpr uint32_t arm_callsite_tag = 0xB03C3000u;
+constexpr int32_t min_instance_bytes = 6;              // a record's wire header: the least an element takes
 
 // The runtime's primitives by kind and type name: each operation below switches over this list
 // and calls the primitive directly.
@@ -246,8 +247,9 @@ void decode_array(const FieldAt<void> &a, Reader &r, uint32_t old_count, bool tr
     // Non-zero decode flags keep storage of the same size: the block and its elements stay, and
     // each element is decoded into as it is (keeping its own strings, lists and arrays when their
     // sizes match in turn), as an instance decoded into again keeps what it owns.
-    // The bytes left must be able to hold count elements at their type's smallest.
-    const bool fits = static_cast<int64_t>(count) * f.type->min_wire <= r.left();
+    // The bytes left must be able to hold count elements of a header each (what a sender writes
+    // for an element that is not there: see the null instance's length).
+    const bool fits = static_cast<int64_t>(count) * min_instance_bytes <= r.left();
     if (r.flags && block && count == old_count && count > 0 && fits) {
         notify(r.h, block, layout.block_size(count, tracked), r.luid);
         uint8_t *per_element = layout.flags(block, count, tracked);
@@ -257,10 +259,9 @@ void decode_array(const FieldAt<void> &a, Reader &r, uint32_t old_count, bool tr
     }
     release_array(a, r.h, r.luid, old_count);
     if (count == 0) return;
-    // A count the bytes left cannot hold (each element at its type's smallest, Type::min_wire)
-    // is refused before anything is allocated, so that what a decode allocates stays within a
-    // fixed multiple of its input. A new element is raised to the variant the handle knows for
-    // its type, as a new arm is, so that its members of later variants are received.
+    // Every element takes at least a header on the wire: a count the bytes left cannot hold is
+    // refused before anything is allocated. A new element is raised to the variant the handle
+    // knows for its type, as a new arm is, so that its members of later variants are received.
     uint32_t e = 0;
     void *fresh = !fits ? (e = MGX_ESHORT, nullptr) : new_block(f, r.h, r.luid, count, tracked, true, &e);
     if (!fresh) { // the array stays empty

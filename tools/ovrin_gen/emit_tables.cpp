@@ -136,40 +136,6 @@ std::string wire_plan(const Type &t, int variant) {
     return s;
 }
 
-// The fewest bytes an instance of a record or union takes on the wire with its members (see
-// Type::min_wire): the 6-byte header (variant, flag, jump), then each member of the oldest variant
-// at its smallest. A string's or array's count is a member of its own; what it counts, like a
-// union's arm, may be empty.
-unsigned min_wire(const Type &t);
-
-unsigned prim_wire(Prim p) {
-    switch (p) {
-    case Prim::u8:
-    case Prim::boolean: return 1;
-    case Prim::u16: return 2;
-    case Prim::u32:
-    case Prim::ipv4_addr:
-    case Prim::aaa_tlv: return 4; // an empty list: its count
-    case Prim::u64: return 8;
-    case Prim::mac_addr: return 6;
-    case Prim::ipv6_addr: return 16;
-    }
-    return 0;
-}
-
-unsigned min_wire(const Field &f) {
-    if (f.shape != Shape::scalar && f.shape != Shape::fixed_array) return 0;
-    unsigned element = f.prim ? prim_wire(*f.prim) : f.type->is_enum() ? 5 : min_wire(*f.type);
-    return element * f.count;
-}
-
-unsigned min_wire(const Type &t) {
-    unsigned n = 6;
-    for (const Field &f : t.fields)
-        if (f.from == 0) n += min_wire(f);
-    return n;
-}
-
 } // namespace
 
 std::string emit_tables_header(const Catalogue &c) {
@@ -241,8 +207,7 @@ std::string emit_tables(const Catalogue &c) {
         s += format("    .sttr_align = %u,\n    .flags = %s,\n", t.sttr_align, type_flags(t).c_str());
         s += format("    .plan = plan_%s,\n    .n_owning = %zu,\n    .n_inline = %zu,\n    .n_areas = %zu,\n",
                     t.name.c_str(), p.n_owning, p.n_inline, p.n_areas);
-        s += t.is_enum() ? "    .wire = nullptr,\n    .min_wire = 5,\n};\n"
-                         : format("    .wire = wire_%s,\n    .min_wire = %u,\n};\n", t.name.c_str(), min_wire(t));
+        s += t.is_enum() ? "    .wire = nullptr,\n};\n" : format("    .wire = wire_%s,\n};\n", t.name.c_str());
     }
     s += "\nconst Type *const all[type_count] = {\n";
     for (const auto &t : c.types) s += format("    &%s,\n", t->name.c_str());
