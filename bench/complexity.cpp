@@ -19,6 +19,7 @@
 #include <string>
 
 #include "bench/complexity_inputs.h"
+#include "tests/quiet.h"
 #include "cli/commands.h"
 
 namespace {
@@ -58,30 +59,7 @@ int (*command(const std::string &name))(int, char **) {
 
 // Standard output and error go to /dev/null while it lives (the commands print what a user
 // reads; the benchmark's own report is printed between benchmarks).
-class Quiet {
-public:
-    Quiet() {
-        std::fflush(stdout);
-        std::fflush(stderr);
-        int null = ::open("/dev/null", O_WRONLY);
-        out_ = ::dup(1);
-        err_ = ::dup(2);
-        ::dup2(null, 1);
-        ::dup2(null, 2);
-        ::close(null);
-    }
-    ~Quiet() {
-        std::fflush(stdout);
-        std::fflush(stderr);
-        ::dup2(out_, 1);
-        ::dup2(err_, 2);
-        ::close(out_);
-        ::close(err_);
-    }
-
-private:
-    int out_, err_;
-};
+using ovrin::testing::Quiet;
 
 void tool(benchmark::State &state, const complexity::ToolChannel &c) {
     char dir_name[] = "/tmp/ovrin-complexity-XXXXXX";

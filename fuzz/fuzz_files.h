@@ -17,6 +17,7 @@
 #include <string>
 
 #include "fuzz/fuzz_types.h"
+#include "tests/quiet.h"
 #include "tests/sm_heap.h"
 
 extern "C" void __sanitizer_set_report_fd(void *fd) __attribute__((weak));
@@ -67,37 +68,19 @@ inline void write_file(const std::string &path, const uint8_t *data, size_t n) {
 // Standard output and error go to /dev/null while it lives: the tool's commands print a line per
 // emission or record. Sanitizer reports keep the real standard error.
 class Quiet {
-public:
-    Quiet() {
-        static const int report_fd = [] {
-            int fd = ::dup(2);
-            if (__sanitizer_set_report_fd && fd >= 0)
-                __sanitizer_set_report_fd(reinterpret_cast<void *>(static_cast<intptr_t>(fd)));
-            return fd;
-        }();
-        (void)report_fd;
-        std::fflush(stdout);
-        std::fflush(stderr);
-        out_ = ::dup(1);
-        err_ = ::dup(2);
-        int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-        ::dup2(null, 1);
-        ::dup2(null, 2);
-        ::close(null);
-    }
-    ~Quiet() {
-        std::fflush(stdout);
-        std::fflush(stderr);
-        ::dup2(out_, 1);
-        ::dup2(err_, 2);
-        ::close(out_);
-        ::close(err_);
-    }
-    Quiet(const Quiet &) = delete;
-    Quiet &operator=(const Quiet &) = delete;
-
-private:
-    int out_, err_;
+    // Taken before standard error goes: the first Quiet keeps a copy of the real one for reports.
+    struct KeepReports {
+        KeepReports() {
+            static const int report_fd = [] {
+                int fd = ::dup(2);
+                if (__sanitizer_set_report_fd && fd >= 0)
+                    __sanitizer_set_report_fd(reinterpret_cast<void *>(static_cast<intptr_t>(fd)));
+                return fd;
+            }();
+            (void)report_fd;
+        }
+    } keep_reports_;
+    ovrin::testing::Quiet quiet_; // made after keep_reports_, as declared
 };
 
 } // namespace fuzz
