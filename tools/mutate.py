@@ -3,7 +3,11 @@
 checkout, rebuilds incrementally, runs the suite and undoes the fault; prints which tests caught
 each fault (or MISSED) and the kill rate per directory. The working tree is never touched.
 
-    tools/mutate.py [--only SUBSTRING] [--keep DIR] [--jobs N]
+    tools/mutate.py [--only SUBSTRING] [--keep DIR] [--jobs N] [--asan]
+
+A fault that no test fails on by assertion, only by a crash (a signal, an abort), is reported as
+"caught only by crashes": the test that owns the behaviour should say what is wrong. With --asan the
+scratch build has AddressSanitizer and UBSan, so an over-read that lands in mapped memory is seen.
 """
 import argparse
 import os
@@ -44,15 +48,27 @@ def run(cmd, cwd, timeout):
 
 
 def failed_tests(output):
+    """(name, crashed) for each failed test; crashed when ctest names a signal or abort, not a failure."""
     names, listing = [], False
     for line in output.splitlines():
         if line.startswith("The following tests FAILED"):
             listing = True
         elif listing:
-            m = re.match(r"\s*\d+ - (\S+)", line)
+            m = re.match(r"\s*\d+ - (\S+)(?: \((.*)\))?", line)
             if m:
-                names.append(m.group(1))
+                names.append((m.group(1), m.group(2) not in (None, "Failed", "Timeout")))
     return names
+
+
+def verdict_of(code, output):
+    if code == 0:
+        return "MISSED"
+    failed = failed_tests(output)
+    names = [n for n, _ in failed]
+    listed = ", ".join(names[:3]) + (f" (+{len(names) - 3})" if len(names) > 3 else "")
+    if failed and all(crashed for _, crashed in failed):
+        return "caught only by crashes: " + listed
+    return "caught by " + listed
 
 
 def main():
@@ -60,16 +76,22 @@ def main():
     ap.add_argument("--only", default="", help="plant only the faults whose file contains this text")
     ap.add_argument("--keep", default="", help="scratch directory to use and keep (default: a new one, removed)")
     ap.add_argument("--jobs", default=str(os.cpu_count() or 2))
+    ap.add_argument("--asan", action="store_true", help="build the scratch copy with AddressSanitizer and UBSan")
     args = ap.parse_args()
 
     todo = [f for f in faults(os.path.join(ROOT, "tools", "mutations.txt")) if args.only in f["file"]]
     scratch = args.keep or tempfile.mkdtemp(prefix="ovrin-mutate-")
-    src, build = os.path.join(scratch, "src"), os.path.join(scratch, "build")
+    src, build = os.path.join(scratch, "src"), os.path.join(scratch, "build-asan" if args.asan else "build")
     if not os.path.isdir(src):
         subprocess.run(["git", "clone", "-q", ROOT, src], check=True)
     # The shared libraries change with most faults: executables need not be relinked for that.
-    subprocess.run(["cmake", "-S", src, "-B", build, "-G", "Ninja", "-DOVRIN_TESTS=ON", "-DOVRIN_BENCH=OFF",
-                    "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON"], check=True, stdout=subprocess.DEVNULL)
+    configure = ["cmake", "-S", src, "-B", build, "-G", "Ninja", "-DOVRIN_TESTS=ON", "-DOVRIN_BENCH=OFF",
+                 "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON"]
+    if args.asan:
+        configure.append("-DOVRIN_SANITIZE=ON")
+    if shutil.which("ccache"):
+        configure += ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache", "-DCMAKE_C_COMPILER_LAUNCHER=ccache"]
+    subprocess.run(configure, check=True, stdout=subprocess.DEVNULL)
     code, out = run(["cmake", "--build", build, "-j", args.jobs], src, 3600)
     if code != 0:
         sys.exit("the unmutated checkout does not build:\n" + out[-3000:])
@@ -104,9 +126,7 @@ def main():
                     print(f"  {label} build: {first.strip()[:300]}", file=sys.stderr, flush=True)
             else:
                 code, out = run(ctest, src, 1800)
-                names = failed_tests(out)
-                verdict = ("caught by " + ", ".join(names[:3]) + (f" (+{len(names) - 3})" if len(names) > 3 else "")
-                           if code != 0 else "MISSED")
+                verdict = verdict_of(code, out)
         finally:
             open(path, "w").write(text)
         rows.append((f, verdict))
