@@ -3,13 +3,14 @@
 checkout, rebuilds incrementally, runs the suite and undoes the fault; prints which tests caught
 each fault (or MISSED) and the kill rate per directory. The working tree is never touched.
 
-    tools/mutate.py [--only SUBSTRING] [--keep DIR] [--jobs N] [--asan]
+    tools/mutate.py [--only SUBSTRING] [--keep DIR] [--jobs N] [--asan] [--json FILE]
 
 A fault that no test fails on by assertion, only by a crash (a signal, an abort), is reported as
 "caught only by crashes": the test that owns the behaviour should say what is wrong. With --asan the
 scratch build has AddressSanitizer and UBSan, so an over-read that lands in mapped memory is seen.
 """
 import argparse
+import json
 import os
 import re
 import shutil
@@ -60,10 +61,10 @@ def failed_tests(output):
     return names
 
 
-def verdict_of(code, output):
+def verdict_of(code, output, failed=None):
     if code == 0:
         return "MISSED"
-    failed = failed_tests(output)
+    failed = failed if failed is not None else failed_tests(output)
     names = [n for n, _ in failed]
     listed = ", ".join(names[:3]) + (f" (+{len(names) - 3})" if len(names) > 3 else "")
     if failed and all(crashed for _, crashed in failed):
@@ -77,6 +78,8 @@ def main():
     ap.add_argument("--keep", default="", help="scratch directory to use and keep (default: a new one, removed)")
     ap.add_argument("--jobs", default=str(os.cpu_count() or 2))
     ap.add_argument("--asan", action="store_true", help="build the scratch copy with AddressSanitizer and UBSan")
+    ap.add_argument("--json", default="", help="also write every fault with every test that caught it here "
+                    "(what a trim must keep: a test that alone catches a fault)")
     args = ap.parse_args()
 
     todo = [f for f in faults(os.path.join(ROOT, "tools", "mutations.txt")) if args.only in f["file"]]
@@ -100,7 +103,7 @@ def main():
     if code != 0:
         sys.exit("the unmutated suite fails:\n" + out[-3000:])
 
-    rows = []
+    rows, caught_by = [], {}
     for n, f in enumerate(todo, 1):
         path = os.path.join(src, f["file"])
         text = open(path).read()
@@ -126,12 +129,19 @@ def main():
                     print(f"  {label} build: {first.strip()[:300]}", file=sys.stderr, flush=True)
             else:
                 code, out = run(ctest, src, 1800)
-                verdict = verdict_of(code, out)
+                failed = failed_tests(out)
+                caught_by[f"{f['file']}:{f['line']}"] = [name for name, _ in failed] if code != 0 else []
+                verdict = verdict_of(code, out, failed)
         finally:
             open(path, "w").write(text)
         rows.append((f, verdict))
         print(f"[{n}/{len(todo)}] {label}: {verdict} ({time.time() - start:.0f} s)", file=sys.stderr, flush=True)
     run(["cmake", "--build", build, "-j", args.jobs], src, 3600)  # leave the scratch build unmutated
+    if args.json:
+        with open(args.json, "w") as out:
+            json.dump({"faults": [{"fault": f"{f['file']}:{f['line']}", "verdict": v,
+                                   "caught_by": caught_by.get(f"{f['file']}:{f['line']}", [])} for f, v in rows]},
+                      out, indent=1)
 
     print("| fault | file | verdict |\n|---|---|---|")
     for f, verdict in rows:
