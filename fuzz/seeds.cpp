@@ -216,6 +216,21 @@ void write_library_seeds(const fs::path &dir) {
     write(dir / "small-file", {1}, small);
     Bytes real = file_bytes(bundle_path());
     write(dir / "real-first-4k", {1}, real.data(), std::min<size_t>(real.size(), 4096));
+
+    // At the readers' bounds: the section headers, which end the file, one byte short; the
+    // manifest section stretched to the end of the file and one byte past it; a manifest whose
+    // last record ends exactly at the section's end, and one whose last record's length reaches
+    // one byte past it.
+    write(dir / "headers-one-short", {0}, small.data(), small.size() - 1);
+    write(dir / "manifest-to-end", {0}, ovrin::testing::stretch_section(small, 1, 0));
+    write(dir / "manifest-one-past", {0}, ovrin::testing::stretch_section(small, 1, 1));
+    for (uint32_t past : {0, 1}) {
+        Bytes records = ovrin::testing::manifest_record(4, 1, std::string("abc\0", 4));
+        Bytes last = ovrin::testing::manifest_record(3 + past, 2, "xyz");
+        records.insert(records.end(), last.begin(), last.end());
+        write(dir / (past ? "records-one-past" : "records-to-end"), {0},
+              elf_file({{".ovrin_sm_manifest", SHT_PROGBITS, records}}));
+    }
 }
 
 // ------------------------------------------------------------------ trace files
@@ -299,6 +314,16 @@ void write_trace_seeds(const fs::path &dir, const fs::path &files_dir) {
     both.insert(both.end(), second.begin() + mgx::tracefmt::file_header_size, second.end());
     write(files_dir / "both", {}, with(2, {&bundle, &own}, both));
     write(files_dir / "directory", {}, with(0, {}, fuzz::rename_libraries(shapes, to("@d"))));
+    // At the readers' bounds: the trace's last record one byte short; the texts section of the
+    // own library stretched to the end of its file and one byte past it.
+    Bytes cut = fuzz::rename_libraries(from_bundle, to("@0"));
+    cut.pop_back();
+    write(files_dir / "trace-one-short", {}, with(1, {&bundle}, cut));
+    Bytes own_shapes = fuzz::rename_libraries(shapes, to("@1"));
+    for (uint64_t past : {0, 1}) {
+        Bytes stretched = ovrin::testing::stretch_section(own, 1, past);
+        write(files_dir / (past ? "texts-one-past" : "texts-to-end"), {}, with(2, {&bundle, &stretched}, own_shapes));
+    }
 }
 
 // ------------------------------------------------------------------ trace texts with formats

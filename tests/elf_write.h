@@ -63,6 +63,28 @@ inline std::vector<uint8_t> elf_file(const std::vector<ElfSection> &sections) {
     return data;
 }
 
+// The file with section `index` stretched to end exactly at the end of the file, or `past` bytes
+// beyond it: the readers' bounds, for the tests and the fuzz seeds.
+inline std::vector<uint8_t> stretch_section(std::vector<uint8_t> file, size_t index, uint64_t past) {
+    Elf64_Ehdr eh;
+    std::memcpy(&eh, file.data(), sizeof eh);
+    Elf64_Shdr sh;
+    const size_t at = eh.e_shoff + index * sizeof(Elf64_Shdr);
+    std::memcpy(&sh, file.data() + at, sizeof sh);
+    sh.sh_size = file.size() - sh.sh_offset + past;
+    std::memcpy(file.data() + at, &sh, sizeof sh);
+    return file;
+}
+
+// A manifest record: its text's length, its kind, the text.
+inline std::vector<uint8_t> manifest_record(uint32_t length, uint32_t kind, const std::string &text) {
+    std::vector<uint8_t> r(8);
+    std::memcpy(r.data(), &length, 4);
+    std::memcpy(r.data() + 4, &kind, 4);
+    r.insert(r.end(), text.begin(), text.end());
+    return r;
+}
+
 } // namespace ovrin::testing
 
 #endif

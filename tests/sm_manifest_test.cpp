@@ -173,30 +173,21 @@ TEST(FileReaders, WhatEndsAtTheEndIsReadAndOneBytePastIsRefused) {
                          std::to_string(file.size() - 1) + " bytes)");
 
     // Section 1 stretched to the end of the file, then one byte further.
-    Elf64_Shdr sh;
-    const size_t at = eh.e_shoff + sizeof(Elf64_Shdr);
-    std::memcpy(&sh, file.data() + at, sizeof sh);
     for (uint64_t past : {0, 1}) {
-        sh.sh_size = file.size() - sh.sh_offset + past;
-        std::memcpy(file.data() + at, &sh, sizeof sh);
-        auto f = mgx::elf::parse(file, "f", error);
+        std::vector<uint8_t> stretched = ovrin::testing::stretch_section(file, 1, past);
+        auto f = mgx::elf::parse(stretched, "f", error);
         ASSERT_EQ(bool(f), !past) << error;
-        if (f) EXPECT_EQ(f->contents(*f->find(".t")).size(), sh.sh_size);
-        else EXPECT_EQ(error, "f: section 1 (.t) at byte " + std::to_string(sh.sh_offset) + ", " + std::to_string(sh.sh_size) +
+        const uint64_t offset = sizeof(Elf64_Ehdr), size = file.size() - offset + past;
+        if (f) EXPECT_EQ(f->contents(*f->find(".t")).size(), size);
+        else EXPECT_EQ(error, "f: section 1 (.t) at byte " + std::to_string(offset) + ", " + std::to_string(size) +
                                   " bytes, lies outside the file (" + std::to_string(file.size()) + " bytes)");
     }
 
     // Manifest records: the last one ending at the section's end (no padding after it), or past it;
     // fewer than a record header's bytes left over are not a record.
-    auto record = [](uint32_t length, uint32_t kind, const std::string &text) {
-        std::vector<uint8_t> r(8);
-        std::memcpy(r.data(), &length, 4);
-        std::memcpy(r.data() + 4, &kind, 4);
-        r.insert(r.end(), text.begin(), text.end());
-        return r;
-    };
-    std::vector<uint8_t> section = record(4, 1, std::string("abc\0", 4));
-    std::vector<uint8_t> last = record(3, 2, "xyz");
+    using ovrin::testing::manifest_record;
+    std::vector<uint8_t> section = manifest_record(4, 1, std::string("abc\0", 4));
+    std::vector<uint8_t> last = manifest_record(3, 2, "xyz");
     section.insert(section.end(), last.begin(), last.end());
     std::vector<ovrin::elf::ManifestRecord> records;
     ASSERT_TRUE(ovrin::elf::manifest_records(section, records));
