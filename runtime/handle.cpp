@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 #include "runtime/internal.h"
@@ -42,6 +43,19 @@ template <class Map> void erase_range(Map &m, const void *p, size_t size) {
     m.erase(lo, hi);
 }
 
+constexpr uint8_t guard_pattern = 0xD9;
+
+// A guarded block's pattern, as it was written when the block was made.
+void check_guard(Runtime *r, const void *p, size_t size) {
+    const uint8_t *guard = static_cast<const uint8_t *>(p) + size;
+    for (uint32_t i = 0; i < r->guard_bytes; ++i)
+        if (guard[i] != guard_pattern) {
+            r->overruns++;
+            std::fprintf(stderr, "mgx: block %p of %zu bytes was written past its end (guard byte %u)\n", p, size, i);
+            return;
+        }
+}
+
 void *instance_alloc(void *ctx, uint32_t, size_t size) {
     auto *h = static_cast<mgx_handle_t *>(ctx);
     Runtime *r = rt(h);
@@ -53,8 +67,13 @@ void *instance_alloc(void *ctx, uint32_t, size_t size) {
         callsite_tags_pending.fetch_sub(1, std::memory_order_relaxed);
     }
     if (countdown_fires(r->fail_nth)) return nullptr;
-    void *p = r->spare.take(size);
-    if (!p) p = std::malloc(mgx::BlockCache::heap_size(size));
+    // Guarded blocks bypass the cache: each carries its pattern right behind its own size.
+    void *p = r->guard_bytes ? nullptr : r->spare.take(size);
+    if (!p && r->guard_bytes) {
+        if ((p = std::malloc(size + r->guard_bytes))) std::memset(static_cast<uint8_t *>(p) + size, guard_pattern, r->guard_bytes);
+    } else if (!p) {
+        p = std::malloc(mgx::BlockCache::heap_size(size));
+    }
     if (!p) return nullptr;
     try {
         r->live.insert(p, size); // may grow the table
@@ -77,6 +96,7 @@ void instance_free(void *ctx, uint32_t, void *p) {
         std::abort();
     }
     r->live_bytes -= size;
+    if (r->guard_bytes) check_guard(r, p, size);
     if (!r->sttr_offsets.empty())
         r->sttr_offsets.erase_range(reinterpret_cast<uintptr_t>(p), reinterpret_cast<uintptr_t>(p) + size);
     if (!r->retained.empty()) erase_range(r->retained, p, size);
@@ -87,7 +107,7 @@ void instance_free(void *ctx, uint32_t, void *p) {
             r->oid_of.erase(oid);
         }
     }
-    if (!r->spare.keep(p, size)) std::free(p);
+    if (r->guard_bytes || !r->spare.keep(p, size)) std::free(p);
 }
 
 // The handle's write hook while the journal records: called before every write an operation makes.
@@ -165,7 +185,10 @@ mgx_handle_t *mgx_handle_create(void) {
 void mgx_handle_destroy(mgx_handle_t *h) {
     if (!h) return;
     Runtime *r = rt(h);
-    r->live.for_each([](void *p, size_t) { std::free(p); });
+    r->live.for_each([r](void *p, size_t size) {
+        if (r->guard_bytes) check_guard(r, p, size);
+        std::free(p);
+    });
     for (void *p : r->registry_blocks) std::free(p);
     delete r;
     delete h;
@@ -187,6 +210,12 @@ void mgx_handle_set_domain_mode(mgx_handle_t *h, uint32_t mode) { h->domain_mode
 uint32_t mgx_handle_last_error(const mgx_handle_t *h) { return h->last_error; }
 uint64_t mgx_handle_live_allocations(const mgx_handle_t *h) { return rt(h)->live.size(); }
 uint64_t mgx_handle_live_bytes(const mgx_handle_t *h) { return rt(h)->live_bytes; }
+int mgx_handle_set_guard_bytes(mgx_handle_t *h, uint32_t bytes) {
+    if (!h || bytes > 4096 || rt(h)->live.size()) return MGX_EINVAL;
+    rt(h)->guard_bytes = bytes;
+    return 0;
+}
+uint64_t mgx_handle_overruns(const mgx_handle_t *h) { return rt(h)->overruns; }
 size_t mgx_handle_bookkeeping(const mgx_handle_t *h) {
     const Runtime *r = rt(h);
     return r->oids.size() + r->oid_of.size() + r->sttr_offsets.size() + r->retained.size();

@@ -160,6 +160,9 @@ struct Runtime {
     uint64_t live_bytes = 0;
     uint64_t total_allocations = 0;
     uint32_t fail_nth = 0;
+    // guard bytes behind every block (none by default) and the blocks found written past their end
+    uint32_t guard_bytes = 0;
+    uint64_t overruns = 0;
     // registry
     uint32_t registry_fail_nth = 0;
     std::vector<void *> registry_blocks;

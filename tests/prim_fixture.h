@@ -34,18 +34,23 @@ inline mgx_handle_t *recording_handle() {
     return h;
 }
 
-// One recording handle per test, the trace capture cleared before it; every test ends by checking
-// that the handle holds no allocation and no bookkeeping.
+// One recording handle per test, its blocks guarded, the trace capture cleared before it; every
+// test ends by checking that the handle holds no allocation and no bookkeeping, and that no block
+// was written past its end (a write a little past a block is counted there instead of corrupting
+// the heap and crashing some later test).
 class RuntimeFixture : public ::testing::Test {
 protected:
+    static constexpr uint32_t guard_bytes = 256;
     void SetUp() override {
         ASSERT_NE(h = recording_handle(), nullptr);
+        ASSERT_EQ(mgx_handle_set_guard_bytes(h, guard_bytes), 0);
         mgx_trace_clear();
     }
     void TearDown() override {
         for (auto it = owned.rbegin(); it != owned.rend(); ++it) (*it)();
         EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
         EXPECT_EQ(mgx_handle_bookkeeping(h), 0u);
+        EXPECT_EQ(mgx_handle_overruns(h), 0u) << "blocks written past their end";
         mgx_handle_destroy(h);
     }
     void track(mgx_handle_t *x = nullptr, uint32_t marker = MGX_STTR_TRACKED) {

@@ -25,9 +25,31 @@ TEST_F(HandleTest, AllocationAccountingAndFailureInjection) {
     EXPECT_EQ(alloc(8), nullptr);
     void *d = alloc(8);
     EXPECT_NE(d, nullptr);
+    // Guard bytes change only while no block is live; a write one byte past a block, and one at
+    // the guard's last byte, are each counted when the block goes (or the handle with it).
+    EXPECT_EQ(mgx_handle_set_guard_bytes(h, 8), MGX_EINVAL);
     for (void *p : {a, b, c, d}) release(p);
     EXPECT_EQ(mgx_handle_live_bytes(h), 0u);
     EXPECT_EQ(mgx_handle_total_allocations(h), 4u);
+
+    // On a handle of its own: a write one byte past a block, and one at the guard's last byte, are
+    // each counted when the block goes, or the handle with it.
+    mgx_handle_t *g = mgx_handle_create();
+    ASSERT_EQ(mgx_handle_set_guard_bytes(g, 8), 0);
+    auto galloc = [g](size_t n) { return static_cast<uint8_t *>(g->inst_alloc(g->alloc_ctx, 1, n)); };
+    uint8_t *e = galloc(5), *f = galloc(5), *kept = galloc(3);
+    e[5] = 0;
+    g->inst_free(g->alloc_ctx, 1, e);
+    EXPECT_EQ(mgx_handle_overruns(g), 1u);
+    std::memset(f, 1, 5);
+    f[12] = 0;
+    g->inst_free(g->alloc_ctx, 1, f);
+    EXPECT_EQ(mgx_handle_overruns(g), 2u);
+    kept[3] = 7;
+    testing::internal::CaptureStderr();
+    mgx_handle_destroy(g);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("of 3 bytes was written past its end (guard byte 0)"),
+              std::string::npos);
 }
 
 // The live-block table under churn: growth, reuse of freed slots and rehashing keep every block
