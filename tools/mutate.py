@@ -83,6 +83,7 @@ def main():
     ap.add_argument("--only", default="", help="plant only the faults whose file contains this text (or one of these, comma-separated)")
     ap.add_argument("--keep", default="", help="scratch directory to use and keep (default: a new one, removed)")
     ap.add_argument("--jobs", default=str(os.cpu_count() or 2))
+    ap.add_argument("--lines", default="", help="plant only the faults on these lines of the list (\"71,88,137-160\")")
     ap.add_argument("--asan", action="store_true", help="build the scratch copy with AddressSanitizer and UBSan")
     ap.add_argument("--json", default="", help="also write every fault with every test that caught it here "
                     "(what a trim must keep: a test that alone catches a fault)")
@@ -90,6 +91,12 @@ def main():
 
     wanted = args.only.split(",")
     todo = [f for f in faults(os.path.join(ROOT, "tools", "mutations.txt")) if any(w in f["file"] for w in wanted)]
+    if args.lines:
+        lines = set()
+        for part in args.lines.split(","):
+            first, _, last = part.partition("-")
+            lines.update(range(int(first), int(last or first) + 1))
+        todo = [f for f in todo if f["line"] in lines]
     scratch = args.keep or tempfile.mkdtemp(prefix="ovrin-mutate-")
     src, build = os.path.join(scratch, "src"), os.path.join(scratch, "build-asan" if args.asan else "build")
     if not os.path.isdir(src):
