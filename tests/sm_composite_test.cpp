@@ -66,10 +66,7 @@ TEST_F(Composite, VariantBoundMembersAndDiscriminatorValues) {
     mgx_handle_set_domain_variant(h, "ovrin_smd_in_event", 1);
     auto *u = own(ovrin_smd_in_event_create(h, luid), ovrin_smd_in_event_destroy);
     ASSERT_EQ(reinterpret_cast<mgx_instance_hdr_t *>(u)->variant, 1);
-    auto *status = own(sess_mgr_reader_status_create(h, luid), sess_mgr_reader_status_destroy);
-    ovrin_smd_in_event_reader_status_set(h, luid, u, status, &err);
-    EXPECT_EQ(take_err(), MGX_EVARIANT);
-    EXPECT_EQ(u->reader_status, nullptr);
+    // (A set of a member the variant lacks is refused and changes nothing: the refused-set sweep.)
     EXPECT_EQ(ovrin_smd_in_event_reader_status_get(h, luid, u, &err), nullptr);
     EXPECT_EQ(take_err(), MGX_EVARIANT);
 
@@ -85,10 +82,8 @@ TEST_F(Composite, VariantBoundMembersAndDiscriminatorValues) {
     sm_oper_data_type_set_value(h, luid, sess_mgr_oper_data_oper_type_get(h, luid, o, &err), 2, &err);
     EXPECT_EQ(take_err(), MGX_EVARIANT);
     EXPECT_EQ(o->oper_type.value, 0u);
-    // The discriminator's own scalar accessors: the enumeration's user value, refused beyond its
-    // variant as well, and marked set under tracking.
-    sess_mgr_oper_data_oper_type_set_value(h, luid, o, 2, &err);
-    EXPECT_EQ(take_err(), MGX_EVARIANT);
+    // The discriminator's own scalar accessors: the enumeration's user value, marked set under
+    // tracking (a value no literal has is refused: the refused-set sweep).
     sess_mgr_oper_data_oper_type_set_value(h, luid, o, 1, &err);
     EXPECT_EQ(sess_mgr_oper_data_oper_type_get_value(h, luid, o, &err), 1u);
     EXPECT_EQ(take_err(), 0u);
@@ -128,10 +123,8 @@ TEST_F(Composite, MemberFlagsUnderTracking) {
 TEST_F(Composite, FixedArrayBoundsAndBulkCopies) {
     auto *p = own(sm_dot11_params_create(h, luid), sm_dot11_params_destroy);
     p->eType = 0xBEEF;
+    // (set_mem with one element too many is refused and changes nothing: the refused-set sweep.)
     const u_int8 oui[4] = {0x00, 0x1B, 0x2C, 0x3D};
-    sm_dot11_params_oui_set_mem(h, luid, p, oui, 4, &err);
-    EXPECT_EQ(take_err(), MGX_EINVAL);
-    EXPECT_EQ(p->oui[0] | p->oui[1] | p->oui[2], 0);
     sm_dot11_params_oui_set_mem(h, luid, p, oui, 3, &err);
     u_int8 out[4] = {9, 9, 9, 9};
     sm_dot11_params_oui_get_mem(h, luid, p, out, 4, &err);
@@ -365,14 +358,13 @@ TEST_F(Composite, FailedGrowthAndUntrackedValuesLeaveTheArrayAsItWas) {
     auto *value = named(h, "b.example");
     ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, luid, r, 0, value, &err);
     fqdn_domain_name_bind *block = r->domain_names;
-    uint64_t blocks = mgx_handle_live_allocations(h);
+    // (The error and the leak check of every allocation failing: the composite-setter sweep.)
     mgx_handle_fail_allocation(h, 1);
     ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, luid, r, 3, value, &err);
     EXPECT_EQ(take_err(), MGX_ENOMEM);
     EXPECT_EQ(r->domain_names, block);
     EXPECT_EQ(r->domain_names_length, 1u);
     EXPECT_STREQ(block->name, "b.example");
-    EXPECT_EQ(mgx_handle_live_allocations(h), blocks);
     ovrin_svm_epm_notify_domain_name_bind_destroy(h, luid, r);
 
     track();
