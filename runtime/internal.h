@@ -162,7 +162,7 @@ struct Runtime {
     uint32_t fail_nth = 0;
     // guard bytes behind every block (none by default) and the blocks found written past their end
     uint32_t guard_bytes = 0;
-    uint64_t overruns = 0;
+    uint64_t overruns = 0, foreign_frees = 0;
     // registry
     uint32_t registry_fail_nth = 0;
     std::vector<void *> registry_blocks;

@@ -35,9 +35,10 @@ inline mgx_handle_t *recording_handle() {
 }
 
 // One recording handle per test, its blocks guarded, the trace capture cleared before it; every
-// test ends by checking that the handle holds no allocation and no bookkeeping, and that no block
-// was written past its end (a write a little past a block is counted there instead of corrupting
-// the heap and crashing some later test).
+// test ends by checking that the handle holds no allocation and no bookkeeping, that no block was
+// written past its end and that nothing it did not own was freed (a write a little past a block,
+// or a free of a pointer read from the wrong place, is counted there and fails the test that made
+// it, instead of corrupting the heap or ending the process).
 class RuntimeFixture : public ::testing::Test {
 protected:
     static constexpr uint32_t guard_bytes = 256;
@@ -51,6 +52,7 @@ protected:
         EXPECT_EQ(mgx_handle_live_allocations(h), 0u);
         EXPECT_EQ(mgx_handle_bookkeeping(h), 0u);
         EXPECT_EQ(mgx_handle_overruns(h), 0u) << "blocks written past their end";
+        EXPECT_EQ(mgx_handle_foreign_frees(h), 0u) << "frees of blocks the handle did not own";
         mgx_handle_destroy(h);
     }
     void track(mgx_handle_t *x = nullptr, uint32_t marker = MGX_STTR_TRACKED) {

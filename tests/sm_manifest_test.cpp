@@ -172,6 +172,19 @@ TEST(FileReaders, WhatEndsAtTheEndIsReadAndOneBytePastIsRefused) {
     EXPECT_EQ(error, "f: 3 section headers at byte " + std::to_string(eh.e_shoff) + " lie outside the file (" +
                          std::to_string(file.size() - 1) + " bytes)");
 
+    // The name table's index one past the last section; a name of the longest length a reader
+    // looks for is kept, one byte longer is no name.
+    std::vector<uint8_t> past = file;
+    reinterpret_cast<Elf64_Ehdr *>(past.data())->e_shstrndx = eh.e_shnum;
+    EXPECT_FALSE(mgx::elf::parse(past, "f", error));
+    EXPECT_EQ(error, "f: the section name table is section 3 of 3");
+    const std::string longest(mgx::elf::detail::max_name, 'n');
+    auto named = mgx::elf::parse(ovrin::testing::elf_file({{longest, SHT_PROGBITS, {1}}, {longest + "n", SHT_PROGBITS, {2}}}),
+                                 "f", error);
+    ASSERT_TRUE(named) << error;
+    EXPECT_EQ(named->sections[1].name, longest);
+    EXPECT_EQ(named->sections[2].name, "");
+
     // Section 1 stretched to the end of the file, then one byte further.
     for (uint64_t past : {0, 1}) {
         std::vector<uint8_t> stretched = ovrin::testing::stretch_section(file, 1, past);

@@ -3,6 +3,8 @@
 // the second catalogue of tests/shapes), with the allocation-failure, truncation, reuse and
 // exception sweeps beside it.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -364,6 +366,33 @@ bool counts_backed(const ovrin::Type &t, const void *instance) {
     return true;
 }
 
+// The failed checks of the running test so far.
+int failed_parts() {
+    const testing::TestResult *r = testing::UnitTest::GetInstance()->current_test_info()->result();
+    int n = 0;
+    for (int i = 0; i < r->total_part_count(); ++i) n += r->GetTestPartResult(i).failed();
+    return n;
+}
+
+// Runs body in a child process, so that a case that reads through a null pointer fails this test
+// naming the case, rather than ending the test program; the child's own failures are printed by
+// it and fail this test too.
+template <class F> void in_child(const std::string &what, F body) {
+    std::fflush(nullptr);
+    const int before = failed_parts();
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        body();
+        std::fflush(nullptr);
+        _exit(failed_parts() > before ? 1 : 0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    if (WIFSIGNALED(status)) ADD_FAILURE() << what << ": died of signal " << WTERMSIG(status);
+    else EXPECT_EQ(WEXITSTATUS(status), 0) << what << ": its checks failed (above)";
+}
+
 struct Unfilled : Sweep {
     std::string whole(const Ops &o, const void *instance, bool xml) {
         char *text = nullptr;
@@ -383,91 +412,94 @@ TEST_F(Unfilled, CountsWithoutStorageAndMembersNotThereCopeInEveryOperation) {
         for (const Ops &o : typeops::all()) {
             for (const Odd &c : odd_cases(*o.type)) {
                 const std::string name = c.field->name;
-                SCOPED_TRACE(std::string(o.name) + "." + name + "=" + std::to_string(c.value) + (tracked ? " tracked" : ""));
+                const std::string what = std::string(o.name) + "." + name + "=" + std::to_string(c.value) + (tracked ? " tracked" : "");
+                SCOPED_TRACE(what);
                 ++cases;
-                void *odd = typeops::make(o, h), *twin = typeops::make(o, h);
-                set_odd(c, h, odd, &err);
-                set_odd(c, h, twin, &err);
-                ASSERT_EQ(take_err(), 0u);
-                EXPECT_EQ(o.compare(odd, twin), 0);
-                EXPECT_EQ(o.compare(twin, odd), 0);
-                EXPECT_EQ(o.hash(odd, 7), o.hash(twin, 7));
+                in_child(what, [&] {
+                    void *odd = typeops::make(o, h), *twin = typeops::make(o, h);
+                    set_odd(c, h, odd, &err);
+                    set_odd(c, h, twin, &err);
+                    ASSERT_EQ(take_err(), 0u);
+                    EXPECT_EQ(o.compare(odd, twin), 0);
+                    EXPECT_EQ(o.compare(twin, odd), 0);
+                    EXPECT_EQ(o.hash(odd, 7), o.hash(twin, 7));
 
-                const std::string print = whole(o, odd, false), xml = whole(o, odd, true);
-                ASSERT_NE(print, "(failed)");
-                ASSERT_NE(xml, "(failed)");
-                if (!c.target) { // no member is shown
-                    EXPECT_EQ(print.find("  " + name + "."), std::string::npos) << print;
-                    EXPECT_EQ(xml.find("<" + name + "-"), std::string::npos) << xml;
-                } else {
-                    const std::string counted = c.target->name;
-                    EXPECT_NE(print.find("  " + name + ": 3\n"), std::string::npos) << print;
-                    EXPECT_NE(xml.find(">3</" + name + ">"), std::string::npos) << xml;
-                    if (c.target->shape == ovrin::Shape::var_string) { // a null text is empty
-                        EXPECT_NE(print.find("\n  " + counted + ": \n"), std::string::npos) << print;
-                        EXPECT_NE(xml.find("<" + counted + "></" + counted + ">"), std::string::npos) << xml;
-                    } else { // no elements
-                        EXPECT_EQ(print.find("\n  " + counted + "["), std::string::npos) << print;
-                        EXPECT_EQ(xml.find("<" + counted + ">"), std::string::npos) << xml;
+                    const std::string print = whole(o, odd, false), xml = whole(o, odd, true);
+                    ASSERT_NE(print, "(failed)");
+                    ASSERT_NE(xml, "(failed)");
+                    if (!c.target) { // no member is shown
+                        EXPECT_EQ(print.find("  " + name + "."), std::string::npos) << print;
+                        EXPECT_EQ(xml.find("<" + name + "-"), std::string::npos) << xml;
+                    } else {
+                        const std::string counted = c.target->name;
+                        EXPECT_NE(print.find("  " + name + ": 3\n"), std::string::npos) << print;
+                        EXPECT_NE(xml.find(">3</" + name + ">"), std::string::npos) << xml;
+                        if (c.target->shape == ovrin::Shape::var_string) { // a null text is empty
+                            EXPECT_NE(print.find("\n  " + counted + ": \n"), std::string::npos) << print;
+                            EXPECT_NE(xml.find("<" + counted + "></" + counted + ">"), std::string::npos) << xml;
+                        } else { // no elements
+                            EXPECT_EQ(print.find("\n  " + counted + "["), std::string::npos) << print;
+                            EXPECT_EQ(xml.find("<" + counted + ">"), std::string::npos) << xml;
+                        }
                     }
-                }
 
-                // The wire: a missing member is refused (2) and left out; a count is taken at its word.
-                uint32_t len = o.len(h, 1, odd);
-                std::vector<uint8_t> wire = typeops::encode(o, h, odd, &err);
-                EXPECT_EQ(take_err(), c.target ? 0u : uint32_t{MGX_ENOENT});
-                if (c.target && !tracked) {
-                    EXPECT_EQ(wire.size(), len);
-                }
-                EXPECT_LE(wire.size(), len);
-                mgx_store_err(h, 0);
-                void *copy = nullptr;
-                o.clone(h, 1, odd, &copy, work.data(), static_cast<uint32_t>(work.size()), &err);
-                uint32_t cloned = take_err();
-                mgx_store_err(h, 0);
-                if (!c.target) {
-                    EXPECT_EQ(cloned, uint32_t{MGX_ENOENT});
-                    EXPECT_EQ(copy, nullptr);
-                } else {
-                    // A receiver holds a count to what the bytes can carry: it keeps the elements
-                    // or refuses them (90), and then every count describes its storage.
-                    void *decoded = typeops::make(o, h);
-                    uint32_t used = o.unmarshal(h, 1, wire.data(), decoded, static_cast<int32_t>(wire.size()), 0, &err);
-                    uint32_t decode_err = take_err();
+                    // The wire: a missing member is refused (2) and left out; a count is taken at its word.
+                    uint32_t len = o.len(h, 1, odd);
+                    std::vector<uint8_t> wire = typeops::encode(o, h, odd, &err);
+                    EXPECT_EQ(take_err(), c.target ? 0u : uint32_t{MGX_ENOENT});
+                    if (c.target && !tracked) {
+                        EXPECT_EQ(wire.size(), len);
+                    }
+                    EXPECT_LE(wire.size(), len);
                     mgx_store_err(h, 0);
-                    EXPECT_TRUE(decode_err == 0 || decode_err == MGX_ESHORT) << decode_err;
-                    EXPECT_TRUE(counts_backed(*o.type, decoded));
-                    if (!decode_err) {
-                        EXPECT_EQ(used, wire.size());
-                        EXPECT_EQ(typeops::encode(o, h, decoded, &err), wire); // what was sent, again
-                        EXPECT_EQ(take_err(), 0u);
-                    }
-                    EXPECT_EQ(cloned, decode_err);
-                    EXPECT_EQ(copy != nullptr, decode_err == 0);
-                    if (copy) {
-                        EXPECT_EQ(o.compare(copy, decoded), 0);
-                    }
-                    whole(o, decoded, false); // safe to print
-                    o.destroy(h, 1, decoded);
-                }
-                if (copy) o.destroy(h, 1, copy);
-
-                // Its XML read back: a count the document does not back is refused (22), a
-                // length without a text goes back to what it was; every count has its storage.
-                // (A fresh enumeration whose 0 is no literal writes an element no reader takes.)
-                void *read = typeops::make(o, h);
-                if (void *doc = mgx_xml_document_parse(xml.data(), xml.size())) {
-                    o.from_xml(h, 1, o.name, doc, read, &err, nullptr, 0);
-                    mgx_xml_document_free(doc);
-                    uint32_t read_err = take_err();
+                    void *copy = nullptr;
+                    o.clone(h, 1, odd, &copy, work.data(), static_cast<uint32_t>(work.size()), &err);
+                    uint32_t cloned = take_err();
                     mgx_store_err(h, 0);
-                    if (c.target && c.target->shape == ovrin::Shape::var_array) {
-                        EXPECT_EQ(read_err, uint32_t{MGX_EINVAL});
+                    if (!c.target) {
+                        EXPECT_EQ(cloned, uint32_t{MGX_ENOENT});
+                        EXPECT_EQ(copy, nullptr);
+                    } else {
+                        // A receiver holds a count to what the bytes can carry: it keeps the elements
+                        // or refuses them (90), and then every count describes its storage.
+                        void *decoded = typeops::make(o, h);
+                        uint32_t used = o.unmarshal(h, 1, wire.data(), decoded, static_cast<int32_t>(wire.size()), 0, &err);
+                        uint32_t decode_err = take_err();
+                        mgx_store_err(h, 0);
+                        EXPECT_TRUE(decode_err == 0 || decode_err == MGX_ESHORT) << decode_err;
+                        EXPECT_TRUE(counts_backed(*o.type, decoded));
+                        if (!decode_err) {
+                            EXPECT_EQ(used, wire.size());
+                            EXPECT_EQ(typeops::encode(o, h, decoded, &err), wire); // what was sent, again
+                            EXPECT_EQ(take_err(), 0u);
+                        }
+                        EXPECT_EQ(cloned, decode_err);
+                        EXPECT_EQ(copy != nullptr, decode_err == 0);
+                        if (copy) {
+                            EXPECT_EQ(o.compare(copy, decoded), 0);
+                        }
+                        whole(o, decoded, false); // safe to print
+                        o.destroy(h, 1, decoded);
                     }
-                    EXPECT_TRUE(counts_backed(*o.type, read));
-                }
-                for (void *p : {read, twin, odd}) o.destroy(h, 1, p);
-                ASSERT_EQ(mgx_handle_live_allocations(h), 0u);
+                    if (copy) o.destroy(h, 1, copy);
+
+                    // Its XML read back: a count the document does not back is refused (22), a
+                    // length without a text goes back to what it was; every count has its storage.
+                    // (A fresh enumeration whose 0 is no literal writes an element no reader takes.)
+                    void *read = typeops::make(o, h);
+                    if (void *doc = mgx_xml_document_parse(xml.data(), xml.size())) {
+                        o.from_xml(h, 1, o.name, doc, read, &err, nullptr, 0);
+                        mgx_xml_document_free(doc);
+                        uint32_t read_err = take_err();
+                        mgx_store_err(h, 0);
+                        if (c.target && c.target->shape == ovrin::Shape::var_array) {
+                            EXPECT_EQ(read_err, uint32_t{MGX_EINVAL});
+                        }
+                        EXPECT_TRUE(counts_backed(*o.type, read));
+                    }
+                    for (void *p : {read, twin, odd}) o.destroy(h, 1, p);
+                    ASSERT_EQ(mgx_handle_live_allocations(h), 0u);
+                });
             }
         }
     }

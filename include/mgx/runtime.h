@@ -41,13 +41,17 @@ MGX_API uint64_t mgx_handle_live_bytes(const mgx_handle_t *h);
 /* entries the handle keeps about objects (OID mappings, state-flag offsets, retained data): each
  * goes with the object it describes, so with no live object this is 0 */
 MGX_API size_t mgx_handle_bookkeeping(const mgx_handle_t *h);
-/* Guard bytes behind every instance block (0 = none, the default; at most 4096): each block is
- * followed by that many bytes of a known pattern, checked when the block is freed, so that a write
- * past a block's end is counted (and named on standard error) rather than left to corrupt the
- * heap. Only while the handle holds no block: otherwise nothing changes and the result is 22. */
+/* Guard bytes behind every instance block (0 = none, the default; at most 4096), for finding
+ * faults: each block is followed by that many bytes of a known pattern, checked when the block is
+ * freed, so that a write past a block's end is counted (and named on standard error) rather than
+ * left to corrupt the heap; and a free of a block the handle does not own is counted and ignored
+ * instead of ending the process. Only while the handle holds no block: otherwise nothing changes
+ * and the result is 22. */
 MGX_API int mgx_handle_set_guard_bytes(mgx_handle_t *h, uint32_t bytes);
 /* blocks freed with their guard bytes overwritten, since the handle was created */
 MGX_API uint64_t mgx_handle_overruns(const mgx_handle_t *h);
+/* frees of blocks the handle did not own, counted while guard bytes are on */
+MGX_API uint64_t mgx_handle_foreign_frees(const mgx_handle_t *h);
 /* instance allocations made since the handle was created (freed or not) */
 MGX_API uint64_t mgx_handle_total_allocations(const mgx_handle_t *h);
 /* the nth instance allocation from now fails (1 = the next); 0 = none */
