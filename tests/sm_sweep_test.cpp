@@ -437,6 +437,10 @@ TEST_F(Unfilled, CountsWithoutStorageAndMembersNotThereCopeInEveryOperation) {
                         if (c.target->shape == ovrin::Shape::var_string) { // a null text is empty
                             EXPECT_NE(print.find("\n  " + counted + ": \n"), std::string::npos) << print;
                             EXPECT_NE(xml.find("<" + counted + "></" + counted + ">"), std::string::npos) << xml;
+                            char out[8] = "x";
+                            call(*o.type, *c.target, "get", h, odd, out, uint32_t{sizeof out}, &err);
+                            EXPECT_EQ(take_err(), 0u);
+                            EXPECT_STREQ(out, "");
                         } else { // no elements
                             EXPECT_EQ(print.find("\n  " + counted + "["), std::string::npos) << print;
                             EXPECT_EQ(xml.find("<" + counted + ">"), std::string::npos) << xml;
