@@ -444,6 +444,14 @@ TEST_F(Unfilled, CountsWithoutStorageAndMembersNotThereCopeInEveryOperation) {
                         } else { // no elements
                             EXPECT_EQ(print.find("\n  " + counted + "["), std::string::npos) << print;
                             EXPECT_EQ(xml.find("<" + counted + ">"), std::string::npos) << xml;
+                            // Setting element 0 of the twin makes a block for that one element.
+                            const Ops &element = typeops::of(c.target->type->name);
+                            void *value = typeops::make(element, h);
+                            call(*o.type, *c.target, "set", h, twin, uint32_t{0}, value, &err);
+                            EXPECT_EQ(take_err(), 0u);
+                            EXPECT_EQ(ovrin::count_at(twin, *c.field), 1u);
+                            EXPECT_TRUE(counts_backed(*o.type, twin));
+                            element.destroy(h, 1, value);
                         }
                     }
 
@@ -503,6 +511,7 @@ TEST_F(Unfilled, CountsWithoutStorageAndMembersNotThereCopeInEveryOperation) {
                     }
                     for (void *p : {read, twin, odd}) o.destroy(h, 1, p);
                     ASSERT_EQ(mgx_handle_live_allocations(h), 0u);
+                    EXPECT_EQ(mgx_handle_overruns(h) + mgx_handle_foreign_frees(h), 0u);
                 });
             }
         }
