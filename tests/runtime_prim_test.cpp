@@ -289,15 +289,34 @@ TEST_F(AaaTlvTest, AllocationFailureLeavesTheListAsItWas) {
 // the room kept for later adds is seen nowhere: a list built by adds reads, encodes, compares and
 // hashes as its exact copy does.
 TEST_F(AaaTlvTest, AddsGrowTheBodyByAFactor) {
+    // An add into the room already there allocates nothing: a pending failure stays pending.
+    aaa_tlv *room = make({{1, "abcd"}, {2, "efgh"}, {3, "ijkl"}}); // room for 4 attributes, 16 data bytes
+    aaa_tlv *data = make({{1, "abcd"}, {2, "efgh"}, {3, "ijkl"}});
+    mgx_handle_fail_allocation(h, 1);
+    add(room, 4, "m");
+    EXPECT_EQ(take_err(), 0u);
+    EXPECT_EQ(mgx_handle_allocation_failure_pending(h), 1u);
+    // Past the room the body must move: the failure leaves the list as it was. Room for another
+    // attribute is not room for its value.
+    add(data, 4, "mnopqrst");
+    ASSERT_EQ(take_err(), MGX_ENOMEM);
+    EXPECT_EQ(aaa_tlv_attr_count(data), 3u);
+    mgx_handle_fail_allocation(h, 1);
+    add(room, 5, "n");
+    EXPECT_EQ(take_err(), MGX_ENOMEM);
+    EXPECT_EQ(aaa_tlv_attr_count(room), 4u);
+    EXPECT_EQ(value_at(room, 3), "m");
+    EXPECT_EQ(take_err(), 0u);
+
     aaa_tlv *t = make(), *copy = make();
     constexpr uint32_t n = 4096;
-    const uint64_t before = mgx_handle_total_allocations(h);
+    const uint64_t before = mgx_handle_total_allocations(h), live = mgx_handle_live_allocations(h);
     const size_t journal = mgx_journal_count(h);
     for (uint32_t i = 0; i < n; ++i) add(t, i, std::string(i % 7, char('a' + i % 26)));
     ASSERT_EQ(take_err(), 0u);
     // Both areas double when they grow: about log2(n) moves each, 12 at each of 4096.
     EXPECT_LE(mgx_handle_total_allocations(h) - before, 26u);
-    EXPECT_EQ(mgx_handle_live_allocations(h), 1u);
+    EXPECT_EQ(mgx_handle_live_allocations(h), live + 1);
     EXPECT_EQ(mgx_journal_count(h) - journal, size_t{n}) << "every add announces the body word";
 
     aaa_tlv_set(h, 0, copy, t, &err);
@@ -310,19 +329,6 @@ TEST_F(AaaTlvTest, AddsGrowTheBodyByAFactor) {
     aaa_tlv_marshal(h, 0, a.data(), t, int32_t(a.size()), &err);
     aaa_tlv_marshal(h, 0, b.data(), copy, int32_t(b.size()), &err);
     EXPECT_EQ(a, b);
-
-    // An add into the room already there allocates nothing: a pending failure stays pending.
-    aaa_tlv *room = make({{1, "abcd"}, {2, "efgh"}, {3, "ijkl"}});
-    mgx_handle_fail_allocation(h, 1);
-    add(room, 4, "m");
-    EXPECT_EQ(take_err(), 0u);
-    EXPECT_EQ(mgx_handle_allocation_failure_pending(h), 1u);
-    // Past the room the body must move: the failure leaves the list as it was.
-    add(room, 5, "n");
-    EXPECT_EQ(take_err(), MGX_ENOMEM);
-    EXPECT_EQ(aaa_tlv_attr_count(room), 4u);
-    EXPECT_EQ(value_at(room, 3), "m");
-    EXPECT_EQ(take_err(), 0u);
 }
 
 // References grow the same way, and keep the attributes they sit before.
@@ -331,7 +337,12 @@ TEST_F(AaaTlvTest, ReferencesGrowByAFactorBesideTheAttributes) {
     std::array<uint8_t, 24> object{};
     const std::vector<uint64_t> oids(64, mgx_oid_map(h, object.data())); // one object, 64 references
     const uint64_t before = mgx_handle_total_allocations(h);
-    for (uint64_t oid : oids) aaa_tlv_add_object_reference(h, 0, t, oid, &err);
+    for (uint64_t oid : oids) {
+        aaa_tlv_add_object_reference(h, 0, t, oid, &err);
+        uint32_t length = 0;
+        ASSERT_EQ(aaa_tlv_attr_at(t, 0, nullptr, &length), 9u); // the attribute stays where it was
+        ASSERT_EQ(length, 5u);
+    }
     ASSERT_EQ(take_err(), 0u);
     EXPECT_LE(mgx_handle_total_allocations(h) - before, 8u);
     EXPECT_EQ(aaa_tlv_get_oid_count(h, 0, t, &err), 64u);
