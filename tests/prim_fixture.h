@@ -4,7 +4,10 @@
 #define MGX_TESTS_PRIM_FIXTURE_H
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -24,6 +27,33 @@ inline std::unique_ptr<uint8_t[]> exact_block(size_t n, const uint8_t *p = nullp
     if (n) std::memset(b.get(), 0xA5, n);
     if (p && n) std::memcpy(b.get(), p, n);
     return b;
+}
+
+// The failed checks of the running test so far.
+inline int failed_parts() {
+    const testing::TestResult *r = testing::UnitTest::GetInstance()->current_test_info()->result();
+    int n = 0;
+    for (int i = 0; i < r->total_part_count(); ++i) n += r->GetTestPartResult(i).failed();
+    return n;
+}
+
+// Runs body in a child process, so that a case that reads through a null pointer, or reaches one
+// of the library's fatal checks, fails this test naming the case rather than ending the test
+// program; the child's own failures are printed by it and fail this test too.
+template <class F> inline void in_child(const std::string &what, F body) {
+    std::fflush(nullptr);
+    const int before = failed_parts();
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        body();
+        std::fflush(nullptr);
+        _exit(failed_parts() > before ? 1 : 0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    if (WIFSIGNALED(status)) ADD_FAILURE() << what << ": died of signal " << WTERMSIG(status);
+    else EXPECT_EQ(WEXITSTATUS(status), 0) << what << ": its checks failed (above)";
 }
 
 // A handle with every recorder on, for the tests that read the journal, the hook records and the

@@ -3,8 +3,6 @@
 // the second catalogue of tests/shapes), with the allocation-failure, truncation, reuse and
 // exception sweeps beside it.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -364,33 +362,6 @@ bool counts_backed(const ovrin::Type &t, const void *instance) {
             return false;
     }
     return true;
-}
-
-// The failed checks of the running test so far.
-int failed_parts() {
-    const testing::TestResult *r = testing::UnitTest::GetInstance()->current_test_info()->result();
-    int n = 0;
-    for (int i = 0; i < r->total_part_count(); ++i) n += r->GetTestPartResult(i).failed();
-    return n;
-}
-
-// Runs body in a child process, so that a case that reads through a null pointer fails this test
-// naming the case, rather than ending the test program; the child's own failures are printed by
-// it and fail this test too.
-template <class F> void in_child(const std::string &what, F body) {
-    std::fflush(nullptr);
-    const int before = failed_parts();
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        body();
-        std::fflush(nullptr);
-        _exit(failed_parts() > before ? 1 : 0);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    if (WIFSIGNALED(status)) ADD_FAILURE() << what << ": died of signal " << WTERMSIG(status);
-    else EXPECT_EQ(WEXITSTATUS(status), 0) << what << ": its checks failed (above)";
 }
 
 struct Unfilled : Sweep {
