@@ -70,6 +70,7 @@ void *instance_alloc(void *ctx, uint32_t, size_t size) {
     // Guarded blocks bypass the cache: each carries its pattern right behind its own size.
     void *p = r->guard_bytes ? nullptr : r->spare.take(size);
     if (!p && r->guard_bytes) {
+        if (size > SIZE_MAX - r->guard_bytes) return nullptr;
         if ((p = std::malloc(size + r->guard_bytes))) std::memset(static_cast<uint8_t *>(p) + size, guard_pattern, r->guard_bytes);
     } else if (!p) {
         p = std::malloc(mgx::BlockCache::heap_size(size));
