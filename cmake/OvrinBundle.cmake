@@ -18,6 +18,7 @@ function(ovrin_generate domain catalogue gen_dir)
     ${gen_dir}/include/${domain}/ops_runtime.h
     ${gen_dir}/include/${domain}/exports.inc
     ${gen_dir}/include/${domain}/optable.h
+    ${gen_dir}/include/${domain}/${domain}.hpp
     ${gen_dir}/include/${domain}_internal/tables.h
     ${gen_dir}/include/${domain}_internal/tables.inc
     ${gen_dir}/include/bundle_frame.h

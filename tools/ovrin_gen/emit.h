@@ -89,6 +89,8 @@ std::string emit_frame_names(const Catalogue &c);
 std::string emit_optable_header(const Catalogue &c);
 std::string emit_optable_source(const Catalogue &c);
 const std::vector<BundleSymbol> &optable_symbols();
+// include/NAME/NAME.hpp: the C++ interface over the exports.
+std::string emit_cxx_header(const Catalogue &c);
 // An assembler block placing bytes in a named section that is kept in the file but not loaded.
 std::string nonloaded_section(const char *name, const std::vector<uint8_t> &bytes);
 // The section holding the compressed trace message texts.

@@ -8,6 +8,7 @@
 //   include/NAME/ops_runtime.h          public, included by ops.h: the runtime-facing exports
 //   include/NAME/exports.inc            the exported symbol names (for tests)
 //   include/NAME/optable.h              public: the operations of every type as one table
+//   include/NAME/NAME.hpp               public: the C++ interface
 //   include/NAME_internal/tables.h      internal: declarations of the type tables
 //   include/NAME_internal/tables.inc    internal: definitions of the type tables
 //   include/bundle_frame.h              internal: the bundle's names, for the frame's sources
@@ -118,6 +119,7 @@ int main(int argc, char **argv) {
         write("src/sm_manifest.cpp", gen::emit_manifest(c, build));
         write(pub / "optable.h", gen::emit_optable_header(c));
         write("src/sm_optable.cpp", gen::emit_optable_source(c));
+        write(pub / (domain + ".hpp"), gen::emit_cxx_header(c));
         write(domain + ".map", gen::emit_version_script(c));
     } catch (const std::exception &e) {
         std::fprintf(stderr, "ovrin_gen: %s\n", e.what());
