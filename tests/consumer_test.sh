@@ -2,7 +2,8 @@
 # The installed package, used as a consumer would use it: installs the build tree into a fresh
 # prefix, checks what was installed (only under the prefix; SONAMEs; no C++ symbols exported; no
 # path back into the build tree), runs the installed tool, then builds tests/consumer/consumer.c
-# through find_package(ovrin_sm) and through pkg-config and runs both. consumer.c ends by checking
+# and consumer.cpp (the same program through the C++ interface) through find_package(ovrin_sm) and
+# through pkg-config and runs them. consumer.c ends by checking
 # that its handle holds no allocation. docs/getting-started.md must show the program as it is.
 # When the package holds the linked-in form (OVRIN_LINKED_IN), tests/consumer/linked_in builds one
 # program against both forms and runs it over the fuzz targets' wire seeds: the outputs must match.
@@ -59,6 +60,7 @@ shown() {
         fail "docs/getting-started.md does not show $1 as it is"
     }
 }
+shown tests/consumer/consumer.cpp
 shown tests/consumer/consumer.c
 shown tests/consumer/CMakeLists.txt
 
@@ -70,7 +72,8 @@ while read -r f; do
     [[ $f == "$prefix"/* ]] || fail "installed outside the prefix: $f"
 done <<<"$installed"
 lib=$prefix/$libdir
-for h in mgx/contract.h mgx/runtime.h ovrin_sm/types.h ovrin_sm/ops.h ovrin_sm/ops_runtime.h ovrin_sm/ovrin_sm.types; do
+for h in mgx/contract.h mgx/runtime.h mgx/handle.hpp ovrin/message.hpp ovrin_sm/types.h ovrin_sm/ops.h ovrin_sm/ops_runtime.h \
+         ovrin_sm/ovrin_sm.hpp ovrin_sm/ovrin_sm.types; do
     [ -f "$prefix/include/$h" ] || fail "$h is not installed"
 done
 
@@ -111,13 +114,15 @@ generator=()
 command -v ninja >/dev/null && generator=(-G Ninja)
 cmake -S "$source/tests/consumer" -B "$work/cmake" "${generator[@]}" \
     -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF \
-    -DCMAKE_C_COMPILER="$cc" -DCMAKE_C_FLAGS="$sanitize" -DCMAKE_EXE_LINKER_FLAGS="$sanitize_link" \
+    -DCMAKE_C_COMPILER="$cc" -DCMAKE_C_FLAGS="$sanitize" -DCMAKE_CXX_COMPILER="${CXX:-c++}" \
+    -DCMAKE_CXX_FLAGS="$sanitize" -DCMAKE_EXE_LINKER_FLAGS="$sanitize_link" \
     >"$work/cmake.log" || { cat "$work/cmake.log"; fail "the consumer does not configure"; }
 grep -qF "found in $prefix/" "$work/cmake.log" || { cat "$work/cmake.log"; fail "find_package did not use $prefix"; }
 cmake --build "$work/cmake" >"$work/build.log" || { cat "$work/build.log"; fail "the consumer does not build"; }
 [ "$(loaded "$work/cmake/consumer" libovrin_sm.so)" = "$(realpath "$lib/libovrin_sm.so.0")" ] ||
     fail "the CMake-built consumer does not load the installed libovrin_sm"
 expect_intact "$work/cmake/consumer"
+expect_intact "$work/cmake/consumer_cxx"
 
 echo "== consumer through pkg-config"
 export PKG_CONFIG_PATH=$lib/pkgconfig
@@ -131,6 +136,10 @@ export LD_LIBRARY_PATH=$pc_libdir
 [ "$(loaded "$work/consumer-pc" libovrin_sm.so)" = "$(realpath "$lib/libovrin_sm.so.0")" ] ||
     fail "the pkg-config consumer does not load the installed libovrin_sm"
 expect_intact "$work/consumer-pc"
+# shellcheck disable=SC2086
+"${CXX:-c++}" -std=c++20 -Wall -Wextra -Werror -pedantic $sanitize "$source/tests/consumer/consumer.cpp" $flags \
+    $sanitize_link -o "$work/consumer-cxx-pc"
+expect_intact "$work/consumer-cxx-pc"
 
 if [ -f "$lib/libovrin_sm.a" ]; then
     echo "== the linked-in form: the same output as the shared libraries"
