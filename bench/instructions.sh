@@ -22,7 +22,7 @@ count() { # count N NAME -> "total runtime" instructions of one benchmark run N 
 }
 
 printf '%-32s %12s %12s\n' benchmark instructions in-runtime
-"$binary" --benchmark_list_tests --benchmark_filter="$filter" | grep -E '^(ours|pb|memcpy)/' | while read -r name; do
+"$binary" --benchmark_list_tests --benchmark_filter="$filter" | grep -E '^(ours|cxx|pb|memcpy)/' | while read -r name; do
     read -r low low_rt < <(count 200 "$name")
     read -r high high_rt < <(count 1200 "$name")
     awk -v n="$name" -v lo="$low" -v hi="$high" -v lr="$low_rt" -v hr="$high_rt" \

@@ -16,6 +16,8 @@ sess_mgr_conn_hdl *build(mgx_handle_t *h, const Small &c);
 ovrin_smd_in_event *build(mgx_handle_t *h, const Medium &c);
 ovrin_smd_resp_event *build(mgx_handle_t *h, const Large &c);
 sess_mgr_sess_attr_query_resp *build(mgx_handle_t *h, const Bulk &c);
+// The medium message through the C++ interface (bench/ours_cxx.cpp).
+ovrin_smd_in_event *build_cxx(mgx_handle_t *h, const Medium &c);
 
 // The operations of one ovrin_sm message type that the benchmarks use.
 template <class T> struct Ops {

@@ -6,6 +6,9 @@
 //   pb/<message>/<op>     byte_size serialize parse_new parse_reuse parse_arena copy equals
 //                         to_json from_json debug_string build
 //   memcpy/<message>      a copy of the ovrin_sm encoding
+//   cxx/<message>/<op>    marshal unmarshal_reuse through the C++ interface (encode_to, decode_from),
+//                         and build (medium) and set_value (large): beside the ours/ rows of the
+//                         same work, to show the interface costs nothing over the C calls
 //
 // Counters: bytes (encoded message), rt_allocs (blocks from the runtime's instance allocator per
 // operation), heap_allocs (global operator new per operation; the comparator allocates this way,
@@ -25,6 +28,7 @@
 #include "bench/ours.h"
 #include "bench/summary.h"
 #include "mgx/runtime.h"
+#include "ovrin_sm/ovrin_sm.hpp"
 
 #ifdef OVRIN_BENCH_PROTOBUF
 #include <google/protobuf/arena.h>
@@ -234,6 +238,29 @@ template <class T, class C> void register_ours(const std::string &label, const O
             }
             m.finish(state, count);
         }));
+    // The same two through the C++ interface, on the same instance.
+    add("cxx/" + label + "/marshal", run([](benchmark::State &state, Ours<T> &m) {
+            std::vector<uint8_t> out(m.wire.size());
+            const ovrin::view_base<T> view(m.h, kLuid, m.msg);
+            AllocationCount count(m.h);
+            for (auto _ : state) {
+                std::error_code ec;
+                benchmark::DoNotOptimize(view.encode_to(out, ec));
+                benchmark::ClobberMemory();
+            }
+            m.finish(state, count);
+            if (out != m.wire) state.SkipWithError("the encoding differs");
+        }));
+    add("cxx/" + label + "/unmarshal_reuse", run([](benchmark::State &state, Ours<T> &m) {
+            ovrin::view_base<T> view(m.h, kLuid, m.fresh());
+            std::error_code ec;
+            view.decode_from(m.wire, ec);
+            AllocationCount count(m.h);
+            for (auto _ : state) benchmark::DoNotOptimize(view.decode_from(m.wire, ec));
+            if (ec || m.ops.compare(view.get(), m.msg) != 0) state.SkipWithError("the reused instance differs");
+            m.ops.destroy(m.h, kLuid, view.get());
+            m.finish(state, count);
+        }));
     // The floor: the encoded bytes copied as they are.
     add("memcpy/" + label, run([](benchmark::State &state, Ours<T> &m) {
             std::vector<uint8_t> out(m.wire.size());
@@ -394,6 +421,33 @@ void register_setters() {
             benchmark::ClobberMemory();
         }
         if (err) state.SkipWithError("the setter failed");
+        m.finish(state, count);
+    });
+    add("cxx/large/set_value", [](benchmark::State &state) {
+        Ours<ovrin_smd_resp_event> m(kLargeOps, large());
+        if (!m.ok(state)) return;
+        auto event = ovrin::sm::ovrin_smd_resp_event_ref(m.h, kLuid, m.msg);
+        auto policy = event.authc_result().policy_result();
+        AllocationCount count(m.h);
+        uint32_t v = 0;
+        for (auto _ : state) {
+            policy.set_vlan(++v);
+            benchmark::ClobberMemory();
+        }
+        m.finish(state, count);
+    });
+    add("cxx/medium/build", [](benchmark::State &state) {
+        Ours<ovrin_smd_in_event> m(kMediumOps, medium());
+        if (!m.ok(state)) return;
+        ovrin_smd_in_event *t = build_cxx(m.h, medium());
+        if (!t || m.ops.compare(t, m.msg) != 0) state.SkipWithError("the C++ builder makes another message");
+        if (t) m.ops.destroy(m.h, kLuid, t);
+        AllocationCount count(m.h);
+        for (auto _ : state) {
+            t = build_cxx(m.h, medium());
+            benchmark::DoNotOptimize(t);
+            m.ops.destroy(m.h, kLuid, t);
+        }
         m.finish(state, count);
     });
 #ifdef OVRIN_BENCH_PROTOBUF

@@ -134,6 +134,10 @@ TEST_F(Cxx, DecodeKeepsWhatTheSendersVariantAdds) {
     mgx::handle old;
     old.set_domain_variant("sess_mgr_session_start", 0);
     auto at_zero = sess_mgr_session_start::create(old);
+    // A reused message keeps the room for the later member across an older peer's message.
+    auto reused = sess_mgr_session_start::decode(h, at_zero.encode());
+    reused.decode_from(bytes);
+    EXPECT_EQ(reused.cl_name().client_name(), "alice");
     try {
         at_zero.cl_name();
         ADD_FAILURE() << "a member newer than the instance's variant was reached";

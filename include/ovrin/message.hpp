@@ -117,19 +117,22 @@ public:
         return err ? 0 : n;
     }
 
-    // Decodes bytes into this instance, which is first raised to the handle's variant of its type
-    // (so that no member the peer sent is dropped). Every byte must be used: trailing bytes are
-    // refused with 22. What the instance held before is replaced.
+    // Decodes bytes into this instance, raised first (on its first decode through this object)
+    // to the handle's variant of its type, so that no member the peer sent is dropped; a raised
+    // instance keeps the room. Every byte must be used: trailing bytes are refused with 22. What
+    // the instance held before is replaced; strings, arrays and lists of the same size keep their
+    // storage.
     void decode_from(std::span<const uint8_t> bytes) {
         std::error_code ec;
         if (!decode_from(bytes, ec)) detail::fail(static_cast<uint32_t>(ec.value()), type_name(), "decode");
     }
     bool decode_from(std::span<const uint8_t> bytes, std::error_code &ec) noexcept {
         uint32_t err = p_ ? 0 : MGX_EINVAL;
-        if (!err) ops::adjust_variant(h_, luid_, p_, &err);
+        if (!err && !raised_) ops::adjust_variant(h_, luid_, p_, &err);
+        raised_ = !err;
         if (bytes.size() > INT32_MAX) err = MGX_EINVAL;
         uint32_t used = 0;
-        if (!err) used = ops::unmarshal(h_, luid_, bytes.data(), p_, static_cast<int32_t>(bytes.size()), 0, &err);
+        if (!err) used = ops::unmarshal(h_, luid_, bytes.data(), p_, static_cast<int32_t>(bytes.size()), 1, &err);
         if (!err && used != bytes.size()) err = MGX_EINVAL;
         ec = err ? mgx::make_error_code(err) : std::error_code();
         return !err;
@@ -168,6 +171,7 @@ protected:
     mgx_handle_t *h_ = nullptr;
     uint32_t luid_ = 0;
     C *p_ = nullptr;
+    bool raised_ = false;
 };
 
 // The typed accessors of a generated type reach their instance through this base: Self is the
@@ -231,13 +235,16 @@ template <class C, class Self> class message_base : public view_base<C> {
 
 public:
     message_base() = default;
-    message_base(message_base &&other) noexcept : base(other.h_, other.luid_, std::exchange(other.p_, nullptr)) {}
+    message_base(message_base &&other) noexcept : base(other.h_, other.luid_, std::exchange(other.p_, nullptr)) {
+        this->raised_ = other.raised_;
+    }
     message_base &operator=(message_base &&other) noexcept {
         if (this != &other) {
             reset();
             this->h_ = other.h_;
             this->luid_ = other.luid_;
             this->p_ = std::exchange(other.p_, nullptr);
+            this->raised_ = other.raised_;
         }
         return *this;
     }
@@ -259,7 +266,10 @@ public:
         return s;
     }
     // Gives the instance up to the caller (for the C interface), leaving this message empty.
-    C *release() noexcept { return std::exchange(this->p_, nullptr); }
+    C *release() noexcept {
+        this->raised_ = false;
+        return std::exchange(this->p_, nullptr);
+    }
 
     // A new instance from the bytes of one encoding, all of them used.
     static Self decode(mgx::handle &h, std::span<const uint8_t> bytes) {
@@ -314,6 +324,7 @@ public:
 
     void reset() noexcept {
         if (C *p = std::exchange(this->p_, nullptr)) ops::destroy(this->h_, this->luid_, p);
+        this->raised_ = false;
     }
 };
 
