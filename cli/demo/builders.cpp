@@ -42,18 +42,6 @@ Ids ids_of(long session) {
 
 const char *const kClientName = "dot1x-wlan-client";
 
-// The builders throw mgx::error; the demo's callers take a code in an error word.
-template <class M, class Fill> typename M::c_type *built(mgx_handle_t *h, uint32_t *err, Fill fill) {
-    try {
-        M message = M::create(h, kLuid);
-        fill(message);
-        return message.release();
-    } catch (const mgx::error &e) {
-        *err = e.value();
-        return nullptr;
-    }
-}
-
 void request(sm::ovrin_smd_in_event &ev, Request kind, long session) {
     const Ids id = ids_of(session);
     switch (kind) {
@@ -237,20 +225,16 @@ void answer(sm::ovrin_smd_resp_event &ev, Answer kind, long session) {
 
 } // namespace
 
-ovrin_smd_in_event *build_request(mgx_handle_t *h, Request kind, long session, uint32_t *err) {
-    return built<sm::ovrin_smd_in_event>(h, err, [&](auto &ev) { request(ev, kind, session); });
+sm::ovrin_smd_in_event build_request(mgx_handle_t *h, Request kind, long session) {
+    auto ev = sm::ovrin_smd_in_event::create(h, kLuid);
+    request(ev, kind, session);
+    return ev;
 }
 
-ovrin_smd_resp_event *build_answer(mgx_handle_t *h, Answer kind, long session, uint32_t *err) {
-    return built<sm::ovrin_smd_resp_event>(h, err, [&](auto &ev) { answer(ev, kind, session); });
-}
-
-void *rebuild_request(mgx_handle_t *h, int kind, long session, uint32_t *err) {
-    return build_request(h, static_cast<Request>(kind), session, err);
-}
-
-void *rebuild_answer(mgx_handle_t *h, int kind, long session, uint32_t *err) {
-    return build_answer(h, static_cast<Answer>(kind), session, err);
+sm::ovrin_smd_resp_event build_answer(mgx_handle_t *h, Answer kind, long session) {
+    auto ev = sm::ovrin_smd_resp_event::create(h, kLuid);
+    answer(ev, kind, session);
+    return ev;
 }
 
 } // namespace ovrin::demo

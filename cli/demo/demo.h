@@ -21,10 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "mgx/runtime.h"
-#include "ovrin_sm/ops.h"
-#include "cli/render.h"
-#include "ovrin_sm/optable.h"
+#include "ovrin_sm/ovrin_sm.hpp"
 
 namespace ovrin::demo {
 
@@ -72,20 +69,9 @@ const char *answer_name(Answer a);
 // ------------------------------------------------------------------ message builders
 //
 // Builders are deterministic in (kind, session number), so the receiver can rebuild exactly what
-// the sender meant. Setters short-circuit once the error word is set; the caller checks it once.
-ovrin_smd_in_event *build_request(mgx_handle_t *h, Request kind, long session, uint32_t *err);
-ovrin_smd_resp_event *build_answer(mgx_handle_t *h, Answer kind, long session, uint32_t *err);
-
-// A builder as the receiving side calls it, with the kind of message it expects.
-using Rebuild = void *(*)(mgx_handle_t *h, int kind, long session, uint32_t *err);
-void *rebuild_request(mgx_handle_t *h, int kind, long session, uint32_t *err);
-void *rebuild_answer(mgx_handle_t *h, int kind, long session, uint32_t *err);
-
-// ------------------------------------------------------------------ the two message types
-
-// The operations of the two top-level message types, from the bundle's operations table.
-const ovrin_sm_type_ops &in_event_ops();
-const ovrin_sm_type_ops &resp_event_ops();
+// the sender meant. A refused step throws mgx::error.
+sm::ovrin_smd_in_event build_request(mgx_handle_t *h, Request kind, long session);
+sm::ovrin_smd_resp_event build_answer(mgx_handle_t *h, Answer kind, long session);
 
 // ------------------------------------------------------------------ framing
 
@@ -102,29 +88,27 @@ struct Side {
     const char *peer;
     const Options &opt;
     int fd;
-    mgx_handle_t *h = mgx_handle_create();
-    ovrin::cli::Text text; // rendering room, grown to the largest message rendered so far
+    mgx::handle h;
     long sent = 0, received = 0, intact = 0;
     int frame_no = 0; // frames of the first session so far, both directions, for --corrupt
 
-    Side(const char *n, const char *p, const Options &o, int f) : name(n), peer(p), opt(o), fd(f) {}
-    ~Side() { mgx_handle_destroy(h); }
-    Side(const Side &) = delete;
-    Side &operator=(const Side &) = delete;
+    Side(const char *n, const char *p, const Options &o, int f) : name(n), peer(p), opt(o), fd(f), h(kLuid) {}
 
     bool verbose(long session) const { return session == 1; }
 
-    // Encodes msg (then destroys it) and sends it; false when it cannot be built, encoded or sent.
-    bool send(const ovrin_sm_type_ops &ops, void *msg, uint32_t build_err, const char *what, long session);
+    // Builds the message of kind, encodes and sends it; false when it cannot be built, encoded or
+    // sent.
+    template <class M, class Kind> bool send(M (*build)(mgx_handle_t *, Kind, long), Kind kind, const char *what, long session);
 
-    // Receives one message, checks it against the one rebuilt here (rebuild of kind), renders it.
+    // Receives one message, checks it against the one rebuilt here (build of kind), renders it.
     // False only when the exchange cannot go on (no frame); a damaged message is counted and
     // reported.
-    bool receive(const ovrin_sm_type_ops &ops, Rebuild rebuild, int kind, const char *what, long session);
+    template <class M, class Kind>
+    bool receive(M (*build)(mgx_handle_t *, Kind, long), Kind kind, const char *what, long session);
 
-    void render(const ovrin_sm_type_ops &ops, const void *msg, const std::vector<uint8_t> &bytes);
+    template <class M> void render(const M &msg, const std::vector<uint8_t> &bytes);
 
-    uint64_t live() const { return mgx_handle_live_allocations(h); }
+    uint64_t live() const { return h.live_allocations(); }
 
     // One line with this process's resident set size now and at its peak, in KiB as the kernel
     // counts them, and the allocations its handle holds, after `session` when it is a multiple of

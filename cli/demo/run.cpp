@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 
 #include "cli/commands.h"
 #include "cli/demo/demo.h"
@@ -19,18 +20,14 @@ namespace {
 // The session manager: answers every request of the script, for as many sessions as asked.
 int run_manager(const Options &opt, int fd) {
     Side sm("session manager", "client", opt, fd);
-    mgx_handle_set_domain_variant(sm.h, "ovrin_smd_in_event", kManagerInEventVariant);
-    mgx_handle_set_domain_variant(sm.h, "ovrin_sm_in_event_type", kManagerInEventVariant);
+    sm.h.set_domain_variant("ovrin_smd_in_event", kManagerInEventVariant);
+    sm.h.set_domain_variant("ovrin_sm_in_event_type", kManagerInEventVariant);
     bool going = true;
     for (long s = 1; going && s <= opt.count; ++s) {
         for (const Step &step : script()) {
-            if (!(going = sm.receive(in_event_ops(), rebuild_request, step.request, request_name(step.request), s)))
-                break;
-            for (Answer a : step.answers) {
-                uint32_t err = 0;
-                ovrin_smd_resp_event *msg = build_answer(sm.h, a, s, &err);
-                if (!(going = sm.send(resp_event_ops(), msg, err, answer_name(a), s))) break;
-            }
+            if (!(going = sm.receive(build_request, step.request, request_name(step.request), s))) break;
+            for (Answer a : step.answers)
+                if (!(going = sm.send(build_answer, a, answer_name(a), s))) break;
             if (!going) break;
         }
         if (going) sm.report_memory(s);
@@ -53,19 +50,16 @@ int run_manager(const Options &opt, int fd) {
 // The client: plays the script, checks every answer, and reports the verdict with the manager's.
 int run_client(const Options &opt, int fd, pid_t manager) {
     Side cl("client", "session manager", opt, fd);
-    mgx_handle_set_state_tracking(cl.h, 1, MGX_STTR_TRACKED);
+    cl.h.set_state_tracking(true);
     const auto start = std::chrono::steady_clock::now();
     auto last_progress = start;
     bool going = true;
     long sessions = 0;
     for (long s = 1; going && s <= opt.count; ++s) {
         for (const Step &step : script()) {
-            uint32_t err = 0;
-            ovrin_smd_in_event *msg = build_request(cl.h, step.request, s, &err);
-            if (!(going = cl.send(in_event_ops(), msg, err, request_name(step.request), s))) break;
-            for (Answer a : step.answers) {
-                if (!(going = cl.receive(resp_event_ops(), rebuild_answer, a, answer_name(a), s))) break;
-            }
+            if (!(going = cl.send(build_request, step.request, request_name(step.request), s))) break;
+            for (Answer a : step.answers)
+                if (!(going = cl.receive(build_answer, a, answer_name(a), s))) break;
             if (!going) break;
         }
         if (going) {
@@ -107,6 +101,16 @@ int run_client(const Options &opt, int fd, pid_t manager) {
     return pass ? 0 : 1;
 }
 
+// One side's run: a failure to set the side up (no memory for a handle) is reported, not thrown.
+template <class Run> int guarded(const char *side, Run run) {
+    try {
+        return run();
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "%s: %s\n", side, e.what());
+        return 1;
+    }
+}
+
 } // namespace
 } // namespace ovrin::demo
 
@@ -135,13 +139,13 @@ int ovrin_cmd_demo(int argc, char **argv) {
     }
     if (pid == 0) {
         ::close(fds[0]);
-        int status = run_manager(opt, fds[1]);
+        int status = guarded("session manager", [&] { return run_manager(opt, fds[1]); });
         ::close(fds[1]);
         std::fflush(nullptr);
         ::_exit(status);
     }
     ::close(fds[1]);
-    int status = run_client(opt, fds[0], pid);
+    int status = guarded("client", [&] { return run_client(opt, fds[0], pid); });
     ::close(fds[0]);
     return status;
 }

@@ -127,15 +127,21 @@ public:
         if (!decode_from(bytes, ec)) detail::fail(static_cast<uint32_t>(ec.value()), type_name(), "decode");
     }
     bool decode_from(std::span<const uint8_t> bytes, std::error_code &ec) noexcept {
+        size_t used = decode_prefix(bytes, ec);
+        if (!ec && used != bytes.size()) ec = mgx::make_error_code(MGX_EINVAL);
+        return !ec;
+    }
+    // The same for an encoding at the start of bytes, more may follow: the bytes used, also when
+    // the encoding stops short of a whole message (ec then says why).
+    size_t decode_prefix(std::span<const uint8_t> bytes, std::error_code &ec) noexcept {
         uint32_t err = p_ ? 0 : MGX_EINVAL;
         if (!err && !raised_) ops::adjust_variant(h_, luid_, p_, &err);
         raised_ = !err;
         if (bytes.size() > INT32_MAX) err = MGX_EINVAL;
         uint32_t used = 0;
         if (!err) used = ops::unmarshal(h_, luid_, bytes.data(), p_, static_cast<int32_t>(bytes.size()), 1, &err);
-        if (!err && used != bytes.size()) err = MGX_EINVAL;
         ec = err ? mgx::make_error_code(err) : std::error_code();
-        return !err;
+        return used;
     }
 
     uint32_t hash(uint32_t seed = 0) const noexcept { return p_ ? ops::hash(p_, seed) : seed; }
