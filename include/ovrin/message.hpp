@@ -48,6 +48,14 @@ inline void check(uint32_t err, const char *type, const char *member) {
         fail(err, type, member);
 }
 
+// Bytes as the C interface takes them.
+inline std::span<uint8_t> octets(std::span<std::byte> b) noexcept {
+    return {reinterpret_cast<uint8_t *>(b.data()), b.size()};
+}
+inline std::span<const uint8_t> octets(std::span<const std::byte> b) noexcept {
+    return {reinterpret_cast<const uint8_t *>(b.data()), b.size()};
+}
+
 // A C accessor `r f(h, luid, instance, args..., err)`, its refusal thrown with the member's name.
 template <class F, class... A>
 decltype(auto) invoke(const char *type, const char *member, F f, mgx_handle_t *h, uint32_t luid, A... args) {
@@ -109,6 +117,8 @@ public:
         if (ec) detail::fail(static_cast<uint32_t>(ec.value()), type_name(), "encode");
         return n;
     }
+    size_t encode_to(std::span<std::byte> out) const { return encode_to(detail::octets(out)); }
+    size_t encode_to(std::span<std::byte> out, std::error_code &ec) const noexcept { return encode_to(detail::octets(out), ec); }
     size_t encode_to(std::span<uint8_t> out, std::error_code &ec) const noexcept {
         uint32_t err = p_ ? 0 : MGX_EINVAL;
         int32_t space = out.size() > INT32_MAX ? INT32_MAX : static_cast<int32_t>(out.size());
@@ -282,6 +292,10 @@ public:
         Self s = create(h);
         s.decode_from(bytes);
         return s;
+    }
+    static Self decode(mgx::handle &h, std::span<const std::byte> bytes) { return decode(h, detail::octets(bytes)); }
+    static Self decode(mgx::handle &h, std::span<const std::byte> bytes, std::error_code &ec) noexcept {
+        return decode(h, detail::octets(bytes), ec);
     }
     // The same without throwing: an empty message, with ec set, when the bytes do not decode.
     static Self decode(mgx::handle &h, std::span<const uint8_t> bytes, std::error_code &ec) noexcept {
