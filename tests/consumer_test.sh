@@ -9,9 +9,10 @@
 # program against both forms and runs it over the fuzz targets' wire seeds: the outputs must match.
 # CXX names the C++ compiler for that build.
 #
-#   consumer_test.sh BUILD_DIR SOURCE_DIR C_COMPILER LIBDIR [SANITIZER_FLAGS [SANITIZER_LINK_FLAGS]]
+#   consumer_test.sh BUILD_DIR SOURCE_DIR C_COMPILER LIBDIR SOVERSION [SANITIZER_FLAGS [SANITIZER_LINK_FLAGS]]
 #
-# LIBDIR is the build's CMAKE_INSTALL_LIBDIR. SANITIZER_FLAGS are given when the libraries are
+# LIBDIR is the build's CMAKE_INSTALL_LIBDIR; SOVERSION the ABI version the SONAMEs must carry
+# (MAJOR.MINOR while the major version is 0, else MAJOR). SANITIZER_FLAGS are given when the libraries are
 # instrumented: a program that loads them must be built with the same sanitizers.
 # SANITIZER_LINK_FLAGS are what linking such a program needs besides (clang's C++ runtime parts).
 set -euo pipefail
@@ -20,8 +21,9 @@ build=$(realpath "$1")
 source=$(realpath "$2")
 cc=$3
 libdir=$4
-sanitize=${5:-}
-sanitize_link="$sanitize ${6:-}"
+soversion=$5
+sanitize=${6:-}
+sanitize_link="$sanitize ${7:-}"
 
 if [[ $libdir == /* ]]; then
     echo "skipped: the libraries install to the absolute directory $libdir, outside any chosen prefix"
@@ -80,9 +82,9 @@ done
 echo "== installed libraries"
 for name in mgx ovrin_sm; do
     so=$lib/lib$name.so
-    [ "$(readlink "$so")" = "lib$name.so.0" ] || fail "lib$name.so does not link to lib$name.so.0"
+    [ "$(readlink "$so")" = "lib$name.so.$soversion" ] || fail "lib$name.so does not link to lib$name.so.$soversion"
     soname=$(readelf -d "$so" | sed -nE 's/.*\(SONAME\).*\[(.*)\]/\1/p')
-    [ "$soname" = "lib$name.so.0" ] || fail "lib$name.so has SONAME '$soname'"
+    [ "$soname" = "lib$name.so.$soversion" ] || fail "lib$name.so has SONAME '$soname'"
     cxx=$(nm -D --defined-only "$so" | awk '$3 ~ /^_Z/ {print $3}' | head -n 5)
     [ -z "$cxx" ] || fail "lib$name.so exports C++ symbols: $cxx"
     if readelf -d "$so" | grep -E 'R(UN)?PATH' | grep -qF "$build"; then
@@ -93,14 +95,14 @@ done
 
 echo "== the installed tool"
 tool=$prefix/bin/ovrin-sm
-[ "$(loaded "$tool" libovrin_sm.so)" = "$(realpath "$lib/libovrin_sm.so.0")" ] ||
+[ "$(loaded "$tool" libovrin_sm.so)" = "$(realpath "$lib/libovrin_sm.so.$soversion")" ] ||
     fail "ovrin-sm does not load the installed libovrin_sm"
 "$tool" types >"$work/types.txt"
 head -n 4 "$work/types.txt"
 [ "$(wc -l <"$work/types.txt")" -eq 80 ] || fail "ovrin-sm types did not list 79 types"
 "$tool" manifest >"$work/manifest.txt"
 manifest_lib=$(head -n 1 "$work/manifest.txt" | sed 's/: .ovrin_sm_manifest$//')
-[ "$(realpath "$manifest_lib")" = "$(realpath "$lib/libovrin_sm.so.0")" ] ||
+[ "$(realpath "$manifest_lib")" = "$(realpath "$lib/libovrin_sm.so.$soversion")" ] ||
     fail "ovrin-sm manifest read $manifest_lib"
 
 expect_intact() {
@@ -112,14 +114,16 @@ expect_intact() {
 echo "== consumer through find_package(ovrin_sm)"
 generator=()
 command -v ninja >/dev/null && generator=(-G Ninja)
+# The shared form configures where libxml2 and zlib cannot be found: it needs neither.
 cmake -S "$source/tests/consumer" -B "$work/cmake" "${generator[@]}" \
     -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF \
+    -DCMAKE_DISABLE_FIND_PACKAGE_LibXml2=ON -DCMAKE_DISABLE_FIND_PACKAGE_ZLIB=ON \
     -DCMAKE_C_COMPILER="$cc" -DCMAKE_C_FLAGS="$sanitize" -DCMAKE_CXX_COMPILER="${CXX:-c++}" \
     -DCMAKE_CXX_FLAGS="$sanitize" -DCMAKE_EXE_LINKER_FLAGS="$sanitize_link" \
     >"$work/cmake.log" || { cat "$work/cmake.log"; fail "the consumer does not configure"; }
 grep -qF "found in $prefix/" "$work/cmake.log" || { cat "$work/cmake.log"; fail "find_package did not use $prefix"; }
 cmake --build "$work/cmake" >"$work/build.log" || { cat "$work/build.log"; fail "the consumer does not build"; }
-[ "$(loaded "$work/cmake/consumer" libovrin_sm.so)" = "$(realpath "$lib/libovrin_sm.so.0")" ] ||
+[ "$(loaded "$work/cmake/consumer" libovrin_sm.so)" = "$(realpath "$lib/libovrin_sm.so.$soversion")" ] ||
     fail "the CMake-built consumer does not load the installed libovrin_sm"
 expect_intact "$work/cmake/consumer"
 expect_intact "$work/cmake/consumer_cxx"
@@ -133,13 +137,26 @@ echo "pkg-config --cflags --libs ovrin_sm: $flags"
     $sanitize_link -o "$work/consumer-pc"
 pc_libdir=$(pkg-config --variable=libdir ovrin_sm)
 export LD_LIBRARY_PATH=$pc_libdir
-[ "$(loaded "$work/consumer-pc" libovrin_sm.so)" = "$(realpath "$lib/libovrin_sm.so.0")" ] ||
+[ "$(loaded "$work/consumer-pc" libovrin_sm.so)" = "$(realpath "$lib/libovrin_sm.so.$soversion")" ] ||
     fail "the pkg-config consumer does not load the installed libovrin_sm"
 expect_intact "$work/consumer-pc"
 # shellcheck disable=SC2086
 "${CXX:-c++}" -std=c++20 -Wall -Wextra -Werror -pedantic $sanitize "$source/tests/consumer/consumer.cpp" $flags \
     $sanitize_link -o "$work/consumer-cxx-pc"
 expect_intact "$work/consumer-cxx-pc"
+
+echo "== pkg-config --static: what a static link needs besides"
+static_libs=$(pkg-config --static --libs ovrin_sm)
+echo "pkg-config --static --libs ovrin_sm: $static_libs"
+for needed in -lovrin_sm -lmgx -lxml2 -lz -lstdc++; do
+    [[ " $static_libs " == *" $needed "* ]] || fail "pkg-config --static --libs ovrin_sm lacks $needed"
+done
+if [ -f "$lib/libovrin_sm.a" ] && [ -z "$sanitize" ]; then
+    # shellcheck disable=SC2086
+    "$cc" -std=c11 -static "$source/tests/consumer/consumer.c" $(pkg-config --cflags ovrin_sm) $static_libs \
+        -o "$work/consumer-static" 2>"$work/static.log" || { tail -n 20 "$work/static.log"; fail "a -static program does not link"; }
+    expect_intact "$work/consumer-static"
+fi
 
 if [ -f "$lib/libovrin_sm.a" ]; then
     echo "== the linked-in form: the same output as the shared libraries"

@@ -1,7 +1,8 @@
 /*
  * The version of the ovrin_sm package: the headers a program was compiled with (the macros) and
  * the library it runs with (ovrin_sm_version()). Until 1.0 a new minor version may change the
- * library's interface; a program can compare the two at start-up.
+ * library's interface, so the library's SONAME carries the minor version (libovrin_sm.so.0.1) and
+ * a program is never loaded with another 0.x; a program can also compare the two at start-up.
  */
 #ifndef OVRIN_SM_VERSION_H
 #define OVRIN_SM_VERSION_H
