@@ -2,6 +2,8 @@
 # Developer entry point: installs what is missing (Debian 12, as root), configures, builds, and
 # runs the demo or the tests.
 #   tools/dev.sh demo [ARGS]   build and run the ovrin-sm main job
+#   tools/dev.sh check         build and run the unit suite (ctest -L unit): no sanitizer, fuzz,
+#                              soak, package or complexity gate; the quick loop while working
 #   tools/dev.sh test          build and run every test, then every reliability gate below
 #   tools/dev.sh asan          the whole suite built with AddressSanitizer, UBSan and LeakSanitizer
 #   tools/dev.sh tsan          the concurrency tests built with ThreadSanitizer
@@ -165,6 +167,11 @@ case "$cmd" in
         build "$out" -DOVRIN_TESTS=OFF
         exec "$out/ovrin-sm" demo "$@"
         ;;
+    check)
+        install_missing
+        build "$out" -DOVRIN_TESTS=ON
+        ctest --test-dir "$out" --output-on-failure -j "$(nproc)" -L unit
+        ;;
     test)
         install_missing
         build "$out" -DOVRIN_TESTS=ON
@@ -201,7 +208,7 @@ case "$cmd" in
         echo "chart: $out/soak/memory.svg (docs/memory-over-time.svg), tables: $out/soak/memory.md"
         ;;
     *)
-        echo "usage: tools/dev.sh demo|test|asan|tsan|fuzz|fuzz-long|bench|soak|mutate" >&2
+        echo "usage: tools/dev.sh demo|check|test|asan|tsan|fuzz|fuzz-long|bench|soak|mutate" >&2
         exit 2
         ;;
 esac
