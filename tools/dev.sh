@@ -27,7 +27,9 @@
 # Build directories are $OVRIN_BUILD (default "build") and the same name with -asan, -tsan and
 # -fuzz (and -bench) appended; set OVRIN_BUILD to keep a checkout's builds apart from another's.
 set -euo pipefail
+caller=$PWD # paths given on the command line (demo --trace FILE) are the caller's
 cd "$(dirname "$0")/.."
+root=$PWD
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config libxml2-dev zlib1g-dev nettle-dev
           libgtest-dev libgmock-dev libbenchmark-dev valgrind)
@@ -36,6 +38,11 @@ packages=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config libxml2-dev 
 bench_packages=(libprotobuf-dev protobuf-compiler)
 
 install_missing() {
+    if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
+        echo "tools/dev.sh: no dpkg-query/apt-get here, so nothing is installed; the build needs" \
+             "(Debian package names): ${packages[*]} $*" >&2
+        return 0
+    fi
     local missing=()
     for p in "${packages[@]}" "$@"; do
         dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
@@ -49,10 +56,14 @@ install_missing() {
     fi
 }
 
+# build DIR [TARGET...] [-- CMAKE_ARGS...]: configures DIR and builds the targets (all without any).
 build() {
     local dir=$1; shift
+    local targets=()
+    while (($#)) && [ "$1" != "--" ]; do targets+=(--target "$1"); shift; done
+    (($#)) && shift
     cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
-    cmake --build "$dir" -j "$(nproc)"
+    cmake --build "$dir" -j "$(nproc)" "${targets[@]}"
 }
 
 out=${OVRIN_BUILD:-build}
@@ -60,7 +71,7 @@ out=${OVRIN_BUILD:-build}
 # The whole suite under AddressSanitizer + UndefinedBehaviorSanitizer (+ LeakSanitizer).
 gate_asan() {
     echo "== gate: AddressSanitizer, UBSan, LeakSanitizer: whole suite ($out-asan)"
-    build "$out-asan" -DOVRIN_TESTS=ON -DOVRIN_SANITIZE=ON
+    build "$out-asan" -- -DOVRIN_TESTS=ON -DOVRIN_SANITIZE=ON
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
         ctest --test-dir "$out-asan" --output-on-failure -j "$(nproc)"
 }
@@ -164,17 +175,24 @@ shift || true
 case "$cmd" in
     demo)
         install_missing
-        build "$out" -DOVRIN_TESTS=OFF
-        exec "$out/ovrin-sm" demo "$@"
+        # The tool alone (no benchmarks, archives or tests); a build directory already configured
+        # keeps its settings, so that the demo does not turn a test build's tests off.
+        demo_config=()
+        [ -f "$out/CMakeCache.txt" ] || demo_config=(-DOVRIN_TESTS=OFF)
+        build "$out" ovrin-sm -- "${demo_config[@]}"
+        tool=$out/ovrin-sm
+        [[ $tool == /* ]] || tool=$root/$tool
+        cd "$caller"
+        exec "$tool" demo "$@"
         ;;
     check)
         install_missing
-        build "$out" -DOVRIN_TESTS=ON
+        build "$out" -- -DOVRIN_TESTS=ON
         ctest --test-dir "$out" --output-on-failure -j "$(nproc)" -L unit
         ;;
     test)
         install_missing
-        build "$out" -DOVRIN_TESTS=ON
+        build "$out" -- -DOVRIN_TESTS=ON
         ctest --test-dir "$out" --output-on-failure -j "$(nproc)"
         gate_tsan
         gate_fuzz
@@ -186,7 +204,7 @@ case "$cmd" in
     fuzz-long) install_missing; fuzz_long "$@" ;;
     bench)
         install_missing "${bench_packages[@]}"
-        build "$out-bench" -DCMAKE_BUILD_TYPE=Release -DOVRIN_TESTS=OFF -DOVRIN_BENCH=ON
+        build "$out-bench" -- -DCMAKE_BUILD_TYPE=Release -DOVRIN_TESTS=OFF -DOVRIN_BENCH=ON
         exec "$out-bench/bench/ovrin_sm_bench" "$@"
         ;;
     mutate)
@@ -195,7 +213,7 @@ case "$cmd" in
         ;;
     soak)
         install_missing python3
-        build "$out" -DOVRIN_TESTS=ON
+        build "$out" -- -DOVRIN_TESTS=ON
         sessions=${1:-1000000}
         round_trips=${2:-1000000}
         mkdir -p "$out/soak"
