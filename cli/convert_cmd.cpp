@@ -22,21 +22,23 @@ namespace {
 
 using namespace ovrin::cli;
 
-enum { opt_hex = 256, opt_xml, opt_pretty, opt_tracked, opt_lenient };
+enum { opt_hex = 256, opt_xml, opt_pretty, opt_tracked, opt_lenient, opt_allow_trailing };
 
 const Command decode_command = {
-    "decode", "TYPE [FILE] [--hex] [--xml [--pretty]] [--tracked]",
+    "decode", "TYPE [FILE] [--hex] [--xml [--pretty]] [--tracked] [--allow-trailing]",
     "Decodes wire bytes of TYPE from FILE (standard input when FILE is absent or '-') and writes the\n"
     "instance in the print form. 'ovrin-sm types' lists the types.\n"
     "\n"
     "  --hex                 the input is hexadecimal text; blanks and line breaks between bytes are ignored\n"
     "  --xml                 write XML, which 'ovrin-sm encode' reads back to the same bytes\n"
     "  --pretty              with --xml: one element a line, children indented by two spaces\n"
-    "  --tracked             decode on a handle that tracks state, as a tracking receiver does\n",
+    "  --tracked             decode on a handle that tracks state, as a tracking receiver does\n"
+    "  --allow-trailing      bytes after the message are not an error (they are counted on standard error)\n",
     {{"hex", no_argument, nullptr, opt_hex},
      {"xml", no_argument, nullptr, opt_xml},
      {"pretty", no_argument, nullptr, opt_pretty},
-     {"tracked", no_argument, nullptr, opt_tracked}},
+     {"tracked", no_argument, nullptr, opt_tracked},
+     {"allow-trailing", no_argument, nullptr, opt_allow_trailing}},
 };
 
 const Command encode_command = {
@@ -57,7 +59,7 @@ const Command encode_command = {
 };
 
 struct Options {
-    bool hex = false, xml = false, pretty = false, tracked = false, lenient = false;
+    bool hex = false, xml = false, pretty = false, tracked = false, lenient = false, allow_trailing = false;
     const char *type = nullptr, *file = nullptr;
 };
 
@@ -76,6 +78,7 @@ int parse_options(const Command &c, int argc, char **argv, Options &o) {
             if (val == opt_pretty) o.pretty = true;
             if (val == opt_tracked) o.tracked = true;
             if (val == opt_lenient) o.lenient = true;
+            if (val == opt_allow_trailing) o.allow_trailing = true;
             continue;
         case Next::done: break;
         }
@@ -195,6 +198,12 @@ int ovrin_cmd_decode(int argc, char **argv) {
                      o.type, err, mgx_strerror(err), used);
         if (!o.hex && looks_hex(bytes))
             std::fprintf(stderr, "ovrin-sm: the input looks like hexadecimal text: add --hex to read it so\n");
+        status = exit_failure;
+    } else if (used < bytes.size() && !o.allow_trailing) {
+        std::fprintf(stderr,
+                     "ovrin-sm: %zu bytes hold a %s in the first %u and %zu trailing bytes after it "
+                     "(--allow-trailing reads it anyway)\n",
+                     bytes.size(), o.type, used, bytes.size() - used);
         status = exit_failure;
     } else {
         Text text;

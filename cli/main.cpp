@@ -1,4 +1,5 @@
 // ovrin-sm: the command-line tool of the ovrin_sm message library.
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -53,7 +54,11 @@ const Entry *find(const char *name) {
 }
 
 int dispatch(int argc, char **argv) {
-    if (argc < 2 || !std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h")) {
+    if (argc < 2) { // nothing asked: the usage, as for any other bad command line
+        usage(stderr);
+        return exit_usage;
+    }
+    if (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h")) {
         usage(stdout);
         return exit_ok;
     }
@@ -85,9 +90,16 @@ int dispatch(int argc, char **argv) {
 
 // The commands report what they meet and return 1; anything that still escapes one ends the
 // tool with status 1 and a message rather than an abort.
+// Every command's output is checked once it is all written: a full disk or a closed pipe is a
+// failure with the system's words, not a silent success.
 int main(int argc, char **argv) {
     try {
-        return dispatch(argc, argv);
+        int status = dispatch(argc, argv);
+        if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+            if (status == exit_ok) std::fprintf(stderr, "ovrin-sm: cannot write the output: %s\n", std::strerror(errno ? errno : EIO));
+            return status == exit_ok ? 1 : status;
+        }
+        return status;
     } catch (const std::bad_alloc &) {
         std::fprintf(stderr, "ovrin-sm: out of memory\n");
     } catch (const std::exception &e) {

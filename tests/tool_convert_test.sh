@@ -154,4 +154,28 @@ unknown command 'decod'|decod
 no type 'sess_mgr_registr'; close matches: sess_mgr_register|decode sess_mgr_registr -
 CASES
 "$tool" decode --hex -- sess_mgr_register - < "$work/bytes.hex" > /dev/null || fail "'--' and '-'"
+# Nothing asked is a bad command line too: the usage on standard error, status 2.
+status=0
+"$tool" > "$work/out" 2> "$work/err" || status=$?
+[ "$status" -eq 2 ] && [ ! -s "$work/out" ] && grep -q '^usage: ovrin-sm' "$work/err" || fail "bare ovrin-sm: status $status"
+
+# Bytes after the message are an error unless asked for; the message says how many were used.
+cat "$work/bytes" "$work/bytes" > "$work/twice"
+n=$(stat -c %s "$work/bytes")
+expect 1 "ovrin-sm: $((2 * n)) bytes hold a sess_mgr_register in the first $n and $n trailing bytes after it (--allow-trailing reads it anyway)" \
+    decode sess_mgr_register "$work/twice"
+[ ! -s "$work/out" ] || fail "a refused decode wrote output"
+expect 0 "ovrin-sm: $n trailing bytes left over" decode sess_mgr_register "$work/twice" --allow-trailing
+cmp -s "$work/out" "$work/print" || fail "--allow-trailing printed another message"
+
+# Every command checks its writes: into a full device, status 1 and the system's words.
+if [ -w /dev/full ]; then
+    for args in "types" "types sess_mgr_register" "manifest" "--help" "decode sess_mgr_register $work/bytes" "demo --quiet"; do
+        read -ra words <<< "$args"
+        status=0
+        "$tool" "${words[@]}" > /dev/full 2> "$work/err" || status=$?
+        [ "$status" -eq 1 ] && grep -q "cannot write the output: No space left on device" "$work/err" ||
+            fail "ovrin-sm $args > /dev/full: status $status: $(cat "$work/err")"
+    done
+fi
 echo "tool converters: ok"
