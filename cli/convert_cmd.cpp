@@ -236,10 +236,19 @@ int ovrin_cmd_encode(int argc, char **argv) {
     if (!ops) return exit_usage;
     std::vector<uint8_t> input;
     if (!read_message(o.file, input)) return exit_failure;
+    // Where the document is, as the places in messages name it (compilers' FILE:LINE:COL).
+    const std::string where = !o.file || !std::strcmp(o.file, "-") ? "<stdin>" : o.file;
     char why[512] = "";
     void *doc = mgx_xml_document_read(reinterpret_cast<const char *>(input.data()), input.size(), why, sizeof why);
     if (!doc) {
-        std::fprintf(stderr, "ovrin-sm: cannot read the input as an XML document: %s\n", why);
+        // The reader says "line L, column C: what" for a document that is not well-formed.
+        int line = 0, column = 0, at = 0;
+        if (std::sscanf(why, "line %d, column %d: %n", &line, &column, &at) == 2 && at > 0)
+            std::fprintf(stderr, "%s:%d:%d: not a well-formed XML document: %s\n", where.c_str(), line, column, why + at);
+        else if (at = 0, std::sscanf(why, "line %d: %n", &line, &at) == 1 && at > 0) // past one of the limits
+            std::fprintf(stderr, "%s:%d: cannot read it as an XML document: %s\n", where.c_str(), line, why + at);
+        else
+            std::fprintf(stderr, "ovrin-sm: cannot read %s as an XML document: %s\n", where.c_str(), why);
         return exit_failure;
     }
     // The input is not needed any more: the document is all that is read from here on.
@@ -256,7 +265,11 @@ int ovrin_cmd_encode(int argc, char **argv) {
         const ovrin::Type *t = find_table(o.type);
         constexpr size_t shown = 20;
         Findings found = t ? check_document(*t, doc, shown) : Findings{};
-        for (const std::string &problem : found.problems) std::fprintf(stderr, "ovrin-sm: %s\n", problem.c_str());
+        for (size_t i = 0; i < found.problems.size(); ++i) {
+            long line = i < found.lines.size() ? found.lines[i] : 0;
+            if (line > 0) std::fprintf(stderr, "%s:%ld: %s\n", where.c_str(), line, found.problems[i].c_str());
+            else std::fprintf(stderr, "%s: %s\n", where.c_str(), found.problems[i].c_str());
+        }
         if (found.count > shown) std::fprintf(stderr, "ovrin-sm: and %zu more\n", found.count - shown);
         if (found.count) {
             mgx_xml_document_free(doc);

@@ -117,10 +117,15 @@ private:
     std::unordered_map<const Type *, std::unordered_map<std::string_view, const Literal *>> literals_;
 
     size_t keep_;
+    const xmlNode *here_ = nullptr; // the element being checked, whose line a problem is given
     void say(const std::string &path, const std::string &what) {
-        if (found.problems.size() < keep_) found.problems.push_back(path + ": " + what);
+        if (found.problems.size() < keep_) {
+            found.problems.push_back(path + ": " + what);
+            found.lines.push_back(here_ ? xmlGetLineNo(here_) : 0);
+        }
         ++found.count;
     }
+    void number(const Field &f, const xmlNode *node, const std::string &path);
     bool hinting() const { return found.count < hinted_problems; }
     const Members &members_of(const Type &t);
     void no_text(const xmlNode *node, const std::string &path, const char *where);
@@ -161,6 +166,7 @@ void Checker::no_text(const xmlNode *node, const std::string &path, const char *
 
 // One element of field f (a member, an array element or a scalar) at path.
 void Checker::value(const Field &f, const xmlNode *node, const std::string &path) {
+    here_ = node;
     switch (f.kind) {
     case Kind::record: composite(*f.type, node, path); return;
     case Kind::enumeration: enumeration(*f.type, node, path); return;
@@ -172,6 +178,45 @@ void Checker::value(const Field &f, const xmlNode *node, const std::string &path
                 "an element inside " + std::string(f.name) + ", which holds a value, not members");
             return;
         }
+        number(f, node, path);
+        return;
+    }
+}
+
+// An integer or truth value the library's reader would refuse, with why: "-1: below 0",
+// "99999999999: above 4294967295 for u_int32", "abc: not a number". A value that refers to an
+// entity is left to the library's reader.
+void Checker::number(const Field &f, const xmlNode *node, const std::string &path) {
+    static constexpr struct {
+        Kind kind;
+        const char *name, *max_text;
+        uint64_t max;
+    } widths[] = {{Kind::u8, "u_int8", "255", 0xFF},
+                  {Kind::u16, "u_int16", "65535", 0xFFFF},
+                  {Kind::u32, "u_int32", "4294967295", 0xFFFFFFFF},
+                  {Kind::u64, "u_int64", "18446744073709551615", UINT64_MAX}};
+    std::string text;
+    if (!value_text(node, text)) return;
+    size_t a = text.find_first_not_of(" \t\r\n"), b = text.find_last_not_of(" \t\r\n");
+    text = a == std::string::npos ? std::string() : text.substr(a, b - a + 1);
+    const std::string shown = text.size() > 40 ? text.substr(0, 40) + "..." : text;
+    if (f.kind == Kind::boolean) {
+        if (text != "true" && text != "false" && text != "1" && text != "0")
+            say(path, (text.empty() ? "an empty value" : shown) + ": not true, false, 1 or 0");
+        return;
+    }
+    for (const auto &w : widths) {
+        if (w.kind != f.kind) continue;
+        uint64_t v = 0;
+        bool digits = !text.empty(), above = false;
+        for (size_t i = text[0] == '-' ? 1 : 0; digits && i < text.size(); ++i) {
+            if (!std::isdigit(static_cast<unsigned char>(text[i]))) digits = false;
+            else if (v > (UINT64_MAX - 9) / 10 || v * 10 + unsigned(text[i] - '0') > w.max) above = true;
+            else v = v * 10 + unsigned(text[i] - '0');
+        }
+        if (!digits || text == "-") say(path, (text.empty() ? "an empty value" : shown) + ": not a number");
+        else if (text[0] == '-') say(path, shown + ": below 0");
+        else if (above) say(path, shown + ": above " + w.max_text + " for " + w.name);
         return;
     }
 }
@@ -188,6 +233,7 @@ void Checker::attributes(const xmlNode *node, const std::string &path) {
             continue;
         }
         apath += place(++k);
+        here_ = a;
         no_text(a, apath, "only type and value elements");
         unsigned types = 0, values = 0;
         for (const xmlNode *c = a->children; c; c = c->next) {
@@ -217,6 +263,7 @@ const Literal *Checker::literal_of(const Type &e, const xmlNode *node) {
 }
 
 void Checker::enumeration(const Type &e, const xmlNode *node, const std::string &path) {
+    here_ = node;
     no_text(node, path, "only a literal element (<LITERAL/>) belongs");
     std::vector<const xmlNode *> given = elements_of(node);
     if (given.empty()) {
@@ -300,6 +347,7 @@ void Checker::fresh(const Type &t, const std::string &path) {
 }
 
 void Checker::composite(const Type &t, const xmlNode *node, const std::string &path) {
+    here_ = node;
     no_text(node, path, "only member elements");
     const Members &members = members_of(t);
     const std::vector<std::string> &names = members.names;
@@ -313,6 +361,7 @@ void Checker::composite(const Type &t, const xmlNode *node, const std::string &p
             continue;
         }
         if (!unknown.insert(n).second) continue;
+        here_ = c;
         std::string name(n);
         std::string hint = hinting() ? closest(name, names) : std::string();
         say(path + "/" + name, std::string(t.name) + " has no member " + name + (hint.empty() ? "" : "; did you mean " + hint + "?"));
@@ -322,6 +371,7 @@ void Checker::composite(const Type &t, const xmlNode *node, const std::string &p
         const auto &items = given[i];
         std::string fpath = path + "/" + names[i];
         bool array = f.shape == Shape::fixed_array || f.shape == Shape::var_array;
+        here_ = items.size() > 1 ? items[1] : node; // a repeat is reported where it repeats
         if (!array && items.size() > 1)
             say(fpath, "given " + std::to_string(items.size()) + " times; it is not an array, and only the first is read");
         if (f.shape == Shape::fixed_array && items.size() > f.count)
@@ -334,6 +384,7 @@ void Checker::composite(const Type &t, const xmlNode *node, const std::string &p
         if (f.kind == Kind::record && f.shape == Shape::scalar && items.empty()) fresh(*f.type, fpath);
         if (f.kind == Kind::record && f.shape == Shape::fixed_array)
             for (size_t k = items.size(); k < f.count; ++k) fresh(*f.type, fpath + place(k + 1));
+        here_ = given[i].empty() ? node : given[i][0];
         if (f.shape == Shape::var_string || f.shape == Shape::var_array) counted(t, f, given, path);
     }
     if (t.kind != TypeKind::union_) return;
@@ -346,6 +397,7 @@ void Checker::composite(const Type &t, const xmlNode *node, const std::string &p
     for (uint16_t i = 0; i < t.n_fields; ++i) {
         const Field &m = t.fields[i];
         if (m.shape != Shape::member || given[i].empty() || &m == selected) continue;
+        here_ = given[i][0];
         say(path + "/" + names[i], std::string(d.name) + " is " + (lit ? lit->name : "unset") + (disc.empty() ? " (left out)" : "") +
                                        ", which selects " + (selected ? member_element(t, *selected) : "no member") +
                                        "; this member would not be read");
@@ -365,10 +417,12 @@ std::string root_name(const void *doc) {
 Findings check_document(const Type &t, const void *doc, size_t keep) {
     Checker c(keep);
     const xmlNode *root = root_of(doc);
-    if (!root) return {{"/: not a well-formed XML document"}, 1};
+    if (!root) return {{"/: not a well-formed XML document"}, 1, {0}};
     std::string path = std::string("/") + t.name;
     if (name_of(root) != t.name)
-        return {{"/" + std::string(name_of(root)) + ": the root element of a " + t.name + " document is <" + t.name + ">"}, 1};
+        return {{"/" + std::string(name_of(root)) + ": the root element of a " + t.name + " document is <" + t.name + ">"},
+                1,
+                {xmlGetLineNo(root)}};
     if (t.kind == TypeKind::enumeration)
         c.enumeration(t, root, path);
     else

@@ -19,10 +19,11 @@ std::string root_name(const void *doc);
 
 // What is wrong with a document as a document of type t: the first problems, one "PATH: what is
 // wrong" line each in document order, and how many there are in all (none: the document holds a
-// t as written).
+// t as written); beside each kept problem, the line of the document it is on (0: not known).
 struct Findings {
     std::vector<std::string> problems;
     size_t count = 0;
+    std::vector<long> lines;
 };
 
 // The findings of such a document, keeping the first `keep` problems' lines (a closest name is

@@ -53,12 +53,19 @@ $ev<cl_name><cl_name_len>6</cl_name_len><client_name>alice</client_name></cl_nam
 <sess_mgr_new_client_notif><attr_list><attr><type>1</type><type>2</type><value>ab</value></attr></attr_list></sess_mgr_new_client_notif>|/sess_mgr_new_client_notif/attr_list/attr[1]: type or value given more than once; only the first is read
 CASES
 # Not well-formed, the wrong root, bytes that are not hex or hex without --hex: each says where.
-printf '<a>\n<b></a>' | expect 1 "cannot read the input as an XML document: line 2, column" encode sess_mgr_register -
+printf '<a>\n<b></a>' | expect 1 "<stdin>:2:8: not a well-formed XML document: Opening and ending tag mismatch: b line 2 and a" encode sess_mgr_register -
+# The check's problems carry the file and the line; a number says why it is refused.
+printf '<sess_mgr_register>\n<session_type>-1</session_type>\n<cb_bitmap>99999999999</cb_bitmap>\n<rcl_conn_hdl><conn_hdl>abc</conn_hdl></rcl_conn_hdl>\n</sess_mgr_register>' > "$work/numbers.xml"
+expect 1 "$work/numbers.xml:2: /sess_mgr_register/session_type: -1: below 0" encode sess_mgr_register "$work/numbers.xml"
+grep -qxF "$work/numbers.xml:3: /sess_mgr_register/cb_bitmap: 99999999999: above 4294967295 for u_int32" "$work/err" &&
+    grep -qxF "$work/numbers.xml:4: /sess_mgr_register/rcl_conn_hdl/conn_hdl: abc: not a number" "$work/err" ||
+    fail "numbers: $(cat "$work/err")"
 printf '<sess_mgr_registr/>' | expect 1 "the root element is <sess_mgr_registr>; a sess_mgr_register document has <sess_mgr_register>" encode sess_mgr_register
 printf '00 2f\n00 zz' | expect 1 "'z' at line 2, column 4 is not a hexadecimal digit" decode sess_mgr_register --hex
-# A length that is not a number is left to the library's reader, which names it.
-printf '<sess_mgr_register><cl_name><cl_name_len>0x4</cl_name_len><client_name>abcd</client_name></cl_name></sess_mgr_register>' |
-    expect 1 "Invalid value at /sess_mgr_register/cl_name/cl_name_len" encode sess_mgr_register
+# A length that is not a number is named by the check, and by the library's reader without it.
+printf '<sess_mgr_register><cl_name><cl_name_len>0x4</cl_name_len><client_name>abcd</client_name></cl_name></sess_mgr_register>' > "$work/hexlen.xml"
+expect 1 "/sess_mgr_register/cl_name/cl_name_len: 0x4: not a number" encode sess_mgr_register "$work/hexlen.xml"
+expect 1 "Invalid value at /sess_mgr_register/cl_name/cl_name_len" encode sess_mgr_register --lenient "$work/hexlen.xml"
 printf '00 2f 0' | expect 1 "an odd number of hexadecimal digits" decode sess_mgr_register --hex
 expect 1 "looks like hexadecimal text: add --hex" decode sess_mgr_register "$work/bytes.hex"
 # A union left out whose fresh discriminator selects a member cannot encode: the check says which.
