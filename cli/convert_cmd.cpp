@@ -93,20 +93,12 @@ int parse_options(const Command &c, int argc, char **argv, Options &o) {
     return -1;
 }
 
-// The type's operations, or null with a message listing the names that come close.
+// The type's operations, or null with a message offering the closest name.
 const ovrin_sm_type_ops *find_type(const std::string &name) {
     if (const ovrin_sm_type_ops *ops = ovrin_sm_optable_find(name.c_str())) return ops;
-    std::fprintf(stderr, "ovrin-sm: no type '%s'", name.c_str());
-    std::vector<std::pair<size_t, std::string>> close;
-    for (uint32_t i = 0; i < ovrin_sm_optable_count; ++i) {
-        std::string n = ovrin_sm_optable[i].name;
-        size_t d = edit_distance(name, n);
-        if (d <= std::max<size_t>(3, name.size() / 3) || n.find(name) != std::string::npos) close.emplace_back(d, n);
-    }
-    std::sort(close.begin(), close.end());
-    if (!close.empty()) std::fprintf(stderr, "; close matches:");
-    for (size_t i = 0; i < close.size() && i < 5; ++i) std::fprintf(stderr, " %s", close[i].second.c_str());
-    std::fprintf(stderr, "\n");
+    std::vector<std::string> names;
+    for (uint32_t i = 0; i < ovrin_sm_optable_count; ++i) names.push_back(ovrin_sm_optable[i].name);
+    std::fprintf(stderr, "ovrin-sm: no type '%s'%s\n", name.c_str(), did_you_mean(name, names).c_str());
     return nullptr;
 }
 

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <exception>
 #include <new>
+#include <string>
+#include <vector>
 
 #include "cli/commands.h"
 #include "cli/options.h"
@@ -78,10 +80,13 @@ int dispatch(int argc, char **argv) {
         return e->run(2, args);
     }
     if (const Entry *e = find(argv[1])) return e->run(argc - 1, argv + 1);
+    std::vector<std::string> names = {"help"};
+    for (const Entry &e : commands) names.push_back(e.name);
     if (argv[1][0] == '-')
-        std::fprintf(stderr, "ovrin-sm: unknown option '%s'\n\n", argv[1]);
+        std::fprintf(stderr, "ovrin-sm: unknown option '%s'%s\n\n", argv[1],
+                     ovrin::cli::did_you_mean(argv[1], {"--help", "--version"}).c_str());
     else
-        std::fprintf(stderr, "ovrin-sm: unknown command '%s'\n\n", argv[1]);
+        std::fprintf(stderr, "ovrin-sm: unknown command '%s'%s\n\n", argv[1], ovrin::cli::did_you_mean(argv[1], names).c_str());
     usage(stderr);
     return exit_usage;
 }

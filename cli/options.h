@@ -7,6 +7,7 @@
 
 #include <getopt.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -55,6 +56,14 @@ int usage_error(const Command &c, const std::string &message);
 // The command's help on standard output; returns exit_ok.
 int show_help(const Command &c);
 
+// Levenshtein distance, for "did you mean" answers.
+size_t edit_distance(const std::string &a, const std::string &b);
+// Of the candidates, the one closest to name when it is close enough to be a likely misspelling;
+// empty otherwise.
+std::string closest(const std::string &name, const std::vector<std::string> &candidates);
+// The one way every answer to a misspelt name ends: "; did you mean X?", or nothing.
+std::string did_you_mean(const std::string &name, const std::vector<std::string> &candidates);
+
 // NAME's value as a whole number from min to max, or a usage message naming both
 // ("--count: 'abc' is not a number from 1 to 1000000000").
 bool number(const char *name, const char *text, long min, long max, long &out, std::string &error);
@@ -98,12 +107,25 @@ inline Next Parser::next(int &val, const char *&arg) {
     }
     if (c == '?') {
         std::string given = optind > 0 && optind <= argc_ ? argv_[optind - 1] : "";
-        if (optopt && given.rfind("--", 0) == 0 && given.find('=') != std::string::npos)
-            usage_error(command_, given.substr(0, given.find('=')) + " takes no value");
-        else if (optopt && given.rfind("--", 0) != 0)
+        const std::string name = given.substr(0, given.find('='));
+        std::vector<std::string> names, matches; // every long option, and those name is a prefix of
+        for (const option &o : long_)
+            if (o.name) {
+                names.push_back(std::string("--") + o.name);
+                if (name.size() > 2 && names.back().rfind(name, 0) == 0) matches.push_back(names.back());
+            }
+        if (optopt && given.rfind("--", 0) == 0 && given.find('=') != std::string::npos) {
+            usage_error(command_, name + " takes no value");
+        } else if (optopt && given.rfind("--", 0) != 0) {
             usage_error(command_, std::string("unknown option '-") + static_cast<char>(optopt) + "'");
-        else
-            usage_error(command_, "unknown option '" + given.substr(0, given.find('=')) + "'");
+        } else if (matches.size() > 1) {
+            std::string list;
+            for (size_t i = 0; i < matches.size(); ++i)
+                list += (i == 0 ? "" : i + 1 == matches.size() ? " or " : ", ") + matches[i];
+            usage_error(command_, "option '" + name + "' is ambiguous: it could be " + list);
+        } else {
+            usage_error(command_, "unknown option '" + name + "'" + did_you_mean(name, names));
+        }
         return Next::error;
     }
     return Next::option;
@@ -119,6 +141,40 @@ inline int show_help(const Command &c) {
     std::printf("usage: ovrin-sm %s %s\n\n%s", c.name, c.synopsis, c.help);
     std::printf("  -h, --help            show this text\n");
     return exit_ok;
+}
+
+inline size_t edit_distance(const std::string &a, const std::string &b) {
+    std::vector<size_t> row(b.size() + 1);
+    for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
+    for (size_t i = 1; i <= a.size(); ++i) {
+        size_t diagonal = row[0];
+        row[0] = i;
+        for (size_t j = 1; j <= b.size(); ++j) {
+            size_t up = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] != b[j - 1])});
+            diagonal = up;
+        }
+    }
+    return row[b.size()];
+}
+
+inline std::string closest(const std::string &name, const std::vector<std::string> &candidates) {
+    std::string best;
+    size_t best_distance = std::max<size_t>(2, name.size() / 3) + 1;
+    for (const std::string &c : candidates) {
+        // The distance is at least the difference in length: a name far longer or shorter than
+        // a candidate is not measured against it (a hostile name costs nothing per candidate).
+        size_t longer = std::max(name.size(), c.size()), shorter = std::min(name.size(), c.size());
+        if (longer - shorter >= best_distance) continue;
+        size_t d = edit_distance(name, c);
+        if (d < best_distance) best_distance = d, best = c;
+    }
+    return best;
+}
+
+inline std::string did_you_mean(const std::string &name, const std::vector<std::string> &candidates) {
+    std::string best = closest(name, candidates);
+    return best.empty() ? std::string() : "; did you mean " + best + "?";
 }
 
 inline bool number(const char *name, const char *text, long min, long max, long &out, std::string &error) {

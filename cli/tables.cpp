@@ -41,33 +41,4 @@ const Field *member_selected_by(const Type &u, const Literal *literal) {
     return nullptr;
 }
 
-size_t edit_distance(const std::string &a, const std::string &b) {
-    std::vector<size_t> row(b.size() + 1);
-    for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
-    for (size_t i = 1; i <= a.size(); ++i) {
-        size_t diagonal = row[0];
-        row[0] = i;
-        for (size_t j = 1; j <= b.size(); ++j) {
-            size_t up = row[j];
-            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] != b[j - 1])});
-            diagonal = up;
-        }
-    }
-    return row[b.size()];
-}
-
-std::string closest(const std::string &name, const std::vector<std::string> &candidates) {
-    std::string best;
-    size_t best_distance = std::max<size_t>(2, name.size() / 3) + 1;
-    for (const std::string &c : candidates) {
-        // The distance is at least the difference in length: a name far longer or shorter than
-        // a candidate is not measured against it (a hostile name costs nothing per candidate).
-        size_t longer = std::max(name.size(), c.size()), shorter = std::min(name.size(), c.size());
-        if (longer - shorter >= best_distance) continue;
-        size_t d = edit_distance(name, c);
-        if (d < best_distance) best_distance = d, best = c;
-    }
-    return best;
-}
-
 } // namespace ovrin::cli

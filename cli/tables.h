@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/options.h"
 #include "ovrin_sm_internal/tables.h"
 
 namespace ovrin::cli {
@@ -19,12 +20,7 @@ const Literal *fresh_literal(const Type &enumeration);
 // The union member that a discriminator holding the literal selects, or null for none.
 const Field *member_selected_by(const Type &union_type, const Literal *literal);
 
-// Levenshtein distance, for "did you mean" answers.
-size_t edit_distance(const std::string &a, const std::string &b);
-
-// Of the candidates, the one closest to name when it is close enough to be a likely misspelling;
-// empty otherwise.
-std::string closest(const std::string &name, const std::vector<std::string> &candidates);
+// (Suggestions for misspelt names, closest() and did_you_mean(), are in cli/options.h.)
 
 } // namespace ovrin::cli
 

@@ -227,9 +227,7 @@ int ovrin_cmd_types(int argc, char **argv) {
     if (!t) {
         std::vector<std::string> names;
         for (unsigned i = 0; i < table::type_count; ++i) names.push_back(table::all[i]->name);
-        std::string hint = closest(operands[0], names);
-        std::fprintf(stderr, "ovrin-sm: no type '%s'%s%s\n", operands[0], hint.empty() ? "" : "; did you mean ",
-                     hint.c_str());
+        std::fprintf(stderr, "ovrin-sm: no type '%s'%s\n", operands[0], did_you_mean(operands[0], names).c_str());
         return exit_usage;
     }
     if (skeleton) {

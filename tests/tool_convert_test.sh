@@ -157,8 +157,12 @@ decode: unknown option '--bogus'|decode sess_mgr_register --bogus
 --pretty indents XML: it needs --xml|decode sess_mgr_register --pretty
 trace: --library needs a value|trace x --library
 unexpected operand 'c'|encode sess_mgr_register a c
-unknown command 'decod'|decod
-no type 'sess_mgr_registr'; close matches: sess_mgr_register|decode sess_mgr_registr -
+unknown command 'decod'; did you mean decode?|decod
+unknown option '--verson'; did you mean --version?|--verson
+demo: unknown option '--cunt'; did you mean --count?|demo --cunt 3
+demo: option '--c' is ambiguous: it could be --count or --corrupt|demo --c 3
+no type 'sess_mgr_registr'; did you mean sess_mgr_register?|decode sess_mgr_registr -
+no type 'sess_mgr_registr'; did you mean sess_mgr_register?|types sess_mgr_registr
 CASES
 "$tool" decode --hex -- sess_mgr_register - < "$work/bytes.hex" > /dev/null || fail "'--' and '-'"
 # Nothing asked is a bad command line too: the usage on standard error, status 2.
