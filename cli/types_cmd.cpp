@@ -137,7 +137,8 @@ void describe(const Type &t) {
 }
 
 // A document of the type that encode takes as it stands: every member with a fresh instance's
-// value, a union with the member its fresh discriminator selects.
+// value, a union with the member its fresh discriminator selects, and one element of every
+// variable array (its count 1), so that the shape of an element shows.
 class Skeleton {
 public:
     std::string out;
@@ -154,11 +155,16 @@ public:
         for (uint16_t i = 0; i < t.n_fields; ++i) {
             const Field &f = t.fields[i];
             switch (f.shape) {
-            case Shape::scalar: element(f, f.name, depth + 1); break;
+            case Shape::scalar:
+                if (f.companion >= 0 && t.fields[f.companion].shape == Shape::var_array)
+                    line(depth + 1, "<" + std::string(f.name) + ">1</" + f.name + ">"); // the one element below
+                else
+                    element(f, f.name, depth + 1);
+                break;
             case Shape::fixed_array:
                 for (uint16_t k = 0; k < f.count; ++k) element(f, f.name, depth + 1);
                 break;
-            case Shape::var_array: break;  // its count is 0
+            case Shape::var_array: element(f, f.name, depth + 1); break;
             case Shape::var_string: {
                 std::string empty = "<";
                 empty.append(f.name).append("></").append(f.name).append(">");

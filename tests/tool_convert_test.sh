@@ -100,6 +100,10 @@ for t in $("$tool" types | awk 'NR > 1 { print $2 }'); do
     "$tool" decode "$t" "$work/skel.bin" --xml --pretty > "$work/pretty.xml" || fail "decode $t --xml --pretty"
     "$tool" encode "$t" "$work/pretty.xml" | cmp -s - "$work/skel.bin" || fail "$t: indented XML changed the bytes"
 done
+# A variable array shows one element, its count saying so.
+"$tool" types sess_mgr_sess_attr_query_resp --xml-skeleton > "$work/skel.xml"
+grep -qx '  <no_of_entries>1</no_of_entries>' "$work/skel.xml" && grep -qx '      <session_label>0</session_label>' "$work/skel.xml" ||
+    fail "no array element in the skeleton: $(cat "$work/skel.xml")"
 "$tool" types ovrin_smd_in_event > "$work/members"
 grep -Eq '^  event_type-remote_update +sess_mgr_remote_update +union member \(record\) +8 +200  1 +when event_type is SESS_MGR_RCL_IN_REMOTE_UPDATE$' \
     "$work/members" || fail "arm line: $(grep remote_update "$work/members")"
