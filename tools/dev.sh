@@ -219,7 +219,7 @@ case "$cmd" in
         mkdir -p "$out/soak"
         echo "== soak: $sessions demo sessions, then $round_trips library round trips ($out/soak)"
         "$out/ovrin-sm" demo --quiet --count "$sessions" --memory-every $((sessions >= 10 ? sessions / 10 : 1)) \
-            2>/dev/null | tee "$out/soak/demo.log" | grep -E '^(memory|verdict|[0-9]+ sessions)'
+            | tee "$out/soak/demo.log" | grep -E '^(memory|verdict|[0-9]+ sessions)'
         "$out/tests/ovrin_soak_library" "$round_trips" | tee "$out/soak/library.log"
         python3 tools/plot_memory.py -o "$out/soak/memory.svg" "$out/soak/demo.log" "$out/soak/library.log" \
             | tee "$out/soak/memory.md"

@@ -18,7 +18,7 @@ int parse(int argc, char **argv, Options &o) {
         "  --xml                 show each message of the first session as XML\n"
         "  --hex                 show each message's bytes as received\n"
         "  --quiet               show only the per-message lines and the summary\n"
-        "  --count N             play N sessions (1 to 1000000000), with progress on standard error\n"
+        "  --count N             play N sessions (1 to 1000000000); on a terminal, progress on standard error\n"
         "  --corrupt FRAME       the sender of frame FRAME of the first session (1-based, both directions\n"
         "                        counted) damages it: the receiver must report it and the demo fails\n"
         "  --trace FILE          both processes append their trace emissions to the binary trace FILE\n"

@@ -53,6 +53,8 @@ int run_client(const Options &opt, int fd, pid_t manager) {
     cl.h.set_state_tracking(true);
     const auto start = std::chrono::steady_clock::now();
     auto last_progress = start;
+    // Progress (rate and time left, one line rewritten each second) only for a person watching.
+    const bool progress = opt.count > 1 && ::isatty(STDERR_FILENO);
     bool going = true;
     long sessions = 0;
     for (long s = 1; going && s <= opt.count; ++s) {
@@ -67,11 +69,16 @@ int run_client(const Options &opt, int fd, pid_t manager) {
             cl.report_memory(s);
         }
         const auto now = std::chrono::steady_clock::now();
-        if (opt.count > 1 && now - last_progress >= std::chrono::seconds(1)) {
+        if (progress && now - last_progress >= std::chrono::seconds(1)) {
             last_progress = now;
-            std::fprintf(stderr, "progress: %ld of %ld sessions, %ld messages\n", s, opt.count, cl.sent + cl.received);
+            const double spent = std::chrono::duration<double>(now - start).count();
+            const double rate = spent > 0 ? static_cast<double>(s) / spent : 0;
+            const long left = rate > 0 ? static_cast<long>(static_cast<double>(opt.count - s) / rate + 0.5) : 0;
+            std::fprintf(stderr, "\rprogress: %ld of %ld sessions, %.0f sessions/s, %ld:%02ld left ", s, opt.count, rate,
+                         left / 60, left % 60);
         }
     }
+    if (progress && opt.count > 1 && last_progress != start) std::fputc('\n', stderr); // end the progress line
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::fflush(stdout);
     ::shutdown(fd, SHUT_WR); // the manager sees the end (and prints its summary after this output)
