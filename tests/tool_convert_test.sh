@@ -193,4 +193,7 @@ if [ -w /dev/full ]; then
             fail "ovrin-sm $args > /dev/full: status $status: $(cat "$work/err")"
     done
 fi
+# Progress is for a terminal: with standard error in a file, the demo writes nothing there.
+"$tool" demo --quiet --count 3 > /dev/null 2> "$work/err" || fail "demo --count 3"
+[ ! -s "$work/err" ] || fail "demo --count 3 wrote to a file's standard error: $(cat "$work/err")"
 echo "tool converters: ok"
