@@ -79,6 +79,10 @@ for h in mgx/contract.h mgx/runtime.h mgx/handle.hpp ovrin/message.hpp ovrin_sm/
     [ -f "$prefix/include/$h" ] || fail "$h is not installed"
 done
 
+for f in share/man/man1/ovrin-sm.1 share/bash-completion/completions/ovrin-sm; do
+    [ -f "$prefix/$f" ] || fail "$f is not installed"
+done
+
 echo "== installed libraries"
 for name in mgx ovrin_sm; do
     so=$lib/lib$name.so
