@@ -2,7 +2,7 @@
 # The trace file end to end: both demo processes append their emissions to one binary file, and
 # the tool decodes it with the texts read from the library file (or a copy of it, or none).
 set -euo pipefail
-tool=$1 library=$2 runtime=$3
+tool=$1 library=$2 runtime=$3 source=${4:-}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "FAIL: $*" >&2; exit 1; }
@@ -16,6 +16,17 @@ if grep -Evq "$line" "$work/lines"; then fail "line shape: $(grep -Ev "$line" "$
 grep -Eq 'DEBUG mgx_ovrin_sm #[0-9]+: offset_jump read_len [0-9]+ offset_jump_base [0-9]+ _mgx_variant_jump [0-9]+$' \
     "$work/lines" || fail "the decoder's jump trace is missing: $(head -n 3 "$work/lines")"
 [ ! -s "$work/err" ] || fail "unexpected warnings: $(cat "$work/err")"
+
+# docs/tool.md's example is what the demo writes (times and process ids aside).
+if [ -n "$source" ]; then
+    "$tool" demo --quiet --trace "$work/plain.trc" > /dev/null || fail "the plain demo failed"
+    strip() { sed -E 's/^[^ ]+ \[[0-9]+\] //'; }
+    "$tool" trace "$work/plain.trc" | strip > "$work/plain.lines"
+    awk '/^\$ ovrin-sm trace demo.trc$/ {found = 1; next} found && /^```/ {exit} found {print}' "$source/docs/tool.md" |
+        strip > "$work/shown.lines"
+    [ -s "$work/shown.lines" ] && cmp -s "$work/plain.lines" "$work/shown.lines" ||
+        fail "docs/tool.md's trace example differs from the demo's: $(diff "$work/shown.lines" "$work/plain.lines")"
+fi
 
 # Off the device: a copy of the library named explicitly gives the same lines.
 cp "$library" "$work/copy.so"
