@@ -23,9 +23,9 @@ struct ManifestRecord {
 inline bool manifest_records(const std::vector<uint8_t> &section, std::vector<ManifestRecord> &out) {
     uint64_t pos = 0;
     while (pos + 8 <= section.size()) {
-        uint32_t length = 0, kind = 0;
-        detail::read_at(section, pos, length);
-        detail::read_at(section, pos + 4, kind);
+        // The record header is little-endian whatever the library's own byte order.
+        const auto length = static_cast<uint32_t>(detail::field(section.data() + pos, 4, false));
+        const auto kind = static_cast<uint32_t>(detail::field(section.data() + pos + 4, 4, false));
         pos += 8;
         if (length > section.size() - pos) return false;
         ManifestRecord r;

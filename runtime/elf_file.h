@@ -1,5 +1,6 @@
-// Reading sections and dynamic symbols of a 64-bit little-endian ELF file from disk: the sections
-// that are not loaded into memory (a bundle's trace texts and manifest) and what a library exports.
+// Reading sections and dynamic symbols of an ELF file from disk, of either class (32- or 64-bit)
+// and either byte order, as libraries copied off any device are: the sections that are not loaded
+// into memory (a bundle's trace texts and manifest) and what a library exports.
 //
 // The file is held whole in memory, so nothing is allocated beyond its real size: only regular
 // files are read, never more than file_limit bytes, and every count, offset and size the headers
@@ -38,6 +39,8 @@ struct Section {
 struct File {
     std::vector<uint8_t> bytes;
     std::vector<Section> sections;
+    bool wide = true;        // ELFCLASS64 (else ELFCLASS32)
+    bool big_endian = false; // ELFDATA2MSB (else ELFDATA2LSB)
 
     const Section *find(const std::string &name) const {
         for (const Section &s : sections)
@@ -63,6 +66,34 @@ template <typename T> bool read_at(const std::vector<uint8_t> &bytes, uint64_t o
     if (offset > bytes.size() || sizeof(T) > bytes.size() - offset) return false;
     std::memcpy(&out, bytes.data() + offset, sizeof(T));
     return true;
+}
+
+// An unsigned field of width bytes at p, in the file's byte order.
+inline uint64_t field(const uint8_t *p, unsigned width, bool big_endian) {
+    uint64_t v = 0;
+    for (unsigned i = 0; i < width; ++i) v |= uint64_t{p[big_endian ? width - 1 - i : i]} << (8 * i);
+    return v;
+}
+
+// The layout of the headers the reader needs, per class: offsets and widths of the fields read.
+struct Layout {
+    unsigned header_size, shoff, shoff_width, shentsize, shnum, shstrndx;       // the file header
+    unsigned shdr_size, sh_flags, sh_offset, sh_size, sh_link, sh_entsize, word; // a section header
+    unsigned sym_size, st_shndx;                                                // a symbol
+};
+inline constexpr Layout layout64{64, 0x28, 8, 0x3A, 0x3C, 0x3E, 64, 8, 24, 32, 40, 56, 8, 24, 6};
+inline constexpr Layout layout32{52, 0x20, 4, 0x2E, 0x30, 0x32, 40, 8, 16, 20, 24, 36, 4, 16, 14};
+
+// One section header, read as the class and byte order say.
+struct Header {
+    uint32_t name, type, link;
+    uint64_t flags, offset, size, entsize;
+};
+inline Header header_at(const uint8_t *p, const Layout &l, bool be) {
+    return {static_cast<uint32_t>(field(p, 4, be)),     static_cast<uint32_t>(field(p + 4, 4, be)),
+            static_cast<uint32_t>(field(p + l.sh_link, 4, be)), field(p + l.sh_flags, l.word, be),
+            field(p + l.sh_offset, l.word, be),         field(p + l.sh_size, l.word, be),
+            field(p + l.sh_entsize, l.word, be)};
 }
 
 inline std::string string_at(const std::vector<uint8_t> &table, uint64_t offset) {
@@ -170,46 +201,55 @@ inline std::optional<File> parse(std::vector<uint8_t> bytes, const std::string &
         error = name + why;
         return std::nullopt;
     };
-    Elf64_Ehdr eh;
-    if (!detail::read_at(f.bytes, 0, eh) || std::memcmp(eh.e_ident, ELFMAG, SELFMAG) != 0)
-        return fail(" is not an ELF file");
-    if (eh.e_ident[EI_CLASS] != ELFCLASS64 || eh.e_ident[EI_DATA] != ELFDATA2LSB)
-        return fail(" is not a 64-bit little-endian ELF file");
-    if (eh.e_shentsize != sizeof(Elf64_Shdr) || eh.e_shoff == 0) return fail(" has no section headers");
-    Elf64_Shdr first;
-    if (!detail::read_at(f.bytes, eh.e_shoff, first)) return fail(": section headers lie outside the file");
+    if (size < EI_NIDENT || std::memcmp(f.bytes.data(), ELFMAG, SELFMAG) != 0) return fail(" is not an ELF file");
+    const uint8_t elf_class = f.bytes[EI_CLASS], data = f.bytes[EI_DATA];
+    if ((elf_class != ELFCLASS32 && elf_class != ELFCLASS64) || (data != ELFDATA2LSB && data != ELFDATA2MSB))
+        return fail(" is an ELF file of an unknown kind (class " + std::to_string(elf_class) + ", data " +
+                    std::to_string(data) + ")");
+    f.wide = elf_class == ELFCLASS64;
+    f.big_endian = data == ELFDATA2MSB;
+    const detail::Layout &l = f.wide ? detail::layout64 : detail::layout32;
+    const bool be = f.big_endian;
+    if (size < l.header_size) return fail(" is not an ELF file");
+    const uint8_t *eh = f.bytes.data();
+    const uint64_t shoff = detail::field(eh + l.shoff, l.shoff_width, be);
+    const uint64_t shnum = detail::field(eh + l.shnum, 2, be), shstrndx = detail::field(eh + l.shstrndx, 2, be);
+    if (detail::field(eh + l.shentsize, 2, be) != l.shdr_size || shoff == 0) return fail(" has no section headers");
+    if (!detail::fits(shoff, l.shdr_size, size)) return fail(": section headers lie outside the file");
+    const detail::Header first = detail::header_at(eh + shoff, l, be);
     // With 0xff00 sections or more, the count and the name table index live in section 0.
-    const uint64_t count = eh.e_shnum ? eh.e_shnum : first.sh_size;
-    const uint64_t names_index = eh.e_shstrndx == SHN_XINDEX ? first.sh_link : eh.e_shstrndx;
-    if (count > (size - eh.e_shoff) / sizeof(Elf64_Shdr))
-        return fail(": " + std::to_string(count) + " section headers at byte " + std::to_string(eh.e_shoff) +
+    const uint64_t count = shnum ? shnum : first.size;
+    const uint64_t names_index = shstrndx == SHN_XINDEX ? first.link : shstrndx;
+    if (count > (size - shoff) / l.shdr_size)
+        return fail(": " + std::to_string(count) + " section headers at byte " + std::to_string(shoff) +
                     " lie outside the file (" + std::to_string(size) + " bytes)");
-    std::vector<Elf64_Shdr> headers(count);
-    if (count) std::memcpy(headers.data(), f.bytes.data() + eh.e_shoff, count * sizeof(Elf64_Shdr));
+    std::vector<detail::Header> headers;
+    headers.reserve(count);
+    for (uint64_t i = 0; i < count; ++i) headers.push_back(detail::header_at(eh + shoff + i * l.shdr_size, l, be));
 
     std::vector<uint8_t> names;
     if (names_index != SHN_UNDEF) {
         if (names_index >= count)
             return fail(": the section name table is section " + std::to_string(names_index) + " of " +
                         std::to_string(count));
-        const Elf64_Shdr &h = headers[names_index];
-        if (h.sh_type != SHT_STRTAB || !detail::fits(h.sh_offset, h.sh_size, size))
+        const detail::Header &h = headers[names_index];
+        if (h.type != SHT_STRTAB || !detail::fits(h.offset, h.size, size))
             return fail(": the section name table lies outside the file or is not a string table");
-        names = f.contents(Section{{}, h.sh_type, 0, h.sh_offset, h.sh_size, 0});
+        names = f.contents(Section{{}, h.type, 0, h.offset, h.size, 0});
     }
     f.sections.reserve(count);
     for (uint64_t i = 0; i < count; ++i) {
-        const Elf64_Shdr &h = headers[i];
-        Section s{detail::name_at(names, h.sh_name), h.sh_type, h.sh_flags, h.sh_offset, h.sh_size, h.sh_link};
+        const detail::Header &h = headers[i];
+        Section s{detail::name_at(names, h.name), h.type, h.flags, h.offset, h.size, h.link};
         const std::string which = "section " + std::to_string(i) + (s.name.empty() ? "" : " (" + s.name + ")");
         // Section 0 carries the extended counts in its size; SHT_NOBITS occupies no file bytes.
-        if (i != 0 && h.sh_type != SHT_NULL && h.sh_type != SHT_NOBITS && !detail::fits(h.sh_offset, h.sh_size, size))
-            return fail(": " + which + " at byte " + std::to_string(h.sh_offset) + ", " + std::to_string(h.sh_size) +
+        if (i != 0 && h.type != SHT_NULL && h.type != SHT_NOBITS && !detail::fits(h.offset, h.size, size))
+            return fail(": " + which + " at byte " + std::to_string(h.offset) + ", " + std::to_string(h.size) +
                         " bytes, lies outside the file (" + std::to_string(size) + " bytes)");
-        if ((h.sh_type == SHT_DYNSYM || h.sh_type == SHT_SYMTAB) &&
-            (h.sh_entsize != sizeof(Elf64_Sym) || h.sh_link >= count || headers[h.sh_link].sh_type != SHT_STRTAB))
-            return fail(": symbol table " + which + " has entries of " + std::to_string(h.sh_entsize) +
-                        " bytes or its string table (section " + std::to_string(h.sh_link) + ") is not one");
+        if ((h.type == SHT_DYNSYM || h.type == SHT_SYMTAB) &&
+            (h.entsize != l.sym_size || h.link >= count || headers[h.link].type != SHT_STRTAB))
+            return fail(": symbol table " + which + " has entries of " + std::to_string(h.entsize) +
+                        " bytes or its string table (section " + std::to_string(h.link) + ") is not one");
         f.sections.push_back(std::move(s));
     }
     return f;
@@ -232,11 +272,13 @@ inline std::vector<std::string> defined_dynamic_symbols(const File &f) {
     for (const Section &s : f.sections)
         if (s.type == SHT_DYNSYM) dynsym = &s;
     if (!dynsym || dynsym->link >= f.sections.size()) return names;
-    std::vector<uint8_t> symbols = f.contents(*dynsym), strings = f.contents(f.sections[dynsym->link]);
-    for (size_t off = sizeof(Elf64_Sym); off + sizeof(Elf64_Sym) <= symbols.size(); off += sizeof(Elf64_Sym)) {
-        Elf64_Sym sym;
-        std::memcpy(&sym, symbols.data() + off, sizeof sym);
-        if (sym.st_shndx != SHN_UNDEF) names.push_back(detail::name_at(strings, sym.st_name));
+    const detail::Layout &l = f.wide ? detail::layout64 : detail::layout32;
+    std::span<const uint8_t> symbols = f.view(*dynsym);
+    std::vector<uint8_t> strings = f.contents(f.sections[dynsym->link]);
+    for (size_t off = l.sym_size; off + l.sym_size <= symbols.size(); off += l.sym_size) {
+        const uint8_t *sym = symbols.data() + off;
+        if (detail::field(sym + l.st_shndx, 2, f.big_endian) != SHN_UNDEF)
+            names.push_back(detail::name_at(strings, detail::field(sym, 4, f.big_endian)));
     }
     return names;
 }
