@@ -340,8 +340,8 @@ TEST_F(Composite, GrowthInsideTheRoomIsNoMove) {
 }
 
 TEST_F(Composite, FailedGrowthAndUntrackedValuesLeaveTheArrayAsItWas) {
-    auto *r = ovrin_svm_epm_notify_domain_name_bind_create(h, luid);
-    auto *value = named(h, "b.example");
+    auto *value = own(named(h, "b.example"), fqdn_domain_name_bind_destroy);
+    auto *r = own(ovrin_svm_epm_notify_domain_name_bind_create(h, luid), ovrin_svm_epm_notify_domain_name_bind_destroy);
     ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, luid, r, 0, value, &err);
     fqdn_domain_name_bind *block = r->domain_names;
     // (The error and the leak check of every allocation failing: the composite-setter sweep.)
@@ -351,16 +351,13 @@ TEST_F(Composite, FailedGrowthAndUntrackedValuesLeaveTheArrayAsItWas) {
     EXPECT_EQ(r->domain_names, block);
     EXPECT_EQ(r->domain_names_length, 1u);
     EXPECT_STREQ(block->name, "b.example");
-    ovrin_svm_epm_notify_domain_name_bind_destroy(h, luid, r);
 
     track();
-    r = ovrin_svm_epm_notify_domain_name_bind_create(h, luid);
+    r = own(ovrin_svm_epm_notify_domain_name_bind_create(h, luid), ovrin_svm_epm_notify_domain_name_bind_destroy);
     ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, luid, r, 0, value, &err);
     EXPECT_EQ(take_err(), MGX_EINVAL);
     EXPECT_EQ(traced("The val object is not state tracked"), 1u);
     EXPECT_EQ(r->domain_names, nullptr);
-    fqdn_domain_name_bind_destroy(h, luid, value);
-    ovrin_svm_epm_notify_domain_name_bind_destroy(h, luid, r);
 }
 
 // ---------------------------------------------------------------- counted strings
@@ -397,12 +394,11 @@ TEST_F(Composite, StringsCopyExactlyTheirLengthAndCutCopiesOut) {
 }
 
 TEST_F(Composite, ShortLengthFieldsKeepTheLowSixteenBitsAndNoLimitApplies) {
-    auto *f = fqdn_domain_name_bind_create(h, luid);
+    auto *f = own(fqdn_domain_name_bind_create(h, luid), fqdn_domain_name_bind_destroy);
     const std::string text(70000, 'x');
     EXPECT_EQ(fqdn_domain_name_bind_name_set_cr(h, f, text.c_str(), 65537), 0u);
     EXPECT_EQ(f->name_len, 1u);
     EXPECT_STREQ(f->name, "x");
-    fqdn_domain_name_bind_destroy(h, luid, f);
 
     // A 32-bit length field takes lengths far above the domain's published limits.
     auto *b = own(ovrin_epm_bind_policy_info_create(h, luid), ovrin_epm_bind_policy_info_destroy);

@@ -376,7 +376,8 @@ TEST_F(Unfilled, CountsWithoutStorageAndMembersNotThereCopeInEveryOperation) {
                     EXPECT_EQ(o.compare(twin, odd), 0);
                     EXPECT_EQ(o.hash(odd, 7), o.hash(twin, 7));
 
-                    const std::string print = typeops::whole_text(o, h, odd), xml = typeops::whole_text(o, h, odd, true);
+                    const std::string print = typeops::whole_text(o, h, odd);
+                    const std::string xml = typeops::whole_text(o, h, odd, true);
                     ASSERT_NE(print, "(failed)");
                     ASSERT_NE(xml, "(failed)");
                     if (!c.target) { // no member is shown

@@ -57,20 +57,17 @@ TEST_F(Text, UnionsShowOnlyTheSelectedFilledMember) {
 }
 
 TEST_F(Text, ArrayElementsAndStringsPrintAsTheyAre) {
-    sm_dot11_params *d = sm_dot11_params_create(h, 1);
+    auto *d = own(sm_dot11_params_create(h, 1), sm_dot11_params_destroy);
     d->oui[1] = 0x1a;
     sm_dot11_params_print(h, 1, buf, 0, "dot11_param", d, sizeof buf, &err);
     EXPECT_NE(std::string(buf).find("  oui[0]: 0\n  oui[1]: 26\n  oui[2]: 0\n"), std::string::npos);
     EXPECT_NE(xml_of(testfill::type("sm_dot11_params"), d).find("<oui>0</oui><oui>26</oui><oui>0</oui>"),
               std::string::npos);
-    sm_dot11_params_destroy(h, 1, d);
 
     // A string prints as it is, special characters and all (XML escapes them: every type's filled
     // strings hold them, and the operations-table sweep reads its XML back).
     auto *n = own(sess_mgr_client_name_create(h, 1), sess_mgr_client_name_destroy);
-    n->client_name = static_cast<char *>(h->inst_alloc(h->alloc_ctx, 1, 11));
-    std::memcpy(n->client_name, "a<b&c\"d'e>", 11);
-    n->cl_name_len = 10;
+    n->client_name = handle_text(h, "a<b&c\"d'e>", &n->cl_name_len);
     sess_mgr_client_name_print_cr(h, n, buf, sizeof buf);
     EXPECT_NE(std::string(buf).find("  client_name: a<b&c\"d'e>\n"), std::string::npos);
 }
