@@ -9,35 +9,18 @@
 #include <vector>
 
 #include "mgx/runtime.h"
-#include "tests/prim_fixture.h"
 #include "ovrin_sm/ops.h"
+#include "tests/prim_fixture.h"
+#include "tests/sm_check.h"
 
 namespace {
 
 constexpr uint32_t luid = 1;
 constexpr size_t start_area = 200; // sess_mgr_session_start: untracked size, where its flags begin
 
-struct Access : RuntimeFixture {
-    // A counted string as the string setter leaves it: length+1 bytes from the handle.
-    void put_name(sess_mgr_client_name *n, const char *text) {
-        n->cl_name_len = static_cast<uint32_t>(std::strlen(text));
-        n->client_name = static_cast<char *>(h->inst_alloc(h->alloc_ctx, luid, n->cl_name_len + 1));
-        std::memcpy(n->client_name, text, n->cl_name_len + 1);
-    }
-    void add_attr(aaa_tlv *list, uint32_t type, const char *value) {
-        aaa_tlv_attr_add(h, luid, list, type, value, static_cast<uint32_t>(std::strlen(value)), &err);
-    }
-};
+using Access = RuntimeFixture;
 
 uint8_t *at(void *instance, size_t offset) { return static_cast<uint8_t *>(instance) + offset; }
-std::vector<uint8_t> bytes_of(void *p, size_t n) { return {at(p, 0), at(p, n)}; }
-
-std::string attr_text(const aaa_tlv *list, uint32_t i) {
-    const void *value = nullptr;
-    uint32_t length = 0;
-    aaa_tlv_attr_at(list, i, &value, &length);
-    return std::string(static_cast<const char *>(value), length);
-}
 
 TEST_F(Access, SetsMarkTwoInTheFlattenedAreaOfNestedFields) {
     track();
@@ -53,13 +36,13 @@ TEST_F(Access, SetsMarkTwoInTheFlattenedAreaOfNestedFields) {
     // Own byte of cl_hdl 2; nested areas: hdl's from 1, cl_hdl's from 3, ext_params' from 25, cl_name's from 30.
     std::vector<uint8_t> expected(32, 0);
     expected[2] = expected[1] = expected[3] = expected[25 + 1] = expected[30] = 2;
-    EXPECT_EQ(bytes_of(area, 32), expected);
+    EXPECT_EQ(bytes_at(area, 0, 32), expected);
     EXPECT_EQ(sess_mgr_extended_params_proximity_state_flag_get(h, luid, &s->ext_params, &err), 2);
     EXPECT_EQ(s->identity_attrs.sttr, area + 8);
     sess_mgr_conn_hdl_conn_hdl_state_flag_set(h, luid, &s->hdl, 7, &err);
     EXPECT_EQ(area[1], 7);
     sess_mgr_session_start_set_all_state_tracking_flag(h, luid, s, 0x5A);
-    EXPECT_EQ(bytes_of(area, 32), std::vector<uint8_t>(32, 0x5A));
+    EXPECT_EQ(bytes_at(area, 0, 32), std::vector<uint8_t>(32, 0x5A));
 }
 
 TEST_F(Access, FlagsRefusedWhenTrackingIsOffOrTheInstanceUntracked) {
@@ -73,17 +56,15 @@ TEST_F(Access, FlagsRefusedWhenTrackingIsOffOrTheInstanceUntracked) {
     EXPECT_EQ(c->conn_hdl, 5u);
     sess_mgr_conn_hdl_set_all_state_tracking_flag(h, luid, c, 1);
     EXPECT_EQ(sess_mgr_conn_hdl_conn_hdl_state_flag_get(h, luid, c, &err), 0);
-    EXPECT_EQ(err, MGX_EINVAL);
+    EXPECT_EQ(take_err(), MGX_EINVAL);
     EXPECT_EQ(*at(c, 24), 0x33);
     EXPECT_EQ(mgx_trace_count(), 0u);
     // Tracking on, untracked instance: the value is written, the flag refused; two wordings.
     track();
-    err = 0;
     sess_mgr_conn_hdl_conn_hdl_set_value(h, luid, plain, 6, &err);
     EXPECT_EQ(plain->conn_hdl, 6u);
-    EXPECT_EQ(err, MGX_EINVAL);
+    EXPECT_EQ(take_err(), MGX_EINVAL);
     EXPECT_TRUE(traced("The object is not state tracked"));
-    err = 0;
     EXPECT_EQ(sess_mgr_conn_hdl_conn_hdl_state_flag_get(h, luid, plain, &err), 0);
     EXPECT_EQ(err, MGX_EINVAL);
     EXPECT_TRUE(traced("The object is non state tracked"));
@@ -138,13 +119,13 @@ TEST_F(Access, WholeSetCarriesValuesFlagsAndOwnershipUnderTracking) {
     mgx_sttr_offset_set(h, dst, start_area);
     dst->flags |= MGX_IF_STTR_OFFSET;
     sess_mgr_conn_hdl_conn_hdl_set_value(h, luid, &src->hdl, 7, &err);
-    add_attr(&src->identity_attrs, 1, "alice");
-    put_name(&src->cl_name, "src-name");
+    aaa_tlv_attr_add(h, luid, &src->identity_attrs, 1, "alice", 5, &err);
+    src->cl_name.client_name = handle_text(h, "src-name", &src->cl_name.cl_name_len);
     sm_dot11_params *member = sm_dot11_params_create(h, luid);
     src->ext_params.dot11_param = member;
     sess_mgr_session_start_identity_attrs_state_flag_set(h, luid, src, 4, &err);
-    add_attr(&dst->identity_attrs, 2, "old"); // dst's old storage is released by the copy
-    put_name(&dst->cl_name, "old-name");
+    aaa_tlv_attr_add(h, luid, &dst->identity_attrs, 2, "old", 3, &err); // dst's old storage is released by the copy
+    dst->cl_name.client_name = handle_text(h, "old-name", &dst->cl_name.cl_name_len);
     sess_mgr_session_start_set_all_state_tracking_flag(h, luid, dst, 0x77);
     ASSERT_EQ(err, 0u);
     mgx_journal_clear(h);
@@ -156,29 +137,31 @@ TEST_F(Access, WholeSetCarriesValuesFlagsAndOwnershipUnderTracking) {
     EXPECT_EQ(mgx_journal_entry(h, 1)->address, dst);
     EXPECT_EQ(mgx_journal_entry(h, 1)->length, 184u);
     EXPECT_EQ(dst->hdl.conn_hdl, 7u);
-    EXPECT_EQ(bytes_of(at(dst, start_area), 32), bytes_of(at(src, start_area), 32));
+    EXPECT_EQ(bytes_at(dst, start_area, 32), bytes_at(src, start_area, 32));
     EXPECT_TRUE(dst->flags & MGX_IF_STTR_OFFSET);
-    EXPECT_EQ(attr_text(&dst->identity_attrs, 0), "alice"); // (its own copies: the whole-copy sweep)
+    const void *attr = nullptr; // (its own copies: the whole-copy sweep)
+    uint32_t attr_length = 0;
+    aaa_tlv_attr_at(&dst->identity_attrs, 0, &attr, &attr_length);
+    EXPECT_EQ(std::string(static_cast<const char *>(attr), attr_length), "alice");
     EXPECT_STREQ(dst->cl_name.client_name, "src-name");
     EXPECT_EQ(dst->ext_params.dot11_param, member); // union members move
     EXPECT_EQ(src->ext_params.dot11_param, nullptr);
 
     mgx_journal_clear(h);
-    std::vector<uint8_t> before = bytes_of(dst, 232);
+    std::vector<uint8_t> before = bytes_at(dst, 0, 232);
     sess_mgr_session_start_set(h, luid, dst, dst, &err);
     EXPECT_EQ(mgx_journal_count(h), 0u);
-    EXPECT_EQ(bytes_of(dst, 232), before);
+    EXPECT_EQ(bytes_at(dst, 0, 232), before);
 
     // A later-variant source is refused; an untracked target gets the values, not the flags.
     mgx_handle_set_domain_variant(h, "sess_mgr_session_start", 0);
     auto *old = own(sess_mgr_session_start_create(h, luid), sess_mgr_session_start_destroy);
     sess_mgr_session_start_set(h, luid, old, src, &err);
-    EXPECT_EQ(err, MGX_EVARIANT);
+    EXPECT_EQ(take_err(), MGX_EVARIANT);
     mgx_handle_set_domain_variant(h, "sess_mgr_session_start", 1);
     mgx_handle_set_state_tracking(h, 0, 0);
     auto *untracked = own(sess_mgr_session_start_create(h, luid), sess_mgr_session_start_destroy);
     track();
-    err = 0;
     sess_mgr_session_start_set(h, luid, untracked, src, &err);
     EXPECT_EQ(err, MGX_EINVAL);
     EXPECT_TRUE(traced("The object is not state tracked"));

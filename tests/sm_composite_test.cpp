@@ -4,16 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-
 #include <cstring>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "mgx/runtime.h"
-#include "tests/prim_fixture.h"
-#include "tests/sm_fill.h"
 #include "ovrin_sm/ops.h"
+#include "tests/prim_fixture.h"
+#include "tests/sm_check.h"
+#include "tests/sm_type_ops.h"
 
 namespace {
 
@@ -142,10 +141,10 @@ TEST_F(Composite, FixedArrayBoundsAndBulkCopies) {
     // The pointer form trusts its index: no error, and nothing past the array is touched (not
     // even the padding behind it).
     const u_int8 v = 0x77;
-    std::vector<uint8_t> before(reinterpret_cast<uint8_t *>(p), reinterpret_cast<uint8_t *>(p + 1));
+    const std::vector<uint8_t> before = bytes_at(p, 0, sizeof *p);
     for (uint32_t index : {3u, 4u, 1000u}) sm_dot11_params_oui_set(h, luid, p, index, &v, &err);
     EXPECT_EQ(take_err(), 0u);
-    EXPECT_EQ(std::vector<uint8_t>(reinterpret_cast<uint8_t *>(p), reinterpret_cast<uint8_t *>(p + 1)), before);
+    EXPECT_EQ(bytes_at(p, 0, sizeof *p), before);
     sm_dot11_params_oui_set(h, luid, p, 2, &v, &err);
     EXPECT_EQ(sm_dot11_params_oui_get_value(h, luid, p, 2, &err), 0x77);
 }
@@ -304,25 +303,14 @@ TEST_F(Composite, SettingOnePastTheEndGrowsByAFactor) {
             fqdn_domain_name_bind_set_all_state_tracking_flag(h, luid, &r->domain_names[k], 1); // inside its slot
         }
 
-        std::vector<uint8_t> ws(ovrin_svm_epm_notify_domain_name_bind_len(h, luid, r) + 16);
-        ovrin_svm_epm_notify_domain_name_bind *copy = nullptr;
-        ovrin_svm_epm_notify_domain_name_bind_clone(h, luid, r, &copy, ws.data(), uint32_t(ws.size()), &err);
+        const typeops::Ops &o = typeops::of("ovrin_svm_epm_notify_domain_name_bind");
+        void *copy = typeops::clone(o, h, r, &err);
         ASSERT_EQ(take_err(), 0u);
-        own(copy, ovrin_svm_epm_notify_domain_name_bind_destroy);
-        EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_compare(r, copy), 0);
-        EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_hash(r, 1), ovrin_svm_epm_notify_domain_name_bind_hash(copy, 1));
-        auto wire = [&](const ovrin_svm_epm_notify_domain_name_bind *x) {
-            std::vector<uint8_t> out(ovrin_svm_epm_notify_domain_name_bind_len(h, luid, x) + 1);
-            out.resize(ovrin_svm_epm_notify_domain_name_bind_marshal(h, luid, out.data(), x, int32_t(out.size() - 1), &err));
-            return out;
-        };
-        EXPECT_EQ(wire(r), wire(copy));
-        auto text = [&](const ovrin_svm_epm_notify_domain_name_bind *x) {
-            std::string out(1 << 20, '\0');
-            out.resize(size_t(ovrin_svm_epm_notify_domain_name_bind_print_cr(h, x, out.data(), uint32_t(out.size()))));
-            return out;
-        };
-        EXPECT_EQ(text(r), text(copy));
+        own(static_cast<ovrin_svm_epm_notify_domain_name_bind *>(copy), ovrin_svm_epm_notify_domain_name_bind_destroy);
+        EXPECT_EQ(o.compare(r, copy), 0);
+        EXPECT_EQ(o.hash(r, 1), o.hash(copy, 1));
+        EXPECT_EQ(typeops::encode(o, h, r, &err), typeops::encode(o, h, copy, &err));
+        EXPECT_EQ(typeops::whole_text(o, h, r), typeops::whole_text(o, h, copy));
         EXPECT_EQ(take_err(), 0u);
     }
 }
@@ -336,9 +324,7 @@ TEST_F(Composite, GrowthInsideTheRoomIsNoMove) {
     for (int i = 0; i < 17; ++i) xml += "<domain_names/>";
     xml += "</x>";
     auto *r = own(ovrin_svm_epm_notify_domain_name_bind_create(h, luid), ovrin_svm_epm_notify_domain_name_bind_destroy);
-    void *doc = mgx_xml_document_parse(xml.data(), xml.size());
-    ovrin_svm_epm_notify_domain_name_bind_from_xml(h, luid, "x", doc, r, &err, nullptr, 0);
-    mgx_xml_document_free(doc);
+    read_xml(h, ovrin_svm_epm_notify_domain_name_bind_from_xml, "x", xml, r, &err);
     ASSERT_EQ(take_err(), 0u);
     ASSERT_EQ(r->domain_names_length, 17u);
     const auto *block = r->domain_names;
@@ -354,8 +340,8 @@ TEST_F(Composite, GrowthInsideTheRoomIsNoMove) {
 }
 
 TEST_F(Composite, FailedGrowthAndUntrackedValuesLeaveTheArrayAsItWas) {
-    auto *r = ovrin_svm_epm_notify_domain_name_bind_create(h, luid);
-    auto *value = named(h, "b.example");
+    auto *value = own(named(h, "b.example"), fqdn_domain_name_bind_destroy);
+    auto *r = own(ovrin_svm_epm_notify_domain_name_bind_create(h, luid), ovrin_svm_epm_notify_domain_name_bind_destroy);
     ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, luid, r, 0, value, &err);
     fqdn_domain_name_bind *block = r->domain_names;
     // (The error and the leak check of every allocation failing: the composite-setter sweep.)
@@ -365,16 +351,13 @@ TEST_F(Composite, FailedGrowthAndUntrackedValuesLeaveTheArrayAsItWas) {
     EXPECT_EQ(r->domain_names, block);
     EXPECT_EQ(r->domain_names_length, 1u);
     EXPECT_STREQ(block->name, "b.example");
-    ovrin_svm_epm_notify_domain_name_bind_destroy(h, luid, r);
 
     track();
-    r = ovrin_svm_epm_notify_domain_name_bind_create(h, luid);
+    r = own(ovrin_svm_epm_notify_domain_name_bind_create(h, luid), ovrin_svm_epm_notify_domain_name_bind_destroy);
     ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, luid, r, 0, value, &err);
     EXPECT_EQ(take_err(), MGX_EINVAL);
     EXPECT_EQ(traced("The val object is not state tracked"), 1u);
     EXPECT_EQ(r->domain_names, nullptr);
-    fqdn_domain_name_bind_destroy(h, luid, value);
-    ovrin_svm_epm_notify_domain_name_bind_destroy(h, luid, r);
 }
 
 // ---------------------------------------------------------------- counted strings
@@ -411,12 +394,11 @@ TEST_F(Composite, StringsCopyExactlyTheirLengthAndCutCopiesOut) {
 }
 
 TEST_F(Composite, ShortLengthFieldsKeepTheLowSixteenBitsAndNoLimitApplies) {
-    auto *f = fqdn_domain_name_bind_create(h, luid);
+    auto *f = own(fqdn_domain_name_bind_create(h, luid), fqdn_domain_name_bind_destroy);
     const std::string text(70000, 'x');
     EXPECT_EQ(fqdn_domain_name_bind_name_set_cr(h, f, text.c_str(), 65537), 0u);
     EXPECT_EQ(f->name_len, 1u);
     EXPECT_STREQ(f->name, "x");
-    fqdn_domain_name_bind_destroy(h, luid, f);
 
     // A 32-bit length field takes lengths far above the domain's published limits.
     auto *b = own(ovrin_epm_bind_policy_info_create(h, luid), ovrin_epm_bind_policy_info_destroy);

@@ -1,8 +1,6 @@
 // The enumeration types: range checks and user/wire mapping, compare and hash, access, the
 // 5-byte wire form, print and XML, validity per domain variant, and a sweep of every literal of
 // the fourteen types.
-#include <dlfcn.h>
-
 #include <numeric>
 #include <string>
 #include <vector>
@@ -17,9 +15,7 @@ using E = sm_peer_state; // every enumeration shares this layout
 using SetValue = void (*)(mgx_handle_t *, uint32_t, E *, uint32_t, uint32_t *);
 
 template <class Fn> Fn op(const std::string &type, const char *name) {
-    auto fn = reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, (type + "_" + name).c_str()));
-    EXPECT_NE(fn, nullptr) << type << "_" << name;
-    return fn;
+    return testfill::op<Fn>(testfill::type(type), name);
 }
 
 struct Enums : RuntimeFixture {

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <stdexcept>
 
-
 namespace testfill {
 
 // The filler reaches each type's exported operations by name, through pointer types of its own (an
@@ -29,19 +28,8 @@ namespace {
 
 uint8_t *at(void *instance, const Field &f) { return static_cast<uint8_t *>(instance) + f.offset; }
 
-int8_t variant_of(const void *instance) { return static_cast<const mgx_instance_hdr_t *>(instance)->variant; }
-
-void fill_element(const Field &f, mgx_handle_t *h, void *element, unsigned seed, unsigned arm);
-
-void set_count(void *instance, const Field &f, uint32_t v) {
-    if (f.kind == Kind::u16)
-        *reinterpret_cast<uint16_t *>(at(instance, f)) = static_cast<uint16_t>(v);
-    else
-        *reinterpret_cast<uint32_t *>(at(instance, f)) = v;
-}
-
 void fill_enum(const Type &t, void *instance, unsigned seed) {
-    int8_t variant = variant_of(instance);
+    const int8_t variant = ovrin::hdr(instance)->variant;
     std::vector<const ovrin::Literal *> usable;
     for (uint16_t i = 0; i < t.n_literals; ++i)
         if (t.literals[i].from_variant <= variant) usable.push_back(&t.literals[i]);
@@ -85,7 +73,7 @@ OVRIN_CALLS_BY_NAME void fill(const Type &t, mgx_handle_t *h, void *instance, un
         fill_enum(t, instance, seed);
         return;
     }
-    int8_t variant = variant_of(instance);
+    const int8_t variant = ovrin::hdr(instance)->variant;
     unsigned member_index = 0, n_members = members(t);
     for (uint16_t i = 0; i < t.n_fields; ++i) {
         const Field &f = t.fields[i];
@@ -108,7 +96,7 @@ OVRIN_CALLS_BY_NAME void fill(const Type &t, mgx_handle_t *h, void *instance, un
             auto *p = static_cast<char *>(h->inst_alloc(h->alloc_ctx, 1, text.size() + 1));
             std::memcpy(p, text.c_str(), text.size() + 1);
             *reinterpret_cast<char **>(at(instance, f)) = p;
-            set_count(instance, t.fields[f.companion], static_cast<uint32_t>(text.size()));
+            ovrin::store_count(instance, t.fields[f.companion], static_cast<uint32_t>(text.size()));
             break;
         }
         case Shape::var_array: {
@@ -128,7 +116,7 @@ OVRIN_CALLS_BY_NAME void fill(const Type &t, mgx_handle_t *h, void *instance, un
                 fill(*f.type, h, layout.element(block, k), s + k, arm);
             }
             *reinterpret_cast<void **>(at(instance, f)) = block;
-            set_count(instance, t.fields[f.companion], n);
+            ovrin::store_count(instance, t.fields[f.companion], n);
             break;
         }
         case Shape::member: {

@@ -28,8 +28,9 @@ void fill(const ovrin::Type &t, mgx_handle_t *h, void *instance, unsigned seed, 
 const std::vector<const ovrin::Type *> &types();
 const ovrin::Type &type(const std::string &name);
 
-// The exported operation `<type>_<op>`, looked up by name.
+// The exported operation `<type>_<op>`, looked up by name; the second as a function of type Fn.
 void *op(const ovrin::Type &t, const char *name);
+template <class Fn> Fn op(const ovrin::Type &t, const char *name) { return reinterpret_cast<Fn>(op(t, name)); }
 void *create(const ovrin::Type &t, mgx_handle_t *h);
 
 uint32_t members(const ovrin::Type &t); // union members

@@ -12,6 +12,7 @@
 
 #include "mgx/runtime.h"
 #include "ovrin_sm/ops.h"
+#include "tests/sm_check.h"
 // The bundle's own tables (the test program's private copy, sm_type_tables.cpp): the generator's
 // layout and state-flag positions, next to the descriptors the library exports.
 #include "ovrin_sm_internal/tables.h"
@@ -42,22 +43,15 @@ const mgx_module_node_t *bundle_module() {
     return nullptr;
 }
 
-const mgx_type_info_t *descriptor_at(size_t i) {
-    return static_cast<const mgx_type_info_t *>(bundle_module()->descriptor_table[i]);
-}
-
 std::string hex(const uint8_t *bytes, size_t n) {
+    static const char digits[] = "0123456789abcdef";
     std::string s;
-    char two[3];
-    for (size_t i = 0; i < n; ++i) {
-        std::snprintf(two, sizeof two, "%02x", bytes[i]);
-        s += two;
-    }
+    for (size_t i = 0; i < n; ++i) s += {digits[bytes[i] >> 4], digits[bytes[i] & 15]};
     return s;
 }
 
+// What the variant dump prints, through capture.
 std::string dumped;
-
 int capture(const char *format, ...) {
     char line[256];
     va_list ap;
@@ -66,12 +60,6 @@ int capture(const char *format, ...) {
     va_end(ap);
     dumped += line;
     return n;
-}
-
-std::string variant_dump() {
-    dumped.clear();
-    ovrin_sm_type_variant_dump(capture);
-    return dumped;
 }
 
 // Every descriptor in registration order: its identity, its fingerprint text agreeing with its
@@ -85,10 +73,9 @@ TEST(Layout, EveryTypeHasTheExpectedVariantsAndSizeInRegistrationOrder) {
     EXPECT_EQ(bundle_module()->descriptor_table[n], nullptr);
     std::set<std::string> fingerprints;
     std::string dump;
-    char line[96];
     for (size_t i = 0; i < n; ++i) {
         const ExpectedLayout &e = expected[i];
-        const mgx_type_info_t *d = descriptor_at(i);
+        const auto *d = static_cast<const mgx_type_info_t *>(bundle_module()->descriptor_table[i]);
         const Type &t = *ovrin::table::all[i];
         SCOPED_TRACE(e.name);
         ASSERT_NE(d, nullptr);
@@ -108,13 +95,14 @@ TEST(Layout, EveryTypeHasTheExpectedVariantsAndSizeInRegistrationOrder) {
             EXPECT_EQ(entry.used_length, e.variants[v].used) << "variant " << v;
             EXPECT_EQ(entry.alloc_slop, e.variants[v].slop) << "variant " << v;
             EXPECT_TRUE(t.variants[v].used == entry.used_length && t.variants[v].slop == entry.alloc_slop);
-            std::snprintf(line, sizeof line, "variant %d used length %u alloc slop %u\n", v, e.variants[v].used,
-                          e.variants[v].slop);
-            dump += line;
+            dump += "variant " + std::to_string(v) + " used length " + std::to_string(e.variants[v].used) +
+                    " alloc slop " + std::to_string(e.variants[v].slop) + "\n";
         }
         EXPECT_EQ(t.size, e.size);
     }
-    EXPECT_EQ(variant_dump(), dump);
+    dumped.clear();
+    ovrin_sm_type_variant_dump(capture);
+    EXPECT_EQ(dumped, dump);
 }
 
 // Marks the bytes of t's area, placed at base, in used; fails on overlaps and misplacements.
@@ -158,11 +146,6 @@ TEST(StateFlags, EveryAreaIsAFlattenedTreeWithoutOverlaps) {
         EXPECT_EQ(t->sttr_size % t->sttr_align, 0u);
         EXPECT_EQ(t->fields[0].sttr_pos, 0u);
     }
-}
-
-std::vector<uint8_t> bytes_at(const void *p, size_t offset, size_t n) {
-    const auto *b = static_cast<const uint8_t *>(p) + offset;
-    return {b, b + n};
 }
 
 // The bytes the runtime reads, at their offsets.

@@ -9,12 +9,13 @@
 #include <vector>
 
 #include "mgx/runtime.h"
-#include "tests/prim_fixture.h"
 #include "ovrin_sm/ops.h"
+#include "tests/prim_fixture.h"
+#include "tests/sm_type_ops.h"
 
 namespace {
 
-struct Lifecycle : RuntimeFixture {};
+using Lifecycle = RuntimeFixture;
 
 TEST_F(Lifecycle, SizesFollowTheTrackingMode) {
     mgx_handle_set_state_tracking(h, 1, MGX_STTR_UNTRACKED);
@@ -98,15 +99,14 @@ TEST_F(Lifecycle, AnElementThatCannotBeCountedIsTakenBackNotDestroyed) {
     auto *dst = own(sess_mgr_sess_attr_query_resp_create(h, 1), sess_mgr_sess_attr_query_resp_destroy);
     auto *value = own(sess_mgr_query_resp_create(h, 1), sess_mgr_query_resp_destroy);
     sess_mgr_sess_attr_query_resp_resp_array_set(h, 1, src, 1, value, &err);
-    std::vector<uint8_t> wire(sess_mgr_sess_attr_query_resp_len(h, 1, src));
-    uint32_t n = sess_mgr_sess_attr_query_resp_marshal(h, 1, wire.data(), src, static_cast<int32_t>(wire.size()), &err);
+    const std::vector<uint8_t> wire = typeops::encode(typeops::of("sess_mgr_sess_attr_query_resp"), h, src, &err);
     ASSERT_EQ(err, 0u);
     const void *element = &_sess_mgr_query_resp_type_info_internal;
     uint64_t created = mgx_stats_created(element, 0), destroyed = mgx_stats_destroyed(element, 0);
     mgx_handle_fail_stats(h, 12); // the first element's own count
     // In a child: destroying an element that took itself back is the library's fatal check.
     in_child("a decode whose first element cannot be counted", [&] {
-        sess_mgr_sess_attr_query_resp_unmarshal(h, 1, wire.data(), dst, static_cast<int32_t>(n), 0, &err);
+        sess_mgr_sess_attr_query_resp_unmarshal(h, 1, wire.data(), dst, static_cast<int32_t>(wire.size()), 0, &err);
         EXPECT_EQ(err, 12u);
         EXPECT_EQ(dst->resp_array, nullptr);
         EXPECT_EQ(mgx_stats_created(element, 0) - created, mgx_stats_destroyed(element, 0) - destroyed);
@@ -155,21 +155,20 @@ TEST_F(Lifecycle, OidMappingOutcomes) {
 TEST_F(Lifecycle, DestroyReleasesTheReferencesOfAttributeLists) {
     auto *target = own(sess_mgr_conn_hdl_create(h, 1), sess_mgr_conn_hdl_destroy);
     uint64_t oid = mgx_oid_map(h, target);
+    const typeops::Ops &session_start = typeops::of("sess_mgr_session_start");
     for (uint32_t fail : {0u, 22u}) {
         sess_mgr_session_start *s = sess_mgr_session_start_create(h, 1);
         aaa_tlv_add_object_reference(h, 1, &s->identity_attrs, oid, &err);
         ASSERT_EQ(err, 0u);
         EXPECT_EQ(mgx_oid_ref_count(h, oid), 1u);
-        sess_mgr_session_start *copy = nullptr, *other = sess_mgr_session_start_create(h, 1);
+        sess_mgr_session_start *other = sess_mgr_session_start_create(h, 1);
         sess_mgr_session_start_identity_attrs_set(h, 1, other, &s->identity_attrs, &err);
         ASSERT_EQ(err, 0u);
         EXPECT_EQ(mgx_oid_ref_count(h, oid), 2u);
-        std::vector<uint8_t> scratch(sess_mgr_session_start_len(h, 1, s) + 16);
-        sess_mgr_session_start_clone(h, 1, s, &copy, scratch.data(), uint32_t(scratch.size()), &err);
+        auto *copy = static_cast<sess_mgr_session_start *>(typeops::clone(session_start, h, s, &err));
         ASSERT_EQ(err, 0u);
         EXPECT_EQ(aaa_tlv_get_oid_count(h, 1, &copy->identity_attrs, &err), 0u);
-        sess_mgr_session_start_destroy(h, 1, copy);
-        sess_mgr_session_start_destroy(h, 1, other);
+        for (auto *p : {copy, other}) sess_mgr_session_start_destroy(h, 1, p);
         EXPECT_EQ(mgx_oid_ref_count(h, oid), 1u);
         if (fail) mgx_handle_fail_oid_ref_release(h, fail);
         sess_mgr_session_start_destroy(h, 1, s);

@@ -25,8 +25,12 @@ using typeops::Ops;
 
 const mgx_instance_hdr_t *hdr(const void *p) { return static_cast<const mgx_instance_hdr_t *>(p); }
 
-// `<type>_<field>_<name>` called with the instance and args (the error slot last).
+// `<type>_<field>_<name>` called with the instance and args (the error slot last), by name as the
+// filler calls (exempt from clang's function-type check for that).
 template <class R = void, class... A>
+#if defined(__clang__)
+__attribute__((no_sanitize("function")))
+#endif
 R call(const Type &t, const Field &f, const std::string &name, mgx_handle_t *h, void *inst, A... args) {
     void *fn = testfill::op(t, (std::string(f.name) + "_" + name).c_str());
     return reinterpret_cast<R (*)(mgx_handle_t *, uint32_t, void *, A...)>(fn)(h, 1, inst, args...);
@@ -82,7 +86,25 @@ uint32_t no_literal(const Type &e) {
 }
 
 struct Sweep : RuntimeFixture {
-    template <class Fn> Fn op(const Ops &o, const char *name) { return reinterpret_cast<Fn>(testfill::op(*o.type, name)); }
+    template <class Fn> Fn op(const Ops &o, const char *name) { return testfill::op<Fn>(*o.type, name); }
+
+    // body(o, arm) for every type (the enumerations too when enums says so) and each member of a
+    // union, at each tracking mode of modes (in `tracked`); nothing may stay allocated after each.
+    bool tracked = false;
+    template <class Body> void each(std::initializer_list<bool> modes, bool enums, Body body) {
+        for (bool mode : modes) {
+            tracked = mode;
+            mgx_handle_set_state_tracking(h, tracked, MGX_STTR_TRACKED);
+            for (const Ops &o : typeops::all()) {
+                for (unsigned arm = 0; arm < o.arms() && (enums || !o.is_enum()); ++arm) {
+                    SCOPED_TRACE(std::string(o.name) + " arm " + std::to_string(arm) + (tracked ? ", tracked" : ""));
+                    body(o, arm);
+                    ASSERT_FALSE(HasFatalFailure());
+                    ASSERT_EQ(mgx_handle_live_allocations(h), 0u);
+                }
+            }
+        }
+    }
 
     // What a refused write must leave as it was: the instance's bytes with the flag area a made
     // instance holds behind them, and its tracked wire form (values and flags at every depth).
@@ -164,24 +186,20 @@ struct Sweep : RuntimeFixture {
 };
 
 TEST_F(Sweep, EveryTypeCreatesAndDestroysTrackedOrNotAndCountsItsVariant) {
-    for (bool tracked : {false, true}) {
-        mgx_handle_set_state_tracking(h, tracked, MGX_STTR_TRACKED);
-        for (const Ops &o : typeops::all()) {
-            void *inst = o.create(h, 1);
-            ASSERT_NE(inst, nullptr) << o.name;
-            auto *d = static_cast<const mgx_type_info_t *>(hdr(inst)->descriptor);
-            ASSERT_STREQ(d->type_name, o.name);
-            int variant = hdr(inst)->variant;
-            EXPECT_EQ(variant, d->variant_info->n_variants - 1) << o.name; // the domain's default: the highest
-            EXPECT_EQ(hdr(inst)->layout, 0);
-            EXPECT_EQ((hdr(inst)->flags & MGX_IF_TRACKED) != 0, tracked) << o.name;
-            uint64_t created = mgx_stats_created(d, variant), destroyed = mgx_stats_destroyed(d, variant);
-            o.destroy(h, 1, inst);
-            EXPECT_EQ(mgx_stats_destroyed(d, variant), destroyed + 1) << o.name;
-            EXPECT_GE(created, 1u);
-            EXPECT_EQ(mgx_handle_live_allocations(h), 0u) << o.name;
-        }
-    }
+    each({false, true}, true, [&](const Ops &o, unsigned) {
+        void *inst = o.create(h, 1);
+        ASSERT_NE(inst, nullptr);
+        auto *d = static_cast<const mgx_type_info_t *>(hdr(inst)->descriptor);
+        ASSERT_STREQ(d->type_name, o.name);
+        int variant = hdr(inst)->variant;
+        EXPECT_EQ(variant, d->variant_info->n_variants - 1); // the domain's default: the highest
+        EXPECT_EQ(hdr(inst)->layout, 0);
+        EXPECT_EQ((hdr(inst)->flags & MGX_IF_TRACKED) != 0, tracked);
+        uint64_t created = mgx_stats_created(d, variant), destroyed = mgx_stats_destroyed(d, variant);
+        o.destroy(h, 1, inst);
+        EXPECT_EQ(mgx_stats_destroyed(d, variant), destroyed + 1);
+        EXPECT_GE(created, 1u);
+    });
 }
 
 // A whole-instance set from a filled source (union members pass over to the destination), then a
@@ -189,23 +207,16 @@ TEST_F(Sweep, EveryTypeCreatesAndDestroysTrackedOrNotAndCountsItsVariant) {
 // destroyed on its own.
 TEST_F(Sweep, EveryTypeCopiesWholeAndAfterARawCopyWithoutSharingStorage) {
     using copy_fn = void (*)(mgx_handle_t *, uint32_t, void *, void *, uint32_t *);
-    for (bool tracked : {false, true}) {
-        mgx_handle_set_state_tracking(h, tracked, MGX_STTR_TRACKED);
-        for (const Ops &o : typeops::all()) {
-            if (o.is_enum()) continue;
-            for (unsigned arm = 0; arm < o.arms(); ++arm) {
-                void *src = typeops::make_filled(o, h, 3, arm), *dst = typeops::make(o, h);
-                op<copy_fn>(o, "set")(h, 1, dst, src, &err);
-                uint32_t size = op<uint32_t (*)(mgx_handle_t *)>(o, "sizeof")(h);
-                void *copy = h->inst_alloc(h->alloc_ctx, 1, size);
-                std::memcpy(copy, dst, size);
-                op<copy_fn>(o, "post_copyout_cleanup")(h, 1, copy, dst, &err);
-                EXPECT_EQ(err, 0u) << o.name;
-                for (void *p : {src, dst, copy}) o.destroy(h, 1, p);
-                ASSERT_EQ(mgx_handle_live_allocations(h), 0u) << o.name << (tracked ? " tracked" : "");
-            }
-        }
-    }
+    each({false, true}, false, [&](const Ops &o, unsigned arm) {
+        void *src = typeops::make_filled(o, h, 3, arm), *dst = typeops::make(o, h);
+        op<copy_fn>(o, "set")(h, 1, dst, src, &err);
+        uint32_t size = op<uint32_t (*)(mgx_handle_t *)>(o, "sizeof")(h);
+        void *copy = h->inst_alloc(h->alloc_ctx, 1, size);
+        std::memcpy(copy, dst, size);
+        op<copy_fn>(o, "post_copyout_cleanup")(h, 1, copy, dst, &err);
+        EXPECT_EQ(err, 0u);
+        for (void *p : {src, dst, copy}) o.destroy(h, 1, p);
+    });
 }
 
 // The whole-text operations make in one walk what the bounded writers make given room enough,
@@ -213,71 +224,60 @@ TEST_F(Sweep, EveryTypeCopiesWholeAndAfterARawCopyWithoutSharingStorage) {
 // end written again), and answer -1 while the handle's error store holds a code.
 TEST_F(Sweep, EveryTypeWritesItsWholeTextInOneWalkAsTheBoundedWritersDo) {
     std::vector<char> room(1 << 20);
-    for (bool tracked : {false, true}) {
-        mgx_handle_set_state_tracking(h, tracked, MGX_STTR_TRACKED);
-        for (const Ops &o : typeops::all()) {
-            for (unsigned arm = 0; arm < o.arms(); ++arm) {
-                void *inst = typeops::make_filled(o, h, 5, arm);
-                for (bool xml : {false, true}) {
-                    auto size = static_cast<uint32_t>(room.size());
-                    int64_t n = xml ? int64_t{static_cast<int32_t>(o.toxml_cr(h, inst, room.data(), size))}
-                                    : o.print_cr(h, inst, room.data(), size);
-                    ASSERT_TRUE(n >= 0 && n + 1 < size) << o.name;
-                    const std::string bounded(room.data(), static_cast<size_t>(n));
-                    for (size_t first : {0, 1, 5, 24}) {
-                        size_t block = first;
-                        auto *text = static_cast<char *>(first ? std::malloc(first) : nullptr);
-                        int64_t whole = (xml ? o.toxml_whole : o.print_whole)(h, inst, &text, &block);
-                        ASSERT_EQ(whole, n) << o.name << " from " << first;
-                        EXPECT_EQ(std::string(text, static_cast<size_t>(n) + 1), bounded + '\0') << o.name;
-                        EXPECT_GT(block, static_cast<size_t>(n));
-                        std::free(text);
-                    }
-                }
-                mgx_store_err(h, 22);
-                char *text = nullptr;
-                size_t block = 0;
-                EXPECT_EQ(o.print_whole(h, inst, &text, &block), -1) << o.name;
+    each({false, true}, true, [&](const Ops &o, unsigned arm) {
+        void *inst = typeops::make_filled(o, h, 5, arm);
+        for (bool xml : {false, true}) {
+            auto size = static_cast<uint32_t>(room.size());
+            int64_t n = xml ? int64_t{static_cast<int32_t>(o.toxml_cr(h, inst, room.data(), size))}
+                            : o.print_cr(h, inst, room.data(), size);
+            ASSERT_TRUE(n >= 0 && n + 1 < size);
+            const std::string bounded(room.data(), static_cast<size_t>(n));
+            for (size_t first : {0, 1, 5, 24}) {
+                size_t block = first;
+                auto *text = static_cast<char *>(first ? std::malloc(first) : nullptr);
+                int64_t whole = (xml ? o.toxml_whole : o.print_whole)(h, inst, &text, &block);
+                ASSERT_EQ(whole, n) << "from " << first;
+                EXPECT_EQ(std::string(text, static_cast<size_t>(n) + 1), bounded + '\0');
+                EXPECT_GT(block, static_cast<size_t>(n));
                 std::free(text);
-                o.destroy(h, 1, inst);
-                ASSERT_EQ(mgx_handle_live_allocations(h), 0u) << o.name;
             }
         }
-    }
+        mgx_store_err(h, 22);
+        char *text = nullptr;
+        size_t block = 0;
+        EXPECT_EQ(o.print_whole(h, inst, &text, &block), -1);
+        std::free(text);
+        o.destroy(h, 1, inst);
+    });
 }
 
 // A tracking sender's state bytes land, on a tracking receiver, each on its own field's flag: every
 // byte of the sender gets a value of its own, and every flag the receiver reads back (fields,
 // nested records, arrays and their elements, union arms) holds the value of the same field.
 TEST_F(Sweep, EveryStateByteArrivesAtItsOwnFieldsFlag) {
-    track();
-    for (const Ops &o : typeops::all()) {
-        if (o.is_enum()) continue;
-        for (unsigned arm = 0; arm < o.arms(); ++arm) {
-            void *sent = typeops::make_filled(o, h, 7, arm), *got = typeops::make(o, h);
-            std::vector<FlagAt> flags, arrived;
-            flags_of(*o.type, sent, o.name, flags);
-            auto value = [](size_t i) { return static_cast<uint8_t>(1 + i % 255); };
-            for (size_t i = 0; i < flags.size(); ++i) flags[i].set(h, value(i), &err);
-            ASSERT_EQ(take_err(), 0u) << o.name;
-            // One byte of space more than _len: a union's last arm writes its state byte only while
-            // two bytes of space remain.
-            uint32_t space = o.len(h, 1, sent) + 1;
-            std::vector<uint8_t> wire(space + 1);
-            uint32_t n = o.marshal(h, 1, wire.data(), sent, static_cast<int32_t>(space), &err);
-            o.unmarshal(h, 1, wire.data(), got, static_cast<int32_t>(n), 0, &err);
-            ASSERT_EQ(take_err(), 0u) << o.name;
-            flags_of(*o.type, got, o.name, arrived);
-            ASSERT_EQ(arrived.size(), flags.size()) << o.name;
-            for (size_t i = 0; i < flags.size(); ++i) {
-                ASSERT_EQ(arrived[i].path, flags[i].path);
-                EXPECT_EQ(arrived[i].get(h, &err), value(i)) << arrived[i].path << " arm " << arm;
-            }
-            EXPECT_EQ(take_err(), 0u);
-            for (void *p : {sent, got}) o.destroy(h, 1, p);
-            ASSERT_EQ(mgx_handle_live_allocations(h), 0u) << o.name;
+    each({true}, false, [&](const Ops &o, unsigned arm) {
+        void *sent = typeops::make_filled(o, h, 7, arm), *got = typeops::make(o, h);
+        std::vector<FlagAt> flags, arrived;
+        flags_of(*o.type, sent, o.name, flags);
+        auto value = [](size_t i) { return static_cast<uint8_t>(1 + i % 255); };
+        for (size_t i = 0; i < flags.size(); ++i) flags[i].set(h, value(i), &err);
+        ASSERT_EQ(take_err(), 0u);
+        // One byte of space more than _len: a union's last arm writes its state byte only while
+        // two bytes of space remain.
+        uint32_t space = o.len(h, 1, sent) + 1;
+        std::vector<uint8_t> wire(space + 1);
+        uint32_t n = o.marshal(h, 1, wire.data(), sent, static_cast<int32_t>(space), &err);
+        o.unmarshal(h, 1, wire.data(), got, static_cast<int32_t>(n), 0, &err);
+        ASSERT_EQ(take_err(), 0u);
+        flags_of(*o.type, got, o.name, arrived);
+        ASSERT_EQ(arrived.size(), flags.size());
+        for (size_t i = 0; i < flags.size(); ++i) {
+            ASSERT_EQ(arrived[i].path, flags[i].path);
+            EXPECT_EQ(arrived[i].get(h, &err), value(i)) << arrived[i].path;
         }
-    }
+        EXPECT_EQ(take_err(), 0u);
+        for (void *p : {sent, got}) o.destroy(h, 1, p);
+    });
 }
 
 // A setter that refuses, with 43 (the field is not in the instance's variant) or 22 (an argument
@@ -336,20 +336,11 @@ std::vector<Odd> odd_cases(const ovrin::Type &t) {
     return out;
 }
 
-#if defined(__clang__)
-__attribute__((no_sanitize("function"))) // the setters are reached by name, as the filler reaches them
-#endif
 void set_odd(const Odd &c, mgx_handle_t *h, void *instance, uint32_t *err) {
-    std::string name = c.field->name;
-    if (!c.target) {
-        using set_value = void (*)(mgx_handle_t *, uint32_t, void *, uint32_t, uint32_t *);
-        reinterpret_cast<set_value>(testfill::op(*c.type, (name + "_set_value").c_str()))(h, 1, instance, c.value, err);
-        return;
-    }
-    using set = void (*)(mgx_handle_t *, uint32_t, void *, const void *, uint32_t *);
+    if (!c.target) return call(*c.type, *c.field, "set_value", h, instance, c.value, err);
     uint16_t narrow = static_cast<uint16_t>(c.value);
     const void *value = c.field->kind == ovrin::Kind::u16 ? static_cast<const void *>(&narrow) : &c.value;
-    reinterpret_cast<set>(testfill::op(*c.type, (name + "_set").c_str()))(h, 1, instance, value, err);
+    call(*c.type, *c.field, "set", h, instance, value, err);
 }
 
 // Whether every string and variable array of the instance that has a count has storage for it.
@@ -364,16 +355,7 @@ bool counts_backed(const ovrin::Type &t, const void *instance) {
     return true;
 }
 
-struct Unfilled : Sweep {
-    std::string whole(const Ops &o, const void *instance, bool xml) {
-        char *text = nullptr;
-        size_t size = 0;
-        int64_t n = (xml ? o.toxml_whole : o.print_whole)(h, instance, &text, &size);
-        std::string out = n >= 0 ? std::string(text, static_cast<size_t>(n)) : "(failed)";
-        std::free(text);
-        return out;
-    }
-};
+using Unfilled = RuntimeFixture;
 
 TEST_F(Unfilled, CountsWithoutStorageAndMembersNotThereCopeInEveryOperation) {
     std::vector<uint8_t> work(1 << 16);
@@ -388,14 +370,14 @@ TEST_F(Unfilled, CountsWithoutStorageAndMembersNotThereCopeInEveryOperation) {
                 ++cases;
                 in_child(what, [&] {
                     void *odd = typeops::make(o, h), *twin = typeops::make(o, h);
-                    set_odd(c, h, odd, &err);
-                    set_odd(c, h, twin, &err);
+                    for (void *p : {odd, twin}) set_odd(c, h, p, &err);
                     ASSERT_EQ(take_err(), 0u);
                     EXPECT_EQ(o.compare(odd, twin), 0);
                     EXPECT_EQ(o.compare(twin, odd), 0);
                     EXPECT_EQ(o.hash(odd, 7), o.hash(twin, 7));
 
-                    const std::string print = whole(o, odd, false), xml = whole(o, odd, true);
+                    const std::string print = typeops::whole_text(o, h, odd);
+                    const std::string xml = typeops::whole_text(o, h, odd, true);
                     ASSERT_NE(print, "(failed)");
                     ASSERT_NE(xml, "(failed)");
                     if (!c.target) { // no member is shown
@@ -461,7 +443,7 @@ TEST_F(Unfilled, CountsWithoutStorageAndMembersNotThereCopeInEveryOperation) {
                         if (copy) {
                             EXPECT_EQ(o.compare(copy, decoded), 0);
                         }
-                        whole(o, decoded, false); // safe to print
+                        typeops::whole_text(o, h, decoded); // safe to print
                         o.destroy(h, 1, decoded);
                     }
                     if (copy) o.destroy(h, 1, copy);

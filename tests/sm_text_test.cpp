@@ -7,26 +7,17 @@
 #include <vector>
 
 #include "mgx/runtime.h"
-#include "tests/prim_fixture.h"
 #include "ovrin_sm/ops.h"
+#include "tests/prim_fixture.h"
+#include "tests/sm_check.h"
 #include "tests/sm_fill.h"
 
 namespace {
 
 struct Text : RuntimeFixture {
     char buf[8192] = {};
-    // Reads an instance back from its own XML text.
-    void read_back(const ovrin::Type &t, const std::string &xml, void *into, uint32_t *err) {
-        void *doc = mgx_xml_document_parse(xml.data(), xml.size());
-        ASSERT_NE(doc, nullptr) << xml;
-        auto from_xml = reinterpret_cast<void (*)(mgx_handle_t *, uint32_t, const char *, void *, void *, uint32_t *,
-                                                  char *, uint32_t)>(testfill::op(t, "from_xml"));
-        from_xml(h, 1, t.name, doc, into, err, nullptr, 0);
-        mgx_xml_document_free(doc);
-    }
     std::string xml_of(const ovrin::Type &t, const void *instance) {
-        auto toxml = reinterpret_cast<uint32_t (*)(mgx_handle_t *, const void *, char *, uint32_t)>(
-            testfill::op(t, "toxml_cr"));
+        auto toxml = testfill::op<uint32_t (*)(mgx_handle_t *, const void *, char *, uint32_t)>(t, "toxml_cr");
         uint32_t n = toxml(h, instance, buf, sizeof buf);
         EXPECT_LT(n, sizeof buf - 1) << t.name; // the buffer is large enough for every filled type
         return std::string(buf, n);
@@ -66,20 +57,17 @@ TEST_F(Text, UnionsShowOnlyTheSelectedFilledMember) {
 }
 
 TEST_F(Text, ArrayElementsAndStringsPrintAsTheyAre) {
-    sm_dot11_params *d = sm_dot11_params_create(h, 1);
+    auto *d = own(sm_dot11_params_create(h, 1), sm_dot11_params_destroy);
     d->oui[1] = 0x1a;
     sm_dot11_params_print(h, 1, buf, 0, "dot11_param", d, sizeof buf, &err);
     EXPECT_NE(std::string(buf).find("  oui[0]: 0\n  oui[1]: 26\n  oui[2]: 0\n"), std::string::npos);
     EXPECT_NE(xml_of(testfill::type("sm_dot11_params"), d).find("<oui>0</oui><oui>26</oui><oui>0</oui>"),
               std::string::npos);
-    sm_dot11_params_destroy(h, 1, d);
 
     // A string prints as it is, special characters and all (XML escapes them: every type's filled
     // strings hold them, and the operations-table sweep reads its XML back).
     auto *n = own(sess_mgr_client_name_create(h, 1), sess_mgr_client_name_destroy);
-    n->client_name = static_cast<char *>(h->inst_alloc(h->alloc_ctx, 1, 11));
-    std::memcpy(n->client_name, "a<b&c\"d'e>", 11);
-    n->cl_name_len = 10;
+    n->client_name = handle_text(h, "a<b&c\"d'e>", &n->cl_name_len);
     sess_mgr_client_name_print_cr(h, n, buf, sizeof buf);
     EXPECT_NE(std::string(buf).find("  client_name: a<b&c\"d'e>\n"), std::string::npos);
 }
@@ -92,16 +80,13 @@ TEST_F(Text, ReadingIntoAHeldInstanceReplacesWhatItOwned) {
     fqdn_domain_name_bind_name_set(h, 1, value, "old.example", 11, &err);
     for (uint32_t k = 0; k < 3; ++k) ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, 1, r, k, value, &err);
     ASSERT_EQ(err, 0u);
-    read_back(testfill::type("ovrin_svm_epm_notify_domain_name_bind"),
-              "<ovrin_svm_epm_notify_domain_name_bind><domain_names_length>1</domain_names_length>"
-              "<domain_names><name_len>5</name_len><name>a.new</name></domain_names>"
-              "</ovrin_svm_epm_notify_domain_name_bind>",
-              r, &err);
+    read_xml(h, ovrin_svm_epm_notify_domain_name_bind_from_xml, "r",
+             "<r><domain_names_length>1</domain_names_length><domain_names><name_len>5</name_len><name>a.new</name>"
+             "</domain_names></r>", r, &err);
     EXPECT_EQ(err, 0u);
     ASSERT_EQ(r->domain_names_length, 1u);
     EXPECT_STREQ(r->domain_names[0].name, "a.new");
-    read_back(testfill::type("fqdn_domain_name_bind"),
-              "<fqdn_domain_name_bind><name_len>2</name_len><name>xy</name></fqdn_domain_name_bind>", value, &err);
+    read_xml(h, fqdn_domain_name_bind_from_xml, "f", "<f><name_len>2</name_len><name>xy</name></f>", value, &err);
     EXPECT_STREQ(value->name, "xy");
 }
 
@@ -109,36 +94,28 @@ TEST_F(Text, PartialDocumentsKeepWhatTheyDoNotMention) {
     auto *r = own(sess_mgr_register_create(h, 1), sess_mgr_register_destroy);
     r->session_type = 5;
     r->cb_bitmap = 6;
-    read_back(testfill::type("sess_mgr_register"),
-              "<sess_mgr_register><cb_bitmap>99</cb_bitmap><rcl_conn_hdl><conn_hdl>4</conn_hdl></rcl_conn_hdl>"
-              "</sess_mgr_register>",
-              r, &err);
+    read_xml(h, sess_mgr_register_from_xml, "r",
+             "<r><cb_bitmap>99</cb_bitmap><rcl_conn_hdl><conn_hdl>4</conn_hdl></rcl_conn_hdl></r>", r, &err);
     EXPECT_EQ(err, 0u);
     EXPECT_EQ(r->session_type, 5u);
     EXPECT_EQ(r->cb_bitmap, 99u);
     EXPECT_EQ(r->rcl_conn_hdl.conn_hdl, 4u);
     // The element itself missing: 2. A count the document does not back: 22 naming the count,
     // nothing allocated.
-    read_back(testfill::type("sess_mgr_register"), "<other/>", r, &err);
+    read_xml(h, sess_mgr_register_from_xml, "r", "<other/>", r, &err);
     EXPECT_EQ(take_err(), 2u);
     auto *b = own(ovrin_svm_epm_notify_domain_name_bind_create(h, 1), ovrin_svm_epm_notify_domain_name_bind_destroy);
     uint64_t before = mgx_handle_total_allocations(h);
-    void *doc = mgx_xml_document_parse("<x><domain_names_length>4000000000</domain_names_length></x>", 61);
-    char msg[64];
-    ovrin_svm_epm_notify_domain_name_bind_from_xml(h, 1, "x", doc, b, &err, msg, sizeof msg);
-    mgx_xml_document_free(doc);
-    EXPECT_EQ(err, 22u);
-    EXPECT_STREQ(msg, "Invalid value at x/domain_names_length"); // the place, as for any other bad value
-    EXPECT_EQ(b->domain_names_length, 0u);
-    EXPECT_EQ(mgx_handle_total_allocations(h), before);
     // One more than the elements given is refused as well.
-    err = 0;
-    doc = mgx_xml_document_parse("<x><domain_names_length>1</domain_names_length></x>", 51);
-    ovrin_svm_epm_notify_domain_name_bind_from_xml(h, 1, "x", doc, b, &err, msg, sizeof msg);
-    mgx_xml_document_free(doc);
-    EXPECT_EQ(err, 22u);
-    EXPECT_STREQ(msg, "Invalid value at x/domain_names_length");
-    EXPECT_EQ(mgx_handle_total_allocations(h), before);
+    for (const char *count : {"4000000000", "1"}) {
+        char msg[64];
+        const std::string xml = std::string("<x><domain_names_length>") + count + "</domain_names_length></x>";
+        read_xml(h, ovrin_svm_epm_notify_domain_name_bind_from_xml, "x", xml, b, &err, msg, sizeof msg);
+        EXPECT_EQ(take_err(), 22u) << count;
+        EXPECT_STREQ(msg, "Invalid value at x/domain_names_length"); // the place, as for any other bad value
+        EXPECT_EQ(b->domain_names_length, 0u);
+        EXPECT_EQ(mgx_handle_total_allocations(h), before);
+    }
 }
 
 // A field's path is its record's path and one step more, in a buffer of 256: one that does not
@@ -146,12 +123,9 @@ TEST_F(Text, PartialDocumentsKeepWhatTheyDoNotMention) {
 TEST_F(Text, FieldPathsLongerThanTheirBufferAreCut) {
     auto *c = own(sess_mgr_conn_hdl_create(h, 1), sess_mgr_conn_hdl_destroy);
     for (size_t outer : {244u, 245u}) { // "/c/conn_hdl" makes 255 characters, then 256
-        const std::string name(outer, 'a');
-        const std::string xml = "<" + name + "><c><conn_hdl>5</conn_hdl></c></" + name + ">";
-        void *doc = mgx_xml_document_parse(xml.data(), xml.size());
+        const std::string name(outer, 'a'), xml = "<" + name + "><c><conn_hdl>5</conn_hdl></c></" + name + ">";
         c->conn_hdl = 1;
-        sess_mgr_conn_hdl_from_xml(h, 1, (name + "/c").c_str(), doc, c, &err, nullptr, 0);
-        mgx_xml_document_free(doc);
+        read_xml(h, sess_mgr_conn_hdl_from_xml, name + "/c", xml, c, &err);
         EXPECT_EQ(take_err(), 0u);
         EXPECT_EQ(c->conn_hdl, outer == 244 ? 5u : 1u) << outer;
     }

@@ -11,26 +11,23 @@
 
 #include "tests/sm_fill.h"
 
-// A test program links one bundle, and only that bundle's generated headers are on its path.
+// A test program links one bundle, and only that bundle's generated headers are on its path;
+// OVRIN_TEST_OPTABLE(x) names that bundle's x.
 #if __has_include("ovrin_sm/optable.h")
 #include "ovrin_sm/optable.h"
-namespace typeops {
-using Entry = ovrin_sm_type_ops;
-inline std::span<const Entry> table() { return {ovrin_sm_optable, ovrin_sm_optable_count}; }
-inline const Entry *find(const char *name) { return ovrin_sm_optable_find(name); }
-} // namespace typeops
+#define OVRIN_TEST_OPTABLE(x) ovrin_sm_##x
 #elif __has_include("shapes/optable.h")
 #include "shapes/optable.h"
-namespace typeops {
-using Entry = shapes_type_ops;
-inline std::span<const Entry> table() { return {shapes_optable, shapes_optable_count}; }
-inline const Entry *find(const char *name) { return shapes_optable_find(name); }
-} // namespace typeops
+#define OVRIN_TEST_OPTABLE(x) shapes_##x
 #else
 #error "no bundle's operations table on the include path"
 #endif
 
 namespace typeops {
+
+using Entry = OVRIN_TEST_OPTABLE(type_ops);
+inline std::span<const Entry> table() { return {OVRIN_TEST_OPTABLE(optable), OVRIN_TEST_OPTABLE(optable_count)}; }
+inline const Entry *find(const char *name) { return OVRIN_TEST_OPTABLE(optable_find)(name); }
 
 // A type's entry of the generated operations table, with the test program's own description of
 // the type.
@@ -90,6 +87,24 @@ inline std::vector<uint8_t> encode(const Ops &o, mgx_handle_t *h, const void *in
     std::vector<uint8_t> out(n + 1); // a tracked encoder may store one state byte past the space
     *err = 0;
     out.resize(o.marshal(h, 1, out.data(), instance, static_cast<int32_t>(n), err));
+    return out;
+}
+
+// A clone through `_clone`, with work space enough for the instance's wire form; null when refused.
+inline void *clone(const Ops &o, mgx_handle_t *h, const void *instance, uint32_t *err) {
+    std::vector<uint8_t> work(o.len(h, 1, instance) + 64);
+    void *copy = nullptr;
+    o.clone(h, 1, instance, &copy, work.data(), static_cast<uint32_t>(work.size()), err);
+    return copy;
+}
+
+// The whole print text (or XML text) through `_print_whole` (`_toxml_whole`); "(failed)" when refused.
+inline std::string whole_text(const Ops &o, mgx_handle_t *h, const void *instance, bool xml = false) {
+    char *text = nullptr;
+    size_t size = 0;
+    int64_t n = (xml ? o.toxml_whole : o.print_whole)(h, instance, &text, &size);
+    std::string out = n >= 0 ? std::string(text, static_cast<size_t>(n)) : "(failed)";
+    std::free(text);
     return out;
 }
 

@@ -1,6 +1,5 @@
 // Compare, hash and member validity of records and unions: the ordering rules per field kind,
 // the chained hash, and a sweep over every field of every type driven by the type tables.
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cstddef>
@@ -10,10 +9,10 @@
 #include <vector>
 
 #include "mgx/runtime.h"
-#include "tests/prim_fixture.h"
 #include "ovrin_sm/ops.h"
-#include "ovrin_sm_internal/tables.h"
-#include "tests/sm_fill.h"
+#include "tests/prim_fixture.h"
+#include "tests/sm_check.h"
+#include "tests/sm_type_ops.h"
 
 namespace {
 
@@ -22,17 +21,8 @@ using ovrin::Kind;
 using ovrin::Shape;
 using ovrin::Type;
 
-using create_fn = void *(*)(mgx_handle_t *, uint32_t);
-using destroy_fn = void (*)(mgx_handle_t *, uint32_t, void *);
-using compare_fn = int32_t (*)(const void *, const void *);
-using hash_fn = uint32_t (*)(const void *, uint32_t);
+using typeops::Ops;
 using valid_fn = mgx_boolean (*)(mgx_handle_t *, const void *, uint32_t, uint32_t);
-
-template <class Fn> Fn op(const Type &t, const char *name) {
-    auto fn = reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, (std::string(t.name) + "_" + name).c_str()));
-    EXPECT_NE(fn, nullptr) << t.name << "_" << name;
-    return fn;
-}
 
 constexpr size_t enum_value = offsetof(sm_access_type, value);
 uint8_t *at(void *instance, const Field &f) { return static_cast<uint8_t *>(instance) + f.offset; }
@@ -44,34 +34,15 @@ uint32_t get_count(void *instance, const Field &f) {
 }
 
 struct Value : RuntimeFixture {
-    // A counted string's block, allocated as the string setter does, so destroy releases it.
-    template <class L> void text(char **slot, L *length, const char *s) {
-        size_t n = std::strlen(s);
-        *slot = static_cast<char *>(h->inst_alloc(h->alloc_ctx, 1, n + 1));
-        std::memcpy(*slot, s, n + 1);
-        *length = static_cast<L>(n);
-    }
-    // A domain-name array with one element per name.
+    // A domain-name array with one element per name, set through the array's setter.
     void names(ovrin_svm_epm_notify_domain_name_bind *r, std::vector<const char *> list) {
-        auto *block = static_cast<fqdn_domain_name_bind *>(
-            h->inst_alloc(h->alloc_ctx, 1, list.size() * sizeof(fqdn_domain_name_bind)));
-        std::memset(block, 0, list.size() * sizeof(fqdn_domain_name_bind));
-        uint32_t err = 0;
-        for (size_t i = 0; i < list.size(); ++i) {
-            fqdn_domain_name_bind_initialize(h, 1, &block[i], &_fqdn_domain_name_bind_type_info_internal, 1, 0,
-                                             MGX_IF_NESTED, nullptr, &err);
-            text(&block[i].name, &block[i].name_len, list[i]);
+        auto *e = fqdn_domain_name_bind_create(h, 1);
+        for (uint32_t i = 0; i < list.size(); ++i) {
+            fqdn_domain_name_bind_name_set(h, 1, e, list[i], static_cast<uint32_t>(std::strlen(list[i])), &err);
+            ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, 1, r, i, e, &err);
         }
-        r->domain_names = block;
-        r->domain_names_length = static_cast<uint32_t>(list.size());
-    }
-
-    // Every field of every type filled (tests/sm_fill.h), every arm of a union, the first selected:
-    // two fills of the same type are equal.
-    void *filled(const Type &t) {
-        void *p = op<create_fn>(t, "create")(h, 1);
-        testfill::fill(t, h, p, 1, testfill::every_arm);
-        return p;
+        fqdn_domain_name_bind_destroy(h, 1, e);
+        ASSERT_EQ(take_err(), 0u);
     }
 
     // One change to one field of an instance, and its undoing; `orders` says whether compare is
@@ -128,15 +99,8 @@ struct Value : RuntimeFixture {
         case Kind::character: return;
         case Kind::aaa_tlv: {
             auto *tlv = reinterpret_cast<aaa_tlv *>(q);
-            return out.push_back({where, orders,
-                                  [=, this] {
-                                      uint32_t err = 0;
-                                      aaa_tlv_attr_add(h, 1, tlv, 99, "x", 1, &err);
-                                  },
-                                  [=, this] {
-                                      uint32_t err = 0;
-                                      aaa_tlv_attr_remove(h, 1, tlv, aaa_tlv_attr_count(tlv) - 1, &err);
-                                  }});
+            return out.push_back({where, orders, [=, this] { aaa_tlv_attr_add(h, 1, tlv, 99, "x", 1, &err); },
+                                  [=, this] { aaa_tlv_attr_remove(h, 1, tlv, aaa_tlv_attr_count(tlv) - 1, &err); }});
         }
         }
     }
@@ -144,43 +108,37 @@ struct Value : RuntimeFixture {
 
 int sign(int32_t c) { return c < 0 ? -1 : (c > 0 ? 1 : 0); }
 
-// Every type filled in full, against a copy in which one field at a time differs: compare and
-// hash both see the difference, except that compare ignores arms the discriminator does not
-// select. Both instances are taken down to variant 0 first: later-variant fields still count.
-// A null instance orders first and hashes to the seed.
+// Every type filled in full (every arm of a union, the first selected), against a copy in which
+// one field at a time differs: compare and hash both see the difference, except that compare
+// ignores arms the discriminator does not select. Both instances are taken down to variant 0
+// first: later-variant fields still count. A null instance orders first and hashes to the seed.
 TEST_F(Value, EveryFieldOfEveryTypeTakesPartInCompareAndHash) {
-    for (const Type *t : ovrin::table::all) {
-        if (t->kind == ovrin::TypeKind::enumeration) continue;
-        SCOPED_TRACE(t->name);
-        void *a = filled(*t), *b = filled(*t);
-        auto compare = op<compare_fn>(*t, "compare");
-        auto hash = op<hash_fn>(*t, "hash");
-        EXPECT_EQ(compare(nullptr, nullptr), 0);
-        EXPECT_EQ(compare(nullptr, a), -1);
-        EXPECT_EQ(compare(a, nullptr), 1);
-        EXPECT_EQ(hash(nullptr, 0x5eed), 0x5eedu);
+    for (const Ops &o : typeops::all()) {
+        if (o.is_enum()) continue;
+        SCOPED_TRACE(o.name);
+        void *a = typeops::make_filled(o, h, 1, testfill::every_arm);
+        void *b = typeops::make_filled(o, h, 1, testfill::every_arm);
+        EXPECT_EQ(o.compare(nullptr, nullptr), 0);
+        EXPECT_EQ(o.compare(nullptr, a), -1);
+        EXPECT_EQ(o.compare(a, nullptr), 1);
+        EXPECT_EQ(o.hash(nullptr, 0x5eed), 0x5eedu);
         int8_t variant = static_cast<mgx_instance_hdr_t *>(a)->variant;
         static_cast<mgx_instance_hdr_t *>(a)->variant = static_cast<mgx_instance_hdr_t *>(b)->variant = 0;
-        ASSERT_EQ(compare(a, b), 0);
-        ASSERT_EQ(hash(a, 7), hash(b, 7));
+        ASSERT_EQ(o.compare(a, b), 0);
+        ASSERT_EQ(o.hash(a, 7), o.hash(b, 7));
         std::vector<Change> list;
-        changes(*t, b, true, t->name, list);
+        changes(*o.type, b, true, o.name, list);
         for (Change &c : list) {
             c.make();
-            if (c.orders) {
-                EXPECT_NE(compare(a, b), 0) << c.where;
-                EXPECT_EQ(sign(compare(b, a)), -sign(compare(a, b))) << c.where;
-            } else {
-                EXPECT_EQ(compare(a, b), 0) << c.where;
-            }
-            EXPECT_NE(hash(a, 7), hash(b, 7)) << c.where;
+            EXPECT_EQ(o.compare(a, b) != 0, c.orders) << c.where;
+            EXPECT_EQ(sign(o.compare(b, a)), -sign(o.compare(a, b))) << c.where;
+            EXPECT_NE(o.hash(a, 7), o.hash(b, 7)) << c.where;
             c.undo();
-            EXPECT_EQ(compare(a, b), 0) << c.where;
+            EXPECT_EQ(o.compare(a, b), 0) << c.where;
         }
-        EXPECT_EQ(hash(a, 7), hash(b, 7));
+        EXPECT_EQ(o.hash(a, 7), o.hash(b, 7));
         static_cast<mgx_instance_hdr_t *>(a)->variant = static_cast<mgx_instance_hdr_t *>(b)->variant = variant;
-        op<destroy_fn>(*t, "destroy")(h, 1, a);
-        op<destroy_fn>(*t, "destroy")(h, 1, b);
+        for (void *p : {a, b}) o.destroy(h, 1, p);
     }
 }
 
@@ -211,11 +169,11 @@ TEST_F(Value, UnionsOrderByTheRawDiscriminatorDifferenceThenTheSelectedArm) {
 TEST_F(Value, CountedStringsAndArraysOrderByLengthThenContent) {
     auto *a = own(sess_mgr_client_name_create(h, 1), sess_mgr_client_name_destroy);
     auto *b = own(sess_mgr_client_name_create(h, 1), sess_mgr_client_name_destroy);
-    text(&a->client_name, &a->cl_name_len, "ab");
-    text(&b->client_name, &b->cl_name_len, "abc");
+    a->client_name = handle_text(h, "ab", &a->cl_name_len);
+    b->client_name = handle_text(h, "abc", &b->cl_name_len);
     EXPECT_EQ(sess_mgr_client_name_compare(a, b), -1); // by length, though "ab" is a prefix
     h->inst_free(h->alloc_ctx, 1, a->client_name);
-    text(&a->client_name, &a->cl_name_len, "abd");
+    a->client_name = handle_text(h, "abd", &a->cl_name_len);
     EXPECT_EQ(sess_mgr_client_name_compare(a, b), std::memcmp(a->client_name, b->client_name, 3)); // as it is
 
     // Domain-name elements: the 16-bit name length, then the 8-bit flag, then the characters.
@@ -258,7 +216,7 @@ TEST_F(Value, HashChainsThroughTheFieldsInDeclarationOrder) {
               SuperFastHash(disc, 4, SuperFastHash(disc, 4, u_int32_hash(&p->proximity, u_int32_hash(&p->trusted, 11)))));
 
     auto *f = own(fqdn_domain_name_bind_create(h, 1), fqdn_domain_name_bind_destroy);
-    text(&f->name, &f->name_len, "host.example");
+    f->name = handle_text(h, "host.example", &f->name_len);
     f->fqdn_register = 1;
     uint32_t chain = u_int16_hash(&f->name_len, u_int8_hash(&f->fqdn_register, u_int16_hash(&f->name_len, 0)));
     EXPECT_EQ(fqdn_domain_name_bind_hash(f, 0), SuperFastHash(f->name, f->name_len, chain));
@@ -279,9 +237,9 @@ TEST_F(Value, MemberValidityFollowsTheDomainAndInstanceVariants) {
     EXPECT_EQ(sess_mgr_session_start_is_valid_cr(h, s, 4, 0), 0u);
 
     // A single-variant type: every index below the member count, union members included.
-    for (const Type *t : ovrin::table::all) {
+    for (const Type *t : testfill::types()) {
         if (t->kind == ovrin::TypeKind::enumeration || t->n_variants > 1) continue;
-        auto valid = op<valid_fn>(*t, "is_valid_cr");
+        auto valid = testfill::op<valid_fn>(*t, "is_valid_cr");
         EXPECT_EQ(valid(h, nullptr, t->n_fields - 1u, 0), 1u) << t->name;
         EXPECT_EQ(valid(h, nullptr, t->n_fields, 1), 0u) << t->name;
     }
