@@ -21,6 +21,14 @@ namespace cat = ovrin::sm;
 #define INSTANTIATE(T) template struct cat::T##_fields<cat::T>; template struct cat::T##_fields<cat::T##_ref>;
 FOR_EACH_MESSAGE(INSTANTIATE)
 
+// Enumerations carry the values callers see (the user values), not the wire positions.
+#ifdef OVRIN_CXX_SHAPES
+static_assert(static_cast<uint32_t>(shapes::shp_colour::SHP_GREEN) == SHP_GREEN && SHP_GREEN == 5);
+#else
+static_assert(static_cast<uint32_t>(ovrin::sm::ovrin_sm_in_event_type::SESS_MGR_RCL_IN_REMOTE_UPDATE) ==
+              SESS_MGR_RCL_IN_REMOTE_UPDATE && SESS_MGR_RCL_IN_REMOTE_UPDATE == 25);
+#endif
+
 namespace {
 
 class Cxx : public ::testing::Test {
@@ -245,6 +253,7 @@ TEST_F(Cxx, VariableArrays) {
     for (auto e : names) seen.push_back(e.name());
     EXPECT_EQ(seen, (std::vector<std::string>{"a.example", "b.example", "c.example", "d.example"}));
     names.resize(2);
+    names.resize(2); // to the size it has: nothing changes
     EXPECT_EQ(names.size(), 2u);
     EXPECT_EQ(names.back().name(), "b.example");
     names.resize(3);
@@ -252,6 +261,57 @@ TEST_F(Cxx, VariableArrays) {
     EXPECT_EQ(names[0].name_view(), "a.example");
     names.clear();
     EXPECT_EQ(bind.domain_names_length(), 0u);
+}
+
+// The handle and the error type: a moved handle keeps its owner id, the counts are the runtime's,
+// and an error reads "WHERE: TEXT (error CODE)", or without a place "TEXT (error CODE)".
+TEST_F(Cxx, HandleAndErrorType) {
+    mgx::handle seven(7), other;
+    other = std::move(seven);
+    EXPECT_EQ(other.luid(), 7u);
+    EXPECT_EQ(seven.get(), nullptr);
+    auto conn = ovrin::sm::sess_mgr_conn_hdl::create(h);
+    EXPECT_EQ(h.live_allocations(), 1u);
+    EXPECT_GT(h.live_bytes(), 1u);
+    EXPECT_STREQ(mgx::error(MGX_EINVAL, "").what(), (std::string(mgx_strerror(MGX_EINVAL)) + " (error 22)").c_str());
+    EXPECT_EQ(mgx::error(MGX_ENOENT, "t.m").code(), std::error_code(2, mgx::error_category()));
+}
+
+// Decoding again into a message of the same sizes allocates nothing; a counted string's text ends
+// at a NUL as the library reads it, its length as given; a 16-bit length takes at most 65535.
+TEST_F(Cxx, StorageTextAndLimits) {
+    auto reg = sess_mgr_register::create(h);
+    reg.cl_name().set_client_name(std::string_view("ab\0cd", 5));
+    EXPECT_EQ(reg.cl_name().client_name(), "ab");
+    EXPECT_EQ(reg.cl_name().cl_name_len(), 5u);
+    reg.meth_name().set_method_name("dot1x");
+    const std::vector<uint8_t> bytes = reg.encode();
+    auto again = sess_mgr_register::decode(h, bytes);
+    const uint64_t before = mgx_handle_total_allocations(h.get());
+    again.decode_from(bytes);
+    EXPECT_EQ(mgx_handle_total_allocations(h.get()), before);
+
+    auto bind = ovrin::sm::fqdn_domain_name_bind::create(h);
+    EXPECT_EQ(refusal([&] { bind.set_name(std::string(65536, 'x')); }), MGX_EINVAL);
+    bind.set_name(std::string(65535, 'x'));
+    EXPECT_EQ(bind.name_len(), 65535u);
+}
+
+// An enumeration member written through its holder reads back and is marked set under tracking;
+// a member the union stores and then refuses (not tracked, under tracking) is the union's.
+TEST_F(Cxx, EnumerationsAndMembersUnderTracking) {
+    auto untracked = ovrin::sm::sess_mgr_ctrl_dir::create(h);
+    h.set_state_tracking(true);
+    auto policy = ovrin::sm::ovrin_epm_bind_policy_info::create(h);
+    policy.set_fail_type(ovrin::sm::ovrin_bind_policy_fail_type::OVRIN_BIND_POLICY_FAIL_QOS);
+    EXPECT_EQ(policy.fail_type(), ovrin::sm::ovrin_bind_policy_fail_type::OVRIN_BIND_POLICY_FAIL_QOS);
+    uint32_t err = 0;
+    EXPECT_EQ(ovrin_epm_bind_policy_info_fail_type_state_flag_get(h.get(), h.luid(), policy.get(), &err), 2);
+
+    auto oper = ovrin::sm::sess_mgr_oper_data::create(h);
+    EXPECT_EQ(refusal([&] { oper.set_oper_ctrl_dir(std::move(untracked)); }), MGX_EINVAL);
+    EXPECT_FALSE(untracked);
+    EXPECT_TRUE(oper.has_oper_ctrl_dir());
 }
 
 TEST_F(Cxx, FixedArraysEnumerationsAndAttributeLists) {

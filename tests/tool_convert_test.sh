@@ -60,6 +60,15 @@ expect 1 "$work/numbers.xml:2: /sess_mgr_register/session_type: -1: below 0" enc
 grep -qxF "$work/numbers.xml:3: /sess_mgr_register/cb_bitmap: 99999999999: above 4294967295 for u_int32" "$work/err" &&
     grep -qxF "$work/numbers.xml:4: /sess_mgr_register/rcl_conn_hdl/conn_hdl: abc: not a number" "$work/err" ||
     fail "numbers: $(cat "$work/err")"
+# Each width's largest value is taken and one more refused; a repeat is placed where it repeats.
+printf '<sm_dot11_params><apfMsLradSlotId>255</apfMsLradSlotId><vlan_id>65535</vlan_id></sm_dot11_params>' |
+    "$tool" encode sm_dot11_params > /dev/null || fail "the largest u_int8 and u_int16 values were refused"
+printf '<sm_dot11_params>\n<apfMsLradSlotId>256</apfMsLradSlotId>\n<vlan_id>65536</vlan_id>\n<wlan_id>-</wlan_id>\n<wlan_id>1</wlan_id>\n</sm_dot11_params>' > "$work/widths.xml"
+expect 1 "$work/widths.xml:2: /sm_dot11_params/apfMsLradSlotId: 256: above 255 for u_int8" encode sm_dot11_params "$work/widths.xml"
+for line in "3: /sm_dot11_params/vlan_id: 65536: above 65535 for u_int16" "4: /sm_dot11_params/wlan_id: -: not a number" \
+            "5: /sm_dot11_params/wlan_id: given 2 times; it is not an array, and only the first is read"; do
+    grep -qxF "$work/widths.xml:$line" "$work/err" || fail "widths: no '$line' in: $(cat "$work/err")"
+done
 printf '<sess_mgr_registr/>' | expect 1 "the root element is <sess_mgr_registr>; a sess_mgr_register document has <sess_mgr_register>" encode sess_mgr_register
 printf '00 2f\n00 zz' | expect 1 "'z' at line 2, column 4 is not a hexadecimal digit" decode sess_mgr_register --hex
 # A length that is not a number is named by the check, and by the library's reader without it.
@@ -182,6 +191,10 @@ expect 1 "ovrin-sm: $((2 * n)) bytes hold a sess_mgr_register in the first $n an
 [ ! -s "$work/out" ] || fail "a refused decode wrote output"
 expect 0 "ovrin-sm: $n trailing bytes left over" decode sess_mgr_register "$work/twice" --allow-trailing
 cmp -s "$work/out" "$work/print" || fail "--allow-trailing printed another message"
+{ cat "$work/bytes"; printf 'x'; } > "$work/one-more"
+expect 1 "in the first $n and 1 trailing bytes after it" decode sess_mgr_register "$work/one-more"
+"$tool" decode sess_mgr_register "$work/bytes" > /dev/null 2> "$work/err" && [ ! -s "$work/err" ] ||
+    fail "a clean decode said something: $(cat "$work/err")"
 
 # Every command checks its writes: into a full device, status 1 and the system's words.
 if [ -w /dev/full ]; then
@@ -193,7 +206,14 @@ if [ -w /dev/full ]; then
             fail "ovrin-sm $args > /dev/full: status $status: $(cat "$work/err")"
     done
 fi
-# Progress is for a terminal: with standard error in a file, the demo writes nothing there.
-"$tool" demo --quiet --count 3 > /dev/null 2> "$work/err" || fail "demo --count 3"
-[ ! -s "$work/err" ] || fail "demo --count 3 wrote to a file's standard error: $(cat "$work/err")"
+# The demo's messages carry what its builders put in, bytes of every value included.
+"$tool" demo --xml > "$work/demo.xml" 2> /dev/null || fail "demo --xml"
+grep -qF '<attr><type>61</type><value>00000013</value></attr>' "$work/demo.xml" ||
+    fail "the session start's port-type attribute is not 00000013"
+
+# Progress is for a terminal: with standard error in a file, the demo writes nothing there, even
+# in a run long enough for a progress line to be due.
+"$tool" demo --quiet --count 4000 > "$work/out" 2> "$work/err" || fail "demo --count 4000"
+grep -q '^4000 sessions, ' "$work/out" && [ ! -s "$work/err" ] ||
+    fail "demo --count 4000 wrote to a file's standard error: $(cat "$work/err")"
 echo "tool converters: ok"

@@ -181,7 +181,7 @@ void emit_type(std::string &out, const Type &t) {
     out += "template <class Self> struct " + t.name + "_fields : ovrin::fields<Self> {\n";
     for (const Field &f : t.fields) {
         if (reserved().count(f.name))
-            throw std::runtime_error(t.name + "." + f.name + ": the name is taken in the C++ interface");
+            throw Error(f.line, t.name + "." + f.name + ": the name is taken in the C++ interface (rename the field)");
         w.f = f.name;
         switch (f.shape) {
         case Shape::scalar: scalar_accessors(w, t, f); break;

@@ -121,6 +121,9 @@ int main(int argc, char **argv) {
         write("src/sm_optable.cpp", gen::emit_optable_source(c));
         write(pub / (domain + ".hpp"), gen::emit_cxx_header(c));
         write(domain + ".map", gen::emit_version_script(c));
+    } catch (const gen::Error &e) {
+        std::fprintf(stderr, "%s:%d: error: %s\n", catalogue_path.c_str(), e.line, e.what());
+        return 1;
     } catch (const std::exception &e) {
         std::fprintf(stderr, "ovrin_gen: %s\n", e.what());
         return 1;
