@@ -245,10 +245,8 @@ TEST_F(XmlTest, DocumentLimitsAreCountedBeforeParsing) {
 
     // Depth: elements that close themselves are not a level.
     auto nested = [](unsigned levels) {
-        std::string text;
-        for (unsigned i = 0; i < levels; ++i) text += "<d>";
-        text += "<e/>";
-        for (unsigned i = 0; i < levels; ++i) text += "</d>";
+        std::string text = "<e/>";
+        for (unsigned i = 0; i < levels; ++i) text = "<d>" + text + "</d>";
         return text;
     };
     EXPECT_EQ(read_answer(nested(MGX_XML_MAX_DEPTH)), "read");

@@ -107,8 +107,7 @@ struct TraceTool : ::testing::Test {
         std::vector<char *> argv;
         for (std::string &a : args) argv.push_back(a.data());
         argv.push_back(nullptr);
-        std::fflush(stdout);
-        std::fflush(stderr);
+        std::fflush(nullptr);
         int saved[2] = {dup(1), dup(2)};
         for (int fd : {1, 2}) {
             int to = open((dir + "/fd" + std::to_string(fd)).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -121,8 +120,7 @@ struct TraceTool : ::testing::Test {
         r.status = ovrin_cmd_trace(static_cast<int>(args.size()), argv.data());
         r.peak = heap::peak();
         r.read = bytes_read() - before;
-        std::fflush(stdout);
-        std::fflush(stderr);
+        std::fflush(nullptr);
         for (int fd : {1, 2}) {
             dup2(saved[fd - 1], fd);
             close(saved[fd - 1]);
