@@ -295,14 +295,12 @@ void write_trace_seeds(const fs::path &dir, const fs::path &files_dir) {
     Bytes from_bundle = record_trace(dir / "bundle.tmp", bundle_emissions);
     auto to = [](const char *name) { return [name](const std::string &) { return std::string(name); }; };
     auto with = [](uint8_t mode, const std::vector<const Bytes *> &libraries, const Bytes &trace) {
-        Bytes body;
-        for (const Bytes *l : libraries) {
-            put_u32(body, l->size());
-            body.insert(body.end(), l->begin(), l->end());
-        }
-        body.insert(body.end(), trace.begin(), trace.end());
         Bytes out{mode};
-        out.insert(out.end(), body.begin(), body.end());
+        for (const Bytes *l : libraries) {
+            put_u32(out, l->size());
+            out.insert(out.end(), l->begin(), l->end());
+        }
+        out.insert(out.end(), trace.begin(), trace.end());
         return out;
     };
     write(files_dir / "bundle", {}, with(1, {&bundle}, fuzz::rename_libraries(from_bundle, to("@0"))));

@@ -19,25 +19,19 @@ namespace fmt = mgx::tracefmt;
 
 namespace {
 
-const std::vector<std::string> &texts() {
-    static const std::vector<std::string> t = {
-        "Corrupted MGX Handle", "error in x create: %s", "offset_jump read_len %d offset_jump_base %d _mgx_variant_jump %d",
-        "varinfo is NULL variant %u requested only %u variants present", "oid %p. Error %s", "100%% %5s|%-3u|%x",
-    };
-    return t;
-}
+const std::vector<std::string> texts = {
+    "Corrupted MGX Handle", "error in x create: %s", "offset_jump read_len %d offset_jump_base %d _mgx_variant_jump %d",
+    "varinfo is NULL variant %u requested only %u variants present", "oid %p. Error %s", "100%% %5s|%-3u|%x",
+};
 
-const std::vector<std::vector<fmt::Arg>> &shapes() {
-    static const std::vector<std::vector<fmt::Arg>> s = {
-        {},
-        {{'s', 0, "Cannot allocate memory"}},
-        {{'u', 7, {}}},
-        {{'u', 3, {}}, {'u', 0xFFFFFFFFu, {}}},
-        {{'d', 0xFFFFFFFFu, {}}, {'d', 0, {}}, {'d', 12, {}}},
-        {{'p', 0xbeef, {}}, {'s', 0, "x"}},
-    };
-    return s;
-}
+const std::vector<std::vector<fmt::Arg>> shapes = {
+    {},
+    {{'s', 0, "Cannot allocate memory"}},
+    {{'u', 7, {}}},
+    {{'u', 3, {}}, {'u', 0xFFFFFFFFu, {}}},
+    {{'d', 0xFFFFFFFFu, {}}, {'d', 0, {}}, {'d', 12, {}}},
+    {{'p', 0xbeef, {}}, {'s', 0, "x"}},
+};
 
 } // namespace
 
@@ -49,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         size_t records = 0;
         for (uint8_t kind; (kind = r.next()) != 0; ++records) {
             if (kind == fmt::record_emission) {
-                const std::string &text = texts()[r.emission.number % texts().size()];
+                const std::string &text = texts[r.emission.number % texts.size()];
                 std::string line = fmt::render(text, r.emission.args);
                 if (line.empty() && !text.empty()) std::abort();
             } else if (kind != fmt::record_table) {
@@ -63,7 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         std::string error;
         if (fmt::expand_texts(in, 0, 0, out, error)) {
             for (size_t i = 0; i < out.size(); ++i)
-                for (const auto &args : shapes()) (void)fmt::render(out[i], args);
+                for (const auto &args : shapes) (void)fmt::render(out[i], args);
             // Expecting the count and CRC the section states must accept it the same way.
             uint32_t crc = static_cast<uint32_t>(in[16] | in[17] << 8 | in[18] << 16 | uint32_t{in[19]} << 24);
             fmt::TextSet again;

@@ -25,18 +25,12 @@ inline std::vector<uint8_t> elf_file(const std::vector<ElfSection> &sections) {
     std::vector<Elf64_Shdr> headers(1, Elf64_Shdr{});
     auto add = [&](const ElfSection &s) {
         while (data.size() % 8) data.push_back(0);
-        Elf64_Shdr h{};
-        h.sh_name = static_cast<uint32_t>(names.size());
+        headers.push_back({.sh_name = static_cast<uint32_t>(names.size()), .sh_type = s.type, .sh_flags = 0, .sh_addr = 0,
+                           .sh_offset = data.size(), .sh_size = s.contents.size(), .sh_link = s.link, .sh_info = 0,
+                           .sh_addralign = 1, .sh_entsize = s.entsize});
         names.insert(names.end(), s.name.begin(), s.name.end());
         names.push_back(0);
-        h.sh_type = s.type;
-        h.sh_offset = data.size();
-        h.sh_size = s.contents.size();
-        h.sh_link = s.link;
-        h.sh_entsize = s.entsize;
-        h.sh_addralign = 1;
         data.insert(data.end(), s.contents.begin(), s.contents.end());
-        headers.push_back(h);
     };
     for (const ElfSection &s : sections) add(s);
     ElfSection shstrtab{".shstrtab", SHT_STRTAB, names};

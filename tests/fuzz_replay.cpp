@@ -33,8 +33,7 @@ namespace {
 bool runs_clean(const fs::path &file, unsigned seconds, int *argc, char ***argv) {
     std::ifstream in(file, std::ios::binary);
     std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    std::fflush(stdout);
-    std::fflush(stderr);
+    std::fflush(nullptr);
     pid_t child = fork();
     if (child < 0) {
         std::perror("fork");

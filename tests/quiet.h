@@ -13,8 +13,7 @@ namespace ovrin::testing {
 class Quiet {
 public:
     Quiet() {
-        std::fflush(stdout);
-        std::fflush(stderr);
+        std::fflush(nullptr);
         out_ = ::dup(1);
         err_ = ::dup(2);
         int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -23,8 +22,7 @@ public:
         ::close(null);
     }
     ~Quiet() {
-        std::fflush(stdout);
-        std::fflush(stderr);
+        std::fflush(nullptr);
         ::dup2(out_, 1);
         ::dup2(err_, 2);
         ::close(out_);

@@ -150,19 +150,16 @@ TEST_F(XmlTest, PathQueriesAnswerAsXPathDoes) {
     }
     // Two documents of the same shape read in turns, on one thread and path by path as records
     // are: each answers from itself, whichever was read last.
-    {
-        auto one = parse_xml("<r><a><b>1</b></a><a><b>2</b><c>3</c></a></r>");
-        auto two = parse_xml("<r><a><b>4</b></a><a><b>5</b><c>6</c></a></r>");
-        const char *paths_in_turn[] = {"r/a[2]/b", "r/a[2]/c", "r/a/b", "r/a[1]/b"};
-        for (const char *path : paths_in_turn)
-            for (void *doc : {one.get(), two.get(), one.get()}) {
-                char got[8] = "";
-                uint32_t n = 0;
-                ASSERT_EQ(xml_get_element_value(doc, path, got, sizeof got, &n), 0u) << path;
-                int want = path[4] == '2' ? (path[7] == 'b' ? 2 : 3) : 1;
-                EXPECT_EQ(got[0] - '0', want + (doc == two.get() ? 3 : 0)) << path;
-            }
-    }
+    auto one = parse_xml("<r><a><b>1</b></a><a><b>2</b><c>3</c></a></r>");
+    auto two = parse_xml("<r><a><b>4</b></a><a><b>5</b><c>6</c></a></r>");
+    for (const char *path : {"r/a[2]/b", "r/a[2]/c", "r/a/b", "r/a[1]/b"})
+        for (void *doc : {one.get(), two.get(), one.get()}) {
+            char got[8] = "";
+            uint32_t n = 0;
+            ASSERT_EQ(xml_get_element_value(doc, path, got, sizeof got, &n), 0u) << path;
+            int want = path[4] == '2' ? (path[7] == 'b' ? 2 : 3) : 1;
+            EXPECT_EQ(got[0] - '0', want + (doc == two.get() ? 3 : 0)) << path;
+        }
     // A document freed and another read (most likely into the same memory): the reader answers
     // from the new one.
     for (const char *text : {"<r><a><b>old</b></a></r>", "<r><a><b>new</b></a></r>"}) {
@@ -248,10 +245,8 @@ TEST_F(XmlTest, DocumentLimitsAreCountedBeforeParsing) {
 
     // Depth: elements that close themselves are not a level.
     auto nested = [](unsigned levels) {
-        std::string text;
-        for (unsigned i = 0; i < levels; ++i) text += "<d>";
-        text += "<e/>";
-        for (unsigned i = 0; i < levels; ++i) text += "</d>";
+        std::string text = "<e/>";
+        for (unsigned i = 0; i < levels; ++i) text = "<d>" + text + "</d>";
         return text;
     };
     EXPECT_EQ(read_answer(nested(MGX_XML_MAX_DEPTH)), "read");

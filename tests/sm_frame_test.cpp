@@ -62,10 +62,8 @@ std::string chain(const mgx_module_root_t &root) {
 TEST(ModuleList, LinksAtTheTailUnlinksAnywhereAndLinksOnlyOncePerImage) {
     mgx_module_root_t root = {0, nullptr, &root.first};
     mgx_module_node_t a{"a", nullptr, nullptr, nullptr}, b{"b", nullptr, nullptr, nullptr}, c{"c", nullptr, nullptr, nullptr};
-    uint8_t a_linked = 0, b_linked = 0, c_linked = 0;
-    ovrin::frame::link_module(root, a, a_linked);
-    ovrin::frame::link_module(root, b, b_linked);
-    ovrin::frame::link_module(root, c, c_linked);
+    uint8_t linked[3] = {}; // each image's "already linked" flag
+    for (mgx_module_node_t *n : {&a, &b, &c}) ovrin::frame::link_module(root, *n, linked[n->domain_name[0] - 'a']);
     EXPECT_EQ(chain(root), "a\nb\nc\n");
     ovrin::frame::unlink_module(root, b); // from the middle
     EXPECT_EQ(chain(root), "a\nc\n");
@@ -75,9 +73,9 @@ TEST(ModuleList, LinksAtTheTailUnlinksAnywhereAndLinksOnlyOncePerImage) {
     ovrin::frame::unlink_module(root, a);
     ovrin::frame::unlink_module(root, a); // a second unload does nothing
     EXPECT_EQ(chain(root), "");
-    ovrin::frame::link_module(root, a, a_linked); // the flag stays set: no relinking
+    ovrin::frame::link_module(root, a, linked[0]); // the flag stays set: no relinking
     EXPECT_EQ(chain(root), "");
-    EXPECT_EQ(a_linked, 1);
+    EXPECT_EQ(linked[0], 1);
 }
 
 // The loaded library's node is in the runtime's list; a second image of the library (a copy

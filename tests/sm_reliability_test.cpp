@@ -63,12 +63,23 @@ struct Reliability : ::testing::Test {
         mgx_handle_fail_allocation(h, 0);
         return total() - mark;
     }
+    // Calls body(type, arm, tracked, label) for every member of every one of types, untracked and
+    // tracked, the handle in that mode; stops at the first fatal failure.
+    template <class Body> void each(const std::vector<const Ops *> &types, Body body) {
+        for (bool tracked : {false, true}) {
+            set_tracked(tracked);
+            for (const Ops *o : types)
+                for (unsigned a = 0; a < o->arms(); ++a) {
+                    body(*o, a, tracked, label(*o, a, tracked));
+                    if (HasFatalFailure()) return;
+                }
+        }
+    }
+    static std::string label(const Ops &o, unsigned arm, bool tracked) {
+        return std::string(o.name) + (o.is_union() ? " arm " + std::to_string(arm) : "") +
+               (tracked ? " tracked" : " untracked");
+    }
 };
-
-std::string label(const Ops &o, unsigned arm, bool tracked) {
-    return std::string(o.name) + (o.is_union() ? " arm " + std::to_string(arm) : "") +
-           (tracked ? " tracked" : " untracked");
-}
 
 // The unions, and the records that own storage of their own: strings, arrays, attribute lists.
 std::vector<const Ops *> swept_types() {
@@ -87,99 +98,86 @@ std::vector<const Ops *> swept_types() {
 // ---------------------------------------------------------------- allocation failures
 
 TEST_F(Reliability, CreateDecodeAndCloneFailEveryAllocationCleanly) {
-    for (bool tracked : {false, true}) {
-        set_tracked(tracked);
-        for (const Ops *o : swept_types()) {
-            for (unsigned a = 0; a < o->arms(); ++a) {
-                std::string what = label(*o, a, tracked);
-                void *source = typeops::make_filled(*o, h, 3, a);
-                uint32_t err = 0;
-                Bytes wire = typeops::encode(*o, h, source, &err);
-                ASSERT_EQ(err, 0u) << what;
+    each(swept_types(), [&](const Ops &o, unsigned a, bool, const std::string &what) {
+        void *source = typeops::make_filled(o, h, 3, a);
+        uint32_t err = 0;
+        Bytes wire = typeops::encode(o, h, source, &err);
+        ASSERT_EQ(err, 0u) << what;
 
-                sweep(what + ": create", [&](uint32_t nth) {
-                    arm(nth);
-                    void *p = o->create(h, 1);
-                    uint64_t n = made();
-                    EXPECT_EQ(p == nullptr, nth != 0);
-                    o->destroy(h, 1, p);
-                    return n;
-                });
+        sweep(what + ": create", [&](uint32_t nth) {
+            arm(nth);
+            void *p = o.create(h, 1);
+            uint64_t n = made();
+            EXPECT_EQ(p == nullptr, nth != 0);
+            o.destroy(h, 1, p);
+            return n;
+        });
 
-                // Into a fresh instance, and into one that already holds another member, strings
-                // and arrays that the decode has to replace.
-                for (bool used : {false, true}) {
-                    sweep(what + (used ? ": decode over a filled instance" : ": decode"), [&](uint32_t nth) {
-                        void *into = used ? typeops::make_filled(*o, h, 5, a + 1) : typeops::make(*o, h);
-                        uint32_t e = 0;
-                        arm(nth);
-                        uint32_t got = o->unmarshal(h, 1, wire.data(), into, static_cast<int32_t>(wire.size()), 0, &e);
-                        uint64_t n = made();
-                        if (nth == 0) {
-                            EXPECT_EQ(e, 0u);
-                            EXPECT_EQ(got, wire.size());
-                        } else {
-                            EXPECT_EQ(e, MGX_ENOMEM);
-                            EXPECT_EQ(mgx_handle_last_error(h), MGX_ENOMEM);
-                        }
-                        o->destroy(h, 1, into);
-                        return n;
-                    }, used ? 0 : 1); // the same member again may need nothing new
+        // Into a fresh instance, and into one that already holds another member, strings and
+        // arrays that the decode has to replace.
+        for (bool used : {false, true}) {
+            sweep(what + (used ? ": decode over a filled instance" : ": decode"), [&](uint32_t nth) {
+                void *into = used ? typeops::make_filled(o, h, 5, a + 1) : typeops::make(o, h);
+                uint32_t e = 0;
+                arm(nth);
+                uint32_t got = o.unmarshal(h, 1, wire.data(), into, static_cast<int32_t>(wire.size()), 0, &e);
+                uint64_t n = made();
+                if (nth == 0) {
+                    EXPECT_EQ(e, 0u);
+                    EXPECT_EQ(got, wire.size());
+                } else {
+                    EXPECT_EQ(e, MGX_ENOMEM);
+                    EXPECT_EQ(mgx_handle_last_error(h), MGX_ENOMEM);
                 }
-
-                sweep(what + ": clone", [&](uint32_t nth) {
-                    Bytes work(wire.size() + 64);
-                    void *copy = nullptr;
-                    uint32_t e = 0;
-                    arm(nth);
-                    o->clone(h, 1, source, &copy, work.data(), static_cast<uint32_t>(work.size()), &e);
-                    uint64_t n = made();
-                    EXPECT_EQ(e, nth ? MGX_ENOMEM : 0u);
-                    EXPECT_EQ(copy == nullptr, nth != 0);
-                    if (copy) o->destroy(h, 1, copy);
-                    return n;
-                });
-                o->destroy(h, 1, source);
-                if (HasFatalFailure()) return;
-            }
+                o.destroy(h, 1, into);
+                return n;
+            }, used ? 0 : 1); // the same member again may need nothing new
         }
-    }
+
+        sweep(what + ": clone", [&](uint32_t nth) {
+            Bytes work(wire.size() + 64);
+            void *copy = nullptr;
+            uint32_t e = 0;
+            arm(nth);
+            o.clone(h, 1, source, &copy, work.data(), static_cast<uint32_t>(work.size()), &e);
+            uint64_t n = made();
+            EXPECT_EQ(e, nth ? MGX_ENOMEM : 0u);
+            EXPECT_EQ(copy == nullptr, nth != 0);
+            if (copy) o.destroy(h, 1, copy);
+            return n;
+        });
+        o.destroy(h, 1, source);
+    });
 }
 
 TEST_F(Reliability, XmlReadFailsEveryAllocationCleanly) {
     std::vector<const Ops *> types = swept_types();
     if (!types.front()->from_xml || !types.front()->to_xml) GTEST_SKIP() << "no XML reader in this build";
-    for (bool tracked : {false, true}) {
-        set_tracked(tracked);
-        for (const Ops *o : types) {
-            for (unsigned a = 0; a < o->arms(); ++a) {
-                std::string what = label(*o, a, tracked) + ": from_xml";
-                void *source = typeops::make_filled(*o, h, 7, a);
-                std::vector<char> text(1 << 16);
-                uint32_t err = 0;
-                uint32_t n = o->to_xml(h, 1, o->name, text.data(), source, static_cast<uint32_t>(text.size()), 0, &err);
-                ASSERT_EQ(err, 0u) << what;
-                ASSERT_LT(n, text.size()) << what;
-                void *doc = mgx_xml_document_parse(text.data(), n);
-                ASSERT_NE(doc, nullptr) << what << "\n" << std::string(text.data(), n);
-                std::string path = std::string("/") + o->name;
-                sweep(what, [&](uint32_t nth) {
-                    void *into = typeops::make(*o, h);
-                    uint32_t e = 0;
-                    char msg[128] = {};
-                    arm(nth);
-                    o->from_xml(h, 1, path.c_str(), doc, into, &e, msg, sizeof msg);
-                    uint64_t made_n = made();
-                    EXPECT_EQ(e, nth ? MGX_ENOMEM : 0u);
-                    o->destroy(h, 1, into);
-                    return made_n;
-                });
-                mgx_xml_document_free(doc);
-                o->destroy(h, 1, source);
-                if (HasFatalFailure()) return;
-            }
-        }
-    }
+    each(types, [&](const Ops &o, unsigned a, bool, const std::string &label) {
+        const std::string what = label + ": from_xml";
+        void *source = typeops::make_filled(o, h, 7, a);
+        std::vector<char> text(1 << 16);
+        uint32_t err = 0;
+        uint32_t n = o.to_xml(h, 1, o.name, text.data(), source, static_cast<uint32_t>(text.size()), 0, &err);
+        ASSERT_EQ(err, 0u) << what;
+        ASSERT_LT(n, text.size()) << what;
+        void *doc = mgx_xml_document_parse(text.data(), n);
+        ASSERT_NE(doc, nullptr) << what << "\n" << std::string(text.data(), n);
+        std::string path = std::string("/") + o.name;
+        sweep(what, [&](uint32_t nth) {
+            void *into = typeops::make(o, h);
+            uint32_t e = 0;
+            char msg[128] = {};
+            arm(nth);
+            o.from_xml(h, 1, path.c_str(), doc, into, &e, msg, sizeof msg);
+            uint64_t made_n = made();
+            EXPECT_EQ(e, nth ? MGX_ENOMEM : 0u);
+            o.destroy(h, 1, into);
+            return made_n;
+        });
+        mgx_xml_document_free(doc);
+        o.destroy(h, 1, source);
+    });
 }
 
 // Whether instances of t hold storage of their own (strings, arrays, lists, members), at any depth.
@@ -251,56 +249,51 @@ TEST_F(Reliability, CompositeSettersFailEveryAllocationCleanly) {
 // more consumed than given, nothing leaked. The whole encoding decodes to an equal instance, in
 // either tracking mode.
 TEST_F(Reliability, EveryPrefixOfEveryTypeDecodesToAnError) {
-    for (bool tracked : {false, true}) {
-        set_tracked(tracked);
-        for (const Ops &o : typeops::all()) {
-            for (unsigned a = 0; a < o.arms(); ++a) {
-                std::string what = label(o, a, tracked);
-                void *source = typeops::make_filled(o, h, 13, a);
-                uint32_t err = 0;
-                Bytes wire = typeops::encode(o, h, source, &err);
-                ASSERT_EQ(err, 0u) << what;
-                uint64_t base = live();
-                for (size_t cut = 0; cut < wire.size(); ++cut) {
-                    std::unique_ptr<uint8_t[]> prefix(new uint8_t[cut]);
-                    std::memcpy(prefix.get(), wire.data(), cut);
-                    void *into = typeops::make(o, h);
-                    uint32_t e = 0;
-                    uint32_t used = o.unmarshal(h, 1, prefix.get(), into, static_cast<int32_t>(cut), 0, &e);
-                    EXPECT_NE(e, 0u) << what << ": cut at " << cut << " of " << wire.size();
-                    EXPECT_LE(used, cut) << what << ": cut at " << cut;
-                    o.destroy(h, 1, into);
-                    ASSERT_EQ(live(), base) << what << ": cut at " << cut;
-                }
-                void *whole = typeops::make(o, h);
-                uint32_t e = 0;
-                EXPECT_EQ(o.unmarshal(h, 1, wire.data(), whole, static_cast<int32_t>(wire.size()), 0, &e), wire.size())
-                    << what;
-                EXPECT_EQ(e, 0u) << what;
-                Bytes again = typeops::encode(o, h, whole, &e);
-                EXPECT_EQ(again, wire) << what << ": first difference at byte "
-                                       << std::mismatch(again.begin(), again.end(), wire.begin(), wire.end()).first - again.begin();
-                if (o.compare) {
-                    EXPECT_EQ(o.compare(source, whole), 0) << what;
-                    EXPECT_EQ(o.hash(source, 77), o.hash(whole, 77)) << what;
-                }
-                o.destroy(h, 1, whole);
-                // A receiver in the other tracking mode reads it as well: a tracked one takes an
-                // untracked sender's bytes, an untracked one steps over a tracked sender's state bytes.
-                mgx_handle_t *other = mgx_handle_create();
-                mgx_handle_set_state_tracking(other, !tracked, MGX_STTR_TRACKED);
-                void *there = typeops::make(o, other);
-                EXPECT_EQ(o.unmarshal(other, 1, wire.data(), there, static_cast<int32_t>(wire.size()), 0, &e), wire.size())
-                    << what << ": read by the other mode";
-                EXPECT_EQ(e, 0u) << what;
-                EXPECT_TRUE(!o.compare || o.compare(source, there) == 0) << what << ": read by the other mode";
-                o.destroy(other, 1, there);
-                EXPECT_EQ(mgx_handle_live_allocations(other), 0u) << what;
-                mgx_handle_destroy(other);
-                o.destroy(h, 1, source);
-            }
+    std::vector<const Ops *> types;
+    for (const Ops &o : typeops::all()) types.push_back(&o);
+    each(types, [&](const Ops &o, unsigned a, bool tracked, const std::string &what) {
+        void *source = typeops::make_filled(o, h, 13, a);
+        uint32_t err = 0;
+        Bytes wire = typeops::encode(o, h, source, &err);
+        ASSERT_EQ(err, 0u) << what;
+        uint64_t base = live();
+        for (size_t cut = 0; cut < wire.size(); ++cut) {
+            std::unique_ptr<uint8_t[]> prefix(new uint8_t[cut]);
+            std::memcpy(prefix.get(), wire.data(), cut);
+            void *into = typeops::make(o, h);
+            uint32_t e = 0;
+            uint32_t used = o.unmarshal(h, 1, prefix.get(), into, static_cast<int32_t>(cut), 0, &e);
+            EXPECT_NE(e, 0u) << what << ": cut at " << cut << " of " << wire.size();
+            EXPECT_LE(used, cut) << what << ": cut at " << cut;
+            o.destroy(h, 1, into);
+            ASSERT_EQ(live(), base) << what << ": cut at " << cut;
         }
-    }
+        void *whole = typeops::make(o, h);
+        uint32_t e = 0;
+        EXPECT_EQ(o.unmarshal(h, 1, wire.data(), whole, static_cast<int32_t>(wire.size()), 0, &e), wire.size()) << what;
+        EXPECT_EQ(e, 0u) << what;
+        Bytes again = typeops::encode(o, h, whole, &e);
+        EXPECT_EQ(again, wire) << what << ": first difference at byte "
+                               << std::mismatch(again.begin(), again.end(), wire.begin(), wire.end()).first - again.begin();
+        if (o.compare) {
+            EXPECT_EQ(o.compare(source, whole), 0) << what;
+            EXPECT_EQ(o.hash(source, 77), o.hash(whole, 77)) << what;
+        }
+        o.destroy(h, 1, whole);
+        // A receiver in the other tracking mode reads it as well: a tracked one takes an untracked
+        // sender's bytes, an untracked one steps over a tracked sender's state bytes.
+        mgx_handle_t *other = mgx_handle_create();
+        mgx_handle_set_state_tracking(other, !tracked, MGX_STTR_TRACKED);
+        void *there = typeops::make(o, other);
+        EXPECT_EQ(o.unmarshal(other, 1, wire.data(), there, static_cast<int32_t>(wire.size()), 0, &e), wire.size())
+            << what << ": read by the other mode";
+        EXPECT_EQ(e, 0u) << what;
+        EXPECT_TRUE(!o.compare || o.compare(source, there) == 0) << what << ": read by the other mode";
+        o.destroy(other, 1, there);
+        EXPECT_EQ(mgx_handle_live_allocations(other), 0u) << what;
+        mgx_handle_destroy(other);
+        o.destroy(h, 1, source);
+    });
 }
 
 } // namespace

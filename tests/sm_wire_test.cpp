@@ -8,7 +8,7 @@
 
 #include "mgx/runtime.h"
 #include "tests/prim_fixture.h"
-#include "tests/sm_fill.h"
+#include "tests/sm_type_ops.h"
 #include "ovrin_sm/ops.h"
 
 namespace {
@@ -33,23 +33,19 @@ struct Wire : RuntimeFixture {
         return s;
     }
 
-    Bytes encode_start(mgx_handle_t *x, const sess_mgr_session_start *s, uint32_t *err_out = nullptr) {
-        uint32_t n = sess_mgr_session_start_len(x, 1, s);
-        Bytes b(n + 1);
+    // The wire form of an instance of the named type through x, in space of _len bytes; err_out
+    // gets the error cell, which must otherwise stay 0.
+    static Bytes encode(mgx_handle_t *x, const char *type, const void *instance, uint32_t *err_out = nullptr) {
         uint32_t err = 0;
-        uint32_t w = sess_mgr_session_start_marshal(x, 1, b.data(), s, static_cast<int32_t>(n), &err);
+        Bytes b = typeops::encode(typeops::of(type), x, instance, &err);
         if (err_out) *err_out = err;
         else EXPECT_EQ(err, 0u);
-        b.resize(w);
         return b;
     }
-    static Bytes encode_resp(mgx_handle_t *x, const ovrin_smd_resp_event *e) {
-        Bytes b(ovrin_smd_resp_event_len(x, 1, e) + 1);
-        uint32_t err = 0;
-        b.resize(ovrin_smd_resp_event_marshal(x, 1, b.data(), e, static_cast<int32_t>(b.size() - 1), &err));
-        EXPECT_EQ(err, 0u);
-        return b;
+    static Bytes encode_start(mgx_handle_t *x, const void *s, uint32_t *err_out = nullptr) {
+        return encode(x, "sess_mgr_session_start", s, err_out);
     }
+    static Bytes encode_resp(mgx_handle_t *x, const void *e) { return encode(x, "ovrin_smd_resp_event", e); }
 };
 
 Bytes be32(uint32_t v) { return {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}; }
@@ -148,13 +144,10 @@ TEST_F(Wire, PerElementStateBytesTravelInElementOrder) {
     for (uint32_t k = 0; k < 3; ++k)
         ovrin_svm_epm_notify_domain_name_bind_domain_names_state_flag_set(h, 1, r, k, static_cast<uint8_t>(5 + k), &err);
     ASSERT_EQ(err, 0u);
-    uint32_t n = ovrin_svm_epm_notify_domain_name_bind_len(h, 1, r);
-    Bytes buf(n + 1);
-    n = ovrin_svm_epm_notify_domain_name_bind_marshal(h, 1, buf.data(), r, static_cast<int32_t>(n), &err);
-    ASSERT_EQ(err, 0u);
-    EXPECT_EQ(Bytes(buf.begin() + n - 4, buf.begin() + n), (Bytes{2, 5, 6, 7})); // the array's byte, then each element's
+    const Bytes buf = encode(h, "ovrin_svm_epm_notify_domain_name_bind", r);
+    EXPECT_EQ(Bytes(buf.end() - 4, buf.end()), (Bytes{2, 5, 6, 7})); // the array's byte, then each element's
 
-    ovrin_svm_epm_notify_domain_name_bind_unmarshal(h, 1, buf.data(), d, static_cast<int32_t>(n), 0, &err);
+    ovrin_svm_epm_notify_domain_name_bind_unmarshal(h, 1, buf.data(), d, static_cast<int32_t>(buf.size()), 0, &err);
     ASSERT_EQ(err, 0u);
     for (uint32_t k = 0; k < 3; ++k)
         EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_domain_names_state_flag_get(h, 1, d, k, &err), 5 + k) << k;
@@ -173,11 +166,8 @@ TEST_F(Wire, PerElementStateBytesTravelInElementOrder) {
     };
     auto *u = ovrin_svm_epm_notify_domain_name_bind_create(plain, 1);
     for (uint32_t k = 0; k < 3; ++k) ovrin_svm_epm_notify_domain_name_bind_domain_names_set(plain, 1, u, k, value, &err);
-    n = ovrin_svm_epm_notify_domain_name_bind_len(h, 1, u);
-    Bytes untracked(n + 1);
-    n = ovrin_svm_epm_notify_domain_name_bind_marshal(h, 1, untracked.data(), u, static_cast<int32_t>(n), &err);
-    ASSERT_EQ(err, 0u);
-    EXPECT_EQ(Bytes(untracked.begin() + n - 4, untracked.begin() + n), (Bytes{0, 0, 0, 0}));
+    const Bytes untracked = encode(h, "ovrin_svm_epm_notify_domain_name_bind", u);
+    EXPECT_EQ(Bytes(untracked.end() - 4, untracked.end()), (Bytes{0, 0, 0, 0}));
     ovrin_svm_epm_notify_domain_name_bind_destroy(plain, 1, u);
     EXPECT_EQ(mgx_handle_live_allocations(plain), 0u);
     mgx_handle_destroy(plain);
@@ -396,16 +386,14 @@ TEST_F(Wire, AnOlderSenderLeavesTheNewerMembersAlone) {
     sess_mgr_session_start *s = sess_mgr_session_start_create(old, 1);
     ASSERT_EQ(s->variant, 0);
     s->hdl.conn_hdl = 5;
-    uint32_t n = sess_mgr_session_start_len(old, 1, s);
-    Bytes b(n + 1);
-    n = sess_mgr_session_start_marshal(old, 1, b.data(), s, static_cast<int32_t>(n), &err);
+    const Bytes b = encode_start(old, s);
     sess_mgr_session_start_destroy(old, 1, s);
     mgx_handle_destroy(old);
 
     auto *r = own(filled_start(), sess_mgr_session_start_destroy); // holds a client name from before
     const std::string name = r->cl_name.client_name;
     sess_mgr_session_start_adjust_variant(h, 1, r, &err);
-    EXPECT_EQ(sess_mgr_session_start_unmarshal(h, 1, b.data(), r, static_cast<int32_t>(n), 0, &err), n);
+    EXPECT_EQ(sess_mgr_session_start_unmarshal(h, 1, b.data(), r, static_cast<int32_t>(b.size()), 0, &err), b.size());
     EXPECT_EQ(err, 0u);
     EXPECT_EQ(r->variant, 0);
     EXPECT_EQ(r->hdl.conn_hdl, 5u);

@@ -37,6 +37,16 @@ Bytes elf_file(const std::vector<std::pair<std::string, Bytes>> &sections) {
     return ovrin::testing::elf_file(out);
 }
 
+// A texts section claiming a million texts with a checksum no table below states, and `size` bytes
+// of compressed texts that are never looked at.
+Bytes unmatched_section(uint32_t size) {
+    std::string head(fmt::texts_magic, sizeof fmt::texts_magic);
+    for (uint32_t v : {1u, 1u << 20, 0x12345678u, size}) fmt::put(head, v, 4);
+    Bytes section(head.begin(), head.end());
+    section.resize(head.size() + size);
+    return section;
+}
+
 uint32_t crc_of(const std::vector<std::string> &texts) {
     std::string raw;
     for (const std::string &t : texts) raw += t + '\0';
@@ -97,8 +107,7 @@ struct TraceTool : ::testing::Test {
         std::vector<char *> argv;
         for (std::string &a : args) argv.push_back(a.data());
         argv.push_back(nullptr);
-        std::fflush(stdout);
-        std::fflush(stderr);
+        std::fflush(nullptr);
         int saved[2] = {dup(1), dup(2)};
         for (int fd : {1, 2}) {
             int to = open((dir + "/fd" + std::to_string(fd)).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -111,8 +120,7 @@ struct TraceTool : ::testing::Test {
         r.status = ovrin_cmd_trace(static_cast<int>(args.size()), argv.data());
         r.peak = heap::peak();
         r.read = bytes_read() - before;
-        std::fflush(stdout);
-        std::fflush(stderr);
+        std::fflush(nullptr);
         for (int fd : {1, 2}) {
             dup2(saved[fd - 1], fd);
             close(saved[fd - 1]);
@@ -200,14 +208,7 @@ TEST_F(TraceTool, ASectionReachingPastTheFilesEndGivesNoTexts) {
 // section, named by path or given with --library; each still says why its texts are not shown.
 TEST_F(TraceTool, RecordsTheSectionCannotMatchCostNothingPerSectionByte) {
     constexpr uint32_t section_size = 16u << 20;
-    std::string head(fmt::texts_magic, sizeof fmt::texts_magic);
-    fmt::put(head, 1, 4);
-    fmt::put(head, 1u << 20, 4);
-    fmt::put(head, 0x12345678, 4);
-    fmt::put(head, section_size, 4);
-    Bytes section(head.begin(), head.end());
-    section.resize(head.size() + section_size);
-    const std::string library = write("big.so", elf_file({{".t", section}}));
+    const std::string library = write("big.so", elf_file({{".t", unmatched_section(section_size)}}));
     auto records = [&](unsigned n) {
         std::vector<fmt::TableRecord> tables;
         for (unsigned i = 0; i < n; ++i) tables.push_back({0, 1, 1000 + i, "m", ".t", library});
@@ -216,12 +217,8 @@ TEST_F(TraceTool, RecordsTheSectionCannotMatchCostNothingPerSectionByte) {
     std::string one = records(1), many = records(64);
     const uint64_t trace_growth = fs::file_size(many) - fs::file_size(one);
     for (bool given : {false, true}) {
-        std::vector<std::string> extra;
-        if (given) extra = {"--library", library};
         auto with = [&](const std::string &t) {
-            std::vector<std::string> args = {t};
-            args.insert(args.end(), extra.begin(), extra.end());
-            return args;
+            return given ? std::vector<std::string>{t, "--library", library} : std::vector<std::string>{t};
         };
         Outcome a = trace(with(one)), b = trace(with(many));
         EXPECT_EQ(b.status, 0) << b.err;
@@ -265,11 +262,7 @@ TEST_F(TraceTool, ReproducersRunInAHundredMiB) {
     for (unsigned i = 0; i < 40; ++i)
         spellings.push_back({static_cast<uint16_t>(i), 1u << 20, crc, "m", ".t",
                              dir + std::string(i + 1, '/') + "lib.so"});
-    std::string head(fmt::texts_magic, sizeof fmt::texts_magic);
-    for (uint32_t v : {1u, 1u << 20, 0x12345678u, 32u << 20}) fmt::put(head, v, 4);
-    Bytes section(head.begin(), head.end());
-    section.resize(head.size() + (32u << 20));
-    const std::string big = write("big.so", elf_file({{".t", section}}));
+    const std::string big = write("big.so", elf_file({{".t", unmatched_section(32u << 20)}}));
     std::vector<fmt::TableRecord> checksums;
     for (unsigned i = 0; i < 80; ++i) checksums.push_back({0, 1, 1000 + i, "m", ".t", big});
     std::vector<std::string> wide = {"%2147483000u"};
