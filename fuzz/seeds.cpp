@@ -231,6 +231,11 @@ void write_library_seeds(const fs::path &dir) {
         write(dir / (past ? "records-one-past" : "records-to-end"), {0},
               elf_file({{".ovrin_sm_manifest", SHT_PROGBITS, records}}));
     }
+    // The other kinds a device's library may be: 32-bit, big-endian, both.
+    const Bytes records = ovrin::testing::manifest_record(3, 2, "xyz");
+    for (auto [name, kind] : {std::pair{"kind-32-little", ovrin::testing::ElfKind{false, false}},
+                              {"kind-64-big", {true, true}}, {"kind-32-big", {false, true}}})
+        write(dir / name, {0}, elf_file({{".ovrin_sm_manifest", SHT_PROGBITS, records}}, kind));
 }
 
 // ------------------------------------------------------------------ trace files

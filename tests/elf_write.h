@@ -1,5 +1,6 @@
 // Small ELF files for the tests, fuzz seeds and benchmarks that feed the tool's library readers:
-// 64-bit little-endian, only the given sections, section 0 and the section name table; no code.
+// of any class and byte order (64-bit little-endian unless asked), only the given sections,
+// section 0 and the section name table; no code.
 #ifndef OVRIN_TESTS_ELF_WRITE_H
 #define OVRIN_TESTS_ELF_WRITE_H
 
@@ -20,14 +21,29 @@ struct ElfSection {
     uint64_t entsize = 0;
 };
 
-inline std::vector<uint8_t> elf_file(const std::vector<ElfSection> &sections) {
-    std::vector<uint8_t> names(1, 0), data(sizeof(Elf64_Ehdr), 0);
-    std::vector<Elf64_Shdr> headers(1, Elf64_Shdr{});
+// The kind of file: 64- or 32-bit, little- or big-endian (a library off any device).
+struct ElfKind {
+    bool wide = true;
+    bool big_endian = false;
+};
+
+inline std::vector<uint8_t> elf_file(const std::vector<ElfSection> &sections, ElfKind kind = {}) {
+    const unsigned word = kind.wide ? 8 : 4, ehsize = kind.wide ? 64 : 52, shsize = kind.wide ? 64 : 40;
+    std::vector<uint8_t> names(1, 0), data(ehsize, 0), headers(shsize, 0); // section 0 is all zero
+    auto put = [&kind](std::vector<uint8_t> &to, size_t at, uint64_t v, unsigned width) {
+        for (unsigned i = 0; i < width; ++i) to[at + (kind.big_endian ? width - 1 - i : i)] = uint8_t(v >> (8 * i));
+    };
     auto add = [&](const ElfSection &s) {
         while (data.size() % 8) data.push_back(0);
-        headers.push_back({.sh_name = static_cast<uint32_t>(names.size()), .sh_type = s.type, .sh_flags = 0, .sh_addr = 0,
-                           .sh_offset = data.size(), .sh_size = s.contents.size(), .sh_link = s.link, .sh_info = 0,
-                           .sh_addralign = 1, .sh_entsize = s.entsize});
+        const size_t h = headers.size();
+        headers.resize(h + shsize);
+        put(headers, h, names.size(), 4);
+        put(headers, h + 4, s.type, 4);
+        put(headers, h + (kind.wide ? 24 : 16), data.size(), word);          // offset
+        put(headers, h + (kind.wide ? 32 : 20), s.contents.size(), word);    // size
+        put(headers, h + (kind.wide ? 40 : 24), s.link, 4);
+        put(headers, h + (kind.wide ? 48 : 32), 1, word);                    // alignment
+        put(headers, h + (kind.wide ? 56 : 36), s.entsize, word);
         names.insert(names.end(), s.name.begin(), s.name.end());
         names.push_back(0);
         data.insert(data.end(), s.contents.begin(), s.contents.end());
@@ -38,22 +54,20 @@ inline std::vector<uint8_t> elf_file(const std::vector<ElfSection> &sections) {
     add(shstrtab);
     while (data.size() % 8) data.push_back(0);
 
-    Elf64_Ehdr eh{};
-    std::memcpy(eh.e_ident, ELFMAG, SELFMAG);
-    eh.e_ident[EI_CLASS] = ELFCLASS64;
-    eh.e_ident[EI_DATA] = ELFDATA2LSB;
-    eh.e_ident[EI_VERSION] = EV_CURRENT;
-    eh.e_type = ET_DYN;
-    eh.e_machine = EM_X86_64;
-    eh.e_version = EV_CURRENT;
-    eh.e_shoff = data.size();
-    eh.e_ehsize = sizeof(Elf64_Ehdr);
-    eh.e_shentsize = sizeof(Elf64_Shdr);
-    eh.e_shnum = static_cast<uint16_t>(headers.size());
-    eh.e_shstrndx = static_cast<uint16_t>(headers.size() - 1);
-    std::memcpy(data.data(), &eh, sizeof eh);
-    const auto *p = reinterpret_cast<const uint8_t *>(headers.data());
-    data.insert(data.end(), p, p + headers.size() * sizeof(Elf64_Shdr));
+    std::memcpy(data.data(), ELFMAG, SELFMAG);
+    data[EI_CLASS] = kind.wide ? ELFCLASS64 : ELFCLASS32;
+    data[EI_DATA] = kind.big_endian ? ELFDATA2MSB : ELFDATA2LSB;
+    data[EI_VERSION] = EV_CURRENT;
+    const size_t count = headers.size() / shsize;
+    put(data, 16, ET_DYN, 2);
+    put(data, 18, kind.wide ? EM_X86_64 : EM_386, 2);
+    put(data, 20, EV_CURRENT, 4);
+    put(data, kind.wide ? 0x28 : 0x20, data.size(), word); // the section headers follow the data
+    put(data, kind.wide ? 0x34 : 0x28, ehsize, 2);
+    put(data, kind.wide ? 0x3A : 0x2E, shsize, 2);
+    put(data, kind.wide ? 0x3C : 0x30, count, 2);
+    put(data, kind.wide ? 0x3E : 0x32, count - 1, 2);
+    data.insert(data.end(), headers.begin(), headers.end());
     return data;
 }
 

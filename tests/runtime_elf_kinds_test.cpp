@@ -8,59 +8,26 @@
 #include <vector>
 
 #include "runtime/elf_file.h"
+#include "tests/elf_write.h"
 
 namespace {
 
-// A small library file of the given kind: a name table, a manifest-like section, and a dynamic
-// symbol table with one defined and one undefined symbol.
+// A small library file of the given kind: a manifest-like section, and a dynamic symbol table
+// with one defined and one undefined symbol (its entries written in the file's order and widths).
 std::vector<uint8_t> library(bool wide, bool big_endian) {
-    const unsigned word = wide ? 8 : 4, ehsize = wide ? 64 : 52, shsize = wide ? 64 : 40, symsize = wide ? 24 : 16;
-    std::vector<uint8_t> f(ehsize, 0);
+    const unsigned symsize = wide ? 24 : 16;
+    std::vector<uint8_t> symbols(3 * symsize, 0);
     auto put = [&](size_t at, uint64_t v, unsigned width) {
-        if (f.size() < at + width) f.resize(at + width);
-        for (unsigned i = 0; i < width; ++i) f[at + (big_endian ? width - 1 - i : i)] = uint8_t(v >> (8 * i));
+        for (unsigned i = 0; i < width; ++i) symbols[at + (big_endian ? width - 1 - i : i)] = uint8_t(v >> (8 * i));
     };
-    auto append = [&](const std::string &bytes) {
-        size_t at = f.size();
-        f.insert(f.end(), bytes.begin(), bytes.end());
-        return at;
-    };
-    const std::string shstrtab("\0.shstrtab\0.ovrin_sm_manifest\0.dynsym\0.dynstr\0", 46);
-    const std::string dynstr("\0exported_one\0imported\0", 23);
-    std::string dynsym(3 * symsize, '\0');
-    const size_t names = append(shstrtab), manifest = append("hello"), symbols = append(dynsym), strings = append(dynstr);
-    // symbol 1: exported_one in section 2; symbol 2: imported, undefined
-    put(symbols + symsize, 1, 4);
-    put(symbols + symsize + (wide ? 6 : 14), 2, 2);
-    put(symbols + 2 * symsize, 14, 4);
-    const size_t shoff = f.size();
-    struct {
-        uint32_t name, type;
-        size_t offset, size;
-        uint32_t link, entsize;
-    } sections[] = {{0, SHT_NULL, 0, 0, 0, 0},
-                    {1, SHT_STRTAB, names, shstrtab.size(), 0, 0},
-                    {11, SHT_PROGBITS, manifest, 5, 0, 0},
-                    {30, SHT_DYNSYM, symbols, dynsym.size(), 4, symsize},
-                    {38, SHT_STRTAB, strings, dynstr.size(), 0, 0}};
-    for (size_t i = 0; i < 5; ++i) {
-        const size_t at = shoff + i * shsize;
-        put(at, sections[i].name, 4);
-        put(at + 4, sections[i].type, 4);
-        put(at + (wide ? 24 : 16), sections[i].offset, word);
-        put(at + (wide ? 32 : 20), sections[i].size, word);
-        put(at + (wide ? 40 : 24), sections[i].link, 4);
-        put(at + (wide ? 56 : 36), sections[i].entsize, word);
-    }
-    std::memcpy(f.data(), ELFMAG, SELFMAG);
-    f[EI_CLASS] = wide ? ELFCLASS64 : ELFCLASS32;
-    f[EI_DATA] = big_endian ? ELFDATA2MSB : ELFDATA2LSB;
-    f[EI_VERSION] = EV_CURRENT;
-    put(wide ? 0x28 : 0x20, shoff, word);
-    put(wide ? 0x3A : 0x2E, shsize, 2);
-    put(wide ? 0x3C : 0x30, 5, 2);
-    put(wide ? 0x3E : 0x32, 1, 2);
-    return f;
+    put(symsize, 1, 4); // exported_one, defined in section 1
+    put(symsize + (wide ? 6 : 14), 1, 2);
+    put(2 * symsize, 14, 4); // imported, undefined
+    const std::string names("\0exported_one\0imported\0", 23);
+    return ovrin::testing::elf_file({{".ovrin_sm_manifest", SHT_PROGBITS, {'h', 'e', 'l', 'l', 'o'}},
+                                     {".dynsym", SHT_DYNSYM, symbols, 3, symsize},
+                                     {".dynstr", SHT_STRTAB, {names.begin(), names.end()}}},
+                                    {wide, big_endian});
 }
 
 TEST(ElfKinds, EveryClassAndByteOrderReads) {
