@@ -70,6 +70,23 @@ decltype(auto) invoke(const char *type, const char *member, F f, mgx_handle_t *h
     }
 }
 
+// A forward iterator over a range read by index (an array, an attribute list).
+template <class Range, class Value> class index_iterator {
+public:
+    using value_type = Value;
+    using difference_type = std::ptrdiff_t;
+    index_iterator() = default;
+    index_iterator(const Range *r, uint32_t i) : r_(r), i_(i) {}
+    Value operator*() const { return (*r_)[i_]; }
+    index_iterator &operator++() { return ++i_, *this; }
+    index_iterator operator++(int) { return index_iterator(r_, i_++); }
+    bool operator==(const index_iterator &o) const { return i_ == o.i_; }
+
+private:
+    const Range *r_ = nullptr;
+    uint32_t i_ = 0;
+};
+
 } // namespace detail
 
 // What every view of an instance of C can do. A default-made or moved-from view holds nothing
@@ -402,21 +419,7 @@ public:
     }
     void clear() { Remove(h_, luid_, p_); }
 
-    class iterator {
-    public:
-        using value_type = ElemRef;
-        using difference_type = std::ptrdiff_t;
-        iterator() = default;
-        iterator(const array_ref *a, uint32_t i) : a_(a), i_(i) {}
-        ElemRef operator*() const { return (*a_)[i_]; }
-        iterator &operator++() { return ++i_, *this; }
-        iterator operator++(int) { return iterator(a_, i_++); }
-        bool operator==(const iterator &o) const { return i_ == o.i_; }
-
-    private:
-        const array_ref *a_ = nullptr;
-        uint32_t i_ = 0;
-    };
+    using iterator = detail::index_iterator<array_ref, ElemRef>;
     iterator begin() const { return iterator(this, 0); }
     iterator end() const { return iterator(this, size()); }
 
@@ -483,21 +486,7 @@ public:
         detail::check(err, type_, member_);
     }
 
-    class iterator {
-    public:
-        using value_type = attribute;
-        using difference_type = std::ptrdiff_t;
-        iterator() = default;
-        iterator(const attr_list *l, uint32_t i) : l_(l), i_(i) {}
-        attribute operator*() const { return (*l_)[i_]; }
-        iterator &operator++() { return ++i_, *this; }
-        iterator operator++(int) { return iterator(l_, i_++); }
-        bool operator==(const iterator &o) const { return i_ == o.i_; }
-
-    private:
-        const attr_list *l_ = nullptr;
-        uint32_t i_ = 0;
-    };
+    using iterator = detail::index_iterator<attr_list, attribute>;
     iterator begin() const { return iterator(this, 0); }
     iterator end() const { return iterator(this, size()); }
 
