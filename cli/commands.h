@@ -24,4 +24,8 @@ int ovrin_cmd_trace(int argc, char **argv);
 // arrival; 0 when every message arrived intact and no allocation was left behind.
 int ovrin_cmd_demo(int argc, char **argv);
 
+// ovrin-sm compat OLD NEW: the changes between two catalogue files, each compatible with peers of
+// the other or breaking them; 1 when any breaks.
+int ovrin_cmd_compat(int argc, char **argv);
+
 #endif

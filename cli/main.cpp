@@ -30,6 +30,7 @@ const Entry commands[] = {
     {"encode", ovrin_cmd_encode, "encode TYPE [FILE]    an XML document, checked against TYPE, to wire bytes"},
     {"trace", ovrin_cmd_trace, "trace FILE            a binary trace file to timestamped lines"},
     {"demo", ovrin_cmd_demo, "demo                  a client and a session manager exchanging messages"},
+    {"compat", ovrin_cmd_compat, "compat OLD NEW        whether peers of two catalogue files still read each other"},
 };
 
 void usage(FILE *out) {

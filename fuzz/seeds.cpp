@@ -397,6 +397,19 @@ void write_format_seeds(const fs::path &dir) {
 
 } // namespace
 
+// Catalogues: one of each kind of definition, and one with each kind of error.
+void write_catalogue_seeds(const fs::path &dir) {
+    const std::string good = "# a comment\n\nenum colour variants 2\n  RED 1 wire 0\n  GREEN 5 wire 1\n  BLUE 9 wire 2 from 1\n\n"
+                             "record point variants 2\n  x u_int16\n  tag u_int8[3]\n  c colour\n  n_len u_int16\n"
+                             "  n var_string length n_len\n  a aaa_tlv\n  k u_int32 from 1\n  more point2[] count k from 1\n\n"
+                             "record point2\n  m mgx_mac_addr\n\nunion pick discriminator which select_by user_value\n"
+                             "  which colour\n  note u_int64\n  member p point select GREEN\n";
+    write(dir / "good", {}, Bytes(good.begin(), good.end()));
+    for (const char *bad : {"record a\n  x no_type\n", "record a\n  b a\n", "  x u_int32\n", "enum e\n  A 1 wire 5\n",
+                            "record a variants 300\n", "union u discriminator d\n  d e\nenum e\n  A 0\n"})
+        write(dir / ("bad-" + std::to_string(written)), {}, Bytes(bad, bad + std::strlen(bad)));
+}
+
 int main(int argc, char **argv) {
     if (argc != 2) {
         std::fprintf(stderr, "usage: %s DIR\n", argv[0]);
@@ -407,6 +420,7 @@ int main(int argc, char **argv) {
     write_library_seeds(dir / "elf");
     write_trace_seeds(dir / "trace", dir / "trace_files");
     write_format_seeds(dir / "trace_format");
+    write_catalogue_seeds(dir / "catalogue");
     std::printf("%u seeds in %s\n", written, dir.c_str());
     return 0;
 }

@@ -1,7 +1,7 @@
 # The fuzz targets and what each is built from, shared by the fuzz build (each linked with
 # libFuzzer) and the test build (each linked with tests/fuzz_replay.cpp, which replays the inputs
 # kept in fuzz/regressions/ through the same code).
-set(OVRIN_FUZZ_TARGETS wire xml xml_dtd reuse trace elf trace_files trace_format xml_check)
+set(OVRIN_FUZZ_TARGETS wire xml xml_dtd reuse trace elf trace_files trace_format xml_check catalogue)
 
 # ovrin_fuzz_executable(NAME TARGET SOURCES...): an executable from fuzz/TARGET_fuzz.cpp, the
 # target's helpers and the given sources.
@@ -17,6 +17,8 @@ function(ovrin_fuzz_executable name target)
   elseif(target STREQUAL "elf")
     list(APPEND sources ${PROJECT_SOURCE_DIR}/tests/sm_heap.cpp ${PROJECT_SOURCE_DIR}/cli/manifest_cmd.cpp
                         ${PROJECT_SOURCE_DIR}/cli/input.cpp)
+  elseif(target STREQUAL "catalogue")
+    list(APPEND libraries ovrin_catalogue) # the catalogue reader the generator and compat share
   elseif(target STREQUAL "trace_files")
     list(APPEND sources ${PROJECT_SOURCE_DIR}/tests/sm_heap.cpp ${PROJECT_SOURCE_DIR}/cli/trace_cmd.cpp
                         ${PROJECT_SOURCE_DIR}/cli/input.cpp)

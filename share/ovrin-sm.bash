@@ -3,7 +3,7 @@
 _ovrin_sm() {
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
     local tool=${COMP_WORDS[0]}
-    local commands="types manifest decode encode trace demo help"
+    local commands="types manifest decode encode trace demo compat help"
     if ((COMP_CWORD == 1)); then
         mapfile -t COMPREPLY < <(compgen -W "$commands --help --version" -- "$cur")
         return
@@ -33,7 +33,7 @@ _ovrin_sm() {
                 mapfile -t COMPREPLY < <(compgen -f -- "$cur")
             fi
             ;;
-        manifest | trace) mapfile -t COMPREPLY < <(compgen -f -- "$cur") ;;
+        manifest | trace | compat) mapfile -t COMPREPLY < <(compgen -f -- "$cur") ;;
     esac
 }
 complete -o filenames -F _ovrin_sm ovrin-sm

@@ -34,7 +34,7 @@ touch "$work/message.bin"
 check "$work/message.bin" "$tool" decode sess_mgr_register "$work/mess"
 check "$work/message.bin" "$tool" trace x --library "$work/mess"
 
-for command in types manifest decode encode trace demo; do
+for command in types manifest decode encode trace demo compat; do
     grep -qx ".SS $command" "$man" || fail "the manual page has no section for $command"
 done
 grep -q 'allow\\-trailing' "$man" || fail "the manual page lacks decode's options"

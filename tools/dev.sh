@@ -86,7 +86,7 @@ gate_tsan() {
 }
 
 # The fuzz targets (fuzz/targets.cmake), each with its dictionary when it has one.
-fuzz_targets=(wire xml xml_dtd reuse trace elf trace_files trace_format xml_check)
+fuzz_targets=(wire xml xml_dtd reuse trace elf trace_files trace_format xml_check catalogue)
 fuzz_dictionary() {
     case "$1" in
         xml|xml_dtd|xml_check) echo "-dict=fuzz/xml.dict" ;;

@@ -21,7 +21,7 @@ echo ".nf"
 "$tool" --help | sed -n '/^commands:/,$p' | esc
 echo ".fi"
 echo ".SH COMMANDS"
-for command in types manifest decode encode trace demo; do
+for command in types manifest decode encode trace demo compat; do
     echo ".SS $command"
     echo ".nf"
     "$tool" "$command" --help | esc
