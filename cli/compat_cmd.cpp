@@ -6,6 +6,7 @@
 // any breaks a peer.
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <optional>
 #include <string>
@@ -22,7 +23,9 @@ using namespace ovrin::cli;
 
 const Command compat_command = {
     "compat", "OLD NEW",
-    "Compares two catalogue files (.types) and lists every change to the types with its verdict:\n"
+    "Compares two catalogues and lists every change to the types with its verdict. Each is a\n"
+    "catalogue file (.types) or a library file, which holds the catalogue it was built from.\n"
+    "The verdicts:\n"
     "'compatible' when peers built from OLD and from NEW still read each other's messages (a member\n"
     "added at the end of a type in a new variant, a new literal, a new type), 'breaking' when they\n"
     "do not (a member inserted, removed, reordered or retyped, a bound or a count field changed, a\n"
@@ -115,11 +118,28 @@ const char *kind_name(const gen::Type &t) {
     return t.kind == gen::TypeKind::record ? "a record" : t.kind == gen::TypeKind::union_ ? "a union" : "an enumeration";
 }
 
+// A catalogue file, or a library file (ELF) whose .DOMAIN_catalogue section holds the catalogue it
+// was built from.
 std::optional<gen::Catalogue> load(const char *path) {
     std::vector<uint8_t> bytes;
     std::string error;
-    if (!ovrin::input::read(path, ovrin::input::message_limit, "the catalogue limit", bytes, error)) {
+    if (!ovrin::input::read(path, ovrin::input::file_limit, "the library file limit", bytes, error)) {
         std::fprintf(stderr, "ovrin-sm: %s\n", error.c_str());
+        return std::nullopt;
+    }
+    if (bytes.size() >= 4 && std::memcmp(bytes.data(), "\x7f" "ELF", 4) == 0) {
+        auto file = mgx::elf::parse(std::move(bytes), path, error);
+        const mgx::elf::Section *section = nullptr;
+        if (file)
+            for (const mgx::elf::Section &s : file->sections)
+                if (s.name.size() > 10 && s.name[0] == '.' && s.name.ends_with("_catalogue")) section = &s;
+        if (!section) {
+            std::fprintf(stderr, "ovrin-sm: %s\n", file ? (std::string(path) + " holds no catalogue section").c_str() : error.c_str());
+            return std::nullopt;
+        }
+        bytes = file->contents(*section);
+    } else if (bytes.size() > ovrin::input::message_limit) {
+        std::fprintf(stderr, "ovrin-sm: %s is larger than a catalogue file may be (64 MiB)\n", path);
         return std::nullopt;
     }
     try {

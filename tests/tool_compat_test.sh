@@ -3,7 +3,7 @@
 # exact line a user reads, status 0 when nothing breaks and 1 when something does; a catalogue
 # that does not read is named with its line.
 set -euo pipefail
-tool=$1 source=$2
+tool=$1 source=$2 library=$3 runtime=$4
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "FAIL: $*" >&2; exit 1; }
@@ -90,6 +90,13 @@ expect 1 renamed.types <<'OUT'
 breaking: point.x: renamed to xx (the same on the wire; XML documents name it otherwise)
 1 change, 1 breaking
 OUT
+
+# A library file holds the catalogue it was built from; a library without one is named.
+"$tool" compat "$library" "$source/catalogue/ovrin_sm.types" > "$work/out" || fail "the library against its catalogue"
+[ "$(cat "$work/out")" = "0 changes, 0 breaking" ] || fail "the library against its catalogue: $(cat "$work/out")"
+status=0
+"$tool" compat "$runtime" "$work/old.types" > /dev/null 2> "$work/err" || status=$?
+[ "$status" -eq 1 ] && grep -qx "ovrin-sm: $runtime holds no catalogue section" "$work/err" || fail "libmgx: status $status"
 
 # A catalogue that does not read: its file and line; two operands are needed.
 edit broken.types "  y u_int16|" "  y no_such_type|"

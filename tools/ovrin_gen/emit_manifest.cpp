@@ -110,7 +110,10 @@ std::string emit_manifest(const Catalogue &c, const BuildInfo &build) {
     append_record(section, build_record_kind, build_record(c, build));
     std::string s = format("// The manifest section (not loaded): the type manifest and the build record. %s\n",
                            generated_banner);
-    return s + nonloaded_section(".@D@_manifest", section);
+    // The catalogue's own text beside it, also not loaded, so that a library file says what it
+    // was built from whole (ovrin-sm compat reads it).
+    return s + nonloaded_section(".@D@_manifest", section) +
+           nonloaded_section(".@D@_catalogue", std::vector<uint8_t>(c.text.begin(), c.text.end()));
 }
 
 } // namespace gen
