@@ -85,10 +85,11 @@ compatible: gone2: added (a record)
 3 changes, 2 breaking
 OUT
 
-edit renamed.types "  x u_int32|" "  xx u_int32|"
+edit renamed.types "  x u_int32|" "  xx u_int32|" "  c colour|" ""
 expect 1 renamed.types <<'OUT'
 breaking: point.x: renamed to xx (the same on the wire; XML documents name it otherwise)
-1 change, 1 breaking
+breaking: point.c: removed
+2 changes, 2 breaking
 OUT
 
 # A library file holds the catalogue it was built from; a library without one is named.
