@@ -52,7 +52,9 @@ int run_client(const Options &opt, int fd, pid_t manager) {
     Side cl("client", "session manager", opt, fd);
     cl.h.set_state_tracking(true);
     const auto start = std::chrono::steady_clock::now();
-    auto last_progress = start;
+    // The first line after the first session, then one a second.
+    auto last_progress = start - std::chrono::seconds(1);
+    bool progressed = false;
     // Progress (rate and time left, one line rewritten each second) only for a person watching.
     const bool progress = opt.count > 1 && ::isatty(STDERR_FILENO);
     bool going = true;
@@ -71,6 +73,7 @@ int run_client(const Options &opt, int fd, pid_t manager) {
         const auto now = std::chrono::steady_clock::now();
         if (progress && now - last_progress >= std::chrono::seconds(1)) {
             last_progress = now;
+            progressed = true;
             const double spent = std::chrono::duration<double>(now - start).count();
             const double rate = spent > 0 ? static_cast<double>(s) / spent : 0;
             const long left = rate > 0 ? static_cast<long>(static_cast<double>(opt.count - s) / rate + 0.5) : 0;
@@ -78,7 +81,7 @@ int run_client(const Options &opt, int fd, pid_t manager) {
                          left / 60, left % 60);
         }
     }
-    if (progress && opt.count > 1 && last_progress != start) std::fputc('\n', stderr); // end the progress line
+    if (progressed) std::fputc('\n', stderr); // end the progress line
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::fflush(stdout);
     ::shutdown(fd, SHUT_WR); // the manager sees the end (and prints its summary after this output)
