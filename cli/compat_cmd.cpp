@@ -156,14 +156,7 @@ std::optional<gen::Catalogue> load(const char *path) {
 
 int ovrin_cmd_compat(int argc, char **argv) {
     Parser p(compat_command, argc, argv);
-    for (;;) {
-        int val;
-        const char *arg;
-        Next next = p.next(val, arg);
-        if (next == Next::help) return show_help(compat_command);
-        if (next == Next::error) return exit_usage;
-        if (next == Next::done) break;
-    }
+    if (int status = no_options(p, compat_command); status >= 0) return status;
     const auto &operands = p.operands();
     if (operands.size() != 2) return usage_error(compat_command, "two catalogue files are needed: OLD NEW");
     auto old_catalogue = load(operands[0]), new_catalogue = load(operands[1]);

@@ -42,13 +42,7 @@ int ovrin_cmd_manifest(int argc, char **argv) {
         "library from standard input.\n",
         {}};
     Parser p(command, argc, argv);
-    int val;
-    const char *arg;
-    switch (p.next(val, arg)) {
-    case Next::help: return show_help(command);
-    case Next::done: break;
-    default: return exit_usage; // no option besides --help
-    }
+    if (int status = no_options(p, command); status >= 0) return status;
     if (p.operands().size() > 1) return usage_error(command, std::string("unexpected operand '") + p.operands()[1] + "'");
     std::string path = p.operands().empty() ? loaded_bundle_path() : p.operands()[0];
     const std::string shown = path == "-" ? "standard input" : path;

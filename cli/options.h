@@ -51,6 +51,10 @@ private:
     std::vector<const char *> operands_;
 };
 
+// For a command with no option besides --help: -1 to go on to the operands, else the exit status
+// (the help shown, or a usage error).
+int no_options(Parser &p, const Command &c);
+
 // "ovrin-sm CMD: MESSAGE" and a pointer to the help on standard error; returns exit_usage.
 int usage_error(const Command &c, const std::string &message);
 // The command's help on standard output; returns exit_ok.
@@ -129,6 +133,16 @@ inline Next Parser::next(int &val, const char *&arg) {
         return Next::error;
     }
     return Next::option;
+}
+
+inline int no_options(Parser &p, const Command &c) {
+    int val;
+    const char *arg;
+    switch (p.next(val, arg)) {
+    case Next::help: return show_help(c);
+    case Next::done: return -1;
+    default: return exit_usage;
+    }
 }
 
 inline int usage_error(const Command &c, const std::string &message) {
