@@ -10,6 +10,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "cli/commands.h"
@@ -77,10 +78,15 @@ void enumeration(const gen::Type &a, const gen::Type &b, Report &r) {
 
 void composite(const gen::Type &a, const gen::Type &b, Report &r) {
     const size_t n = std::min(a.fields.size(), b.fields.size());
-    auto position_in = [](const gen::Type &t, const std::string &name) {
-        for (size_t i = 0; i < t.fields.size(); ++i)
-            if (t.fields[i].name == name) return static_cast<long>(i);
-        return -1L;
+    // Each member's position by name, made once per type, so that a type whose members all moved
+    // costs one look-up each.
+    std::unordered_map<std::string, long> in_a, in_b;
+    for (size_t i = 0; i < a.fields.size(); ++i) in_a.emplace(a.fields[i].name, static_cast<long>(i));
+    for (size_t i = 0; i < b.fields.size(); ++i) in_b.emplace(b.fields[i].name, static_cast<long>(i));
+    auto position_in = [&](const gen::Type &t, const std::string &name) {
+        const auto &positions = &t == &a ? in_a : in_b;
+        auto it = positions.find(name);
+        return it == positions.end() ? -1L : it->second;
     };
     for (size_t i = 0; i < n; ++i) {
         const gen::Field &f = a.fields[i], &g = b.fields[i];
