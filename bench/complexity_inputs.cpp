@@ -485,6 +485,21 @@ const std::vector<LibraryChannel> &library_channels() {
     return channels;
 }
 
+// `compat` of two catalogues whose n literals are all renumbered and whose type's n members are
+// all renamed: every member and literal looked up by name in the other catalogue.
+bool write_compat(const std::string &dir, size_t n, ToolRun &run, std::string &error) {
+    std::string a = "enum e\n", b = "enum e\n", ra = "\nrecord r\n", rb = "\nrecord r\n";
+    for (size_t i = 0; i < n; ++i) {
+        const std::string k = std::to_string(i);
+        a += "  L" + k + " " + k + "\n";
+        b += "  L" + k + " " + std::to_string(i + 1) + " wire " + k + "\n";
+        ra += "  f" + k + " u_int32\n";
+        rb += "  g" + k + " u_int32\n";
+    }
+    run = {{"compat", dir + "/a.types", dir + "/b.types"}, 1};
+    return write_file(dir + "/a.types", a + ra, error) && write_file(dir + "/b.types", b + rb, error);
+}
+
 const std::vector<ToolChannel> &tool_channels() {
     static const std::vector<ToolChannel> channels = {
         {"tool.check", "encode (strict check) of a document with n distinct unknown element names (a document may hold 10,000 names)",
@@ -497,6 +512,7 @@ const std::vector<ToolChannel> &tool_channels() {
         {"tool.trace_checksums", "trace of n records naming one library (texts growing with n) by n checksums",
          write_trace_checksums},
         {"tool.manifest", "manifest of a library with n manifest records", write_manifest},
+        {"tool.compat", "compat of two catalogues with n literals renumbered and n members renamed", write_compat},
     };
     return channels;
 }
