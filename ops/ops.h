@@ -7,6 +7,7 @@
 #include "ops/record/access.h"
 #include "ops/record/lifecycle.h"
 #include "ops/record/value.h"
+#include "ops/text/json.h"
 #include "ops/text/text.h"
 #include "ops/wire/wire.h"
 

@@ -87,6 +87,13 @@ const std::vector<EntryPoint> &entry_points() {
          "ovrin::print($table, h, luid, buf, indent, name, instance, size, err)"},
         {"print_cr", k_composite, "int32_t", "mgx_handle_t *h, const $T *instance, char *buf, uint32_t size",
          "ovrin::print_cr($table, h, instance, buf, size)"},
+        // JSON form: records, unions and enumerations alike.
+        {"to_json", k_all, "int64_t", "mgx_handle_t *h, const $T *instance, uint32_t flags, char **text, size_t *size",
+         "ovrin::to_json($table, h, instance, flags, text, size)"},
+        {"from_json", k_all, "uint32_t",
+         "mgx_handle_t *h, uint32_t luid, const char *json, size_t length, $T *instance, uint32_t flags, "
+         "ovrin_json_error *error",
+         "ovrin::from_json($table, h, luid, json, length, instance, flags, error)"},
         // Field access and state tracking.
         {"get", k_composite, "$T *", "mgx_handle_t *h, uint32_t luid, $T *instance", "static_cast<$T *>(ovrin::get($table, h, luid, instance))"},
         {"set", k_composite, "void", "mgx_handle_t *h, uint32_t luid, $T *dst, $T *src, uint32_t *err",

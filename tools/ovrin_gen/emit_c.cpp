@@ -138,7 +138,7 @@ std::string emit_public_types(const Catalogue &c) {
          " * byte, flags); the fields follow in declaration order at their natural alignment. A tracked\n"
          " * instance carries its state-flag area right after the instance size given here. */\n";
     s += "#ifndef @U@_TYPES_H\n#define @U@_TYPES_H\n\n#include <stddef.h>\n#include <stdint.h>\n\n"
-         "#include \"mgx/contract.h\"\n\n";
+         "#include \"mgx/contract.h\"\n#include \"ovrin/json.h\"\n\n";
     s += "#ifndef @U@_API\n#define @U@_API __attribute__((visibility(\"default\")))\n#endif\n";
     s += "#ifdef __cplusplus\n#define @U@_LAYOUT_ASSERT(cond, what) static_assert(cond, what)\n#else\n"
          "#define @U@_LAYOUT_ASSERT(cond, what) _Static_assert(cond, what)\n#endif\n";
@@ -164,7 +164,7 @@ namespace {
 // _print_cr and _toxml_cr are the application's text forms: they need no owner id or error slot.
 const std::set<std::string> application_ops = {
     "create",  "destroy", "sizeof",   "len",   "marshal",  "adjust_variant", "unmarshal", "clone",
-    "compare", "hash",    "print",    "print_cr", "to_xml", "toxml_cr",      "from_xml",  "set",
+    "compare", "hash",    "print",    "print_cr", "to_xml", "toxml_cr",      "from_xml",  "set", "to_json", "from_json",
     "get_all", "set_all", "get_value", "set_value", "map_to_user_value", "map_to_internal_value"};
 const std::set<std::string> application_field_ops = {"get",     "set",        "get_value",        "set_value",
                                                      "get_mem", "set_mem",    "length_get",       "length_get_value",
@@ -313,8 +313,8 @@ std::string emit_public_ops(const Catalogue &c) {
     s += R"( *
  * Per type: what it is and what holds it, its members with their accessors, and the prototypes
  * of the operations an application calls: create and destroy, member access, encode (_len,
- * _marshal) and decode (_adjust_variant, _unmarshal), copy, compare, hash, the print and XML
- * forms. Every operation takes the runtime handle first (mgx/runtime.h); most take the caller's
+ * _marshal) and decode (_adjust_variant, _unmarshal), copy, compare, hash, the print, XML and
+ * JSON forms. Every operation takes the runtime handle first (mgx/runtime.h); most take the caller's
  * owner id (luid) next and an error slot last: once the slot holds a code, later operations given
  * it do nothing, so a sequence of calls is checked once at the end.
  *
@@ -331,7 +331,7 @@ std::string emit_public_ops(const Catalogue &c) {
     static const std::vector<std::string> order = {
         "create", "destroy", "set", "clone", "compare", "hash", "sizeof", "get_value", "set_value", "get_all", "set_all",
         "map_to_user_value", "map_to_internal_value", "len", "marshal", "adjust_variant", "unmarshal", "print_cr",
-        "toxml_cr", "print", "to_xml", "from_xml"};
+        "toxml_cr", "print", "to_xml", "from_xml", "to_json", "from_json"};
     auto rank = [&](const Type &t, const Wrapper &w) {
         if (w.field) return order.size() + static_cast<size_t>(w.field - t.fields.data());
         return static_cast<size_t>(std::find(order.begin(), order.end(), w.op) - order.begin());

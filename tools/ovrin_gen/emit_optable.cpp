@@ -63,6 +63,12 @@ const std::vector<Slot> &slots() {
          "ovrin::text_whole($table, h, instance, false, text, size)"},
         {"toxml_whole", k_all, "int64_t", "mgx_handle_t *h, const void *instance, char **text, size_t *size",
          "the same for toxml_cr's text", "ovrin::text_whole($table, h, instance, true, text, size)"},
+        {"to_json", k_all, "int64_t", "mgx_handle_t *h, const void *instance, uint32_t flags, char **text, size_t *size",
+         "the JSON form, whole as print_whole's text (flags: OVRIN_JSON_PRETTY)"},
+        {"from_json", k_all, "uint32_t",
+         "mgx_handle_t *h, uint32_t luid, const char *json, size_t length, void *instance, uint32_t flags, "
+         "ovrin_json_error *error",
+         "0, or the code; error (if given) says what and where (flags: OVRIN_JSON_LENIENT)"},
     };
     return list;
 }
