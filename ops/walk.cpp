@@ -78,4 +78,17 @@ void *grow_block(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, ui
     return nullptr;
 }
 
+bool replace_array(const FieldAt<void> &a, mgx_handle_t *h, uint32_t luid, uint32_t count, bool tracked,
+                   uint32_t *err) {
+    release_array(a, h, luid, a.count(), a.instance());
+    set_count(h, luid, a, 0);
+    if (count == 0) return true;
+    void *fresh = new_block(a.field(), h, luid, count, tracked, true, err);
+    if (!fresh) return false;
+    notify(h, &a.pointer(), sizeof(void *), luid, a.instance());
+    a.pointer() = fresh;
+    set_count(h, luid, a, count);
+    return true;
+}
+
 } // namespace ovrin

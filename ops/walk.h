@@ -201,6 +201,13 @@ inline void release_array(const FieldAt<void> &a, mgx_handle_t *h, uint32_t luid
     free_block(h, luid, a.pointer(), base);
 }
 
+// A variable array's elements replaced by count fresh ones, made as a decode makes them (raised
+// to the variants the handle knows): the old elements and their block are released first, and the
+// count follows. False with the code in err when the new block cannot be had; the array is then
+// empty.
+bool replace_array(const FieldAt<void> &a, mgx_handle_t *h, uint32_t luid, uint32_t count, bool tracked,
+                   uint32_t *err);
+
 } // namespace ovrin
 
 #endif

@@ -280,15 +280,7 @@ void string_from_xml(const FieldAt<void> &a, XmlIn &in, const char *path, uint32
 
 // Gives a variable array storage for `count` fresh elements, as many as the document holds.
 bool resize_array(const FieldAt<void> &a, const Type &t, XmlIn &in, uint32_t count) {
-    release_array(a, in.h, in.luid, a.count(), a.instance());
-    set_count(in.h, in.luid, a, 0);
-    if (count == 0) return true;
-    void *fresh = new_block(a.field(), in.h, in.luid, count, tracking(t, in.h), true, in.err);
-    if (!fresh) return false;
-    notify(in.h, &a.pointer(), sizeof(void *), in.luid, a.instance());
-    a.pointer() = fresh;
-    set_count(in.h, in.luid, a, count);
-    return true;
+    return replace_array(a, in.h, in.luid, count, tracking(t, in.h), in.err);
 }
 
 void array_from_xml(const FieldAt<void> &a, const Type &t, XmlIn &in, const char *path, bool count_read,
