@@ -26,7 +26,8 @@ target_include_directories(ovrin_sm_static PUBLIC $<BUILD_INTERFACE:${PROJECT_SO
                                                   $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
                                            PRIVATE ${PROJECT_SOURCE_DIR})
 target_compile_options(ovrin_sm_static PRIVATE -fno-exceptions)
-target_link_libraries(ovrin_sm_static PUBLIC mgx_static simdjson::simdjson)
+# jansson by name: the consumer's linker finds libjansson.a or .so as it links.
+target_link_libraries(ovrin_sm_static PUBLIC mgx_static jansson)
 add_dependencies(ovrin_sm_static ${OVRIN_GENERATED_DEPENDS})
 ovrin_linked_in(ovrin_sm_static ovrin_sm)
 

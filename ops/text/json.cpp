@@ -1,6 +1,6 @@
 // The JSON form of records, unions and enumerations. The writer walks an instance with the field
 // walker, as the XML writer does, into one growing text; the reader walks a document that
-// simdjson has parsed against the type's fields, strictly unless asked to be lenient, and names
+// jansson has parsed against the type's fields, strictly unless asked to be lenient, and names
 // the offending value of a refused document by its JSON pointer.
 #include "ops/text/json.h"
 
@@ -10,8 +10,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
-#include <simdjson.h>
+#include <jansson.h>
 
 #include "ops/enum/enum.h"
 #include "ops/record/lifecycle.h"
@@ -302,9 +303,6 @@ void write_record(const Type &t, JsonOut &o, const void *instance) {
 
 // ------------------------------------------------------------------ reading
 
-using simdjson::dom::element;
-using simdjson::dom::element_type;
-
 // One step of the way to the value being read: a member's name or an element's index.
 struct Step {
     std::string_view key;
@@ -398,22 +396,30 @@ char *JsonIn::make_pointer() const {
     return p;
 }
 
-// The value of an element whose type has been checked.
-template <class T> T as(const element &e) {
-    T v{};
-    return e.get(v) == simdjson::SUCCESS ? v : T{};
+// ---- the parsed document, as jansson holds it
+
+bool is(const json_t *e, json_type type) { return json_typeof(e) == type; }
+std::string_view string_of(const json_t *e) { return {json_string_value(e), json_string_length(e)}; }
+
+// body(name, value) for each member of an object in the document's order, while it answers true.
+template <class Body> void each_member(const json_t *object, Body body) {
+    auto *o = const_cast<json_t *>(object);
+    for (void *it = json_object_iter(o); it; it = json_object_iter_next(o, it))
+        if (!body(std::string_view(json_object_iter_key(it), json_object_iter_key_len(it)),
+                  static_cast<const json_t *>(json_object_iter_value(it))))
+            return;
 }
 
-const char *json_kind(const element &e) {
-    switch (e.type()) {
-    case element_type::ARRAY: return "an array";
-    case element_type::OBJECT: return "an object";
-    case element_type::INT64:
-    case element_type::UINT64:
-    case element_type::DOUBLE: return "a number";
-    case element_type::STRING: return "a string";
-    case element_type::BOOL: return "true or false";
-    case element_type::NULL_VALUE: return "null";
+const char *json_kind(const json_t *e) {
+    switch (json_typeof(e)) {
+    case JSON_ARRAY: return "an array";
+    case JSON_OBJECT: return "an object";
+    case JSON_INTEGER:
+    case JSON_REAL: return "a number";
+    case JSON_STRING: return "a string";
+    case JSON_TRUE:
+    case JSON_FALSE: return "true or false";
+    case JSON_NULL: return "null";
     }
     return "a value";
 }
@@ -424,13 +430,15 @@ const char *kind_name(Kind k) {
     return names[static_cast<int>(k)];
 }
 
+// At most this many characters of a refused text are repeated in the refusal.
+int shown(std::string_view s) { return static_cast<int>(s.size() > 64 ? 64 : s.size()); }
+
 // An unsigned integer of at most max: a JSON integer, or (quoted allowed) a string of digits.
-bool read_unsigned(JsonIn &in, const element &e, uint64_t max, const char *what, bool quoted_allowed, uint64_t &out) {
+bool read_unsigned(JsonIn &in, const json_t *e, uint64_t max, const char *what, bool quoted_allowed, uint64_t &out) {
     uint64_t v = 0;
-    switch (e.type()) {
-    case element_type::UINT64: v = as<uint64_t>(e); break;
-    case element_type::INT64: {
-        int64_t s = as<int64_t>(e);
+    switch (json_typeof(e)) {
+    case JSON_INTEGER: {
+        json_int_t s = json_integer_value(e);
         if (s < 0) {
             in.refuse("%lld is below 0, the smallest %s", static_cast<long long>(s), what);
             return false;
@@ -438,24 +446,24 @@ bool read_unsigned(JsonIn &in, const element &e, uint64_t max, const char *what,
         v = static_cast<uint64_t>(s);
         break;
     }
-    case element_type::STRING: {
-        std::string_view s = as<std::string_view>(e);
+    case JSON_STRING: {
+        std::string_view s = string_of(e);
         if (!quoted_allowed) {
             in.refuse("expected a number, found a string");
             return false;
         }
         if (s.empty() || s.size() > 20) {
-            in.refuse("\"%.*s\" is not a number", static_cast<int>(s.size() > 40 ? 40 : s.size()), s.data());
+            in.refuse("\"%.*s\" is not a number", shown(s), s.data());
             return false;
         }
         for (char c : s) {
             if (c < '0' || c > '9') {
-                in.refuse("\"%.*s\" is not a number", static_cast<int>(s.size()), s.data());
+                in.refuse("\"%.*s\" is not a number", shown(s), s.data());
                 return false;
             }
             uint64_t digit = static_cast<uint64_t>(c - '0');
             if (v > (UINT64_MAX - digit) / 10) {
-                in.refuse("\"%.*s\" is above %llu, the largest %s", static_cast<int>(s.size()), s.data(),
+                in.refuse("\"%.*s\" is above %llu, the largest %s", shown(s), s.data(),
                           static_cast<unsigned long long>(max), what);
                 return false;
             }
@@ -463,7 +471,7 @@ bool read_unsigned(JsonIn &in, const element &e, uint64_t max, const char *what,
         }
         break;
     }
-    case element_type::DOUBLE: in.refuse("%g is not a whole number", as<double>(e)); return false;
+    case JSON_REAL: in.refuse("%g is not a whole number", json_real_value(e)); return false;
     default:
         in.refuse("expected %s, found %s", quoted_allowed ? "a number or a string of digits" : "a number",
                   json_kind(e));
@@ -478,12 +486,12 @@ bool read_unsigned(JsonIn &in, const element &e, uint64_t max, const char *what,
     return true;
 }
 
-bool read_string(JsonIn &in, const element &e, std::string_view &out) {
-    if (e.type() != element_type::STRING) {
+bool read_string(JsonIn &in, const json_t *e, std::string_view &out) {
+    if (!is(e, JSON_STRING)) {
         in.refuse("expected a string, found %s", json_kind(e));
         return false;
     }
-    out = as<std::string_view>(e);
+    out = string_of(e);
     return true;
 }
 
@@ -516,81 +524,75 @@ bool parse_address(std::string_view s, int family, void *out) {
     return inet_pton(family, text, out) == 1;
 }
 
-// An attribute list's elements, [{"type": N, "value": "<hex>"}], put into the list as its wire
-// form so that the runtime's own reader builds the new body (the list's object references stay).
-void read_attributes(JsonIn &in, const element &e, aaa_tlv *list) {
-    if (e.type() != element_type::ARRAY) return in.refuse("expected an array, found %s", json_kind(e));
-    const simdjson::dom::array items = as<simdjson::dom::array>(e);
-    uint64_t need = 4; // at most: every "value" of every item, should the last of a repeated one count
-    for (element item : items) {
-        need += 8;
-        if (item.type() != element_type::OBJECT) continue;
-        const simdjson::dom::object o = as<simdjson::dom::object>(item);
-        for (auto [key, value] : o)
-            if (key == "value" && value.type() == element_type::STRING) need += as<std::string_view>(value).size() / 2;
+void put32(uint8_t *p, uint32_t v) {
+    p[0] = static_cast<uint8_t>(v >> 24);
+    p[1] = static_cast<uint8_t>(v >> 16);
+    p[2] = static_cast<uint8_t>(v >> 8);
+    p[3] = static_cast<uint8_t>(v);
+}
+
+// One attribute, {"type": N, "value": "<hex>"}, appended to the list's wire form at *at; false
+// when it cannot be read (refused, or left out leniently).
+bool read_attribute(JsonIn &in, const json_t *item, uint8_t *wire, size_t &at) {
+    if (!is(item, JSON_OBJECT)) {
+        in.refuse("expected an object, found %s", json_kind(item));
+        return false;
+    }
+    bool have_type = false, have_value = false, bad = false;
+    uint64_t type = 0;
+    std::string_view hex;
+    each_member(item, [&](std::string_view key, const json_t *value) {
+        Into member(in, key);
+        if (key == "type") {
+            have_type = read_unsigned(in, value, UINT32_MAX, "attribute type", false, type);
+        } else if (key == "value") {
+            have_value = read_string(in, value, hex);
+            bool even = have_value && hex.size() % 2 == 0;
+            for (size_t k = 0; even && k < hex.size(); ++k) even = hex_digit(hex[k]) >= 0;
+            if (have_value && !even) {
+                in.refuse("\"%.*s\" is not hexadecimal bytes", shown(hex), hex.data());
+                have_value = false;
+            }
+        } else {
+            in.refuse("an attribute has no member %.*s; it has type and value", shown(key), key.data());
+            bad = true;
+        }
+        return !in.stopped();
+    });
+    if (in.stopped() || bad) return false;
+    if (!have_type || !have_value) {
+        in.refuse("an attribute needs both type and value");
+        return false;
+    }
+    put32(wire + at, static_cast<uint32_t>(type));
+    put32(wire + at + 4, static_cast<uint32_t>(hex.size() / 2));
+    for (size_t k = 0; k < hex.size(); k += 2)
+        wire[at + 8 + k / 2] = static_cast<uint8_t>(hex_digit(hex[k]) << 4 | hex_digit(hex[k + 1]));
+    at += 8 + hex.size() / 2;
+    return true;
+}
+
+// An attribute list's elements put into the list as its wire form, so that the runtime's own
+// reader builds the new body (the list's object references stay).
+void read_attributes(JsonIn &in, const json_t *e, aaa_tlv *list) {
+    if (!is(e, JSON_ARRAY)) return in.refuse("expected an array, found %s", json_kind(e));
+    const size_t n = json_array_size(e);
+    uint64_t need = 4; // at most: every item's type and length, and the bytes of its value
+    for (size_t i = 0; i < n; ++i) {
+        const json_t *value = json_object_get(json_array_get(e, i), "value");
+        need += 8 + (value && is(value, JSON_STRING) ? json_string_length(value) / 2 : 0);
     }
     if (need > INT32_MAX) return in.refuse("the attributes take more than %d bytes", INT32_MAX);
     auto *wire = static_cast<uint8_t *>(std::malloc(need));
     if (!wire) return in.out_of_memory();
     uint32_t count = 0;
     size_t at = 4;
-    auto put32 = [&](size_t pos, uint32_t v) {
-        wire[pos] = static_cast<uint8_t>(v >> 24);
-        wire[pos + 1] = static_cast<uint8_t>(v >> 16);
-        wire[pos + 2] = static_cast<uint8_t>(v >> 8);
-        wire[pos + 3] = static_cast<uint8_t>(v);
-    };
-    uint32_t index = 0;
-    for (element item : items) {
-        Into step(in, {}, index++);
-        if (item.type() != element_type::OBJECT) {
-            in.refuse("expected an object, found %s", json_kind(item));
-            if (in.stopped()) break;
-            continue;
-        }
-        bool have_type = false, have_value = false, bad = false;
-        uint64_t type = 0;
-        std::string_view hex;
-        const simdjson::dom::object fields_of_item = as<simdjson::dom::object>(item);
-        for (auto [key, value] : fields_of_item) {
-            Into member(in, key);
-            bool is_type = key == "type", is_value = key == "value";
-            if (!is_type && !is_value) {
-                in.refuse("an attribute has no member %.*s; it has type and value", static_cast<int>(key.size()),
-                          key.data());
-                bad = true;
-            } else if ((is_type && have_type) || (is_value && have_value)) {
-                in.refuse("given more than once");
-                bad = !in.lenient;
-            } else if (is_type) {
-                have_type = read_unsigned(in, value, UINT32_MAX, "attribute type", false, type);
-                bad = bad || !have_type;
-            } else {
-                have_value = read_string(in, value, hex);
-                bool even = have_value && hex.size() % 2 == 0;
-                for (size_t k = 0; even && k < hex.size(); ++k) even = hex_digit(hex[k]) >= 0;
-                if (have_value && !even) {
-                    in.refuse("\"%.*s\" is not hexadecimal bytes", static_cast<int>(hex.size() > 40 ? 40 : hex.size()),
-                              hex.data());
-                    have_value = false;
-                }
-                bad = bad || !have_value;
-            }
-            if (in.stopped()) break;
-        }
-        if (!in.stopped() && !bad && (!have_type || !have_value))
-            in.refuse("an attribute needs both type and value");
-        if (in.stopped()) break;
-        if (!have_type || !have_value) continue; // lenient: an attribute that cannot be read is left out
-        put32(at, static_cast<uint32_t>(type));
-        put32(at + 4, static_cast<uint32_t>(hex.size() / 2));
-        for (size_t k = 0; k < hex.size(); k += 2)
-            wire[at + 8 + k / 2] = static_cast<uint8_t>(hex_digit(hex[k]) << 4 | hex_digit(hex[k + 1]));
-        at += 8 + hex.size() / 2;
-        ++count;
+    for (size_t i = 0; i < n && !in.stopped(); ++i) {
+        Into step(in, {}, static_cast<uint32_t>(i));
+        count += read_attribute(in, json_array_get(e, i), wire, at);
     }
     if (!in.stopped()) {
-        put32(0, count);
+        put32(wire, count);
         uint32_t err = 0;
         aaa_tlv_unmarshal(in.h, in.luid, wire, list, static_cast<int32_t>(at), 0, &err);
         if (err == MGX_ENOMEM) in.out_of_memory();
@@ -599,32 +601,30 @@ void read_attributes(JsonIn &in, const element &e, aaa_tlv *list) {
     std::free(wire);
 }
 
-void read_record(const Type &t, JsonIn &in, const element &e, void *instance);
+void read_record(const Type &t, JsonIn &in, const json_t *e, void *instance);
 
-void read_enum(const Type &t, JsonIn &in, const element &e, void *instance, const void *base) {
+void read_enum(const Type &t, JsonIn &in, const json_t *e, void *instance, const void *base) {
     uint32_t value;
-    if (e.type() == element_type::STRING) {
-        std::string_view name = as<std::string_view>(e);
+    if (is(e, JSON_STRING)) {
+        std::string_view name = string_of(e);
         const Literal *l = nullptr;
         for (uint16_t i = 0; i < t.n_literals && !l; ++i)
             if (name == t.literals[i].name) l = &t.literals[i];
-        if (!l)
-            return in.refuse("%.*s is not a literal of %s", static_cast<int>(name.size()), name.data(), t.name);
+        if (!l) return in.refuse("%.*s is not a literal of %s", shown(name), name.data(), t.name);
         int8_t variant = mgx_get_instance_variant(instance, 1, 0);
         if (!enum_admits(t, l->user, variant < 0 ? t.last_variant() : variant))
             return in.refuse("%s is not a literal of %s in variant %d", l->name, t.name, variant);
         value = l->user;
     } else {
         uint64_t v;
-        if (e.type() != element_type::INT64 && e.type() != element_type::UINT64)
-            return in.refuse("expected a literal of %s, found %s", t.name, json_kind(e));
+        if (!is(e, JSON_INTEGER)) return in.refuse("expected a literal of %s, found %s", t.name, json_kind(e));
         if (!read_unsigned(in, e, UINT32_MAX, t.name, false, v)) return;
         value = static_cast<uint32_t>(v); // a value no literal names, kept as it is (as decode keeps it)
     }
     store(in, &static_cast<EnumInstance *>(instance)->value, value, base);
 }
 
-void read_element(const Field &f, JsonIn &in, const element &e, void *at, const void *base) {
+void read_element(const Field &f, JsonIn &in, const json_t *e, void *at, const void *base) {
     uint64_t v;
     std::string_view s;
     switch (f.kind) {
@@ -641,32 +641,27 @@ void read_element(const Field &f, JsonIn &in, const element &e, void *at, const 
         if (read_unsigned(in, e, UINT64_MAX, "u_int64", true, v)) store(in, at, v, base);
         return;
     case Kind::boolean:
-        if (e.type() != element_type::BOOL) return in.refuse("expected true or false, found %s", json_kind(e));
-        store(in, at, static_cast<mgx_boolean>(as<bool>(e) ? 1 : 0), base);
+        if (!json_is_boolean(e)) return in.refuse("expected true or false, found %s", json_kind(e));
+        store(in, at, static_cast<mgx_boolean>(json_is_true(e) ? 1 : 0), base);
         return;
     case Kind::mac_addr: {
         mgx_mac_addr mac;
         if (!read_string(in, e, s)) return;
-        if (!parse_mac(s, mac))
-            return in.refuse("\"%.*s\" is not a MAC address", static_cast<int>(s.size() > 64 ? 64 : s.size()), s.data());
+        if (!parse_mac(s, mac)) return in.refuse("\"%.*s\" is not a MAC address", shown(s), s.data());
         store(in, at, mac, base);
         return;
     }
     case Kind::ipv4_addr: {
         in_addr a;
         if (!read_string(in, e, s)) return;
-        if (!parse_address(s, AF_INET, &a))
-            return in.refuse("\"%.*s\" is not an IPv4 address", static_cast<int>(s.size() > 64 ? 64 : s.size()),
-                             s.data());
+        if (!parse_address(s, AF_INET, &a)) return in.refuse("\"%.*s\" is not an IPv4 address", shown(s), s.data());
         store(in, at, static_cast<ipv4_addr>(ntohl(a.s_addr)), base);
         return;
     }
     case Kind::ipv6_addr: {
         ipv6_addr a;
         if (!read_string(in, e, s)) return;
-        if (!parse_address(s, AF_INET6, a.word))
-            return in.refuse("\"%.*s\" is not an IPv6 address", static_cast<int>(s.size() > 64 ? 64 : s.size()),
-                             s.data());
+        if (!parse_address(s, AF_INET6, a.word)) return in.refuse("\"%.*s\" is not an IPv6 address", shown(s), s.data());
         store(in, at, a, base);
         return;
     }
@@ -678,7 +673,7 @@ void read_element(const Field &f, JsonIn &in, const element &e, void *at, const 
 }
 
 // A counted string's bytes, replacing the old ones; the length follows.
-void read_var_string(const FieldAt<void> &a, JsonIn &in, const element &e) {
+void read_var_string(const FieldAt<void> &a, JsonIn &in, const json_t *e) {
     std::string_view s;
     if (!read_string(in, e, s)) return;
     if (s.size() > UINT32_MAX - 1) return in.refuse("a string of %zu bytes is longer than a length holds", s.size());
@@ -697,11 +692,10 @@ void read_var_string(const FieldAt<void> &a, JsonIn &in, const element &e) {
     set_count(in.h, in.luid, a, static_cast<uint32_t>(n));
 }
 
-void read_array(const FieldAt<void> &a, const Type &t, JsonIn &in, const element &e) {
+void read_array(const FieldAt<void> &a, const Type &t, JsonIn &in, const json_t *e) {
     const Field &f = a.field();
-    if (e.type() != element_type::ARRAY) return in.refuse("expected an array, found %s", json_kind(e));
-    const simdjson::dom::array items = as<simdjson::dom::array>(e);
-    size_t given = items.size();
+    if (!is(e, JSON_ARRAY)) return in.refuse("expected an array, found %s", json_kind(e));
+    const size_t given = json_array_size(e);
     if (f.shape == Shape::fixed_array && given != f.count && !in.lenient)
         return in.refuse("holds %zu elements; %s has %u", given, f.name, f.count);
     if (f.shape == Shape::var_array) {
@@ -711,131 +705,194 @@ void read_array(const FieldAt<void> &a, const Type &t, JsonIn &in, const element
         if (!replace_array(a, in.h, in.luid, static_cast<uint32_t>(given), tracking(t, in.h), &err))
             return err == MGX_ENOMEM ? in.out_of_memory() : in.stop(err, "the array cannot be made");
     }
-    uint32_t k = 0, n = a.elements();
-    for (element item : items) {
-        if (k == n) break; // lenient: a fixed array's extra elements are left out
+    const uint32_t n = a.elements(); // leniently, a fixed array's elements past its count are left out
+    for (uint32_t k = 0; k < n && k < given && !in.stopped(); ++k) {
         Into step(in, {}, k);
-        read_element(f, in, item, a.element(k), a.instance());
-        if (in.stopped()) return;
-        ++k;
+        read_element(f, in, json_array_get(e, k), a.element(k), a.instance());
     }
 }
 
-// The member of the object named key, or null (a linear search: the object's members are few,
-// and each is looked at once per field).
+// The field named key, or null (a linear search: a type's fields are few).
 const Field *field_named(const Type &t, std::string_view key) {
     for (uint16_t i = 0; i < t.n_fields; ++i)
         if (key == t.fields[i].name) return &t.fields[i];
     return nullptr;
 }
 
-// Which fields a record's object has given, for the members given twice: a bit per field, on the
-// stack for the usual sizes and from the C heap past them.
-class Given {
-  public:
-    explicit Given(uint16_t n)
-        : bits_(n <= 64 * kept ? local_ : static_cast<uint64_t *>(std::calloc((n + 63u) / 64u, sizeof(uint64_t)))) {}
-    ~Given() {
-        if (bits_ != local_) std::free(bits_);
-    }
-    Given(const Given &) = delete;
-    Given &operator=(const Given &) = delete;
-    bool ok() const { return bits_ != nullptr; }
-    // Marks field i; whether it was marked before.
-    bool mark(uint16_t i) {
-        uint64_t bit = uint64_t{1} << (i % 64);
-        bool was = bits_[i / 64] & bit;
-        bits_[i / 64] |= bit;
-        return was;
-    }
+// The discriminator's literal (or value) and the member it selects, for a member it does not.
+void refuse_unselected(const Type &t, JsonIn &in, void *instance, int variant) {
+    const Field &d = t.fields[t.discriminator];
+    const uint32_t value = stored_selector(t, instance);
+    const Literal *l = literal_named_by(*d.type, value);
+    const Field *chosen = nullptr;
+    for (FieldAt<void> m : fields(t, instance, variant))
+        if (m->shape == Shape::member && m.selected()) chosen = &m.field();
+    char number[12];
+    std::snprintf(number, sizeof number, "%u", value);
+    in.refuse("%s is %s, which selects %s", d.name, l ? l->name : number, chosen ? chosen->name : "no member");
+}
 
-  private:
-    static constexpr unsigned kept = 4;
-    uint64_t local_[kept] = {};
-    uint64_t *bits_;
-};
-
-void read_record(const Type &t, JsonIn &in, const element &e, void *instance) {
-    if (e.type() != element_type::OBJECT) return in.refuse("expected an object (%s), found %s", t.name, json_kind(e));
-    const simdjson::dom::object object = as<simdjson::dom::object>(e);
+void read_record(const Type &t, JsonIn &in, const json_t *e, void *instance) {
+    if (!is(e, JSON_OBJECT)) return in.refuse("expected an object (%s), found %s", t.name, json_kind(e));
     int8_t variant = mgx_get_instance_variant(instance, 1, 0);
     if (variant < 0) variant = t.last_variant();
-    Given given(t.n_fields);
-    if (!given.ok()) return in.out_of_memory();
     OldCounts counts; // the counts and lengths the object gives, checked once their arrays are read
 
-    // Every member but the union members, in the object's order.
-    for (auto [key, value] : object) {
+    // Every member but the union's members, in the document's order.
+    each_member(e, [&](std::string_view key, const json_t *value) {
         Into step(in, key);
         const Field *f = field_named(t, key);
         if (!f) {
-            in.refuse("%s has no member %.*s", t.name, static_cast<int>(key.size()), key.data());
+            in.refuse("%s has no member %.*s", t.name, shown(key), key.data());
         } else if (!present(*f, variant)) {
             in.refuse("%s has no member %s in variant %d", t.name, f->name, variant);
-        } else if (given.mark(static_cast<uint16_t>(f - t.fields)) && !in.lenient) {
-            in.refuse("given more than once");
         } else if (f->shape != Shape::member) {
             FieldAt<void> a = field_of(t, *f, instance);
-            if (a.is_counter()) {
-                uint64_t v;
-                if (read_unsigned(in, value, f->kind == Kind::u16 ? UINT16_MAX : UINT32_MAX, kind_name(f->kind), false, v))
-                    counts.keep(a.index(), static_cast<uint32_t>(v));
-            } else if (f->shape == Shape::scalar) {
-                read_element(*f, in, value, a.address(), instance);
-            } else if (f->shape == Shape::var_string) {
-                read_var_string(a, in, value);
-            } else {
-                read_array(a, t, in, value);
+            uint64_t v;
+            if (!a.is_counter()) {
+                if (f->shape == Shape::scalar) read_element(*f, in, value, a.address(), instance);
+                else if (f->shape == Shape::var_string) read_var_string(a, in, value);
+                else read_array(a, t, in, value);
+            } else if (read_unsigned(in, value, f->kind == Kind::u16 ? UINT16_MAX : UINT32_MAX, kind_name(f->kind), false,
+                                     v)) {
+                counts.keep(a.index(), static_cast<uint32_t>(v));
             }
         }
-        if (in.stopped()) return;
-    }
+        return !in.stopped();
+    });
+    if (in.stopped()) return;
     // A count or length given must be that of what is there now.
     for (FieldAt<void> a : fields(t, instance, variant)) {
         if (!a.is_counter() || !counts.has(a.index())) continue;
         const FieldAt<void> counted = field_of(t, t.fields[a->companion], instance);
-        uint32_t says = counts.of(a.index()), holds = counted.elements();
-        if (counted->shape == Shape::var_string) holds = counted.block() ? counted.count() : 0;
+        const bool bytes = counted->shape == Shape::var_string;
+        const uint32_t says = counts.of(a.index()), holds = bytes ? (counted.block() ? counted.count() : 0) : counted.elements();
         if (says == holds) continue;
         Into step(in, a->name);
-        in.refuse("says %u, but %s holds %u %s", says, counted->name, holds,
-                  counted->shape == Shape::var_string ? "bytes" : "elements");
+        in.refuse("says %u, but %s holds %u %s", says, counted->name, holds, bytes ? "bytes" : "elements");
         if (in.stopped()) return;
     }
     if (t.kind != TypeKind::union_) return;
     // The union's member, once the discriminator is known.
-    for (auto [key, value] : object) {
+    each_member(e, [&](std::string_view key, const json_t *value) {
         const Field *f = field_named(t, key);
-        if (!f || f->shape != Shape::member || !present(*f, variant)) continue;
+        if (!f || f->shape != Shape::member || !present(*f, variant)) return true;
         Into step(in, key);
         FieldAt<void> a = field_of(t, *f, instance);
         if (!a.selected()) {
-            const Field &d = t.fields[t.discriminator];
-            const Literal *l = literal_named_by(*d.type, stored_selector(t, instance));
-            const Field *chosen = nullptr;
-            for (FieldAt<void> m : fields(t, instance, variant))
-                if (m->shape == Shape::member && m.selected()) chosen = &m.field();
-            char value_text[16];
-            std::snprintf(value_text, sizeof value_text, "%u", stored_selector(t, instance));
-            in.refuse("%s is %s, which selects %s", d.name, l ? l->name : value_text, chosen ? chosen->name : "no member");
-            if (in.stopped()) return;
-            continue;
+            refuse_unselected(t, in, instance, variant);
+            return !in.stopped();
         }
         void *&slot = a.pointer();
         if (!slot) {
             void *made = create_internal(*f->type, in.h, in.luid);
-            if (!made) return in.out_of_memory();
+            if (!made) {
+                in.out_of_memory();
+                return false;
+            }
             notify(in.h, &slot, sizeof slot, in.luid, instance);
             slot = made;
         }
         read_record(*f->type, in, value, slot);
-        if (in.stopped()) return;
+        return !in.stopped();
+    });
+    if (in.stopped() || in.lenient) return;
+    // A member selected but not there cannot be encoded: strictly, the document must give it.
+    for (FieldAt<void> a : fields(t, instance, variant)) {
+        if (a->shape != Shape::member || !a.selected() || a.block()) continue;
+        Into step(in, a->name);
+        const Field &d = t.fields[t.discriminator];
+        const Literal *l = literal_named_by(*d.type, stored_selector(t, instance));
+        in.refuse("%s is %s, which selects %s: it is missing", d.name, l ? l->name : "a value", a->name);
+        return;
     }
 }
 
-// The parser of this thread, kept between reads while what it holds for a document is small; a
-// large document's room is given back when its read ends.
-constexpr size_t parser_kept = 64 * 1024;
+// The JSON pointer of the value the parser stopped at (position bytes in): the document before it
+// is read again as far as its structure goes, member names and element indices kept on a stack.
+// From the C heap; null when it cannot be had.
+char *pointer_at(const char *json, size_t position) {
+    struct Frame {
+        bool object;
+        std::string_view key; // the member being read; its raw text, escapes as written
+        uint32_t index;       // the element being read
+        bool has_value;       // an element, or a member's value, has begun
+    };
+    Frame stack[OVRIN_JSON_MAX_DEPTH + 1];
+    unsigned depth = 0;
+    bool expect_key = false;
+    for (size_t i = 0; i < position; ++i) {
+        char c = json[i];
+        Frame *top = depth ? &stack[depth - 1] : nullptr;
+        if (c == '"') {
+            size_t start = ++i;
+            while (i < position && json[i] != '"') i += json[i] == '\\' ? 2 : 1;
+            if (top && top->object && expect_key) {
+                top->key = std::string_view(json + start, (i < position ? i : position) - start);
+                expect_key = false;
+            } else if (top) {
+                top->has_value = true;
+            }
+        } else if (c == '{' || c == '[') {
+            if (top) top->has_value = true;
+            if (depth == OVRIN_JSON_MAX_DEPTH + 1) break;
+            stack[depth++] = Frame{c == '{', {}, 0, false};
+            expect_key = c == '{';
+        } else if (c == '}' || c == ']') {
+            if (depth) --depth;
+            expect_key = false;
+        } else if (c == ',' && top) {
+            if (top->object) expect_key = true, top->key = {};
+            else ++top->index;
+            top->has_value = false;
+        } else if (c != ':' && c != ' ' && c != '\t' && c != '\n' && c != '\r' && top) {
+            top->has_value = true;
+        }
+    }
+    // Each frame names its member, or its element once one has begun.
+    size_t n = 1;
+    for (unsigned k = 0; k < depth; ++k) n += 2 + 2 * stack[k].key.size() + 10;
+    auto *p = static_cast<char *>(std::malloc(n));
+    if (!p) return nullptr;
+    size_t at = 0;
+    for (unsigned k = 0; k < depth; ++k) {
+        const Frame &f = stack[k];
+        if (f.object && f.key.data()) {
+            p[at++] = '/';
+            for (char c : f.key) {
+                if (c == '~' || c == '/') p[at++] = '~', p[at++] = c == '~' ? '0' : '1';
+                else p[at++] = c;
+            }
+        } else if (!f.object && (f.has_value || k + 1 < depth)) {
+            at += static_cast<size_t>(std::snprintf(p + at, n - at, "/%u", f.index));
+        } else {
+            break;
+        }
+    }
+    p[at] = '\0';
+    return p;
+}
+
+// How deep the document's arrays and objects nest, counted over its bytes before it is parsed (so
+// that the parser never recurses deeper than the limit); strings are skipped, escapes and all.
+bool nested_within(const char *json, size_t length, unsigned limit) {
+    unsigned depth = 0;
+    bool in_string = false;
+    for (size_t i = 0; i < length; ++i) {
+        char c = json[i];
+        if (in_string) {
+            if (c == '\\') ++i;
+            else if (c == '"') in_string = false;
+        } else if (c == '"') {
+            in_string = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > limit) return false;
+        } else if ((c == ']' || c == '}') && depth) {
+            --depth;
+        }
+    }
+    return true;
+}
 
 } // namespace
 
@@ -863,17 +920,32 @@ uint32_t from_json(const Type &t, mgx_handle_t *h, uint32_t luid, const char *js
         in.stop(MGX_EINVAL, !instance ? "no instance to read into" : "no document");
     } else if (length > OVRIN_JSON_MAX_DOCUMENT) {
         in.stop(MGX_EINVAL, "the document is larger than the 64 MiB the reader takes");
+    } else if (!nested_within(json, length, OVRIN_JSON_MAX_DEPTH)) {
+        in.stop(MGX_EINVAL, "arrays and objects nest deeper than the 128 levels the reader takes");
     } else {
-        thread_local simdjson::dom::parser parser;
-        element root;
-        simdjson::error_code parsed = simdjson::SUCCESS;
-        if (parser.max_depth() != OVRIN_JSON_MAX_DEPTH) parsed = parser.allocate(length, OVRIN_JSON_MAX_DEPTH);
-        if (!parsed) parsed = parser.parse(json ? json : "", length, true).get(root);
-        if (parsed == simdjson::MEMALLOC) in.out_of_memory();
-        else if (parsed) in.stop(MGX_EINVAL, simdjson::error_message(parsed));
-        else if (t.kind == TypeKind::enumeration) read_enum(t, in, root, instance, instance);
-        else read_record(t, in, root, instance);
-        if (parser.capacity() > parser_kept) parser = simdjson::dom::parser{};
+        // Strictly, a member given twice is refused by the parser; leniently the last one counts.
+        json_error_t problem;
+        const size_t mode = JSON_DECODE_ANY | JSON_ALLOW_NUL | (in.lenient ? 0 : JSON_REJECT_DUPLICATES);
+        json_t *root = json_loadb(json ? json : "", length, mode, &problem);
+        if (!root && json_error_code(&problem) == json_error_out_of_memory) {
+            in.out_of_memory();
+        } else if (!root) {
+            char what[JSON_ERROR_TEXT_LENGTH + 48];
+            std::snprintf(what, sizeof what, "line %d, column %d: %s", problem.line, problem.column, problem.text);
+            in.stop(MGX_EINVAL, what);
+            std::free(in.pointer);
+            in.pointer = pointer_at(json ? json : "", problem.position < 0 ? 0 : static_cast<size_t>(problem.position));
+        } else if (t.kind == TypeKind::enumeration ? !is(root, JSON_STRING) && !is(root, JSON_INTEGER)
+                                                   : !is(root, JSON_OBJECT)) {
+            // Nothing of it can be read, even leniently.
+            in.stop(MGX_EINVAL, t.kind == TypeKind::enumeration ? "the document is not a literal or a number"
+                                                                : "the document is not an object");
+        } else if (t.kind == TypeKind::enumeration) {
+            read_enum(t, in, root, instance, instance);
+        } else {
+            read_record(t, in, root, instance);
+        }
+        json_decref(root);
     }
     if (in.code) {
         mgx_store_err(h, in.code);
