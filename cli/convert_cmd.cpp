@@ -387,14 +387,14 @@ int ovrin_cmd_encode(int argc, char **argv) {
     uint32_t err = 0;
     ops->adjust_variant(s.h, 1, instance, &err);
     int status = exit_failure;
-    if (o.json || looks_json(input) ? read_json(o, *ops, where, input, s.h, instance)
-                                    : read_xml(o, *ops, where, input, s.h, instance)) {
+    const bool json = o.json || looks_json(input);
+    if (json ? read_json(o, *ops, where, input, s.h, instance) : read_xml(o, *ops, where, input, s.h, instance)) {
         uint32_t n = ops->len ? ops->len(s.h, 1, instance) : 5; // an enumeration's encoding is 5 bytes
         std::vector<uint8_t> out(n + 1);
         n = ops->marshal(s.h, 1, out.data(), instance, static_cast<int32_t>(n), &err);
         if (err) {
             std::fprintf(stderr, "ovrin-sm: %s does not encode: error %u (%s)%s\n", o.type, err, mgx_strerror(err),
-                         o.lenient ? "; without --lenient the document check says where" : "");
+                         o.lenient && !json ? "; without --lenient the document check says where" : "");
         } else {
             status = exit_ok;
             if (o.hex) write_hex(out.data(), n);

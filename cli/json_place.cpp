@@ -51,14 +51,16 @@ public:
                 --at;
                 return false;
             }
+            const size_t escape = at - 2;
             uint32_t u = 0;
             if (!hex4(u)) return false;
-            if (u >= 0xD800 && u < 0xDC00 && s_.substr(at, 2) == "\\u") { // a surrogate pair
-                size_t back = at;
+            if (u >= 0xD800 && u < 0xE000) { // half of a surrogate pair: the other half must follow
                 uint32_t low = 0;
-                at += 2;
-                if (hex4(low) && low >= 0xDC00 && low < 0xE000) u = 0x10000 + ((u - 0xD800) << 10) + (low - 0xDC00);
-                else at = back;
+                if (u >= 0xDC00 || s_.substr(at, 2) != "\\u" || (at += 2, !hex4(low)) || low < 0xDC00 || low >= 0xE000) {
+                    at = escape;
+                    return false;
+                }
+                u = 0x10000 + ((u - 0xD800) << 10) + (low - 0xDC00);
             }
             if (out) utf8(u, *out);
         }

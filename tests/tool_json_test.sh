@@ -61,7 +61,7 @@ while IFS='|' read -r t doc pattern; do
     "$tool" encode "$t" --lenient "$work/doc.json" > /dev/null || fail "--lenient refused: $doc"
 done <<CASES
 ovrin_smd_in_event|{"event_type":"SESS_MGR_RCL_IN_REGISTER","reg_client":{"sesion_type":2}}|$work/doc.json:1:70: /reg_client/sesion_type: sess_mgr_register has no member sesion_type; did you mean session_type?
-ovrin_smd_in_event|{"event_type":"SESS_MGR_RCL_IN_REGISTER","start_client":{}}|:1:57: /start_client: event_type is SESS_MGR_RCL_IN_REGISTER, which selects reg_client
+ovrin_smd_in_event|{"event_type":"SESS_MGR_RCL_IN_REGISTER","reg_client":{},"start_client":{}}|:1:73: /start_client: event_type is SESS_MGR_RCL_IN_REGISTER, which selects reg_client
 sess_mgr_register|{"session_type":1,"session_type":2}|:1:34: /session_type: given more than once
 sess_mgr_register|{"rcl_conn_hdl":{"conn_hdl":"7"}}|:1:29: /rcl_conn_hdl/conn_hdl: expected a number, found a string
 sm_dot11_params|{"apfMsLradSlotId":256}|:1:20: /apfMsLradSlotId: 256 is above 255, the largest u_int8
@@ -71,14 +71,15 @@ sm_dot11_params|{"oui":[1,2]}|:1:8: /oui: holds 2 elements; oui has 3
 CASES
 
 # A place past the first line; a root of the wrong kind; text that is not JSON (cut short, a byte
-# that is not UTF-8, nested past the limit), refused in either reading.
+# that is not UTF-8, half a surrogate pair, nested past the limit), refused in either reading.
 printf '{\n  "apfMsLradSlotId": 255,\n  "vlan_id": 65536\n}\n' > "$work/widths.json"
 expect 1 "$work/widths.json:3:14: /vlan_id: 65536 is above 65535, the largest u_int16" encode sm_dot11_params "$work/widths.json"
-echo '[]' | expect 1 "<stdin>:1:1: expected an object, found an array" encode sess_mgr_register
+echo '[]' | expect 1 "<stdin>:1:1: expected an object (sess_mgr_register), found an array" encode sess_mgr_register
 for lenient in "" --lenient; do
     printf '{\n  "session_type": 1,\n  "cb_bitmap": 2,\n}' |
         expect 1 "<stdin>:4:1: not a JSON document: " encode sess_mgr_register $lenient
     printf '{"cl_name":{"client_name":"a\xffb"}}' | expect 1 "<stdin>:1:29: not a JSON document: " encode sess_mgr_register $lenient
+    printf '{"cl_name":{"client_name":"\\ud800"}}' | expect 1 "<stdin>:1:28: not a JSON document: " encode sess_mgr_register $lenient
     printf '%0.s[' {1..200} | expect 1 "<stdin>:1:129: not a JSON document: " encode sess_mgr_register --json $lenient
 done
 
