@@ -9,10 +9,11 @@ int ovrin_cmd_types(int argc, char **argv);
 // ovrin-sm manifest [LIBRARY]: the manifest section of a library file.
 int ovrin_cmd_manifest(int argc, char **argv);
 
-// ovrin-sm decode TYPE [FILE] [--hex] [--xml] [--tracked]: wire bytes to the print form or XML.
+// ovrin-sm decode TYPE [FILE] [--hex] [--xml|--json] [--tracked]: wire bytes to the print form,
+// XML or JSON.
 int ovrin_cmd_decode(int argc, char **argv);
 
-// ovrin-sm encode TYPE [FILE] [--hex] [--tracked]: an XML document to wire bytes.
+// ovrin-sm encode TYPE [FILE] [--json] [--hex] [--tracked]: an XML or JSON document to wire bytes.
 int ovrin_cmd_encode(int argc, char **argv);
 
 // ovrin-sm trace FILE [--library LIBRARY]: a binary trace file decoded to timestamped lines with

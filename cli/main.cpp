@@ -26,8 +26,8 @@ struct Entry {
 const Entry commands[] = {
     {"types", ovrin_cmd_types, "types [TYPE]          the types; with TYPE, its members, literals and a skeleton"},
     {"manifest", ovrin_cmd_manifest, "manifest [LIBRARY]    the type manifest and build record of a library file"},
-    {"decode", ovrin_cmd_decode, "decode TYPE [FILE]    wire bytes to the print form, or to XML with --xml"},
-    {"encode", ovrin_cmd_encode, "encode TYPE [FILE]    an XML document, checked against TYPE, to wire bytes"},
+    {"decode", ovrin_cmd_decode, "decode TYPE [FILE]    wire bytes to the print form, or to XML or JSON (--xml, --json)"},
+    {"encode", ovrin_cmd_encode, "encode TYPE [FILE]    an XML or JSON document, checked against TYPE, to wire bytes"},
     {"trace", ovrin_cmd_trace, "trace FILE            a binary trace file to timestamped lines"},
     {"demo", ovrin_cmd_demo, "demo                  a client and a session manager exchanging messages"},
     {"compat", ovrin_cmd_compat, "compat OLD NEW        whether peers of two catalogue files still read each other"},

@@ -22,10 +22,13 @@ struct Text {
     ~Text() { std::free(data); }
 };
 
-// The instance in the print form, or as XML with xml, whole, into text. The character count, or
-// -1 when the library reports a failure (its code is then the handle's last error: 12 when the
-// text would not fit in the largest buffer the operations take).
-long render(const ovrin_sm_type_ops &ops, mgx_handle_t *h, const void *instance, bool xml, Text &text);
+// The forms an instance is written in.
+enum class Form { print, xml, json };
+
+// The instance in the form, whole, into text (JSON indented as jq prints it with pretty; XML is
+// indented by indent_xml). The character count, or -1 when the library reports a failure (its
+// code is then the handle's last error: 12 when the text cannot grow).
+long render(const ovrin_sm_type_ops &ops, mgx_handle_t *h, const void *instance, Form form, bool pretty, Text &text);
 
 // The library's one-line XML with one element a line, children indented by two spaces; a
 // value's text stays on its element's line exactly as it was.

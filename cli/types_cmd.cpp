@@ -1,7 +1,7 @@
 // ovrin-sm types [TYPE]: the table of the bundle's types, read from the loaded library through its
 // module node in the runtime's module list (registration order) and the descriptors it lists; with
 // TYPE, that type's members, arms and literals from the tool's copy of the type tables, or with
-// --xml-skeleton a document of the type for encode to start from.
+// --xml-skeleton or --json-skeleton a document of the type for encode to start from.
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -198,12 +198,99 @@ private:
     }
 };
 
+// The same document in the JSON form, indented as 'decode --json --pretty' writes it: every member
+// under its name, a union's discriminator with its fresh literal and the member that selects, one
+// element of every variable array and attribute list.
+class JsonSkeleton {
+public:
+    std::string out;
+
+    void type(const Type &t, int depth) {
+        if (t.kind == TypeKind::enumeration) {
+            const Literal *l = fresh_literal(t);
+            out.append("\"").append(l ? l->name : t.literals[0].name).append("\"");
+            return;
+        }
+        const Field *selected = nullptr;
+        if (t.kind == TypeKind::union_) selected = member_selected_by(t, fresh_literal(*t.fields[t.discriminator].type));
+        bool first = true;
+        auto member = [&](const Field &f) {
+            out += first ? "{\n" : ",\n";
+            first = false;
+            pad(depth + 1);
+            out.append("\"").append(f.name).append("\": ");
+        };
+        for (uint16_t i = 0; i < t.n_fields; ++i) {
+            const Field &f = t.fields[i];
+            if (f.shape == Shape::member && &f != selected) continue;
+            member(f);
+            switch (f.shape) {
+            case Shape::scalar:
+                if (f.companion >= 0 && t.fields[f.companion].shape == Shape::var_array) out += "1"; // the one element
+                else element(f, depth + 1);
+                break;
+            case Shape::fixed_array: array(f, f.count, depth + 1); break;
+            case Shape::var_array: array(f, 1, depth + 1); break;
+            case Shape::var_string: out += "\"\""; break;
+            case Shape::member: type(*f.type, depth + 1); break;
+            }
+        }
+        if (first) {
+            out += "{}";
+            return;
+        }
+        out += "\n";
+        pad(depth);
+        out += "}";
+    }
+
+private:
+    void pad(int depth) { out.append(2 * static_cast<size_t>(depth), ' '); }
+
+    void array(const Field &f, unsigned n, int depth) {
+        out += "[\n";
+        for (unsigned k = 0; k < n; ++k) {
+            pad(depth + 1);
+            element(f, depth + 1);
+            out += k + 1 < n ? ",\n" : "\n";
+        }
+        pad(depth);
+        out += "]";
+    }
+
+    void element(const Field &f, int depth) {
+        switch (f.kind) {
+        case Kind::record:
+        case Kind::enumeration: type(*f.type, depth); return;
+        case Kind::aaa_tlv:
+            out += "[\n";
+            pad(depth + 1);
+            out += "{\n";
+            pad(depth + 2);
+            out += "\"type\": 0,\n";
+            pad(depth + 2);
+            out += "\"value\": \"\"\n";
+            pad(depth + 1);
+            out += "}\n";
+            pad(depth);
+            out += "]";
+            return;
+        case Kind::u64: out += "\"0\""; return;
+        case Kind::boolean: out += "false"; return;
+        case Kind::mac_addr: out += "\"00:00:00:00:00:00\""; return;
+        case Kind::ipv4_addr: out += "\"0.0.0.0\""; return;
+        case Kind::ipv6_addr: out += "\"::\""; return;
+        default: out += "0"; return;
+        }
+    }
+};
+
 } // namespace
 
 int ovrin_cmd_types(int argc, char **argv) {
-    enum { opt_skeleton = 256 };
+    enum { opt_skeleton = 256, opt_json_skeleton };
     static const Command command = {
-        "types", "[TYPE [--xml-skeleton]]",
+        "types", "[TYPE [--xml-skeleton | --json-skeleton]]",
         "Without TYPE: one line per type of the ovrin_sm domain, in registration order, with its kind,\n"
         "variants, instance size and fingerprint, as the loaded library describes itself.\n"
         "With TYPE: its members in declaration order (type, kind, width and offset in the instance, the\n"
@@ -212,23 +299,28 @@ int ovrin_cmd_types(int argc, char **argv) {
         "values callers see and the values the wire carries.\n"
         "\n"
         "  --xml-skeleton        print a document of TYPE holding a fresh instance's values, which\n"
-        "                        'ovrin-sm encode TYPE' accepts as it stands\n",
-        {{"xml-skeleton", no_argument, nullptr, opt_skeleton}}};
+        "                        'ovrin-sm encode TYPE' accepts as it stands\n"
+        "  --json-skeleton       the same document in JSON\n",
+        {{"xml-skeleton", no_argument, nullptr, opt_skeleton}, {"json-skeleton", no_argument, nullptr, opt_json_skeleton}}};
     Parser p(command, argc, argv);
-    bool skeleton = false;
+    int skeleton = 0;
     for (bool more = true; more;) {
         int val;
         const char *arg;
         switch (p.next(val, arg)) {
         case Next::help: return show_help(command);
         case Next::error: return exit_usage;
-        case Next::option: skeleton = true; break;
+        case Next::option:
+            if (skeleton && skeleton != val) return usage_error(command, "--xml-skeleton and --json-skeleton cannot go together");
+            skeleton = val;
+            break;
         case Next::done: more = false; break;
         }
     }
     const auto &operands = p.operands();
     if (operands.size() > 1) return usage_error(command, std::string("unexpected operand '") + operands[1] + "'");
-    if (operands.empty()) return skeleton ? usage_error(command, "--xml-skeleton needs a TYPE") : list_types();
+    if (operands.empty())
+        return skeleton ? usage_error(command, p.name_of(skeleton) + " needs a TYPE") : list_types();
     const Type *t = find_table(operands[0]);
     if (!t) {
         std::vector<std::string> names;
@@ -236,7 +328,12 @@ int ovrin_cmd_types(int argc, char **argv) {
         std::fprintf(stderr, "ovrin-sm: no type '%s'%s\n", operands[0], did_you_mean(operands[0], names).c_str());
         return exit_usage;
     }
-    if (skeleton) {
+    if (skeleton == opt_json_skeleton) {
+        JsonSkeleton s;
+        s.type(*t, 0);
+        s.out += "\n";
+        std::fputs(s.out.c_str(), stdout);
+    } else if (skeleton) {
         Skeleton s;
         s.type(*t, t->name, 0);
         std::fputs(s.out.c_str(), stdout);

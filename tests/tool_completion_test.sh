@@ -25,7 +25,8 @@ check "decode demo" "$tool" de
 check "--count --corrupt" "$tool" demo --c
 check "sess_mgr_register" "$tool" decode sess_mgr_reg
 check "sess_mgr_register" "$tool" types sess_mgr_reg
-check "--hex --xml --pretty --tracked --allow-trailing --help" "$tool" decode --
+check "--hex --xml --json --pretty --tracked --allow-trailing --help" "$tool" decode --
+check "--json-skeleton" "$tool" types sess_mgr_register --js
 check "encode" "$tool" help en
 check "" "$tool" demo --count ""
 work=$(mktemp -d)
@@ -37,5 +38,5 @@ check "$work/message.bin" "$tool" trace x --library "$work/mess"
 for command in types manifest decode encode trace demo compat; do
     grep -qx ".SS $command" "$man" || fail "the manual page has no section for $command"
 done
-grep -q 'allow\\-trailing' "$man" || fail "the manual page lacks decode's options"
+grep -q 'allow\\-trailing' "$man" && grep -q 'json\\-skeleton' "$man" || fail "the manual page lacks options"
 echo "completion and manual page: ok"

@@ -167,7 +167,7 @@ demo: --count: 'abc' is not a number from 1 to 1000000000|demo --count abc
 --xml and --hex cannot go together|demo --xml --hex
 decode: unknown option '--bogus'|decode sess_mgr_register --bogus
 --xml takes no value|decode sess_mgr_register --xml=yes
---pretty indents XML: it needs --xml|decode sess_mgr_register --pretty
+--pretty indents XML or JSON: it needs --xml or --json|decode sess_mgr_register --pretty
 trace: --library needs a value|trace x --library
 unexpected operand 'c'|encode sess_mgr_register a c
 unknown command 'decod'; did you mean decode?|decod

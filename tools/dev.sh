@@ -32,7 +32,7 @@ cd "$(dirname "$0")/.."
 root=$PWD
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config libxml2-dev zlib1g-dev nettle-dev
-          libjansson-dev python3 python3-pytest
+          libjansson-dev python3 python3-pytest jq
           libgtest-dev libgmock-dev libbenchmark-dev valgrind)
 
 # Only the benchmarks need these: the comparator's library and compiler.
