@@ -230,23 +230,20 @@ bool read_json(const Options &o, const ovrin_sm_type_ops &ops, const std::string
     }
     const std::string what = e.text, pointer = e.pointer ? e.pointer : "";
     ovrin_json_error_free(&e);
-    // The pointer names a value of a document that parsed; a text that did not parse is refused
-    // at "", and the place is where it stops being JSON.
-    size_t at = no_place;
-    if (pointer.empty())
-        at = json_fault_at(text, OVRIN_JSON_MAX_DEPTH,
-                           what.find("UTF-8") != std::string::npos || what.find("UTF8") != std::string::npos);
-    const bool not_json = at != no_place;
-    if (!not_json) at = json_value_at(text, pointer, what.rfind("given more than once", 0) == 0);
-    const std::string place = at == no_place ? where : where + ":" + line_column(text, at);
-    if (not_json) {
-        std::fprintf(stderr, "%s: not a JSON document: %s\n", place.c_str(), what.c_str());
-        if (first_character(input) == '<')
-            std::fprintf(stderr, "ovrin-sm: the input looks like XML: leave out --json to read it so\n");
-        return false;
+    // What the parser refuses comes with its line and column ("line L, column C: why"); anything
+    // else is placed by its pointer.
+    int line = 0, column = 0, used = 0;
+    std::string place = where, why = what;
+    if (std::sscanf(what.c_str(), "line %d, column %d: %n", &line, &column, &used) == 2 && used > 0) {
+        place += ":" + std::to_string(line) + ":" + std::to_string(column);
+        why = what.substr(static_cast<size_t>(used));
+    } else if (size_t at = json_value_at(text, pointer); at != no_place) {
+        place += ":" + line_column(text, at);
     }
-    std::fprintf(stderr, "%s: %s%s%s%s\n", place.c_str(), pointer.c_str(), pointer.empty() ? "" : ": ", what.c_str(),
-                 json_hint(pointer, what).c_str());
+    std::fprintf(stderr, "%s: %s%s%s%s\n", place.c_str(), pointer.c_str(), pointer.empty() ? "" : ": ", why.c_str(),
+                 json_hint(pointer, why).c_str());
+    if (first_character(input) == '<')
+        std::fprintf(stderr, "ovrin-sm: the input looks like XML: leave out --json to read it so\n");
     // Whether the lenient reading takes it, tried on an instance of its own.
     bool lenient_reads = false;
     if (!o.lenient) {

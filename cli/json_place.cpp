@@ -68,13 +68,12 @@ public:
     }
 
     // Any value at `at`, checked against the grammar and skipped; false where it breaks it.
-    bool value(size_t max_depth = SIZE_MAX) {
+    bool value() {
         std::vector<char> open; // the closing bracket of each array and object we are in
         for (;;) {
             blank();
             if (peek('{') || peek('[')) {
                 char close = s_[at] == '{' ? '}' : ']';
-                if (open.size() >= max_depth) return false;
                 ++at;
                 blank();
                 if (!take(close)) {
@@ -171,29 +170,9 @@ private:
     }
 };
 
-// The first byte of text that is not part of valid UTF-8 (overlong forms, surrogates and code
-// points past U+10FFFF included), or no_place.
-size_t utf8_fault(std::string_view text) {
-    for (size_t i = 0; i < text.size();) {
-        auto c = static_cast<unsigned char>(text[i]);
-        size_t n = c < 0x80 ? 1 : (c & 0xE0) == 0xC0 ? 2 : (c & 0xF0) == 0xE0 ? 3 : (c & 0xF8) == 0xF0 ? 4 : 0;
-        if (n == 0 || i + n > text.size()) return i;
-        uint32_t u = n == 1 ? c : c & (0x7F >> n);
-        for (size_t k = 1; k < n; ++k) {
-            auto d = static_cast<unsigned char>(text[i + k]);
-            if ((d & 0xC0) != 0x80) return i;
-            u = u << 6 | (d & 0x3F);
-        }
-        static constexpr uint32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
-        if (u < least[n] || u > 0x10FFFF || (u >= 0xD800 && u < 0xE000)) return i;
-        i += n;
-    }
-    return no_place;
-}
-
 } // namespace
 
-size_t json_value_at(std::string_view text, std::string_view pointer, bool repeat) {
+size_t json_value_at(std::string_view text, std::string_view pointer) {
     Scanner s(text);
     s.blank();
     while (!pointer.empty()) {
@@ -201,15 +180,14 @@ size_t json_value_at(std::string_view text, std::string_view pointer, bool repea
         size_t end = pointer.find('/', 1);
         std::string token = last_token(pointer.substr(0, end));
         pointer = end == std::string_view::npos ? std::string_view() : pointer.substr(end);
-        bool last = pointer.empty();
         if (s.take('{')) {
             s.blank();
             if (s.peek('}')) return no_place;
-            for (int seen = 0;;) {
+            for (;;) {
                 std::string name;
                 if (!s.key(&name)) return no_place;
                 s.blank();
-                if (name == token && ++seen > (repeat && last ? 1 : 0)) break;
+                if (name == token) break;
                 if (!s.value()) return no_place;
                 s.blank();
                 if (!s.take(',')) return no_place;
@@ -234,14 +212,6 @@ size_t json_value_at(std::string_view text, std::string_view pointer, bool repea
         }
         s.blank();
     }
-    return s.at < text.size() ? s.at : no_place;
-}
-
-size_t json_fault_at(std::string_view text, size_t max_depth, bool utf8) {
-    if (size_t bad = utf8 ? utf8_fault(text) : no_place; bad != no_place) return bad;
-    Scanner s(text);
-    if (!s.value(max_depth)) return s.at;
-    s.blank();
     return s.at < text.size() ? s.at : no_place;
 }
 

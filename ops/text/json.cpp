@@ -873,9 +873,10 @@ char *pointer_at(const char *json, size_t position) {
     return p;
 }
 
-// How deep the document's arrays and objects nest, counted over its bytes before it is parsed (so
-// that the parser never recurses deeper than the limit); strings are skipped, escapes and all.
-bool nested_within(const char *json, size_t length, unsigned limit) {
+// Where the document's arrays and objects first nest deeper than limit, found over its bytes
+// before it is parsed (so that the parser never recurses deeper); strings are skipped, escapes
+// and all. length when they never do.
+size_t too_deep_at(const char *json, size_t length, unsigned limit) {
     unsigned depth = 0;
     bool in_string = false;
     for (size_t i = 0; i < length; ++i) {
@@ -886,12 +887,23 @@ bool nested_within(const char *json, size_t length, unsigned limit) {
         } else if (c == '"') {
             in_string = true;
         } else if (c == '[' || c == '{') {
-            if (++depth > limit) return false;
+            if (++depth > limit) return i;
         } else if ((c == ']' || c == '}') && depth) {
             --depth;
         }
     }
-    return true;
+    return length;
+}
+
+// "line L, column C" of a byte offset, as the parser counts them: lines from 1, columns in
+// characters from 1 (the character at the offset included).
+void line_and_column(const char *json, size_t offset, int &line, int &column) {
+    line = 1;
+    column = 0;
+    for (size_t i = 0; i <= offset; ++i) {
+        if (json[i] == '\n') ++line, column = 0;
+        else if ((static_cast<uint8_t>(json[i]) & 0xC0) != 0x80) ++column;
+    }
 }
 
 } // namespace
@@ -920,8 +932,15 @@ uint32_t from_json(const Type &t, mgx_handle_t *h, uint32_t luid, const char *js
         in.stop(MGX_EINVAL, !instance ? "no instance to read into" : "no document");
     } else if (length > OVRIN_JSON_MAX_DOCUMENT) {
         in.stop(MGX_EINVAL, "the document is larger than the 64 MiB the reader takes");
-    } else if (!nested_within(json, length, OVRIN_JSON_MAX_DEPTH)) {
-        in.stop(MGX_EINVAL, "arrays and objects nest deeper than the 128 levels the reader takes");
+    } else if (size_t deep = too_deep_at(json, length, OVRIN_JSON_MAX_DEPTH); deep < length) {
+        int line, column;
+        line_and_column(json, deep, line, column);
+        char what[128];
+        std::snprintf(what, sizeof what, "line %d, column %d: arrays and objects nest deeper than the %u levels the reader takes",
+                      line, column, OVRIN_JSON_MAX_DEPTH);
+        in.stop(MGX_EINVAL, what);
+        std::free(in.pointer);
+        in.pointer = pointer_at(json, deep);
     } else {
         // Strictly, a member given twice is refused by the parser; leniently the last one counts.
         json_error_t problem;
@@ -938,8 +957,11 @@ uint32_t from_json(const Type &t, mgx_handle_t *h, uint32_t luid, const char *js
         } else if (t.kind == TypeKind::enumeration ? !is(root, JSON_STRING) && !is(root, JSON_INTEGER)
                                                    : !is(root, JSON_OBJECT)) {
             // Nothing of it can be read, even leniently.
-            in.stop(MGX_EINVAL, t.kind == TypeKind::enumeration ? "the document is not a literal or a number"
-                                                                : "the document is not an object");
+            char what[160];
+            std::snprintf(what, sizeof what, t.kind == TypeKind::enumeration ? "expected a literal of %s, found %s"
+                                                                              : "expected an object (%s), found %s",
+                          t.name, json_kind(root));
+            in.stop(MGX_EINVAL, what);
         } else if (t.kind == TypeKind::enumeration) {
             read_enum(t, in, root, instance, instance);
         } else {
