@@ -61,6 +61,8 @@ template <class T> void round_trips(mgx::handle &h, T &m, bool tracked) {
     EXPECT_EQ(back.to_string(), m.to_string());
     T from_xml = T::from_xml(h, m.to_xml());
     EXPECT_TRUE(from_xml == m) << m.to_xml();
+    T from_json = T::from_json(h, m.to_json(true));
+    EXPECT_TRUE(from_json == m) << m.to_json();
     T copy = m.clone();
     EXPECT_TRUE(copy == m);
     EXPECT_EQ(std::hash<T>()(copy), std::hash<T>()(m));
@@ -197,6 +199,9 @@ TEST_F(Cxx, RefusalsNameTheMember) {
                       &where),
               MGX_EINVAL);
     EXPECT_EQ(where, "sess_mgr_register: Invalid value at /sess_mgr_register/session_type");
+    EXPECT_EQ(refusal([&] { sess_mgr_register::from_json(h, R"({"cl_name":{"client_nam":""}})"); }, &where), MGX_EINVAL);
+    EXPECT_EQ(where, "sess_mgr_register /cl_name/client_nam: sess_mgr_client_name has no member client_nam");
+    EXPECT_EQ(sess_mgr_register::from_json(h, R"({"cl_name":{"client_nam":""}})", true), sess_mgr_register::create(h));
 
     auto reg = sess_mgr_register::create(h);
     std::vector<uint8_t> small(reg.encoded_size() - 1);

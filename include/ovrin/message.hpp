@@ -108,6 +108,12 @@ public:
     // The print form and the XML form, whole whatever their size.
     std::string to_string() const { return whole(ops::table().print_whole); }
     std::string to_xml() const { return whole(ops::table().toxml_whole); }
+    // The JSON form (docs/json.md): one line, or indented as jq prints it.
+    std::string to_json(bool pretty = false) const {
+        return whole([pretty](mgx_handle_t *h, const void *p, char **text, size_t *size) {
+            return ops::to_json(h, static_cast<const C *>(p), pretty ? OVRIN_JSON_PRETTY : 0u, text, size);
+        });
+    }
 
     // The encoding's size as the library states it (without any retained data of handle-mapped
     // instances, which encode() makes room for itself).
@@ -188,7 +194,7 @@ public:
     }
 
 protected:
-    std::string whole(int64_t (*render)(mgx_handle_t *, const void *, char **, size_t *)) const {
+    template <class Render> std::string whole(Render render) const {
         char *text = nullptr;
         size_t size = 0;
         int64_t n = render(h_, live(), &text, &size);
@@ -343,6 +349,23 @@ public:
         }
         mgx_xml_document_free(doc);
         if (err) mgx::raise(err, std::string(ops::name) + (message[0] ? std::string(": ") + message : ""));
+        return s;
+    }
+
+    // A new instance from its JSON form, strictly unless lenient. A refused document is thrown
+    // with the pointer of the value at fault and the reader's words.
+    static Self from_json(mgx::handle &h, std::string_view json, bool lenient = false) {
+        Self s = create(h);
+        uint32_t err = 0;
+        ops::adjust_variant(h.get(), h.luid(), s.get(), &err);
+        if (err) detail::fail(err, ops::name, "from_json");
+        ovrin_json_error e{};
+        const uint32_t flags = lenient ? OVRIN_JSON_LENIENT : 0u;
+        if ((err = ops::from_json(h.get(), h.luid(), json.data(), json.size(), s.get(), flags, &e))) {
+            std::string where = std::string(ops::name) + " " + (e.pointer ? e.pointer : "") + ": " + (e.text ? e.text : "");
+            ovrin_json_error_free(&e);
+            mgx::raise(err, where);
+        }
         return s;
     }
 

@@ -15,7 +15,7 @@ namespace {
 const std::set<std::string> &reserved() {
     static const std::set<std::string> names = {
         "get",    "runtime",     "luid",  "live",    "to_string", "to_xml",   "encoded_size", "encode", "encode_to",
-        "decode", "decode_from", "hash", "compare", "type_name", "create", "adopt", "release", "from_xml",
+        "decode", "decode_from", "hash", "compare", "type_name", "create", "adopt", "release", "from_xml", "to_json", "from_json",
         "clone",  "reset", "which", "ref",     "ops",       "c_type",   "as_ref"};
     return names;
 }
@@ -169,7 +169,7 @@ void emit_c_ops(std::string &out, const Type &t) {
     w.line("static constexpr uint32_t index = " + std::to_string(t.index) + ";");
     w.line("static const @D@_type_ops &table() noexcept { return @D@_optable[index]; }");
     for (const char *op : {"create", "destroy", "set", "adjust_variant", "len", "marshal", "unmarshal", "clone",
-                           "compare", "hash", "from_xml"})
+                           "compare", "hash", "from_xml", "to_json", "from_json"})
         w.line(std::string("static constexpr auto ") + op + " = &::$T_" + op + ";");
     out += w.out + "};\n";
 }
