@@ -1,5 +1,5 @@
 // The field walker: how the fields of an instance are laid out, worked out here once and walked
-// by every family (lifecycle, access, compare and hash, wire, text, composite accessors).
+// by every family (lifecycle, access, compare and hash, wire, text and JSON, composite accessors).
 //
 // For each field present in an instance's variant it gives the field's address, its element
 // count (a string's or variable array's read from its companion at the companion's own width),
