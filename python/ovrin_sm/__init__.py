@@ -43,8 +43,10 @@ class Error(Exception):
     ``text`` (what is wrong), ``path`` (the JSON pointer or XML path of the offending value, when
     the library names one) and ``offset`` (where a decode stopped, for a decode)."""
 
-    def __init__(self, code, text, path=None, offset=None):
+    def __init__(self, code, text, path=None, offset=None, type_name=None):
         self.code, self.text, self.path, self.offset = code, text, path, offset
+        if type_name and not text.startswith(type_name):
+            text = f"{type_name}: {text}"
         where = ""
         if path is not None and path not in text:
             where = f" at {path!r}"
@@ -103,6 +105,7 @@ def _signatures(lib):
             ("mgx_handle_live_allocations", ctypes.c_uint64, [_h]),
             ("mgx_handle_last_error", _u32, [_h]),
             ("mgx_handle_fail_allocation", None, [_h, _u32]),
+            ("mgx_handle_allocation_failure_pending", _u32, [_h]),
             ("mgx_strerror", _str, [_u32]),
             ("mgx_xml_document_read", _p, [_p, _size, _p, _size]),
             ("mgx_xml_document_free", None, [_p])):
@@ -141,7 +144,7 @@ class Library:
         try:
             return self._by_name[type_name]
         except KeyError:
-            raise Error(_EINVAL, f"{self.domain} has no type {type_name}") from None
+            raise Error(_EINVAL, f"{self.domain} has no type {type_name!r}") from None
 
     def strerror(self, code):
         return self._lib.mgx_strerror(code).decode()
@@ -210,8 +213,7 @@ class Handle:
         return self._h
 
     def _fail(self, code, type_name, what, **where):
-        text = f"{type_name}: {what}" if what else f"{type_name}: {self.library.strerror(code)}"
-        raise Error(code, text, **where)
+        raise Error(code, what or self.library.strerror(code), type_name=type_name, **where)
 
 
 class _Instance:
