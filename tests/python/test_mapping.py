@@ -27,8 +27,9 @@ def test_table_is_read_with_the_c_layout(bundle):
 
 
 def test_wire_dict_wire_is_exact(bundle, handle):
-    # Untracked and tracked: the dict form holds every value the encoding holds, and a tracking
-    # reader marks what it reads, so the encoding comes back byte for byte.
+    # Untracked and tracked (a state byte before each member, clear in these samples as in any
+    # instance read from a dict): the dict form holds every value the encoding holds, so the
+    # encoding comes back byte for byte.
     plain, tracking = handle(), handle(tracking=True)
     wrong = []
     for f, t, tracked, data in bundle.samples:
