@@ -307,6 +307,18 @@ def _take(address):
         _libc.free(address)
 
 
+def _wide_as_text(value):
+    """value with every integer past 2^63 - 1 written as a string of digits: the reader takes a
+    64-bit value past that only so (docs/json.md), and Python's ints have no such bound."""
+    if isinstance(value, dict):
+        return {k: _wide_as_text(v) for k, v in value.items()}
+    if isinstance(value, list):
+        return [_wide_as_text(v) for v in value]
+    if isinstance(value, int) and not isinstance(value, bool) and value > 0x7FFFFFFFFFFFFFFF:
+        return str(value)
+    return value
+
+
 def _filled(h, type_name, value, lenient):
     """An instance holding value: wire bytes (bytes, bytearray, memoryview) or the JSON form."""
     inst = _Instance(h, type_name)
@@ -314,7 +326,7 @@ def _filled(h, type_name, value, lenient):
         if isinstance(value, (bytes, bytearray, memoryview)):
             inst.decode(value)
         else:
-            inst.from_json(json.dumps(value, ensure_ascii=False), lenient)
+            inst.from_json(json.dumps(_wide_as_text(value), ensure_ascii=False), lenient)
         return inst
     except BaseException:
         inst.__exit__()
