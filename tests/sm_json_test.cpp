@@ -270,6 +270,10 @@ TEST_F(Json, EveryByteOfACountedStringSurvives) {
     ASSERT_EQ(r.code, 0u) << r.text;
     EXPECT_EQ(o.compare(r.inst, c), 0);
     o.destroy(h, 1, r.inst);
+    // An empty string is no block at all, as in a fresh instance: the two compare equal.
+    Read empty = read(o, R"({"client_name":""})");
+    EXPECT_EQ(static_cast<sess_mgr_client_name *>(empty.inst)->client_name, nullptr);
+    o.destroy(h, 1, empty.inst);
     // A private-use character written as it is stands for its byte too.
     Read p = read(o, "{\"client_name\":\"a\xee\x80\x81\"}");
     ASSERT_EQ(p.code, 0u);

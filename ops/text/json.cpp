@@ -672,10 +672,16 @@ void read_element(const Field &f, JsonIn &in, const json_t *e, void *at, const v
     }
 }
 
-// A counted string's bytes, replacing the old ones; the length follows.
+// A counted string's bytes, replacing the old ones; the length follows. An empty string holds no
+// block, as a decoded or fresh one does (compare tells a block of none apart from no block).
 void read_var_string(const FieldAt<void> &a, JsonIn &in, const json_t *e) {
     std::string_view s;
     if (!read_string(in, e, s)) return;
+    if (s.empty()) {
+        free_block(in.h, in.luid, a.pointer(), a.instance());
+        set_count(in.h, in.luid, a, 0);
+        return;
+    }
     if (s.size() > UINT32_MAX - 1) return in.refuse("a string of %zu bytes is longer than a length holds", s.size());
     auto *text = static_cast<char *>(in.h->inst_alloc(in.h->alloc_ctx, in.luid, s.size() + 1));
     if (!text) return in.out_of_memory();
