@@ -802,15 +802,36 @@ void read_record(const Type &t, JsonIn &in, const json_t *e, void *instance) {
         read_record(*f->type, in, value, slot);
         return !in.stopped();
     });
-    if (in.stopped() || in.lenient) return;
-    // A member selected but not there cannot be encoded: strictly, the document must give it.
-    for (FieldAt<void> a : fields(t, instance, variant)) {
-        if (a->shape != Shape::member || !a.selected() || a.block()) continue;
-        Into step(in, a->name);
-        const Field &d = t.fields[t.discriminator];
-        const Literal *l = literal_named_by(*d.type, stored_selector(t, instance));
-        in.refuse("%s is %s, which selects %s: it is missing", d.name, l ? l->name : "a value", a->name);
-        return;
+}
+
+// Strictly, what is read must be encodable: every union in the instance, at any depth and
+// whether the document named it or not, holds the member its discriminator selects. (A union
+// left out keeps its fresh discriminator, which may select one.) Walked once over the instance
+// after the read, so that any text it writes reads back strictly too.
+void check_members(const Type &t, JsonIn &in, const void *instance) {
+    const int8_t variant = mgx_get_instance_variant(instance, 1, 0);
+    for (FieldAt<const void> a : fields(t, instance, variant < 0 ? t.last_variant() : variant)) {
+        if (in.stopped()) return;
+        const Field &f = a.field();
+        if (f.kind != Kind::record || f.shape == Shape::var_string) continue;
+        Into step(in, f.name);
+        if (f.shape == Shape::member) {
+            if (!a.selected()) continue;
+            if (a.block()) {
+                check_members(*f.type, in, a.block());
+                continue;
+            }
+            const Field &d = t.fields[t.discriminator];
+            const Literal *l = literal_named_by(*d.type, stored_selector(t, instance));
+            in.refuse("%s is %s, which selects %s: it is missing", d.name, l ? l->name : "a value", f.name);
+        } else if (f.shape == Shape::scalar) {
+            check_members(*f.type, in, a.address());
+        } else {
+            for (uint32_t k = 0, n = a.elements(); k < n && !in.stopped(); ++k) {
+                Into element(in, {}, k);
+                check_members(*f.type, in, a.element(k));
+            }
+        }
     }
 }
 
@@ -972,6 +993,7 @@ uint32_t from_json(const Type &t, mgx_handle_t *h, uint32_t luid, const char *js
             read_enum(t, in, root, instance, instance);
         } else {
             read_record(t, in, root, instance);
+            if (!in.lenient) check_members(t, in, instance);
         }
         json_decref(root);
     }
