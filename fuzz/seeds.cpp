@@ -9,6 +9,10 @@
 //   xml_dtd      every type's XML as it is, and with a document type declaration, an entity
 //                reference or a run of attributes put in
 //   xml_check    every type's XML as it is, with an unknown member, and with entity references
+//   json         every type's JSON, compact (read strictly, untracked) and indented (leniently,
+//                tracked); documents nested to the depth limit and past it, numbers past each
+//                integer type and a double, members given twice, counts that disagree, strings of
+//                escapes, surrogates and bytes that are not UTF-8, addresses spelled otherwise
 //   trace        a trace file with an emission of every argument shape, and the bundle's message
 //                texts section as the library file holds it
 //   elf          the bundle's library file cut down to the sections the readers look for (ELF
@@ -89,6 +93,57 @@ void write_check_seeds(const fs::path &dir, const std::vector<std::string> &xml)
     }
 }
 
+// json: documents a peer could send to hurt a reader, each as [type, mode (bit 0 lenient)].
+void write_json_seeds(const fs::path &dir) {
+    auto type = [](const char *name) {
+        const std::vector<typeops::Ops> &types = typeops::all();
+        for (size_t i = 0; i < types.size(); ++i)
+            if (!std::strcmp(types[i].name, name)) return static_cast<uint8_t>(i);
+        fuzz::die(std::string("no type ") + name);
+    };
+    const uint8_t conn = type("sess_mgr_conn_hdl"), client = type("sess_mgr_client_name"),
+                  options = type("sess_mgr_api_options"), ip = type("sess_mgr_ip_notif"),
+                  attrs = type("sess_mgr_attr_notify_elem");
+    auto seed = [&](const std::string &stem, uint8_t t, uint8_t mode, const std::string &doc) {
+        write(dir / ("hostile-" + stem), {0, t, mode}, doc.data(), doc.size());
+    };
+    // Nesting: at the limit (the root and 127 arrays in an unknown member), one past it, and far
+    // past it where a recursive reader would run out of stack.
+    auto nested = [](size_t arrays) { return "{\"conn_hdl\":1,\"x\":" + std::string(arrays, '[') + std::string(arrays, ']') + "}"; };
+    seed("depth-at-the-limit", conn, 1, nested(OVRIN_JSON_MAX_DEPTH - 1));
+    seed("depth-one-past", conn, 1, nested(OVRIN_JSON_MAX_DEPTH));
+    seed("depth-far-past", conn, 1, std::string(4000, '['));
+    // Numbers past every integer type, past a double, and of the wrong shape.
+    for (const char *n : {"4294967296", "-1", "-0", "1.0", "1e400", "1e2", "18446744073709551616", "0x10", "01"})
+        seed(std::string("number-") + n, conn, n[0] == '1' && n[1] == 'e' ? 1 : 0, std::string("{\"conn_hdl\":") + n + "}");
+    for (const char *n : {"18446744073709551615", "\"18446744073709551615\"", "\"18446744073709551616\"", "\"+1\"",
+                          "\" 1\"", "\"\"", "9007199254740993", "1e19"})
+        seed(std::string("u64-") + std::to_string(written), options, 0,
+             std::string("{\"options\":") + n + ",\"event_mac\":\"00:1A:2b:3c:4d:5e\"}");
+    // Members given twice, strictly and leniently; a count that disagrees with its string.
+    seed("duplicate-strict", conn, 0, "{\"conn_hdl\":1,\"conn_hdl\":2}");
+    seed("duplicate-lenient", conn, 1, "{\"conn_hdl\":1,\"conn_hdl\":2}");
+    seed("count-disagrees", client, 0, "{\"cl_name_len\":6,\"client_name\":\"abcde\"}");
+    seed("count-disagrees-lenient", client, 1, "{\"cl_name_len\":6,\"client_name\":\"abcde\"}");
+    // Strings: bytes carried as private-use characters, escaped and as they are; escapes of
+    // every kind; surrogates alone; and bytes that are not UTF-8 (overlong, a surrogate, 0xff).
+    for (const std::string &s : std::initializer_list<std::string>{"\\ue0ff\\ue000\\u00e9\\u0000x", "\xee\x83\xbf\xee\x80\x80", "\\ud83d\\ude00\\n\\t\\\"\\\\\\/",
+                                "\\ud800", "\\udc00x", "\xff", "\xc0\xaf", "\xed\xa0\x80", std::string("a\0b", 3)})
+        seed("string-" + std::to_string(written), client, 0, "{\"client_name\":\"" + s + "\"}");
+    // Addresses in their other spellings and wrong ones; attribute values in hex, upper case and odd.
+    for (const char *v6 : {"::ffff:192.0.2.1", "2001:DB8::1", "1::2::3", "192.0.2.1"})
+        seed(std::string("ipv6-") + std::to_string(written), ip, 0,
+             std::string("{\"is_v4\":false,\"v4_addr\":\"192.0.2.1\",\"v6_addr\":\"") + v6 + "\"}");
+    for (const char *v4 : {"192.0.2.256", "192.0.2", "0300.0.2.1"})
+        seed(std::string("ipv4-") + std::to_string(written), ip, 0, std::string("{\"v4_addr\":\"") + v4 + "\"}");
+    for (const char *value : {"00ff", "00FF", "0", "zz", ""})
+        seed(std::string("tlv-") + std::to_string(written), attrs, 1,
+             std::string("{\"new_attrs\":[{\"type\":1,\"value\":\"") + value + "\"},{\"type\":256,\"value\":\"00\"}]}");
+    // Not one document: nothing, a bare value, trailing text, two documents, a byte order mark.
+    for (const char *doc : {"", "null", " ", "{\"conn_hdl\":1} x", "{}{}", "\xef\xbb\xbf{\"conn_hdl\":1}", "[1]"})
+        seed("document-" + std::to_string(written), conn, 0, doc);
+}
+
 void write_message_seeds(const fs::path &dir) {
     const std::vector<typeops::Ops> &types = typeops::all();
     std::vector<Encodings> enc(types.size());
@@ -113,6 +168,15 @@ void write_message_seeds(const fs::path &dir) {
                     if (err || n >= text.size()) fuzz::die("XML of " + stem + " failed");
                     write(dir / "xml" / stem, {0, static_cast<uint8_t>(i + (tracked ? types.size() : 0))}, text.data(), n);
                     if (!tracked && a == 0) xml[i].assign(text.data(), n);
+                }
+                if (o.to_json) { // compact and read strictly untracked, indented and read leniently tracked
+                    char *text = nullptr;
+                    size_t room = 0;
+                    int64_t n = o.to_json(h, instance, tracked ? OVRIN_JSON_PRETTY : 0, &text, &room);
+                    if (n < 0) fuzz::die("JSON of " + stem + " failed");
+                    write(dir / "json" / stem, {0, static_cast<uint8_t>(i + (tracked ? types.size() : 0)), tracked},
+                          text, static_cast<size_t>(n));
+                    std::free(text);
                 }
                 o.destroy(h, 1, instance);
             }
@@ -148,6 +212,7 @@ void write_message_seeds(const fs::path &dir) {
     }
 
     write_check_seeds(dir, xml);
+    write_json_seeds(dir / "json");
 
     // xml_dtd: each document as it is, and with one of the prologues and something put in
     for (size_t i = 0; i < types.size(); ++i) {

@@ -86,11 +86,14 @@ gate_tsan() {
         ctest --test-dir "$out-tsan" --output-on-failure -R '^Concurrency\.'
 }
 
-# The fuzz targets (fuzz/targets.cmake), each with its dictionary when it has one.
-fuzz_targets=(wire xml xml_dtd reuse trace elf trace_files trace_format xml_check catalogue)
+# The fuzz targets, read from the one list of them (fuzz/targets.cmake, which the build and the
+# replay tests use too), each with its dictionary when it has one.
+read -r -a fuzz_targets <<<"$(sed -n 's/^set(OVRIN_FUZZ_TARGETS \(.*\))$/\1/p' fuzz/targets.cmake)"
+((${#fuzz_targets[@]})) || { echo "tools/dev.sh: no fuzz targets found in fuzz/targets.cmake" >&2; exit 1; }
 fuzz_dictionary() {
     case "$1" in
         xml|xml_dtd|xml_check) echo "-dict=fuzz/xml.dict" ;;
+        json) echo "-dict=fuzz/json.dict" ;;
         trace|elf|trace_files) echo "-dict=fuzz/files.dict" ;;
         trace_format) echo "-dict=fuzz/format.dict" ;;
     esac
