@@ -2,7 +2,7 @@
 // protocol buffers (when the build found them) and memcpy of the encoded bytes as the floor.
 //
 //   ours/<message>/<op>   len marshal unmarshal_new unmarshal_reuse clone compare hash to_xml
-//                         from_xml print build
+//                         from_xml to_json from_json print build
 //   pb/<message>/<op>     byte_size serialize parse_new parse_reuse parse_arena copy equals
 //                         to_json from_json debug_string build
 //   memcpy/<message>      a copy of the ovrin_sm encoding
@@ -10,7 +10,7 @@
 //                         and build (medium) and set_value (large): beside the ours/ rows of the
 //                         same work, to show the interface costs nothing over the C calls
 //
-// Counters: bytes (encoded message), rt_allocs (blocks from the runtime's instance allocator per
+// Counters: bytes (encoded message), text_bytes (the JSON rows: the text written or read), rt_allocs (blocks from the runtime's instance allocator per
 // operation), heap_allocs (global operator new per operation; the comparator allocates this way,
 // and so does the reference runtime's own bookkeeping). After the run a summary with the ratios
 // ours/comparator is printed (see docs/performance.md).
@@ -220,6 +220,44 @@ template <class T, class C> void register_ours(const std::string &label, const O
             }
             m.finish(state, count);
         }));
+    // The JSON form as the comparator's rows make theirs: a new text each time (the block from
+    // malloc, freed after), and a new instance read from the text and destroyed.
+    add(base + "to_json", run([](benchmark::State &state, Ours<T> &m) {
+            int64_t n = 0;
+            AllocationCount count(m.h);
+            for (auto _ : state) {
+                char *text = nullptr;
+                size_t size = 0;
+                n = m.ops.to_json(m.h, m.msg, 0, &text, &size);
+                benchmark::DoNotOptimize(text);
+                std::free(text);
+            }
+            state.counters["text_bytes"] = static_cast<double>(n);
+            m.finish(state, count);
+            if (n < 0) state.SkipWithError("to_json failed");
+        }));
+    add(base + "from_json", run([](benchmark::State &state, Ours<T> &m) {
+            char *text = nullptr;
+            size_t size = 0;
+            int64_t n = m.ops.to_json(m.h, m.msg, 0, &text, &size);
+            std::string json = n >= 0 ? std::string(text, static_cast<size_t>(n)) : std::string();
+            std::free(text);
+            if (n < 0) {
+                state.SkipWithError("to_json failed");
+                return;
+            }
+            uint32_t err = 0;
+            AllocationCount count(m.h);
+            for (auto _ : state) {
+                T *t = m.fresh();
+                err |= m.ops.from_json(m.h, kLuid, json.data(), json.size(), t, 0, nullptr);
+                benchmark::DoNotOptimize(t);
+                m.ops.destroy(m.h, kLuid, t);
+            }
+            state.counters["text_bytes"] = static_cast<double>(json.size());
+            m.finish(state, count);
+            if (err) state.SkipWithError("from_json failed");
+        }));
     add(base + "print", run([](benchmark::State &state, Ours<T> &m) {
             std::vector<char> text(kTextSize);
             AllocationCount count(m.h);
@@ -365,22 +403,29 @@ template <class P, class C> void register_comparator(const std::string &label, c
             m.finish(state, count);
         }));
     add(base + "to_json", run([](benchmark::State &state, Theirs<P> &m) {
+            size_t n = 0;
             AllocationCount count;
             for (auto _ : state) {
                 std::string out;
                 benchmark::DoNotOptimize(google::protobuf::util::MessageToJsonString(m.msg, &out));
+                n = out.size();
             }
+            state.counters["text_bytes"] = static_cast<double>(n);
             m.finish(state, count);
         }));
     add(base + "from_json", run([](benchmark::State &state, Theirs<P> &m) {
             std::string json;
             (void)google::protobuf::util::MessageToJsonString(m.msg, &json);
+            bool ok = true;
             AllocationCount count;
             for (auto _ : state) {
                 P t;
-                benchmark::DoNotOptimize(google::protobuf::util::JsonStringToMessage(json, &t));
+                ok &= google::protobuf::util::JsonStringToMessage(json, &t).ok();
+                benchmark::DoNotOptimize(t);
             }
+            state.counters["text_bytes"] = static_cast<double>(json.size());
             m.finish(state, count);
+            if (!ok) state.SkipWithError("JsonStringToMessage failed");
         }));
     add(base + "debug_string", run([](benchmark::State &state, Theirs<P> &m) {
             AllocationCount count;

@@ -47,7 +47,7 @@ void SummaryReporter::ReportRuns(const std::vector<Run> &runs) {
         Result &r = results_[run.run_name.function_name];
         if (r.median && !median) continue;
         r = Result{nanoseconds(run), counter(run, "bytes"), counter(run, "rt_allocs"), counter(run, "heap_allocs"),
-                   median};
+                   counter(run, "text_bytes"), median};
     }
 }
 
@@ -119,6 +119,7 @@ void SummaryReporter::print_summary(std::FILE *out) const {
 
     static const char *const kPairs[][2] = {{"len", "byte_size"},  {"clone", "copy"},     {"compare", "equals"},
                                             {"hash", nullptr},     {"to_xml", "to_json"}, {"from_xml", "from_json"},
+                                            {"to_json", "to_json"}, {"from_json", "from_json"},
                                             {"print", "debug_string"}, {"build", "build"}};
     std::fprintf(out, "\n### Other operations\n\nfrom_xml includes parsing the document; build is create, fill "
                       "from the shared content, and destroy.\n\n| message | op | ns | allocs | comparator op | ns "
@@ -133,13 +134,31 @@ void SummaryReporter::print_summary(std::FILE *out) const {
                          num(pair[1] ? allocs(p) : nan, "%.2f").c_str(), ratio(b / a).c_str());
         }
 
+    std::fprintf(out, "\n### JSON\n\nEach side's own JSON text of the same message: written into a new block, "
+                      "and read into a new instance (ours: created, read, destroyed). Ratios are the comparator's "
+                      "time over ours.\n\n| message | text bytes ours | text bytes pb | to_json ns | pb ns | ratio "
+                      "| from_json ns | pb ns | ratio | allocs ours to / from | allocs pb to / from |\n"
+                      "|---|---|---|---|---|---|---|---|---|---|---|\n");
+    for (const char *m : kMessages) {
+        std::string o = std::string("ours/") + m + "/", p = std::string("pb/") + m + "/";
+        const Result *text_ours = find(o + "to_json"), *text_pb = find(p + "to_json");
+        double to = ns(o + "to_json"), pto = ns(p + "to_json"), from = ns(o + "from_json"), pfrom = ns(p + "from_json");
+        if (std::isnan(to) && std::isnan(from) && std::isnan(pto) && std::isnan(pfrom)) continue;
+        std::fprintf(out, "| %s | %s | %s | %s | %s | %s | %s | %s | %s | %s / %s | %s / %s |\n", m,
+                     num(text_ours ? text_ours->text_bytes : nan).c_str(), num(text_pb ? text_pb->text_bytes : nan).c_str(),
+                     num(to, "%.1f").c_str(), num(pto, "%.1f").c_str(), ratio(pto / to).c_str(), num(from, "%.1f").c_str(),
+                     num(pfrom, "%.1f").c_str(), ratio(pfrom / from).c_str(), num(allocs(o + "to_json"), "%.2f").c_str(),
+                     num(allocs(o + "from_json"), "%.2f").c_str(), num(allocs(p + "to_json"), "%.2f").c_str(),
+                     num(allocs(p + "from_json"), "%.2f").c_str());
+    }
+
     bool linear_ok = true;
     std::fprintf(out, "\n### Cost per entry (bulk: 1 and 64 entries of 4 attributes)\n\nper entry = (bulk64 - "
                       "bulk1) / 63; linear when bulk64 <= 64 x bulk1 + a constant, i.e. per entry <= bulk1.\n\n"
                       "| op | bulk1 ns | bulk64 ns | bulk64 / bulk1 | per entry ns | per entry / bulk1 |\n"
                       "|---|---|---|---|---|---|\n");
     for (const char *op : {"len", "marshal", "unmarshal_new", "unmarshal_reuse", "clone", "compare", "hash", "to_xml",
-                           "from_xml", "print", "build"}) {
+                           "from_xml", "to_json", "from_json", "print", "build"}) {
         double one = ns(std::string("ours/bulk1/") + op), many = ns(std::string("ours/bulk64/") + op);
         double per = (many - one) / 63;
         if (!(per <= one) && (std::string(op) == "marshal" || std::string(op).rfind("unmarshal", 0) == 0))

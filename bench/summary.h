@@ -22,7 +22,7 @@ public:
 private:
     struct Result {
         double ns = 0; // cpu time per operation
-        double bytes = 0, rt_allocs = 0, heap_allocs = 0;
+        double bytes = 0, rt_allocs = 0, heap_allocs = 0, text_bytes = 0;
         bool median = false;
     };
     const Result *find(const std::string &name) const;

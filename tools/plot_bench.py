@@ -37,6 +37,8 @@ PAIRS = [
     ("compare (/ equals)", ["compare"], ["equals"]),
     ("to_xml (/ to_json)", ["to_xml"], ["to_json"]),
     ("from_xml (/ from_json)", ["from_xml"], ["from_json"]),
+    ("to_json (/ to_json)", ["to_json"], ["to_json"]),
+    ("from_json (/ from_json)", ["from_json"], ["from_json"]),
     ("print (/ debug_string)", ["print"], ["debug_string"]),
     ("build (/ build)", ["build"], ["build"]),
 ]
@@ -44,7 +46,8 @@ PAIRS = [
 # Operations of the bulk message whose cost per entry is drawn, with the comparator's counterpart.
 PER_ENTRY = [("len", "byte_size"), ("marshal", "serialize"), ("unmarshal_new", "parse_new"),
              ("unmarshal_reuse", "parse_reuse"), ("clone", "copy"), ("compare", "equals"), ("hash", None),
-             ("to_xml", "to_json"), ("from_xml", "from_json"), ("print", "debug_string"), ("build", "build")]
+             ("to_xml", "to_json"), ("from_xml", "from_json"), ("to_json", "to_json"), ("from_json", "from_json"),
+             ("print", "debug_string"), ("build", "build")]
 
 UNIT_NS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 
