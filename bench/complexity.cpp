@@ -32,6 +32,7 @@ const std::map<std::string, int64_t> first_size = {
     {"attr_add", 512},          {"array_set", 512},            {"tool.check", 128},
     {"tool.encode", 128},       {"tool.decode_print", 1024},   {"tool.decode_xml", 1024},
     {"tool.trace_spellings", 64}, {"tool.trace_checksums", 128}, {"tool.manifest", 1024},
+    {"from_json.depth", 2}, // 2 to 128 deep: the reader's limit
 };
 constexpr int64_t default_first_size = 256;
 

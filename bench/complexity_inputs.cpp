@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 
@@ -266,6 +267,109 @@ public:
     std::string xml;
 };
 
+// The JSON text of an instance, as the library writes it (compact); empty when it cannot.
+template <class T> std::string json_of(const bench::Ops<T> &ops, mgx_handle_t *h, const T *t) {
+    char *text = nullptr;
+    size_t size = 0;
+    int64_t n = ops.to_json(h, t, 0, &text, &size);
+    std::string out = n > 0 ? std::string(text, static_cast<size_t>(n)) : std::string();
+    std::free(text);
+    return out;
+}
+
+std::unique_ptr<Work> prepare_to_json(mgx_handle_t *h, size_t n) {
+    return simple(h, n, [](RecordsOp &w) {
+        char *text = nullptr;
+        size_t size = 0;
+        if (w.ops.to_json(w.h, w.msg, 0, &text, &size) < 0) w.check(mgx_handle_last_error(w.h), "to_json");
+        std::free(text);
+    });
+}
+
+// Reading a JSON document into a new instance, as a receiver of JSON does (the parser's work
+// included). The document is the library's text of an instance of size n, or one made by hand.
+template <class T> class FromJson : public Work {
+public:
+    FromJson(const bench::Ops<T> &ops, mgx_handle_t *h, std::string json, uint32_t flags)
+        : ops(ops), h(h), json(std::move(json)), flags(flags) {
+        if (this->json.empty()) fail("cannot make the JSON document");
+    }
+    FromJson(const bench::Ops<T> &ops, mgx_handle_t *h, size_t n) : ops(ops), h(h) {
+        T *msg = make(h, n, static_cast<const T *>(nullptr));
+        if (!msg) {
+            fail("cannot build the message");
+            return;
+        }
+        json = json_of(ops, h, msg);
+        ops.destroy(h, kLuid, msg);
+        if (json.empty()) fail("cannot write the message as JSON");
+    }
+    void run() override {
+        if (json.empty()) return;
+        T *t = ops.create(h, kLuid);
+        uint32_t err = t ? 0 : MGX_ENOMEM;
+        if (t) ops.adjust_variant(h, kLuid, t, &err);
+        ovrin_json_error e{};
+        if (!err) err = ops.from_json(h, kLuid, json.data(), json.size(), t, flags, &e);
+        if (err) fail("from_json failed: error " + std::to_string(err) + " " + (e.text ? e.text : "") + " at " +
+                      (e.pointer ? e.pointer : "?"));
+        ovrin_json_error_free(&e);
+        if (t) ops.destroy(h, kLuid, t);
+    }
+
+    const bench::Ops<T> &ops;
+    mgx_handle_t *h;
+    std::string json;
+    uint32_t flags = 0;
+};
+
+const auto kConn = OVRIN_BENCH_OPS(sess_mgr_conn_hdl);
+const auto kClientName = OVRIN_BENCH_OPS(sess_mgr_client_name);
+
+// n domain names of about 210 bytes each: ASCII, two- and three-byte characters, and a private-use
+// character that carries a byte. The count and the other members are left out.
+std::string long_names(size_t n) {
+    std::string name;
+    while (name.size() < 190) name += "host-\u00e9t\u00e9.\u4e2d\u6587.\ue0ff.corp.example.";
+    std::string doc = "{\"domain_names\":[";
+    for (size_t i = 0; i < n; ++i) doc += (i ? ",{\"name\":\"" : "{\"name\":\"") + name + std::to_string(i % 10) + "\"}";
+    return doc + "]}";
+}
+
+// One string of n escapes, of every kind the reader turns into bytes.
+std::string escapes(size_t n) {
+    static const char *const kinds[] = {"\\n", "\\\"", "\\\\", "\\/", "\\u00e9", "\\ue0ff", "\\ud83d\\ude00", "\\u0001"};
+    std::string doc = "{\"client_name\":\"";
+    for (size_t i = 0; i < n; ++i) doc += kinds[i % 8];
+    return doc + "\"}";
+}
+
+// n members the type does not have, each a small object, read leniently.
+std::string unknown_members(size_t n) {
+    std::string doc = "{\"conn_hdl\":1";
+    for (size_t i = 0; i < n; ++i) doc += ",\"unknown" + std::to_string(i) + "\":{\"a\":[1,\"x\"],\"b\":null}";
+    return doc + "}";
+}
+
+// The one member given n times, read leniently (the last counts).
+std::string repeated_member(size_t n) {
+    std::string doc = "{";
+    for (size_t i = 0; i < n; ++i) doc += (i ? ",\"conn_hdl\":" : "\"conn_hdl\":") + std::to_string(i);
+    return doc + "}";
+}
+
+// A document n deep (the root and n - 1 arrays in an unknown member), read leniently; the reader
+// takes at most OVRIN_JSON_MAX_DEPTH.
+std::string nested(size_t n) {
+    size_t arrays = n > 1 ? n - 1 : 0;
+    return "{\"conn_hdl\":1,\"deep\":" + std::string(arrays, '[') + std::string(arrays, ']') + (arrays ? "}" : "0}");
+}
+
+template <class T> std::unique_ptr<Work> from_json_text(const bench::Ops<T> &ops, mgx_handle_t *h, std::string json,
+                                                        uint32_t flags = 0) {
+    return std::make_unique<FromJson<T>>(ops, h, std::move(json), flags);
+}
+
 // aaa_tlv_attr_add n times on an empty list.
 class AttrAdd : public Work {
 public:
@@ -477,6 +581,21 @@ const std::vector<LibraryChannel> &library_channels() {
          [](mgx_handle_t *h, size_t n) -> std::unique_ptr<Work> { return std::make_unique<FromXml<Attrs>>(kAttrs, h, n); }},
         {"from_xml.domain_names", "parse and from_xml of n <domain_names> elements",
          [](mgx_handle_t *h, size_t n) -> std::unique_ptr<Work> { return std::make_unique<FromXml<Names>>(kNames, h, n); }},
+        {"to_json", "to_json of the records message (compact)", prepare_to_json},
+        {"from_json", "from_json of the same as JSON (n resp_array elements)",
+         [](mgx_handle_t *h, size_t n) -> std::unique_ptr<Work> { return std::make_unique<FromJson<Records>>(kRecords, h, n); }},
+        {"from_json.attrs", "from_json of a sess_mgr_query_resp of n attributes",
+         [](mgx_handle_t *h, size_t n) -> std::unique_ptr<Work> { return std::make_unique<FromJson<Attrs>>(kAttrs, h, n); }},
+        {"from_json.names", "from_json of n domain names of 200 bytes (multi-byte and private-use characters)",
+         [](mgx_handle_t *h, size_t n) { return from_json_text(kNames, h, long_names(n)); }},
+        {"from_json.escapes", "from_json of a client name of n escapes",
+         [](mgx_handle_t *h, size_t n) { return from_json_text(kClientName, h, escapes(n)); }},
+        {"from_json.unknown", "from_json, lenient, of n unknown members (small objects)",
+         [](mgx_handle_t *h, size_t n) { return from_json_text(kConn, h, unknown_members(n), OVRIN_JSON_LENIENT); }},
+        {"from_json.repeats", "from_json, lenient, of one member given n times",
+         [](mgx_handle_t *h, size_t n) { return from_json_text(kConn, h, repeated_member(n), OVRIN_JSON_LENIENT); }},
+        {"from_json.depth", "from_json, lenient, of a document nested n deep (at most 128) in an unknown member",
+         [](mgx_handle_t *h, size_t n) { return from_json_text(kConn, h, nested(n), OVRIN_JSON_LENIENT); }},
         {"attr_add", "aaa_tlv_attr_add n times on an empty list",
          [](mgx_handle_t *h, size_t n) -> std::unique_ptr<Work> { return std::make_unique<AttrAdd>(h, n); }},
         {"array_set", "resp_array_set at index 0, 1, ..., n-1",
