@@ -11,9 +11,11 @@
 // accepted. When a document is accepted, by either reading:
 //   - the instance's compact text reads back strictly into a fresh instance that compares equal
 //     and writes the identical text, and so does its indented text;
-//   - its wire form (when it has one) decodes into an instance that writes the identical text;
+//   - its wire form (when it has one) decodes into an instance that writes the identical text
+//     (but for an enumeration value that no literal names and the wire form confuses with one);
 // and a document read strictly is read alike leniently.
 #include <algorithm>
+#include <cctype>
 #include <memory>
 
 #include "fuzz/fuzz_types.h"
@@ -40,6 +42,43 @@ size_t depth_of(const char *p, size_t n) {
         }
     }
     return deepest;
+}
+
+// The tokens of a text the library wrote: strings (with their quotes), numbers and words, and
+// punctuation, one each.
+std::vector<std::string> tokens(const std::string &text) {
+    std::vector<std::string> out;
+    for (size_t i = 0; i < text.size();) {
+        size_t j = i + 1;
+        if (text[i] == '"') {
+            while (j < text.size() && text[j] != '"') j += text[j] == '\\' ? 2 : 1;
+            ++j;
+        } else if (std::isalnum(static_cast<unsigned char>(text[i])) || text[i] == '-') {
+            while (j < text.size() && (std::isalnum(static_cast<unsigned char>(text[j])) || std::strchr("+-.", text[j]))) ++j;
+        } else if (std::isspace(static_cast<unsigned char>(text[i]))) {
+            i = j;
+            continue;
+        }
+        out.push_back(text.substr(i, j - i));
+        i = j;
+    }
+    return out;
+}
+
+// Whether the text of an instance decoded from the wire form may differ from the text it was
+// encoded from: only where an enumeration holds a value that no literal names and that is
+// another literal's wire value, which the wire form cannot tell apart from that literal. The
+// one text then holds the number where the other holds a literal's name.
+bool differs_only_by_enumerations(const std::string &written, const std::string &decoded) {
+    std::vector<std::string> a = tokens(written), b = tokens(decoded);
+    if (a.size() != b.size()) return false;
+    for (size_t i = 0; i < a.size(); ++i) {
+        if (a[i] == b[i]) continue;
+        bool number = std::isdigit(static_cast<unsigned char>(a[i][0]));
+        bool name = b[i].size() > 2 && b[i][0] == '"' && !std::isdigit(static_cast<unsigned char>(b[i][1]));
+        if (!number || !name) return false;
+    }
+    return true;
 }
 
 // The text of an instance, compact or indented; dies when it cannot be written.
@@ -83,7 +122,12 @@ void round_trip(const fuzz::TypeOps &t, mgx_handle_t *h, const void *a, const st
     void *c = fuzz::make(t, h);
     if (t.unmarshal(h, 1, wire.data(), c, static_cast<int32_t>(wire.size()), 0, &werr) != wire.size() || werr)
         die(t, ": the wire form of an instance read from JSON does not decode, error " + std::to_string(werr));
-    if (text_of(t, h, c, 0) != written) die(t, ": decoded from its wire form, the JSON differs:\n" + written);
+    std::string decoded = text_of(t, h, c, 0);
+    if (decoded != written) {
+        uint32_t again = 0;
+        if (!differs_only_by_enumerations(written, decoded) || fuzz::encode(t, h, c, &again, 0) != wire || again)
+            die(t, ": decoded from its wire form, the JSON differs:\n" + written + "\n" + decoded);
+    }
     t.destroy(h, 1, c);
 }
 
