@@ -133,6 +133,15 @@ TEST_F(Json, AnythingButAJsonDocumentIsRefusedWithTheParsersReason) {
     EXPECT_EQ(r.code, 22u);
     EXPECT_NE(r.text.find("deep"), std::string::npos) << r.text;
     o.destroy(h, 1, r.inst);
+    // So is a document with more values than the limit (counted by its brackets and separators).
+    std::string many = "[0";
+    for (uint32_t k = 1; k < OVRIN_JSON_MAX_VALUES; ++k) many += ",0";
+    r = read(o, many + "]");
+    EXPECT_EQ(r.text.find("more values"), std::string::npos) << r.text; // at the limit: the type refuses it
+    o.destroy(h, 1, r.inst);
+    r = read(o, many + ",0]");
+    EXPECT_EQ(r.text, "line 1, column " + std::to_string(many.size() + 1) + ": more values than the 1048576 the reader takes");
+    o.destroy(h, 1, r.inst);
     const std::string big(OVRIN_JSON_MAX_DOCUMENT + size_t{1}, ' ');
     r = read(o, big);
     EXPECT_EQ(r.text, "the document is larger than the 64 MiB the reader takes");

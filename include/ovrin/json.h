@@ -23,9 +23,13 @@ extern "C" {
 #define OVRIN_JSON_LENIENT 1u
 
 /* The reader takes documents of at most OVRIN_JSON_MAX_DOCUMENT bytes, nested at most
- * OVRIN_JSON_MAX_DEPTH arrays and objects deep. */
+ * OVRIN_JSON_MAX_DEPTH arrays and objects deep, with at most OVRIN_JSON_MAX_VALUES of the
+ * characters that open an array or object or separate values ({ [ : ,): about one per array
+ * element and two per object member. Both are counted before the document is parsed, so the
+ * parser's tree stays within some hundreds of megabytes whatever the document. */
 #define OVRIN_JSON_MAX_DOCUMENT (64u * 1024u * 1024u)
 #define OVRIN_JSON_MAX_DEPTH 128u
+#define OVRIN_JSON_MAX_VALUES (1u << 20)
 
 /* Why a read failed. text says what is wrong ("sess_mgr_register has no member sesion_type");
  * pointer names the offending value as a JSON pointer (RFC 6901: "/cl_name/client_name", "" for

@@ -900,26 +900,32 @@ char *pointer_at(const char *json, size_t position) {
     return p;
 }
 
-// Where the document's arrays and objects first nest deeper than limit, found over its bytes
-// before it is parsed (so that the parser never recurses deeper); strings are skipped, escapes
-// and all. length when they never do.
-size_t too_deep_at(const char *json, size_t length, unsigned limit) {
+// Where the document first passes a limit of its shape, found over its bytes before it is parsed,
+// so that neither the parser's recursion nor its tree grows past what the limits allow: arrays and
+// objects nested deeper than OVRIN_JSON_MAX_DEPTH, or more than OVRIN_JSON_MAX_VALUES of the
+// characters that open an array or object or separate values ({ [ : ,). Strings are skipped,
+// escapes and all. The offset of the character that passes, and which limit; length when none.
+struct Overrun {
+    size_t at;
+    bool too_deep;
+};
+Overrun overrun_of(const char *json, size_t length) {
     unsigned depth = 0;
+    uint32_t values = 0;
     bool in_string = false;
     for (size_t i = 0; i < length; ++i) {
         char c = json[i];
         if (in_string) {
             if (c == '\\') ++i;
             else if (c == '"') in_string = false;
-        } else if (c == '"') {
-            in_string = true;
-        } else if (c == '[' || c == '{') {
-            if (++depth > limit) return i;
-        } else if ((c == ']' || c == '}') && depth) {
-            --depth;
+            continue;
         }
+        if (c == '"') in_string = true;
+        else if ((c == '[' || c == '{') && ++depth > OVRIN_JSON_MAX_DEPTH) return {i, true};
+        else if ((c == ']' || c == '}') && depth) --depth;
+        if ((c == '[' || c == '{' || c == ':' || c == ',') && ++values > OVRIN_JSON_MAX_VALUES) return {i, false};
     }
-    return length;
+    return {length, false};
 }
 
 // "line L, column C" of a byte offset, as the parser counts them: lines from 1, columns in
@@ -959,15 +965,19 @@ uint32_t from_json(const Type &t, mgx_handle_t *h, uint32_t luid, const char *js
         in.stop(MGX_EINVAL, !instance ? "no instance to read into" : "no document");
     } else if (length > OVRIN_JSON_MAX_DOCUMENT) {
         in.stop(MGX_EINVAL, "the document is larger than the 64 MiB the reader takes");
-    } else if (size_t deep = too_deep_at(json, length, OVRIN_JSON_MAX_DEPTH); deep < length) {
+    } else if (const Overrun over = overrun_of(json, length); over.at < length) {
         int line, column;
-        line_and_column(json, deep, line, column);
-        char what[128];
-        std::snprintf(what, sizeof what, "line %d, column %d: arrays and objects nest deeper than the %u levels the reader takes",
-                      line, column, OVRIN_JSON_MAX_DEPTH);
+        line_and_column(json, over.at, line, column);
+        char what[160];
+        if (over.too_deep)
+            std::snprintf(what, sizeof what, "line %d, column %d: arrays and objects nest deeper than the %u levels the reader takes",
+                          line, column, OVRIN_JSON_MAX_DEPTH);
+        else
+            std::snprintf(what, sizeof what, "line %d, column %d: more values than the %u the reader takes", line, column,
+                          OVRIN_JSON_MAX_VALUES);
         in.stop(MGX_EINVAL, what);
         std::free(in.pointer);
-        in.pointer = pointer_at(json, deep);
+        in.pointer = pointer_at(json, over.at);
     } else {
         // Strictly, a member given twice is refused by the parser; leniently the last one counts.
         json_error_t problem;
