@@ -4,9 +4,8 @@
 # that does not read is named with its line.
 set -euo pipefail
 tool=$1 source=$2 library=$3 runtime=$4
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-fail() { echo "FAIL: $*" >&2; exit 1; }
+# shellcheck source=tests/tool_test_lib.sh
+source "$(dirname "$0")/tool_test_lib.sh"
 
 cat > "$work/old.types" <<'TYPES'
 enum colour

@@ -3,9 +3,8 @@
 # strict documents, whole output, skeletons) and its command line. VERSION is the project's.
 set -euo pipefail
 tool=$1 version=$2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-fail() { echo "FAIL: $*" >&2; exit 1; }
+# shellcheck source=tests/tool_test_lib.sh
+source "$(dirname "$0")/tool_test_lib.sh"
 
 xml='<sess_mgr_register><rcl_conn_hdl><conn_hdl>7</conn_hdl></rcl_conn_hdl><cl_name><cl_name_len>5</cl_name_len><client_name>a&lt;&amp;"b</client_name></cl_name><session_type>2</session_type></sess_mgr_register>'
 printf '%s' "$xml" > "$work/in.xml"
@@ -23,15 +22,6 @@ printf '<sess_mgr_register><cl_name><cl_name_len>3</cl_name_len><client_name>a&#
 head -c 9 "$work/bytes" > "$work/short"
 if "$tool" decode sess_mgr_register "$work/short" 2> "$work/err"; then fail "short bytes decoded"; fi
 grep -q "do not decode as sess_mgr_register: error 90 (the bytes end too early)" "$work/err" || fail "short-bytes message: $(cat "$work/err")"
-
-# expect STATUS PATTERN ARGS... (document on standard input): the status, and PATTERN on stderr.
-expect() {
-    local want=$1 pattern=$2 status=0
-    shift 2
-    "$tool" "$@" > "$work/out" 2> "$work/err" || status=$?
-    [ "$status" -eq "$want" ] || fail "ovrin-sm $*: status $status, not $want: $(cat "$work/err")"
-    grep -qF -- "$pattern" "$work/err" || fail "ovrin-sm $*: said: $(cat "$work/err")"
-}
 
 # Strict documents: each silent acceptance of the library's reader is an error naming its path;
 # --lenient reads the same document as the library does.

@@ -4,9 +4,8 @@
 # library. Each is answered with status 1 and a message naming it, quickly and in bounded memory.
 set -euo pipefail
 tool=$1 memory_kib=$2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-fail() { echo "FAIL: $*" >&2; exit 1; }
+# shellcheck source=tests/tool_test_lib.sh
+source "$(dirname "$0")/tool_test_lib.sh"
 # Sanitizers reserve a large address space up front, so their builds are bounded by time alone.
 [ "$memory_kib" -eq 0 ] || ulimit -v "$memory_kib"
 

@@ -4,9 +4,8 @@
 # places, and the command line. SEEDS is the seed writer's wire directory.
 set -euo pipefail
 tool=$1 seeds=$2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-fail() { echo "FAIL: $*" >&2; exit 1; }
+# shellcheck source=tests/tool_test_lib.sh
+source "$(dirname "$0")/tool_test_lib.sh"
 command -v jq > /dev/null || fail "jq is not installed (tools/dev.sh installs it)"
 
 # Each wire seed is TYPE-MEMBER-u (untracked) or -t (tracked), and holds a byte for the fuzz
@@ -42,15 +41,6 @@ jq -nc '{attr_list: [range(3000) | {type: (. % 250 + 1), value: ("ab" * 1000)}]}
 "$tool" decode sess_mgr_new_client_notif --json "$work/big.bin" > "$work/big-out.json" || fail "decode --json of the large message"
 [ "$(jq '.attr_list | length' "$work/big-out.json")" -eq 3000 ] || fail "attributes missing from the JSON"
 "$tool" encode sess_mgr_new_client_notif --json "$work/big-out.json" | cmp -s - "$work/big.bin" || fail "the large message changed"
-
-# expect STATUS PATTERN ARGS... (document on standard input): the status, and PATTERN on stderr.
-expect() {
-    local want=$1 pattern=$2 status=0
-    shift 2
-    "$tool" "$@" > "$work/out" 2> "$work/err" || status=$?
-    [ "$status" -eq "$want" ] || fail "ovrin-sm $*: status $status, not $want: $(cat "$work/err")"
-    grep -qF -- "$pattern" "$work/err" || fail "ovrin-sm $*: said: $(cat "$work/err")"
-}
 
 # Each strict refusal once, with the place of the value at fault and, for a misspelt name, the
 # closest one; --lenient reads each of these documents.
