@@ -323,10 +323,12 @@ TEST_F(Json, UnionsAddressesWideNumbersAndAttributeListsHaveTheirOwnForms) {
         sess_mgr_api_options_destroy(h, 1, static_cast<sess_mgr_api_options *>(wide.inst));
     }
 
+    // (members in any order: each value is stored at its own width, its neighbours untouched)
     const Ops &dot11 = type_named("sm_dot11_params");
-    Read d = read(dot11, R"({"apfMsBssid":"00:1A:2b:3c:4d:5e"})");
+    Read d = read(dot11, R"({"mcast_vlan_id":7,"vlan_id":65535,"apfMsBssid":"00:1A:2b:3c:4d:5e"})");
     ASSERT_EQ(d.code, 0u) << d.text;
     EXPECT_NE(json_of(dot11, d.inst).find(R"("apfMsBssid":"00:1a:2b:3c:4d:5e")"), std::string::npos);
+    EXPECT_NE(json_of(dot11, d.inst).find(R"("vlan_id":65535,"mcast_vlan_id":7,)"), std::string::npos);
     dot11.destroy(h, 1, d.inst);
 
     const Ops &notif = type_named("sess_mgr_new_client_notif");
