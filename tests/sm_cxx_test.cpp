@@ -61,7 +61,9 @@ template <class T> void round_trips(mgx::handle &h, T &m, bool tracked) {
     EXPECT_EQ(back.to_string(), m.to_string());
     T from_xml = T::from_xml(h, m.to_xml());
     EXPECT_TRUE(from_xml == m) << m.to_xml();
-    T from_json = T::from_json(h, m.to_json(true));
+    const std::string pretty = m.to_json(true); // a record's members a line each; an enumeration's one word
+    EXPECT_EQ(pretty.find('\n') != std::string::npos, pretty[0] == '{') << pretty;
+    T from_json = T::from_json(h, pretty);
     EXPECT_TRUE(from_json == m) << m.to_json();
     T copy = m.clone();
     EXPECT_TRUE(copy == m);

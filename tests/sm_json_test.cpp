@@ -3,6 +3,7 @@
 // byte strings, the limits and refused memory.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -19,6 +20,16 @@ namespace {
 
 using typeops::Ops;
 
+// Marks the bytes of t's attribute lists (its inline records' too) in an instance at base: the
+// runtime's list reader replaces a list's body without announcing it, whoever reads.
+void mark_lists(const ovrin::Type &t, size_t base, std::vector<bool> &marked) {
+    for (uint16_t i = 0; i < t.n_fields; ++i) {
+        const ovrin::Field &f = t.fields[i];
+        if (f.kind == ovrin::Kind::aaa_tlv) std::fill_n(marked.begin() + base + f.offset, f.size, true);
+        else if (f.kind == ovrin::Kind::record && f.shape == ovrin::Shape::scalar) mark_lists(*f.type, base + f.offset, marked);
+    }
+}
+
 struct Json : RuntimeFixture {
     // The whole text, or "(failed)".
     std::string json_of(const Ops &o, const void *inst, uint32_t flags = 0) {
@@ -32,17 +43,34 @@ struct Json : RuntimeFixture {
         std::free(text);
         return out;
     }
-    // A made instance read from the document: 0 and the instance, or the code with what and where.
+    // A made instance read from the document: 0 and the instance, or the code with what and where;
+    // and how many bytes of the instance itself (its flag area too, its attribute lists not) the
+    // read changed without announcing them to the write hook first.
     struct Read {
         uint32_t code;
         std::string text, pointer;
         void *inst;
+        size_t unannounced;
     };
     Read read(const Ops &o, const std::string &doc, uint32_t flags = 0) {
         void *inst = typeops::make(o, h);
+        const auto *bytes = static_cast<const uint8_t *>(inst);
+        const std::vector<uint8_t> before(bytes, bytes + o.type->tracked_size());
+        mgx_journal_clear(h);
         ovrin_json_error e{};
         uint32_t code = o.from_json(h, 1, doc.data(), doc.size(), inst, flags, &e);
-        Read r{code, e.text ? e.text : "", e.pointer ? e.pointer : "", inst};
+        size_t unannounced = 0;
+        std::vector<bool> lists(before.size());
+        if (!o.is_enum()) mark_lists(*o.type, 0, lists);
+        for (size_t i = 0; i < before.size(); ++i) {
+            bool announced = lists[i];
+            for (size_t k = 0; k < mgx_journal_count(h) && !announced; ++k) {
+                const auto *at = static_cast<const uint8_t *>(mgx_journal_entry(h, k)->address);
+                announced = at <= bytes + i && bytes + i < at + mgx_journal_entry(h, k)->length;
+            }
+            unannounced += bytes[i] != before[i] && !announced;
+        }
+        Read r{code, e.text ? e.text : "", e.pointer ? e.pointer : "", inst, unannounced};
         EXPECT_EQ(code == 0, e.text == nullptr && e.pointer == nullptr);
         EXPECT_EQ(mgx_handle_last_error(h), code);
         ovrin_json_error_free(&e);
@@ -63,8 +91,8 @@ struct Json : RuntimeFixture {
 };
 
 // JSON -> instance -> JSON gives the same text, compact or indented; the instance read compares
-// equal to the one written and encodes to the same bytes; and the wire form decoded gives the same
-// JSON again (wire -> JSON -> wire).
+// equal to the one written and encodes to the same bytes, every byte it changed announced to the
+// write hook; and the wire form decoded gives the same JSON again (wire -> JSON -> wire).
 TEST_F(Json, EveryTypeRoundTripsThroughItsTextAndTheWire) {
     each({false, true}, [&](const Ops &o, unsigned arm) {
         void *sent = typeops::make_filled(o, h, 11, arm);
@@ -75,6 +103,7 @@ TEST_F(Json, EveryTypeRoundTripsThroughItsTextAndTheWire) {
             Read r = read(o, doc);
             ASSERT_EQ(r.code, 0u) << r.text << " at " << r.pointer << " in " << doc;
             EXPECT_EQ(o.compare(r.inst, sent), 0);
+            EXPECT_EQ(r.unannounced, 0u);
             EXPECT_EQ(json_of(o, r.inst), text);
             EXPECT_EQ(json_of(o, r.inst, OVRIN_JSON_PRETTY), pretty);
             uint32_t e1 = 0, e2 = 0;
@@ -127,11 +156,12 @@ TEST_F(Json, AnythingButAJsonDocumentIsRefusedWithTheParsersReason) {
         EXPECT_EQ(r.pointer, "");
         o.destroy(h, 1, r.inst);
     }
-    // Nesting past the limit is refused whatever the type; within it, the type decides.
-    const std::string deep = std::string(OVRIN_JSON_MAX_DEPTH + 1, '[') + std::string(OVRIN_JSON_MAX_DEPTH + 1, ']');
-    Read r = read(o, deep);
+    // Nesting past the limit is refused whatever the type; within it (brackets in a string do not
+    // nest), the type decides.
+    const auto nested = [](unsigned n) { return std::string(n, '[') + std::string(n, ']'); };
+    Read r = read(o, nested(OVRIN_JSON_MAX_DEPTH + 1));
     EXPECT_EQ(r.code, 22u);
-    EXPECT_NE(r.text.find("deep"), std::string::npos) << r.text;
+    EXPECT_EQ(r.text, "line 1, column 129: arrays and objects nest deeper than the 128 levels the reader takes");
     o.destroy(h, 1, r.inst);
     // So is a document with more values than the limit (counted by its brackets and separators).
     std::string many = "[0";
@@ -142,6 +172,12 @@ TEST_F(Json, AnythingButAJsonDocumentIsRefusedWithTheParsersReason) {
     r = read(o, many + ",0]");
     EXPECT_EQ(r.text, "line 1, column " + std::to_string(many.size() + 1) + ": more values than the 1048576 the reader takes");
     o.destroy(h, 1, r.inst);
+    for (const std::string &doc : {nested(OVRIN_JSON_MAX_DEPTH), "{\"\\\"" + nested(OVRIN_JSON_MAX_DEPTH + 1) + "\":1}"}) {
+        r = read(o, doc);
+        EXPECT_EQ(r.code, 22u);
+        EXPECT_EQ(r.text.find("deep"), std::string::npos) << r.text;
+        o.destroy(h, 1, r.inst);
+    }
     const std::string big(OVRIN_JSON_MAX_DOCUMENT + size_t{1}, ' ');
     r = read(o, big);
     EXPECT_EQ(r.text, "the document is larger than the 64 MiB the reader takes");
@@ -182,11 +218,23 @@ TEST_F(Json, AFreshInstanceAndItsOwnTextAreTakenOrRefusedAlike) {
 #endif
 }
 
-// A member of a later variant than the instance's is left out of its text and refused in a
-// document; leniently it is skipped.
+// A member (or a literal) of a later variant than the instance's is left out of its text and
+// refused in a document; leniently it is skipped.
 TEST_F(Json, MembersOfALaterVariantAreLeftOutAndRefused) {
-    unsigned seen = 0;
+    unsigned seen = 0, literals = 0;
     for (const Ops &o : typeops::all()) {
+        const ovrin::Literal *last = o.is_enum() ? &o.type->literals[o.type->n_literals - 1] : nullptr;
+        if (last && last->from_variant > 0) {
+            ++literals;
+            ASSERT_EQ(mgx_handle_set_domain_variant(h, o.name, 0), 0);
+            // by name or by its value (which the instance's text would give by name)
+            for (const std::string doc : {std::string("\"") + last->name + "\"", std::to_string(last->user)}) {
+                Read r = read(o, doc);
+                EXPECT_EQ(r.text, std::string(last->name) + " is not a literal of " + o.name + " in variant 0");
+                o.destroy(h, 1, r.inst);
+            }
+            ASSERT_EQ(mgx_handle_set_domain_variant(h, o.name, o.type->last_variant()), 0);
+        }
         const ovrin::Field *later = nullptr;
         for (uint16_t i = 0; i < o.type->n_fields && !later; ++i)
             if (o.type->fields[i].from_variant > 0) later = &o.type->fields[i];
@@ -196,7 +244,10 @@ TEST_F(Json, MembersOfALaterVariantAreLeftOutAndRefused) {
         ASSERT_EQ(mgx_handle_set_domain_variant(h, o.name, 0), 0);
         void *old = typeops::make_filled(o, h, 5);
         EXPECT_EQ(json_of(o, old).find(std::string("\"") + later->name + "\""), std::string::npos);
-        const std::string doc = std::string("{\"") + later->name + "\":null}";
+        // (a union's member with a discriminator that selects it: read leniently, it stays out)
+        const std::string doc = later->shape != ovrin::Shape::member ? std::string("{\"") + later->name + "\":null}"
+                                : std::string("{\"") + o.type->fields[o.type->discriminator].name + "\":" +
+                                      std::to_string(later->select) + ",\"" + later->name + "\":{}}";
         Read r = read(o, doc);
         EXPECT_EQ(r.text, std::string(o.name) + " has no member " + later->name + " in variant 0");
         EXPECT_EQ(r.pointer, std::string("/") + later->name);
@@ -206,6 +257,39 @@ TEST_F(Json, MembersOfALaterVariantAreLeftOutAndRefused) {
         for (void *p : {old, r.inst}) o.destroy(h, 1, p);
         ASSERT_EQ(mgx_handle_set_domain_variant(h, o.name, o.type->last_variant()), 0);
     }
+    EXPECT_GT(seen, 0u);
+    EXPECT_GT(literals, 0u);
+}
+
+// A string or array behind a 16-bit length or count is refused past 65535 bytes or elements.
+TEST_F(Json, SixteenBitCountsRefuseWhatTheyCannotHold) {
+    unsigned seen = 0;
+    for (const Ops &o : typeops::all())
+        for (uint16_t i = 0; i < o.type->n_fields && !o.is_enum(); ++i) {
+            const ovrin::Field &f = o.type->fields[i];
+            const bool string = f.shape == ovrin::Shape::var_string;
+            if ((!string && f.shape != ovrin::Shape::var_array) || o.type->fields[f.companion].kind != ovrin::Kind::u16) continue;
+            ++seen;
+            SCOPED_TRACE(std::string(o.name) + "." + f.name);
+            // (past the limit only, for an array: 65535 elements are slow to make)
+            for (size_t n = string ? UINT16_MAX : UINT16_MAX + 1; n <= UINT16_MAX + 1; ++n) {
+                std::string doc = std::string("{\"") + f.name + "\":";
+                if (string) {
+                    doc += "\"" + std::string(n, 'a') + "\"";
+                } else {
+                    const std::string element = f.kind == ovrin::Kind::record ? "{}" : "0";
+                    for (size_t k = 0; k < n; ++k) doc += (k ? "," : "[") + element;
+                    doc += "]";
+                }
+                Read r = read(o, doc + "}");
+                const bool fits = n <= UINT16_MAX;
+                EXPECT_EQ(r.text, fits ? ""
+                                  : string ? "a string of 65536 bytes is longer than its u_int16 length holds"
+                                           : "holds 65536 elements, more than its count member holds");
+                EXPECT_EQ(r.pointer, fits ? "" : std::string("/") + f.name);
+                o.destroy(h, 1, r.inst);
+            }
+        }
     EXPECT_GT(seen, 0u);
 }
 
@@ -235,6 +319,9 @@ TEST_F(Json, ARecordsTextIsItsMembersInOrderCompactOrAsJqIndentsIt) {
   "session_type": 2,
   "cb_bitmap": 0
 })");
+    auto *q = own(sess_mgr_sess_attr_query_resp_create(h, 1), sess_mgr_sess_attr_query_resp_destroy);
+    EXPECT_NE(json_of(type_named("sess_mgr_sess_attr_query_resp"), q, OVRIN_JSON_PRETTY).find("\"resp_array\": []"),
+              std::string::npos); // an empty array stays "[]"
 }
 
 // Unions: the discriminator's literal and the member it selects; 64-bit values as strings of
@@ -249,6 +336,12 @@ TEST_F(Json, UnionsAddressesWideNumbersAndAttributeListsHaveTheirOwnForms) {
     EXPECT_EQ(back.rfind(R"({"event_type":"SESS_MGR_RCL_IN_REGISTER","reg_client":{"rcl_conn_hdl":)", 0), 0u) << back;
     EXPECT_NE(back.find(R"("session_type":3,"cb_bitmap":4294967295})"), std::string::npos) << back;
     ev.destroy(h, 1, r.inst);
+    // Only the selected member is written, whatever other members the instance holds.
+    void *every = typeops::make(ev, h);
+    testfill::fill(*ev.type, h, every, 3, testfill::every_arm);
+    r = read(ev, json_of(ev, every));
+    EXPECT_EQ(r.code, 0u) << r.text;
+    for (void *p : {every, r.inst}) ev.destroy(h, 1, p);
 
     auto *opts = own(sess_mgr_api_options_create(h, 1), sess_mgr_api_options_destroy);
     opts->options = UINT64_MAX;
@@ -268,10 +361,12 @@ TEST_F(Json, UnionsAddressesWideNumbersAndAttributeListsHaveTheirOwnForms) {
         sess_mgr_api_options_destroy(h, 1, static_cast<sess_mgr_api_options *>(wide.inst));
     }
 
+    // (members in any order: each value is stored at its own width, its neighbours untouched)
     const Ops &dot11 = type_named("sm_dot11_params");
-    Read d = read(dot11, R"({"apfMsBssid":"00:1A:2b:3c:4d:5e"})");
+    Read d = read(dot11, R"({"mcast_vlan_id":7,"vlan_id":65535,"apfMsBssid":"00:1A:2b:3c:4d:5e"})");
     ASSERT_EQ(d.code, 0u) << d.text;
     EXPECT_NE(json_of(dot11, d.inst).find(R"("apfMsBssid":"00:1a:2b:3c:4d:5e")"), std::string::npos);
+    EXPECT_NE(json_of(dot11, d.inst).find(R"("vlan_id":65535,"mcast_vlan_id":7,)"), std::string::npos);
     dot11.destroy(h, 1, d.inst);
 
     const Ops &notif = type_named("sess_mgr_new_client_notif");
@@ -289,7 +384,8 @@ TEST_F(Json, EveryByteOfACountedStringSurvives) {
     const Ops &o = type_named("sess_mgr_client_name");
     std::string all;
     for (int b = 0; b < 256; ++b) all += static_cast<char>(b);
-    all += "\xee\x81\x81 \xc3\xa9 \xf0\x9f\x99\x82 \xed\xa0\x80"; // U+E041, é, an emoji, a surrogate
+    // U+E041, é, an emoji, a surrogate, U+E0FF, and a lead byte past U+10FFFF with its continuations
+    all += "\xee\x81\x81 \xc3\xa9 \xf0\x9f\x99\x82 \xed\xa0\x80 \xee\x83\xbf \xf5\x80\x80\x80";
     auto *c = own(sess_mgr_client_name_create(h, 1), sess_mgr_client_name_destroy);
     c->client_name = static_cast<char *>(h->inst_alloc(h->alloc_ctx, 1, all.size() + 1));
     std::memcpy(c->client_name, all.c_str(), all.size() + 1);
@@ -300,7 +396,9 @@ TEST_F(Json, EveryByteOfACountedStringSurvives) {
     EXPECT_NE(text.find(R"(!\"#)"), std::string::npos);
     EXPECT_NE(text.find(R"([\\])"), std::string::npos);
     EXPECT_NE(text.find(R"(\ue080\ue081)"), std::string::npos); // 0x80 0x81 alone are not UTF-8
-    EXPECT_NE(text.find(R"(\ue0ee\ue081\ue081 é 🙂 \ue0ed\ue0a0\ue080")"), std::string::npos) << text;
+    EXPECT_NE(text.find(R"(\ue0ee\ue081\ue081 é 🙂 \ue0ed\ue0a0\ue080 \ue0ee\ue083\ue0bf \ue0f5\ue080\ue080\ue080")"),
+              std::string::npos)
+        << text;
     Read r = read(o, text);
     ASSERT_EQ(r.code, 0u) << r.text;
     EXPECT_EQ(o.compare(r.inst, c), 0);
@@ -309,11 +407,15 @@ TEST_F(Json, EveryByteOfACountedStringSurvives) {
     Read empty = read(o, R"({"client_name":""})");
     EXPECT_EQ(static_cast<sess_mgr_client_name *>(empty.inst)->client_name, nullptr);
     o.destroy(h, 1, empty.inst);
-    // A private-use character written as it is stands for its byte too.
+    // A private-use character written as it is stands for its byte too; a string read again
+    // replaces the one there.
     Read p = read(o, "{\"client_name\":\"a\xee\x80\x81\"}");
     ASSERT_EQ(p.code, 0u);
     auto *got = static_cast<sess_mgr_client_name *>(p.inst);
     EXPECT_EQ(std::string(got->client_name, got->cl_name_len), std::string("a\x01", 2));
+    const std::string again = R"({"client_name":"bc"})";
+    ASSERT_EQ(o.from_json(h, 1, again.data(), again.size(), p.inst, 0, nullptr), 0u);
+    EXPECT_EQ(std::string(got->client_name, got->cl_name_len), "bc");
     o.destroy(h, 1, p.inst);
 }
 
@@ -331,6 +433,8 @@ TEST_F(Json, StrictReadingRefusesEachFaultWhereItIsAndLenientReadingSkipsIt) {
          "/session_type"},
         {"sess_mgr_register", R"({"session_type":-1})", "-1 is below 0, the smallest u_int32", "/session_type"},
         {"sess_mgr_register", R"({"session_type":1.5})", "1.5 is not a whole number", "/session_type"},
+        {"sess_mgr_api_options", R"({"options":"18446744073709551616"})",
+         "\"18446744073709551616\" is above 18446744073709551615, the largest u_int64", "/options"},
         {"sess_mgr_register", R"({"cl_name":{"cl_name_len":6,"client_name":"alice"}})",
          "says 6, but client_name holds 5 bytes", "/cl_name/cl_name_len"},
         {"sess_mgr_register", R"({"cl_name":[]})", "expected an object (sess_mgr_client_name), found an array", "/cl_name"},
@@ -341,7 +445,11 @@ TEST_F(Json, StrictReadingRefusesEachFaultWhereItIsAndLenientReadingSkipsIt) {
         {"ovrin_smd_in_event", R"({"event_type":"SESS_MGR_RCL_IN_REGISTER"})",
          "event_type is SESS_MGR_RCL_IN_REGISTER, which selects reg_client: it is missing", "/reg_client"},
         {"sm_dot11_params", R"({"apfMsBssid":"00:1a:2b"})", "\"00:1a:2b\" is not a MAC address", "/apfMsBssid"},
+        {"sm_dot11_params", R"({"apfMsBssid":"00:1a:2b:3c:4d-5e"})", "\"00:1a:2b:3c:4d-5e\" is not a MAC address",
+         "/apfMsBssid"},
         {"sess_mgr_new_client_notif", R"({"attr_list":[{"type":1,"value":"0g"}]})", "\"0g\" is not hexadecimal bytes",
+         "/attr_list/0/value"},
+        {"sess_mgr_new_client_notif", R"({"attr_list":[{"type":1,"value":"abc"}]})", "\"abc\" is not hexadecimal bytes",
          "/attr_list/0/value"},
         {"sess_mgr_new_client_notif", R"({"attr_list":[{"type":1}]})", "an attribute needs both type and value",
          "/attr_list/0"},
@@ -365,18 +473,23 @@ TEST_F(Json, StrictReadingRefusesEachFaultWhereItIsAndLenientReadingSkipsIt) {
     }
     // What the parser refuses is refused in either mode, where it stopped.
     for (uint32_t mode : {0u, OVRIN_JSON_LENIENT}) {
-        Read r = read(type_named("sess_mgr_sess_attr_query_resp"), R"({"resp_array":[{}, {"x":[1,2,01]}]})", mode);
+        Read r = read(type_named("sess_mgr_sess_attr_query_resp"), R"({"resp_array":[{}, {"~/":[1,2,01]}]})", mode);
         EXPECT_EQ(r.code, 22u);
-        EXPECT_EQ(r.text.rfind("line 1, column 30: ", 0), 0u) << r.text;
-        EXPECT_EQ(r.pointer, "/resp_array/1/x/2");
+        EXPECT_EQ(r.text.rfind("line 1, column 31: ", 0), 0u) << r.text;
+        EXPECT_EQ(r.pointer, "/resp_array/1/~0~1/2");
         sess_mgr_sess_attr_query_resp_destroy(h, 1, static_cast<sess_mgr_sess_attr_query_resp *>(r.inst));
     }
-    // Leniently the last of a repeated member counts, and what cannot be read keeps its value.
+    // Leniently the last of a repeated member counts, what cannot be read keeps its value, and a
+    // fixed array takes the elements it has room for.
     Read r = read(type_named("sess_mgr_register"), R"({"session_type":1,"session_type":2,"cb_bitmap":"x"})",
                   OVRIN_JSON_LENIENT);
     EXPECT_EQ(static_cast<sess_mgr_register *>(r.inst)->session_type, 2u);
     EXPECT_EQ(static_cast<sess_mgr_register *>(r.inst)->cb_bitmap, 0u);
     sess_mgr_register_destroy(h, 1, static_cast<sess_mgr_register *>(r.inst));
+    r = read(type_named("sm_dot11_params"), R"({"oui":[1,2,3,4]})", OVRIN_JSON_LENIENT);
+    const auto *oui = static_cast<sm_dot11_params *>(r.inst)->oui;
+    EXPECT_EQ(std::vector<int>(oui, oui + 3), std::vector<int>({1, 2, 3}));
+    sm_dot11_params_destroy(h, 1, static_cast<sm_dot11_params *>(r.inst));
 }
 
 #endif

@@ -58,14 +58,16 @@ sm_dot11_params|{"apfMsLradSlotId":256}|:1:20: /apfMsLradSlotId: 256 is above 25
 sess_mgr_session_start|{"ext_params":{"encap_type":"SM_WIRED_ACCES"}}|:1:29: /ext_params/encap_type: SM_WIRED_ACCES is not a literal of sm_access_type; did you mean SM_WIRED_ACCESS?
 sess_mgr_register|{"cl_name":{"cl_name_len":6,"client_name":"alice"}}|:1:27: /cl_name/cl_name_len: says 6, but client_name holds 5 bytes
 sm_dot11_params|{"oui":[1,2]}|:1:8: /oui: holds 2 elements; oui has 3
+sess_mgr_register|{"a/b~":1}|:1:9: /a~1b~0: sess_mgr_register has no member a/b~
+sess_mgr_new_client_notif|{"attr_list":[{"type":1,"value":"00"},{"type":1,"value":"0g"}]}|:1:57: /attr_list/1/value: "0g" is not hexadecimal bytes
 CASES
 
 # A place past the first line; a root of the wrong kind; text that is not JSON (cut short, a byte
 # that is not UTF-8, half a surrogate pair, nested past the limit), refused in either reading.
 printf '{\n  "apfMsLradSlotId": 255,\n  "vlan_id": 65536\n}\n' > "$work/widths.json"
 expect 1 "$work/widths.json:3:14: /vlan_id: 65536 is above 65535, the largest u_int16" encode sm_dot11_params "$work/widths.json"
-echo '[]' | expect 1 "<stdin>:1:1: expected an object (sess_mgr_register), found an array" encode sess_mgr_register
 for lenient in "" --lenient; do
+    echo '[]' | expect 1 "<stdin>:1:1: expected an object (sess_mgr_register), found an array" encode sess_mgr_register $lenient
     printf '{\n  "session_type": 1,\n  "cb_bitmap": 2,\n}' |
         expect 1 "<stdin>:4:1: string or '}' expected near '}'" encode sess_mgr_register $lenient
     printf '{"cl_name":{"client_name":"a\xffb"}}' | expect 1 "<stdin>:1:28: /cl_name/client_name: unable to decode byte 0xff" encode sess_mgr_register $lenient
