@@ -228,7 +228,7 @@ TEST_F(Json, MembersOfALaterVariantAreLeftOutAndRefused) {
             ++literals;
             ASSERT_EQ(mgx_handle_set_domain_variant(h, o.name, 0), 0);
             // by name or by its value (which the instance's text would give by name)
-            for (const std::string doc : {std::string("\"") + last->name + "\"", std::to_string(last->user)}) {
+            for (const std::string &doc : {std::string("\"") + last->name + "\"", std::to_string(last->user)}) {
                 Read r = read(o, doc);
                 EXPECT_EQ(r.text, std::string(last->name) + " is not a literal of " + o.name + " in variant 0");
                 o.destroy(h, 1, r.inst);

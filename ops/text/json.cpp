@@ -605,22 +605,25 @@ void read_record(const Type &t, JsonIn &in, const json_t *e, void *instance);
 
 void read_enum(const Type &t, JsonIn &in, const json_t *e, void *instance, const void *base) {
     uint32_t value;
+    const Literal *l = nullptr;
     if (is(e, JSON_STRING)) {
         std::string_view name = string_of(e);
-        const Literal *l = nullptr;
         for (uint16_t i = 0; i < t.n_literals && !l; ++i)
             if (name == t.literals[i].name) l = &t.literals[i];
         if (!l) return in.refuse("%.*s is not a literal of %s", shown(name), name.data(), t.name);
-        int8_t variant = mgx_get_instance_variant(instance, 1, 0);
-        if (!enum_admits(t, l->user, variant < 0 ? t.last_variant() : variant))
-            return in.refuse("%s is not a literal of %s in variant %d", l->name, t.name, variant);
         value = l->user;
     } else {
         uint64_t v;
         if (!is(e, JSON_INTEGER)) return in.refuse("expected a literal of %s, found %s", t.name, json_kind(e));
         if (!read_unsigned(in, e, UINT32_MAX, t.name, false, v)) return;
-        value = static_cast<uint32_t>(v); // a value no literal names, kept as it is (as decode keeps it)
+        value = static_cast<uint32_t>(v); // a value no literal names is kept as it is (as decode keeps it)
+        l = literal_named_by(t, value);
     }
+    // A literal, by name or by value, of a variant later than the instance's (which its text would
+    // name, and a strict read refuse).
+    const int8_t variant = mgx_get_instance_variant(instance, 1, 0);
+    if (l && !enum_admits(t, l->user, variant < 0 ? t.last_variant() : variant))
+        return in.refuse("%s is not a literal of %s in variant %d", l->name, t.name, variant);
     store(in, &static_cast<EnumInstance *>(instance)->value, value, base);
 }
 
