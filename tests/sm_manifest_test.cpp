@@ -165,6 +165,12 @@ TEST(FileReaders, WhatEndsAtTheEndIsReadAndOneBytePastIsRefused) {
     EXPECT_EQ(error, "f: 3 section headers at byte " + std::to_string(eh.e_shoff) + " lie outside the file (" +
                          std::to_string(file.size() - 1) + " bytes)");
 
+    // Section headers that start one header short of the end: the first would be read past it.
+    std::vector<uint8_t> short_table = file;
+    reinterpret_cast<Elf64_Ehdr *>(short_table.data())->e_shoff = file.size() - sizeof(Elf64_Shdr) + 1;
+    EXPECT_FALSE(mgx::elf::parse(short_table, "f", error));
+    EXPECT_EQ(error, "f: section headers lie outside the file");
+
     // The name table's index one past the last section; a name of the longest length a reader
     // looks for is kept, one byte longer is no name.
     std::vector<uint8_t> past = file;
