@@ -21,8 +21,10 @@ for seed in "$seeds"/*-u; do
     "$tool" decode "$t" --json --pretty "$work/msg" | cmp -s - "$work/jq" || fail "$name: --pretty is not as jq prints it"
     "$tool" encode "$t" --json "$work/compact" | cmp -s - "$work/msg" || fail "$name: JSON changed the bytes"
     "$tool" encode "$t" "$work/jq" | cmp -s - "$work/msg" || fail "$name: JSON, told by its first character, changed the bytes"
-    # The tracked encoding of the same instance reads as the same JSON.
+    # The tracked encoding of the same instance reads as the same JSON, and that JSON encodes on a
+    # tracking handle to the same bytes (the seeds' state bytes are clear, as a read leaves them).
     "$tool" decode "$t" --tracked --json "$work/tracked" | cmp -s - "$work/compact" || fail "$name: tracked bytes read otherwise"
+    "$tool" encode "$t" --tracked --json "$work/compact" | cmp -s - "$work/tracked" || fail "$name: JSON changed the tracked bytes"
     seen=$((seen + 1))
 done
 [ "$seen" -ge 79 ] || fail "only $seen wire seeds in $seeds"
