@@ -25,20 +25,9 @@ soversion=$5
 sanitize=${6:-}
 sanitize_link="$sanitize ${7:-}"
 
-if [[ $libdir == /* ]]; then
-    echo "skipped: the libraries install to the absolute directory $libdir, outside any chosen prefix"
-    exit 77
-fi
-
-work=$(mktemp -d "$build/tests/package.XXXXXX")
-prefix=$work/prefix
-ok=0
-trap '[ $ok = 1 ] && rm -rf "$work" || echo "(work files kept in $work)"' EXIT
-
-fail() {
-    echo "FAIL: $*" >&2
-    exit 1
-}
+# shellcheck source=tests/package_test_lib.sh
+source "$(dirname "$0")/package_test_lib.sh"
+package_scratch package "$libdir"
 
 # A real user's environment does not point the loader into the build tree.
 unset LD_LIBRARY_PATH

@@ -13,20 +13,9 @@ source=$(realpath "$2")
 python=$3
 pydir=$4
 
-if [[ $pydir == /* ]]; then
-    echo "skipped: the package installs to the absolute directory $pydir, outside any chosen prefix"
-    exit 77
-fi
-
-work=$(mktemp -d "$build/tests/package.python.XXXXXX")
-prefix=$work/prefix
-ok=0
-trap '[ $ok = 1 ] && rm -rf "$work" || echo "(work files kept in $work)"' EXIT
-
-fail() {
-    echo "FAIL: $*" >&2
-    exit 1
-}
+# shellcheck source=tests/package_test_lib.sh
+source "$(dirname "$0")/../package_test_lib.sh"
+package_scratch package.python "$pydir"
 
 cmake --install "$build" --prefix "$prefix" >"$work/install.log"
 [ -f "$prefix/$pydir/ovrin_sm/__init__.py" ] || fail "the package is not in $prefix/$pydir"
