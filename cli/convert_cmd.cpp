@@ -235,10 +235,11 @@ bool read_json(const Options &o, const ovrin_sm_type_ops &ops, const std::string
     int line = 0, column = 0, used = 0;
     std::string place = where, why = what;
     if (std::sscanf(what.c_str(), "line %d, column %d: %n", &line, &column, &used) == 2 && used > 0) {
-        place += ":" + std::to_string(line) + ":" + std::to_string(column);
+        // (appended piece by piece: GCC 12 at -O3 takes ":" + std::string for an overlapping copy)
+        place.append(":").append(std::to_string(line)).append(":").append(std::to_string(column));
         why = what.substr(static_cast<size_t>(used));
     } else if (size_t at = json_value_at(text, pointer); at != no_place) {
-        place += ":" + line_column(text, at);
+        place.append(":").append(line_column(text, at));
     }
     std::fprintf(stderr, "%s: %s%s%s%s\n", place.c_str(), pointer.c_str(), pointer.empty() ? "" : ": ", why.c_str(),
                  json_hint(pointer, why).c_str());
