@@ -11,7 +11,12 @@ _ovrin_sm() {
     local command=${COMP_WORDS[1]}
     case $prev in
         --library | --trace) mapfile -t COMPREPLY < <(compgen -f -- "$cur"); return ;;
-        --count | --corrupt | --memory-every) return ;;
+        --count | --corrupt | --memory-every | --clients | --think | --idle | --max-frame | --out-limit) return ;;
+        --group) mapfile -t COMPREPLY < <(compgen -g -- "$cur"); return ;;
+        --faults) # a comma-separated list: the names after the last comma
+            local done=${cur%"${cur##*,}"}
+            mapfile -t COMPREPLY < <(compgen -P "$done" -W "kill damage truncate oversize stall silent stranger all" -- "${cur##*,}")
+            return ;;
     esac
     if [[ $cur == -* ]]; then
         local options

@@ -22,7 +22,8 @@ check() { # check EXPECTED WORDS...
     [ "$got" = "$want" ] || fail "completing '$*': '$got', not '$want'"
 }
 check "decode demo" "$tool" de
-check "--count --corrupt" "$tool" demo --c
+check "--count --corrupt --clients" "$tool" demo --c
+check "kill,stall kill,silent kill,stranger" "$tool" demo --clients 3 --faults kill,s
 check "sess_mgr_register" "$tool" decode sess_mgr_reg
 check "sess_mgr_register" "$tool" types sess_mgr_reg
 check "--hex --xml --json --pretty --tracked --allow-trailing --help" "$tool" decode --

@@ -163,9 +163,14 @@ unexpected operand 'c'|encode sess_mgr_register a c
 unknown command 'decod'; did you mean decode?|decod
 unknown option '--verson'; did you mean --version?|--verson
 demo: unknown option '--cunt'; did you mean --count?|demo --cunt 3
-demo: option '--c' is ambiguous: it could be --count or --corrupt|demo --c 3
+demo: option '--c' is ambiguous: it could be --count, --corrupt or --clients|demo --c 3
 no type 'sess_mgr_registr'; did you mean sess_mgr_register?|decode sess_mgr_registr -
 no type 'sess_mgr_registr'; did you mean sess_mgr_register?|types sess_mgr_registr
+--faults: unknown fault 'kil' (faults: kill, damage, truncate, oversize, stall, silent, stranger, or all); did you mean kill?|demo --clients 2 --faults stall,kil
+--think, --idle, --max-frame and --out-limit go with --clients|demo --json
+--clients shows no messages and takes no --xml|demo --clients 2 --xml
+--group: no group 'no-such-group'|demo --clients 2 --group no-such-group
+--clients times --count is past 2147483647 sessions|demo --clients 100000 --count 100000
 CASES
 "$tool" decode --hex -- sess_mgr_register - < "$work/bytes.hex" > /dev/null || fail "'--' and '-'"
 # Nothing asked is a bad command line too: the usage on standard error, status 2.

@@ -17,6 +17,8 @@ mgx_mac_addr station_mac(long session) {
     return {{0x02, 0x00, 0x5e, uint8_t(session >> 16), uint8_t(session >> 8), uint8_t(session)}};
 }
 
+constexpr uint32_t kConnBase = 0x1000;
+
 // Identifiers of one session, derived from its number.
 struct Ids {
     uint32_t conn, core_conn, client, label, query;
@@ -26,7 +28,7 @@ struct Ids {
 Ids ids_of(long session) {
     Ids id;
     uint32_t s = static_cast<uint32_t>(session);
-    id.conn = 0x1000 + s;
+    id.conn = conn_of(session);
     id.core_conn = 0x7000 + s;
     id.client = 0x20000 + s;
     id.label = 0x40000000u + s;
@@ -224,6 +226,9 @@ void answer(sm::ovrin_smd_resp_event &ev, Answer kind, long session) {
 }
 
 } // namespace
+
+uint32_t conn_of(long session) { return kConnBase + static_cast<uint32_t>(session); }
+long session_of_conn(uint32_t conn) { return conn > kConnBase ? static_cast<long>(conn - kConnBase) : -1; }
 
 sm::ovrin_smd_in_event build_request(mgx_handle_t *h, Request kind, long session) {
     auto ev = sm::ovrin_smd_in_event::create(h, kLuid);

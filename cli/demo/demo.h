@@ -17,7 +17,10 @@
 #ifndef OVRIN_CLI_DEMO_DEMO_H
 #define OVRIN_CLI_DEMO_DEMO_H
 
+#include <sys/types.h>
+
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -44,6 +47,19 @@ struct Options {
     // Each process reports its resident memory and its handle's live allocations after every
     // this many sessions (0: never), so that a long run shows whether anything grows.
     long memory_every = 0;
+
+    // The load run (load.h): with clients > 0, one session manager serves this many clients at
+    // once, each playing `count` sessions.
+    long clients = 0;
+    unsigned faults = 0;      // bits of load::Fault: misbehaving peers mixed in
+    bool json = false;        // the report as one JSON object
+    bool group_given = false; // peers whose group is `group` are let in beside this user's
+    gid_t group = 0;
+    std::string group_name;
+    long think_us = 0;        // each client's pause between one exchange and the next
+    long idle_ms = 2000;      // a client silent this long is dropped
+    long max_frame = 65536;   // the longest frame the session manager takes
+    long out_limit = 262144;  // the most answer bytes it queues for a client that does not read
 };
 
 // Reads the command line into o: -1 to go on, otherwise the exit status (the help was shown, or
@@ -73,6 +89,10 @@ const char *answer_name(Answer a);
 sm::ovrin_smd_in_event build_request(mgx_handle_t *h, Request kind, long session);
 sm::ovrin_smd_resp_event build_answer(mgx_handle_t *h, Answer kind, long session);
 
+// The connection handle of a session's messages, and the session whose handle it is (or -1).
+uint32_t conn_of(long session);
+long session_of_conn(uint32_t conn);
+
 // ------------------------------------------------------------------ framing
 
 bool write_all(int fd, const uint8_t *p, size_t n);
@@ -80,6 +100,26 @@ bool read_all(int fd, uint8_t *p, size_t n);
 bool send_frame(int fd, const std::vector<uint8_t> &bytes);
 // A frame, or false when the peer is gone or announces a length no message of this library has.
 bool receive_frame(int fd, std::vector<uint8_t> &bytes);
+
+// This process's resident set size and its peak, in KiB as the kernel counts them; false when
+// /proc does not say.
+bool resident_kib(long &rss, long &peak);
+
+// ------------------------------------------------------------------ checking on arrival
+
+// One received frame checked: decoded into `got` from all its bytes, equal to `want` (rebuilt
+// here with the same builder) by value and by hash, and so is its clone. `problem` is empty when
+// the message is intact; `truncated` says the encoding stopped short (error 90).
+template <class M> struct Checked {
+    M got, want;
+    int8_t variant = 0;
+    uint32_t hash = 0;
+    std::string problem;
+    bool truncated = false;
+};
+template <class M, class Kind>
+Checked<M> check_frame(mgx::handle &h, std::span<const uint8_t> bytes, M (*build)(mgx_handle_t *, Kind, long), Kind kind,
+                       long session, const char *peer);
 
 // ------------------------------------------------------------------ one side of the exchange
 

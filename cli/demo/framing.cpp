@@ -32,8 +32,10 @@ bool read_all(int fd, uint8_t *p, size_t n) {
 
 bool send_frame(int fd, const std::vector<uint8_t> &bytes) {
     const uint32_t n = static_cast<uint32_t>(bytes.size());
-    const uint8_t head[4] = {uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)};
-    return write_all(fd, head, 4) && write_all(fd, bytes.data(), bytes.size());
+    // One write for the frame: the peer wakes once for it.
+    std::vector<uint8_t> frame{uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)};
+    frame.insert(frame.end(), bytes.begin(), bytes.end());
+    return write_all(fd, frame.data(), frame.size());
 }
 
 bool receive_frame(int fd, std::vector<uint8_t> &bytes) {

@@ -1,16 +1,24 @@
 // ovrin-sm demo: the command line.
+#include <grp.h>
+
 #include <string>
 
 #include "cli/demo/demo.h"
+#include "cli/demo/load.h"
 #include "cli/options.h"
 
 namespace ovrin::demo {
 
 int parse(int argc, char **argv, Options &o) {
     using namespace ovrin::cli;
-    enum { opt_xml = 256, opt_hex, opt_quiet, opt_count, opt_corrupt, opt_trace, opt_memory_every };
+    enum {
+        opt_xml = 256, opt_hex, opt_quiet, opt_count, opt_corrupt, opt_trace, opt_memory_every,
+        opt_clients, opt_faults, opt_group, opt_json, opt_think, opt_idle, opt_max_frame, opt_out_limit
+    };
     static const Command command = {
-        "demo", "[--xml | --hex | --quiet] [--count N] [--corrupt FRAME] [--trace FILE] [--memory-every N]",
+        "demo", "[--xml | --hex | --quiet] [--count N] [--corrupt FRAME] [--trace FILE] [--memory-every N]\n"
+        "       ovrin-sm demo --clients N [--count M] [--faults LIST] [--group GROUP] [--think US] [--idle MS]\n"
+        "                     [--max-frame BYTES] [--out-limit BYTES] [--json]",
         "A client and a session manager, two processes with their own runtime handles, exchange one\n"
         "session's messages over a socket pair; each side checks every message it receives against the\n"
         "one its peer meant to send. Exits 0 only when all arrived intact and no allocation is left.\n"
@@ -22,14 +30,40 @@ int parse(int argc, char **argv, Options &o) {
         "  --corrupt FRAME       the sender of frame FRAME of the first session (1-based, both directions\n"
         "                        counted) damages it: the receiver must report it and the demo fails\n"
         "  --trace FILE          both processes append their trace emissions to the binary trace FILE\n"
-        "  --memory-every N      after every N sessions each process reports its memory and allocations\n",
+        "  --memory-every N      after every N sessions each process reports its memory and allocations\n"
+        "\n"
+        "With --clients, one session manager (one process, one runtime handle, an epoll loop) serves N\n"
+        "clients at once over a Unix socket in a private directory; each client (a thread with its own\n"
+        "handle) plays --count sessions. The report gives the rates, the exchange latency, the session\n"
+        "manager's memory, allocations and descriptors, and every drop with its cause; exit 0 only when\n"
+        "every healthy client's messages arrived intact and every fault was survived.\n"
+        "\n"
+        "  --clients N           the healthy clients (1 to 100000)\n"
+        "  --faults LIST         misbehaving peers, one each, comma-separated: kill (killed mid-frame),\n"
+        "                        damage, truncate, oversize (frames past the limit), stall (never reads),\n"
+        "                        silent (says nothing), stranger (another user, needs root), or all\n"
+        "  --group GROUP         peers whose group is GROUP are let in too (name or number)\n"
+        "  --think US            each client pauses about US microseconds after each exchange (random,\n"
+        "                        exponentially distributed; 0: none)\n"
+        "  --idle MS             a client silent for MS milliseconds is dropped (2000)\n"
+        "  --max-frame BYTES     the longest frame the session manager takes (65536)\n"
+        "  --out-limit BYTES     the most answer bytes queued for a client that does not read (262144)\n"
+        "  --json                the report as one JSON object\n",
         {{"xml", no_argument, nullptr, opt_xml},
          {"hex", no_argument, nullptr, opt_hex},
          {"quiet", no_argument, nullptr, opt_quiet},
          {"count", required_argument, nullptr, opt_count},
          {"corrupt", required_argument, nullptr, opt_corrupt},
          {"trace", required_argument, nullptr, opt_trace},
-         {"memory-every", required_argument, nullptr, opt_memory_every}}};
+         {"memory-every", required_argument, nullptr, opt_memory_every},
+         {"clients", required_argument, nullptr, opt_clients},
+         {"faults", required_argument, nullptr, opt_faults},
+         {"group", required_argument, nullptr, opt_group},
+         {"json", no_argument, nullptr, opt_json},
+         {"think", required_argument, nullptr, opt_think},
+         {"idle", required_argument, nullptr, opt_idle},
+         {"max-frame", required_argument, nullptr, opt_max_frame},
+         {"out-limit", required_argument, nullptr, opt_out_limit}}};
     Parser p(command, argc, argv);
     const char *render_option = nullptr;
     const long frames = static_cast<long>(messages_per_session());
@@ -66,6 +100,42 @@ int parse(int argc, char **argv, Options &o) {
                 return usage_error(command, error + " (the frames of one session)");
             o.corrupt = static_cast<int>(v);
             break;
+        case opt_clients:
+            if (!number("--clients", arg, 1, 100000, v, error)) return usage_error(command, error);
+            o.clients = v;
+            break;
+        case opt_faults:
+            if (!load::parse_faults(arg, o.faults, error)) return usage_error(command, error);
+            break;
+        case opt_group: {
+            const group *g = ::getgrnam(arg);
+            long gid = -1;
+            if (!g && !number("--group", arg, 0, 0x7fffffffL, gid, error))
+                return usage_error(command, std::string("--group: no group '") + arg + "'");
+            o.group_given = true;
+            o.group = g ? g->gr_gid : static_cast<gid_t>(gid);
+            o.group_name = g ? g->gr_name : arg;
+            break;
+        }
+        case opt_json:
+            o.json = true;
+            break;
+        case opt_think:
+            if (!number("--think", arg, 0, 10000000L, v, error)) return usage_error(command, error);
+            o.think_us = v;
+            break;
+        case opt_idle:
+            if (!number("--idle", arg, 10, 3600000L, v, error)) return usage_error(command, error);
+            o.idle_ms = v;
+            break;
+        case opt_max_frame:
+            if (!number("--max-frame", arg, 64, kMaxFrame, v, error)) return usage_error(command, error);
+            o.max_frame = v;
+            break;
+        case opt_out_limit:
+            if (!number("--out-limit", arg, 4096, 1L << 30, v, error)) return usage_error(command, error);
+            o.out_limit = v;
+            break;
         case opt_trace:
             if (!*arg) return usage_error(command, "--trace: an empty file name");
             o.trace = arg;
@@ -73,6 +143,17 @@ int parse(int argc, char **argv, Options &o) {
         }
     }
     if (!p.operands().empty()) return usage_error(command, std::string("unexpected operand '") + p.operands()[0] + "'");
+    // The options that belong to one mode only.
+    const bool load_option = o.faults || o.group_given || o.json || o.think_us || o.idle_ms != Options().idle_ms ||
+                             o.max_frame != Options().max_frame || o.out_limit != Options().out_limit;
+    if (o.clients == 0 && load_option)
+        return usage_error(command, "--faults, --group, --json, --think, --idle, --max-frame and --out-limit go with --clients");
+    if (o.clients > 0 && (render_option || o.corrupt || o.trace || o.memory_every))
+        return usage_error(command, "--clients shows no messages and takes no --xml, --hex, --quiet, --corrupt, "
+                                    "--trace or --memory-every");
+    // Every session of the run has its own number (the builders' identifiers are 32-bit).
+    if (o.clients > 0 && (o.clients + 8) * o.count > 0x7fffffffL)
+        return usage_error(command, "--clients times --count is past 2147483647 sessions");
     return -1;
 }
 

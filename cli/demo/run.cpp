@@ -13,6 +13,7 @@
 
 #include "cli/commands.h"
 #include "cli/demo/demo.h"
+#include "cli/demo/load.h"
 
 namespace ovrin::demo {
 namespace {
@@ -128,6 +129,7 @@ int ovrin_cmd_demo(int argc, char **argv) {
     using namespace ovrin::demo;
     Options opt;
     if (int status = parse(argc, argv, opt); status >= 0) return status;
+    if (opt.clients > 0) return load::run_load(opt);
     if (opt.trace) {
         if (int e = mgx_trace_file_open(opt.trace)) {
             std::fprintf(stderr, "ovrin-sm demo: cannot write the trace file %s: %s\n", opt.trace, std::strerror(e));

@@ -10,6 +10,44 @@
 namespace ovrin::demo {
 
 template <class M, class Kind>
+Checked<M> check_frame(mgx::handle &h, std::span<const uint8_t> bytes, M (*build)(mgx_handle_t *, Kind, long), Kind kind,
+                       long session, const char *peer) {
+    Checked<M> c;
+    std::string &problem = c.problem;
+    // One step of the check: a refusal becomes the problem, named by what was being done.
+    auto step = [&problem](const char *doing, auto body) {
+        if (!problem.empty()) return;
+        try {
+            body();
+        } catch (const mgx::error &e) {
+            problem = doing + std::to_string(e.value());
+        }
+    };
+    step("no memory for the message: error ", [&] { c.got = M::create(h); });
+    if (problem.empty()) {
+        std::error_code ec;
+        size_t used = c.got.decode_prefix(bytes, ec);
+        c.variant = reinterpret_cast<const mgx_instance_hdr_t *>(c.got.get())->variant;
+        c.truncated = ec.value() == static_cast<int>(MGX_ESHORT);
+        if (ec)
+            problem = "does not decode: error " + std::to_string(ec.value()) + " after " + std::to_string(used) + " bytes";
+        else if (used != bytes.size())
+            problem = "decodes from " + std::to_string(used) + " of " + std::to_string(bytes.size()) + " bytes";
+    }
+    step("the expected message cannot be rebuilt: error ", [&] { c.want = build(h.get(), kind, session); });
+    if (problem.empty()) {
+        c.hash = c.got.hash(kHashSeed);
+        if (c.got != c.want) problem = "differs from what the " + std::string(peer) + " sent";
+        else if (c.hash != c.want.hash(kHashSeed)) problem = "compares equal but hashes differently";
+    }
+    step("cannot be cloned: error ", [&] {
+        M copy = c.got.clone();
+        if (copy != c.want || copy.hash(kHashSeed) != c.hash) problem = "its clone differs from it";
+    });
+    return c;
+}
+
+template <class M, class Kind>
 bool Side::send(M (*build)(mgx_handle_t *, Kind, long), Kind kind, const char *what, long session) {
     M msg;
     try {
@@ -48,39 +86,11 @@ bool Side::receive(M (*build)(mgx_handle_t *, Kind, long), Kind kind, const char
     }
     ++received;
     if (session == 1) ++frame_no;
-    std::string problem;
-    // One step of the check: a refusal becomes the problem, named by what was being done.
-    auto step = [&problem](const char *doing, auto body) {
-        if (!problem.empty()) return;
-        try {
-            body();
-        } catch (const mgx::error &e) {
-            problem = doing + std::to_string(e.value());
-        }
-    };
-    M got, want;
-    int8_t decoded_variant = 0;
-    uint32_t hash = 0;
-    step("no memory for the message: error ", [&] { got = M::create(h); });
-    if (problem.empty()) {
-        std::error_code ec;
-        size_t used = got.decode_prefix(bytes, ec);
-        decoded_variant = reinterpret_cast<const mgx_instance_hdr_t *>(got.get())->variant;
-        if (ec)
-            problem = "does not decode: error " + std::to_string(ec.value()) + " after " + std::to_string(used) + " bytes";
-        else if (used != bytes.size())
-            problem = "decodes from " + std::to_string(used) + " of " + std::to_string(bytes.size()) + " bytes";
-    }
-    step("the expected message cannot be rebuilt: error ", [&] { want = build(h.get(), kind, session); });
-    if (problem.empty()) {
-        hash = got.hash(kHashSeed);
-        if (got != want) problem = "differs from what the " + std::string(peer) + " sent";
-        else if (hash != want.hash(kHashSeed)) problem = "compares equal but hashes differently";
-    }
-    step("cannot be cloned: error ", [&] {
-        M copy = got.clone();
-        if (copy != want || copy.hash(kHashSeed) != hash) problem = "its clone differs from it";
-    });
+    Checked<M> c = check_frame(h, bytes, build, kind, session, peer);
+    const std::string &problem = c.problem;
+    const M &got = c.got, &want = c.want;
+    const int8_t decoded_variant = c.variant;
+    const uint32_t hash = c.hash;
     const bool ok = problem.empty();
     if (ok) ++intact;
     if (verbose(session) || !ok) {
@@ -128,23 +138,34 @@ template <class M> void Side::render(const M &msg, const std::vector<uint8_t> &b
 }
 
 // The two directions of the exchange.
+template Checked<sm::ovrin_smd_in_event> check_frame(mgx::handle &, std::span<const uint8_t>,
+                                                     sm::ovrin_smd_in_event (*)(mgx_handle_t *, Request, long), Request, long,
+                                                     const char *);
+template Checked<sm::ovrin_smd_resp_event> check_frame(mgx::handle &, std::span<const uint8_t>,
+                                                       sm::ovrin_smd_resp_event (*)(mgx_handle_t *, Answer, long), Answer,
+                                                       long, const char *);
 template bool Side::send(sm::ovrin_smd_in_event (*)(mgx_handle_t *, Request, long), Request, const char *, long);
 template bool Side::send(sm::ovrin_smd_resp_event (*)(mgx_handle_t *, Answer, long), Answer, const char *, long);
 template bool Side::receive(sm::ovrin_smd_in_event (*)(mgx_handle_t *, Request, long), Request, const char *, long);
 template bool Side::receive(sm::ovrin_smd_resp_event (*)(mgx_handle_t *, Answer, long), Answer, const char *, long);
 
+bool resident_kib(long &rss, long &peak) {
+    rss = peak = -1;
+    FILE *f = std::fopen("/proc/self/status", "r");
+    if (!f) return false;
+    char line[256];
+    while (std::fgets(line, sizeof line, f)) {
+        std::sscanf(line, "VmRSS: %ld", &rss);
+        std::sscanf(line, "VmHWM: %ld", &peak);
+    }
+    std::fclose(f);
+    return rss >= 0 && peak >= 0;
+}
+
 void Side::report_memory(long session) {
     if (opt.memory_every == 0 || session % opt.memory_every != 0) return;
-    long rss = -1, peak = -1;
-    if (FILE *f = std::fopen("/proc/self/status", "r")) {
-        char line[256];
-        while (std::fgets(line, sizeof line, f)) {
-            std::sscanf(line, "VmRSS: %ld", &rss);
-            std::sscanf(line, "VmHWM: %ld", &peak);
-        }
-        std::fclose(f);
-    }
-    if (rss < 0 || peak < 0) {
+    long rss, peak;
+    if (!resident_kib(rss, peak)) {
         std::fprintf(stderr, "%s: no resident set size in /proc/self/status\n", name);
         return;
     }
