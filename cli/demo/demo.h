@@ -105,6 +105,10 @@ bool receive_frame(int fd, std::vector<uint8_t> &bytes);
 // /proc does not say.
 bool resident_kib(long &rss, long &peak);
 
+// The status a forked process ends with by _exit (which runs no exit handlers): under
+// LeakSanitizer, 1 when the process leaks, so that a child's leak is not missed.
+int child_status(int status);
+
 // ------------------------------------------------------------------ checking on arrival
 
 // One received frame checked: decoded into `got` from all its bytes, equal to `want` (rebuilt

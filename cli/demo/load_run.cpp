@@ -24,6 +24,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr long kMemoryGrowthKib = 8192; // the most the last tenth may hold above the first
+// Memory is judged over runs of at least this many samples (a tenth of a second apart at first):
+// in a shorter run the first tenth is over before the clients have all come in.
+constexpr uint32_t kMemorySamples = 30;
 
 // The directory only this user (and the group, which may only pass through) can enter, and the
 // session manager's socket in it; both go when the run ends.
@@ -182,7 +185,7 @@ int run_load(const Options &opt) {
         ::close(report[0]);
         const int status = serve(cfg, listener, control[1], report[1]);
         std::fflush(nullptr);
-        ::_exit(status);
+        ::_exit(child_status(status));
     }
     ::close(listener);
     ::close(control[1]);
@@ -274,7 +277,7 @@ int run_load(const Options &opt) {
         if (sr.fds_end != sr.fds_start)
             reasons.push_back("the session manager has " + std::to_string(sr.fds_end) + " descriptors open at the end, " +
                               std::to_string(sr.fds_start) + " at the start");
-        if (sr.rss_last_tenth - sr.rss_first_tenth > kMemoryGrowthKib)
+        if (sr.samples >= kMemorySamples && sr.rss_last_tenth - sr.rss_first_tenth > kMemoryGrowthKib)
             reasons.push_back("the session manager's resident memory grew by " +
                               std::to_string(sr.rss_last_tenth - sr.rss_first_tenth) + " KiB between the first and the last tenth");
     }
@@ -295,14 +298,15 @@ int run_load(const Options &opt) {
                       "], \"stranger_skipped\": %s, \"seconds\": %.3f, \"sessions\": %ld, \"messages\": %ld, "
                       "\"sessions_per_second\": %.1f, \"messages_per_second\": %.1f, \"manager\": {\"cpu_seconds\": %.3f, "
                       "\"messages\": %llu, \"messages_per_core_second\": %.1f, \"rss_kib\": {\"start\": %ld, \"peak\": %ld, "
-                      "\"end\": %ld, \"first_tenth\": %ld, \"last_tenth\": %ld}, \"live_allocations\": %llu, "
+                      "\"end\": %ld, \"first_tenth\": %ld, \"last_tenth\": %ld, \"judged\": %s}, \"live_allocations\": %llu, "
                       "\"descriptors\": {\"start\": %d, \"end\": %d}}, \"latency_us\": {\"exchanges\": %llu, \"p50\": %.1f, "
                       "\"p99\": %.1f, \"max\": %.1f}, \"drops\": {",
                       stranger_skipped ? "true" : "false", seconds, t.sessions, t.messages,
                       seconds > 0 ? static_cast<double>(t.sessions) / seconds : 0.0,
                       seconds > 0 ? static_cast<double>(t.messages) / seconds : 0.0, sr.cpu_seconds,
                       static_cast<unsigned long long>(manager_messages), per_core, sr.rss_start, sr.rss_peak, sr.rss_end,
-                      sr.rss_first_tenth, sr.rss_last_tenth, static_cast<unsigned long long>(sr.live_allocations),
+                      sr.rss_first_tenth, sr.rss_last_tenth, sr.samples >= kMemorySamples ? "true" : "false",
+                      static_cast<unsigned long long>(sr.live_allocations),
                       sr.fds_start, sr.fds_end, static_cast<unsigned long long>(t.latency.count),
                       t.latency.quantile_us(0.5), t.latency.quantile_us(0.99),
                       static_cast<double>(t.latency.max_ns) / 1000.0);
@@ -336,8 +340,9 @@ int run_load(const Options &opt) {
                 t.latency.quantile_us(0.5), t.latency.quantile_us(0.99), static_cast<double>(t.latency.max_ns) / 1000.0,
                 static_cast<unsigned long long>(t.latency.count));
     std::printf("load: session manager memory: rss %ld KiB at the start, %ld KiB at the peak, %ld KiB at the end; "
-                "%ld KiB in the first tenth, %ld KiB in the last\n",
-                sr.rss_start, sr.rss_peak, sr.rss_end, sr.rss_first_tenth, sr.rss_last_tenth);
+                "%ld KiB in the first tenth, %ld KiB in the last%s\n",
+                sr.rss_start, sr.rss_peak, sr.rss_end, sr.rss_first_tenth, sr.rss_last_tenth,
+                sr.samples >= kMemorySamples ? "" : " (a run too short to judge)");
     std::printf("load: session manager: live allocations %llu; descriptors %d at the start, %d at the end\n",
                 static_cast<unsigned long long>(sr.live_allocations), sr.fds_start, sr.fds_end);
     std::string drops;

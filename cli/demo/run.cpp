@@ -154,7 +154,7 @@ int ovrin_cmd_demo(int argc, char **argv) {
         int status = guarded("session manager", [&] { return run_manager(opt, fds[1]); });
         ::close(fds[1]);
         std::fflush(nullptr);
-        ::_exit(status);
+        ::_exit(child_status(status));
     }
     ::close(fds[1]);
     int status = guarded("client", [&] { return run_client(opt, fds[0], pid); });

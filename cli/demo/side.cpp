@@ -7,6 +7,10 @@
 
 #include "cli/demo/demo.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
+
 namespace ovrin::demo {
 
 template <class M, class Kind>
@@ -148,6 +152,13 @@ template bool Side::send(sm::ovrin_smd_in_event (*)(mgx_handle_t *, Request, lon
 template bool Side::send(sm::ovrin_smd_resp_event (*)(mgx_handle_t *, Answer, long), Answer, const char *, long);
 template bool Side::receive(sm::ovrin_smd_in_event (*)(mgx_handle_t *, Request, long), Request, const char *, long);
 template bool Side::receive(sm::ovrin_smd_resp_event (*)(mgx_handle_t *, Answer, long), Answer, const char *, long);
+
+int child_status(int status) {
+#if defined(__SANITIZE_ADDRESS__)
+    if (__lsan_do_recoverable_leak_check() != 0) return 1;
+#endif
+    return status;
+}
 
 bool resident_kib(long &rss, long &peak) {
     rss = peak = -1;
