@@ -85,7 +85,7 @@ struct Sample {
 struct ServerReport {
     uint64_t accepted = 0, received = 0, intact = 0, sent = 0;
     uint64_t causes[C_COUNT] = {};
-    double cpu_seconds = 0, seconds = 0;
+    double cpu_seconds = 0, system_seconds = 0, seconds = 0; // processor time (all, in the kernel), wall time
     long rss_start = 0, rss_peak = 0, rss_end = 0, rss_first_tenth = 0, rss_last_tenth = 0;
     uint64_t live_allocations = 0;
     int fds_start = 0, fds_end = 0;

@@ -71,8 +71,21 @@ struct Pauses {
     }
 };
 
+// Sends a frame in two writes a moment apart, as a slow peer's frames arrive: the session manager
+// sees the first part alone and must keep it until the rest comes.
+bool send_split(int fd, const std::vector<uint8_t> &bytes) {
+    const uint32_t n = static_cast<uint32_t>(bytes.size());
+    std::vector<uint8_t> frame{uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)};
+    frame.insert(frame.end(), bytes.begin(), bytes.end());
+    const size_t half = frame.size() / 2;
+    if (!write_all(fd, frame.data(), half)) return false;
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+    return write_all(fd, frame.data() + half, frame.size() - half);
+}
+
 // Plays sessions key+1 ... key+count on fd, checking every answer; false at the first problem.
-bool play(mgx::handle &h, int fd, long key, long count, long think_us, ClientResult &r) {
+// A slow client sends each request in two parts.
+bool play(mgx::handle &h, int fd, long key, long count, long think_us, ClientResult &r, bool slow = false) {
     Pauses pause{0x9e3779b97f4a7c15ull ^ static_cast<uint64_t>(key + 1) * 0xbf58476d1ce4e5b9ull, think_us};
     for (long s = 1; s <= count; ++s) {
         const long session = key + s;
@@ -85,7 +98,7 @@ bool play(mgx::handle &h, int fd, long key, long count, long think_us, ClientRes
                 return false;
             }
             const auto sent_at = Clock::now();
-            if (!send_frame(fd, bytes)) {
+            if (!(slow ? send_split(fd, bytes) : send_frame(fd, bytes))) {
                 r.problem = std::string("cannot send ") + request_name(step.request) + ": " + std::strerror(errno);
                 return false;
             }
@@ -294,7 +307,8 @@ void run_client(const Options &opt, const std::string &path, long index, ClientR
         ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), 5);
         int fd = connect_to(path, r.problem);
         if (fd < 0) return;
-        if (play(h, fd, index * opt.count, opt.count, opt.think_us, r) && !hang_up(fd))
+        // One client in sixteen is slow (its frames arrive in parts).
+        if (play(h, fd, index * opt.count, opt.count, opt.think_us, r, index % 16 == 15) && !hang_up(fd))
             r.problem = "the session manager sent more than the script holds";
         ::close(fd);
         r.live = h.live_allocations();

@@ -296,14 +296,14 @@ int run_load(const Options &opt) {
         char buf[1024];
         std::snprintf(buf, sizeof buf,
                       "], \"stranger_skipped\": %s, \"seconds\": %.3f, \"sessions\": %ld, \"messages\": %ld, "
-                      "\"sessions_per_second\": %.1f, \"messages_per_second\": %.1f, \"manager\": {\"cpu_seconds\": %.3f, "
+                      "\"sessions_per_second\": %.1f, \"messages_per_second\": %.1f, \"manager\": {\"cpu_seconds\": %.3f, \"system_seconds\": %.3f, "
                       "\"messages\": %llu, \"messages_per_core_second\": %.1f, \"rss_kib\": {\"start\": %ld, \"peak\": %ld, "
                       "\"end\": %ld, \"first_tenth\": %ld, \"last_tenth\": %ld, \"judged\": %s}, \"live_allocations\": %llu, "
                       "\"descriptors\": {\"start\": %d, \"end\": %d}}, \"latency_us\": {\"exchanges\": %llu, \"p50\": %.1f, "
                       "\"p99\": %.1f, \"max\": %.1f}, \"drops\": {",
                       stranger_skipped ? "true" : "false", seconds, t.sessions, t.messages,
                       seconds > 0 ? static_cast<double>(t.sessions) / seconds : 0.0,
-                      seconds > 0 ? static_cast<double>(t.messages) / seconds : 0.0, sr.cpu_seconds,
+                      seconds > 0 ? static_cast<double>(t.messages) / seconds : 0.0, sr.cpu_seconds, sr.system_seconds,
                       static_cast<unsigned long long>(manager_messages), per_core, sr.rss_start, sr.rss_peak, sr.rss_end,
                       sr.rss_first_tenth, sr.rss_last_tenth, sr.samples >= kMemorySamples ? "true" : "false",
                       static_cast<unsigned long long>(sr.live_allocations),
@@ -334,8 +334,10 @@ int run_load(const Options &opt) {
     std::printf("load: %ld sessions, %ld messages in %.3f s: %.0f sessions per second, %.0f messages per second\n",
                 t.sessions, t.messages, seconds, seconds > 0 ? static_cast<double>(t.sessions) / seconds : 0.0,
                 seconds > 0 ? static_cast<double>(t.messages) / seconds : 0.0);
-    std::printf("load: session manager: %llu messages in %.3f s of processor time: %.0f messages per core-second\n",
-                static_cast<unsigned long long>(manager_messages), sr.cpu_seconds, per_core);
+    std::printf("load: session manager: %llu messages in %.3f s of processor time (%.0f %% in the kernel): %.0f messages "
+                "per core-second\n",
+                static_cast<unsigned long long>(manager_messages), sr.cpu_seconds,
+                sr.cpu_seconds > 0 ? 100 * sr.system_seconds / sr.cpu_seconds : 0.0, per_core);
     std::printf("load: exchange latency: p50 %.0f us, p99 %.0f us, max %.0f us over %llu exchanges\n",
                 t.latency.quantile_us(0.5), t.latency.quantile_us(0.99), static_cast<double>(t.latency.max_ns) / 1000.0,
                 static_cast<unsigned long long>(t.latency.count));
