@@ -21,6 +21,13 @@
 #                              alone for ROUND_TRIPS (1000000), resident memory sampled every tenth;
 #                              logs, tables and chart in $OVRIN_BUILD/soak/ (about 10 minutes; test
 #                              runs only the shorter soak.demo and soak.library gates)
+#   tools/dev.sh load [CLIENTS [SESSIONS]]
+#                              one session manager serving CLIENTS (1000) clients of SESSIONS (100)
+#                              sessions each with every fault mixed in: the standard load (each client
+#                              pausing about 50 ms between exchanges: latency and memory), then the same
+#                              clients without pauses (capacity: messages per core-second); reports,
+#                              tables and chart in $OVRIN_BUILD/load/ (about a minute; test runs the
+#                              small demo.load)
 #   tools/dev.sh mutate [ARGS]  the mutation check (tools/mutate.py, faults in tools/mutations.txt): each
 #                              fault planted alone in a scratch copy, the suite run; a table of what caught
 #                              it and the kill rate per directory; not part of test (about half an hour)
@@ -229,8 +236,31 @@ case "$cmd" in
             | tee "$out/soak/memory.md"
         echo "chart: $out/soak/memory.svg (docs/memory-over-time.svg), tables: $out/soak/memory.md"
         ;;
+    load)
+        install_missing python3
+        build "$out" ovrin-sm
+        clients=${1:-1000}
+        sessions=${2:-100}
+        mkdir -p "$out/load"
+        # The stranger needs root (it becomes another user); as root its passage is through a group.
+        group=()
+        [ "$(id -u)" -eq 0 ] && group=(--group users)
+        for run in standard capacity; do
+            think=50000
+            [ $run = capacity ] && think=0
+            echo "== load ($run): $clients clients x $sessions sessions, pauses of about ${think} us, every fault"
+            "$out/ovrin-sm" demo --clients "$clients" --count "$sessions" --think $think --faults all "${group[@]}" \
+                --json > "$out/load/$run.json" 2> "$out/load/$run.log" || {
+                cat "$out/load/$run.log"; jq . "$out/load/$run.json"; exit 1; }
+            jq -c '{verdict, messages_per_second, per_core: .manager.messages_per_core_second, latency_us, rss_kib: .manager.rss_kib}' \
+                "$out/load/$run.json"
+        done
+        python3 tools/plot_load.py -o "$out/load/load.svg" "$out/load/standard.json" "$out/load/capacity.json" \
+            | tee "$out/load/load.md"
+        echo "chart: $out/load/load.svg (docs/load-over-time.svg), tables: $out/load/load.md"
+        ;;
     *)
-        echo "usage: tools/dev.sh demo|check|test|asan|tsan|fuzz|fuzz-long|bench|soak|mutate" >&2
+        echo "usage: tools/dev.sh demo|check|test|asan|tsan|fuzz|fuzz-long|bench|soak|load|mutate" >&2
         exit 2
         ;;
 esac

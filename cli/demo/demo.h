@@ -101,6 +101,22 @@ bool send_frame(int fd, const std::vector<uint8_t> &bytes);
 // A frame, or false when the peer is gone or announces a length no message of this library has.
 bool receive_frame(int fd, std::vector<uint8_t> &bytes);
 
+// Frames read in chunks: one read takes every frame that has come (a step's answers come together).
+class FrameReader {
+public:
+    explicit FrameReader(int fd) : fd_(fd) {}
+    // As receive_frame.
+    bool next(std::vector<uint8_t> &bytes);
+    // True when bytes have come that no frame has taken yet.
+    bool holding() const { return end_ > start_; }
+
+private:
+    bool fill(size_t want); // at least want bytes from start_ on
+    int fd_;
+    std::vector<uint8_t> buf_;
+    size_t start_ = 0, end_ = 0;
+};
+
 // This process's resident set size and its peak, in KiB as the kernel counts them; false when
 // /proc does not say.
 bool resident_kib(long &rss, long &peak);

@@ -2,7 +2,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 #include "cli/demo/demo.h"
 
@@ -45,6 +47,33 @@ bool receive_frame(int fd, std::vector<uint8_t> &bytes) {
     if (n == 0 || n > kMaxFrame) return false;
     bytes.resize(n);
     return read_all(fd, bytes.data(), n);
+}
+
+bool FrameReader::fill(size_t want) {
+    while (end_ - start_ < want) {
+        if (start_ > 0) { // what is left goes to the front
+            std::memmove(buf_.data(), buf_.data() + start_, end_ - start_);
+            end_ -= start_;
+            start_ = 0;
+        }
+        if (buf_.size() < std::max(want, size_t{4096})) buf_.resize(std::max(want, size_t{4096}));
+        ssize_t r = ::read(fd_, buf_.data() + end_, buf_.size() - end_);
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) return false;
+        end_ += static_cast<size_t>(r);
+    }
+    return true;
+}
+
+bool FrameReader::next(std::vector<uint8_t> &bytes) {
+    if (!fill(4)) return false;
+    const uint8_t *head = buf_.data() + start_;
+    const uint32_t n = uint32_t(head[0]) << 24 | uint32_t(head[1]) << 16 | uint32_t(head[2]) << 8 | head[3];
+    if (n == 0 || n > kMaxFrame || !fill(4 + size_t{n})) return false;
+    bytes.assign(buf_.begin() + static_cast<std::ptrdiff_t>(start_ + 4),
+                 buf_.begin() + static_cast<std::ptrdiff_t>(start_ + 4 + n));
+    start_ += 4 + size_t{n};
+    return true;
 }
 
 } // namespace ovrin::demo

@@ -86,7 +86,11 @@ bool send_split(int fd, const std::vector<uint8_t> &bytes) {
 // Plays sessions key+1 ... key+count on fd, checking every answer; false at the first problem.
 // A slow client sends each request in two parts.
 bool play(mgx::handle &h, int fd, long key, long count, long think_us, ClientResult &r, bool slow = false) {
+    FrameReader in(fd);
     Pauses pause{0x9e3779b97f4a7c15ull ^ static_cast<uint64_t>(key + 1) * 0xbf58476d1ce4e5b9ull, think_us};
+    // With pauses, the first comes before the first request too: the clients come in over the
+    // first pause or two, as stations do when their access point is back, not all in one instant.
+    if (think_us > 0) std::this_thread::sleep_for(pause.next());
     for (long s = 1; s <= count; ++s) {
         const long session = key + s;
         for (const Step &step : script()) {
@@ -97,15 +101,15 @@ bool play(mgx::handle &h, int fd, long key, long count, long think_us, ClientRes
                 r.problem = std::string("cannot build ") + request_name(step.request) + ": error " + std::to_string(e.value());
                 return false;
             }
-            const auto sent_at = Clock::now();
             if (!(slow ? send_split(fd, bytes) : send_frame(fd, bytes))) {
                 r.problem = std::string("cannot send ") + request_name(step.request) + ": " + std::strerror(errno);
                 return false;
             }
+            const auto sent_at = Clock::now(); // an exchange: from the request sent to its last answer read
             ++r.sent;
             std::vector<std::vector<uint8_t>> answers(step.answers.size());
             for (auto &frame : answers)
-                if (!receive_frame(fd, frame)) {
+                if (!in.next(frame)) {
                     r.problem = std::string("no answer to ") + request_name(step.request) + " of session " +
                                 std::to_string(session);
                     return false;
@@ -126,6 +130,10 @@ bool play(mgx::handle &h, int fd, long key, long count, long think_us, ClientRes
             if (think_us > 0) std::this_thread::sleep_for(pause.next());
         }
         r.sessions = s;
+    }
+    if (in.holding()) {
+        r.problem = "the session manager sent more than the script holds";
+        return false;
     }
     return true;
 }
@@ -321,6 +329,9 @@ pid_t start_peer(const Options &opt, const std::string &path, Role role, long ke
     std::fflush(nullptr);
     pid_t pid = ::fork();
     if (pid != 0) return pid;
+    // Nothing of the demo's own stays open here: the session manager must see the end of the run
+    // when the demo closes its side, whatever a peer does.
+    ::close_range(3, ~0u, 0);
     int status;
     try {
         status = play_role(opt, path, role, key);
