@@ -89,6 +89,8 @@ struct ServerReport {
     long rss_start = 0, rss_peak = 0, rss_end = 0, rss_first_tenth = 0, rss_last_tenth = 0;
     uint64_t live_allocations = 0;
     int fds_start = 0, fds_end = 0;
+    // From a connection's bytes read to its answers handed to the kernel, per wakeup that answered.
+    Latency service;
     uint32_t samples = 0; // followed by this many Sample records
 };
 

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -122,6 +123,19 @@ void wait_peers(std::vector<Peer> &peers, Clock::time_point deadline) {
             p.status = -1;
             p.ended = true;
         }
+}
+
+// printf into a string of whatever length the text has.
+__attribute__((format(printf, 1, 2))) std::string format(const char *f, ...) {
+    va_list a, b;
+    va_start(a, f);
+    va_copy(b, a);
+    const int n = std::vsnprintf(nullptr, 0, f, a);
+    va_end(a);
+    std::string out(n > 0 ? static_cast<size_t>(n) : 0, '\0');
+    if (n > 0) std::vsnprintf(out.data(), out.size() + 1, f, b);
+    va_end(b);
+    return out;
 }
 
 std::string json_string(const std::string &s) {
@@ -293,14 +307,12 @@ int run_load(const Options &opt) {
                         std::to_string(opt.count) + ", \"faults\": [";
         for (int i = 0, n = 0; i < kFaultCount; ++i)
             if (opt.faults & (1u << i)) j += std::string(n++ ? ", " : "") + json_string(fault_name(i));
-        char buf[1024];
-        std::snprintf(buf, sizeof buf,
-                      "], \"stranger_skipped\": %s, \"seconds\": %.3f, \"sessions\": %ld, \"messages\": %ld, "
+        j += format("], \"stranger_skipped\": %s, \"seconds\": %.3f, \"sessions\": %ld, \"messages\": %ld, "
                       "\"sessions_per_second\": %.1f, \"messages_per_second\": %.1f, \"manager\": {\"cpu_seconds\": %.3f, \"system_seconds\": %.3f, "
                       "\"messages\": %llu, \"messages_per_core_second\": %.1f, \"rss_kib\": {\"start\": %ld, \"peak\": %ld, "
                       "\"end\": %ld, \"first_tenth\": %ld, \"last_tenth\": %ld, \"judged\": %s}, \"live_allocations\": %llu, "
                       "\"descriptors\": {\"start\": %d, \"end\": %d}}, \"latency_us\": {\"exchanges\": %llu, \"p50\": %.1f, "
-                      "\"p99\": %.1f, \"max\": %.1f}, \"drops\": {",
+                      "\"p99\": %.1f, \"max\": %.1f}, \"service_us\": {\"p50\": %.1f, \"p99\": %.1f, \"max\": %.1f}, \"drops\": {",
                       stranger_skipped ? "true" : "false", seconds, t.sessions, t.messages,
                       seconds > 0 ? static_cast<double>(t.sessions) / seconds : 0.0,
                       seconds > 0 ? static_cast<double>(t.messages) / seconds : 0.0, sr.cpu_seconds, sr.system_seconds,
@@ -309,8 +321,8 @@ int run_load(const Options &opt) {
                       static_cast<unsigned long long>(sr.live_allocations),
                       sr.fds_start, sr.fds_end, static_cast<unsigned long long>(t.latency.count),
                       t.latency.quantile_us(0.5), t.latency.quantile_us(0.99),
-                      static_cast<double>(t.latency.max_ns) / 1000.0);
-        j += buf;
+                      static_cast<double>(t.latency.max_ns) / 1000.0, sr.service.quantile_us(0.5),
+                      sr.service.quantile_us(0.99), static_cast<double>(sr.service.max_ns) / 1000.0);
         for (int c = C_MID_FRAME; c < C_REFUSED; ++c)
             j += std::string(c == C_MID_FRAME ? "" : ", ") + json_string(cause_text(static_cast<Cause>(c))) + ": " +
                  std::to_string(sr.causes[c]);
@@ -318,9 +330,8 @@ int run_load(const Options &opt) {
              ", " + json_string(cause_text(C_TOO_MANY)) + ": " + std::to_string(sr.causes[C_TOO_MANY]) +
              ", \"by the directory's permissions\": " + std::to_string(refused_at_directory) + "}, \"timeline\": [";
         for (size_t i = 0; i < timeline.size(); ++i) {
-            std::snprintf(buf, sizeof buf, "%s{\"t\": %.3f, \"messages\": %llu, \"rss_kib\": %ld}", i ? ", " : "",
-                          timeline[i].t, static_cast<unsigned long long>(timeline[i].messages), timeline[i].rss_kib);
-            j += buf;
+            j += format("%s{\"t\": %.3f, \"messages\": %llu, \"rss_kib\": %ld}", i ? ", " : "", timeline[i].t,
+                        static_cast<unsigned long long>(timeline[i].messages), timeline[i].rss_kib);
         }
         j += std::string("], \"verdict\": \"") + (pass ? "PASS" : "FAIL") + "\", \"reasons\": [";
         for (size_t i = 0; i < reasons.size(); ++i) j += (i ? ", " : "") + json_string(reasons[i]);
@@ -341,6 +352,9 @@ int run_load(const Options &opt) {
     std::printf("load: exchange latency: p50 %.0f us, p99 %.0f us, max %.0f us over %llu exchanges\n",
                 t.latency.quantile_us(0.5), t.latency.quantile_us(0.99), static_cast<double>(t.latency.max_ns) / 1000.0,
                 static_cast<unsigned long long>(t.latency.count));
+    std::printf("load: session manager's part: p50 %.0f us, p99 %.0f us, max %.0f us from a client's bytes read to "
+                "its answers written\n",
+                sr.service.quantile_us(0.5), sr.service.quantile_us(0.99), static_cast<double>(sr.service.max_ns) / 1000.0);
     std::printf("load: session manager memory: rss %ld KiB at the start, %ld KiB at the peak, %ld KiB at the end; "
                 "%ld KiB in the first tenth, %ld KiB in the last%s\n",
                 sr.rss_start, sr.rss_peak, sr.rss_end, sr.rss_first_tenth, sr.rss_last_tenth,

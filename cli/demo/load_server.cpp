@@ -180,6 +180,9 @@ void Server::readable(Conn &c) {
     // Bytes are read into the server's one scratch buffer and whole frames answered from there;
     // only the unfinished rest of a frame is kept by the connection, so an idle connection holds
     // no buffer. While a frame is unfinished, what follows is read onto its end.
+    bool started = false;
+    Clock::time_point first_read;
+    const uint64_t sent_before = r_.sent;
     for (int round = 0; round < 4; ++round) { // a few chunks per wakeup: no client holds the loop
         const size_t kept = c.in.size();
         if (kept > 0) c.in.resize(kept + kReadChunk);
@@ -194,8 +197,9 @@ void Server::readable(Conn &c) {
             else drop(c, C_MID_FRAME, std::to_string(kept) + " bytes of a frame were all that came");
             return;
         }
-        c.heard = Clock::now();
+        const auto read_at = c.heard = Clock::now();
         by_quiet_.splice(by_quiet_.end(), by_quiet_, c.quiet);
+        if (!started) started = true, first_read = read_at;
         size_t taken = 0;
         if (!take_frames(c, buf, end, taken)) return;
         if (kept == 0) {
@@ -207,7 +211,10 @@ void Server::readable(Conn &c) {
         if (c.in.empty()) std::vector<uint8_t>().swap(c.in); // its room goes back
         if (static_cast<size_t>(n) < kReadChunk) break;
     }
-    if (c.out.size() > c.written && !c.waiting_to_write) flush(c);
+    if (c.out.size() > c.written && !c.waiting_to_write && !flush(c)) return;
+    if (r_.sent != sent_before)
+        r_.service.add(static_cast<uint64_t>(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - first_read).count()));
 }
 
 bool Server::take_frames(Conn &c, const uint8_t *buf, size_t end, size_t &taken) {
