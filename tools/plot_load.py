@@ -176,9 +176,11 @@ def table(name, r):
         ("messages/s (wall)", f"{num(g('messages_per_second'))} over {num(g('seconds'), 1)} s"),
         ("messages per core-second, session manager",
          f"{num(g('manager', 'messages_per_core_second'))} ({num(g('manager', 'messages'))} messages "
-         f"in {num(g('manager', 'cpu_seconds'), 2)} CPU s)"),
+         f"in {num(g('manager', 'cpu_seconds'), 2)} CPU s, {num(g('manager', 'system_seconds'), 2)} of them "
+         f"in the kernel)"),
         ("latency p50 / p99 / max, us", f"{slash('p50', 'p99', 'max', prefix=('latency_us',))} "
                                         f"({num(g('latency_us', 'exchanges'))} exchanges)"),
+        ("session manager's part p50 / p99 / max, us", slash("p50", "p99", "max", prefix=("service_us",))),
         ("RSS start / peak / end, KiB", slash("start", "peak", "end", prefix=("manager", "rss_kib"))),
         ("RSS first / last tenth, KiB", slash("first_tenth", "last_tenth", prefix=("manager", "rss_kib")) + growth),
         ("live allocations", num(g("manager", "live_allocations"))),
