@@ -168,6 +168,13 @@ no type 'sess_mgr_registr'; did you mean sess_mgr_register?|decode sess_mgr_regi
 no type 'sess_mgr_registr'; did you mean sess_mgr_register?|types sess_mgr_registr
 --faults: unknown fault 'kil' (faults: kill, damage, truncate, oversize, stall, silent, stranger, or all); did you mean kill?|demo --clients 2 --faults stall,kil
 --think, --idle, --max-frame and --out-limit go with --clients|demo --json
+--think, --idle, --max-frame and --out-limit go with --clients|demo --think 100
+--think, --idle, --max-frame and --out-limit go with --clients|demo --idle 100
+--think, --idle, --max-frame and --out-limit go with --clients|demo --max-frame 100
+--think, --idle, --max-frame and --out-limit go with --clients|demo --out-limit 5000
+--think, --idle, --max-frame and --out-limit go with --clients|demo --faults kill
+--think, --idle, --max-frame and --out-limit go with --clients|demo --group 0
+--faults: unknown fault 'member'|demo --clients 2 --faults member
 --clients shows no messages and takes no --xml|demo --clients 2 --xml
 --group: no group 'no-such-group'|demo --clients 2 --group no-such-group
 --clients times --count is past 2147483647 sessions|demo --clients 100000 --count 100000
