@@ -178,6 +178,7 @@ no type 'sess_mgr_registr'; did you mean sess_mgr_register?|types sess_mgr_regis
 --clients shows no messages and takes no --xml|demo --clients 2 --xml
 --group: no group 'no-such-group'|demo --clients 2 --group no-such-group
 --clients times --count is past 2147483647 sessions|demo --clients 100000 --count 100000
+--think 200000: a client pauses up to ten times that, which must stay below --idle (2000 ms)|demo --clients 2 --think 200000
 CASES
 "$tool" decode --hex -- sess_mgr_register - < "$work/bytes.hex" > /dev/null || fail "'--' and '-'"
 # Nothing asked is a bad command line too: the usage on standard error, status 2.

@@ -20,6 +20,7 @@
 #include <string>
 
 #include "cli/demo/demo.h"
+#include "cli/demo/latency.h"
 
 namespace ovrin::demo::load {
 
@@ -54,17 +55,6 @@ enum Cause {
 };
 const char *cause_text(Cause c);
 
-// Request/answer times in buckets about 3 % apart (32 per power of two of nanoseconds): bounded
-// whatever the run's length, mergeable across clients.
-struct Latency {
-    static constexpr int kSub = 32;
-    std::array<uint32_t, 42 * kSub> buckets{};
-    uint64_t count = 0, max_ns = 0;
-    void add(uint64_t ns);
-    void merge(const Latency &other);
-    double quantile_us(double q) const; // the bucket's upper edge
-};
-
 // The session manager's settings, from the command line.
 struct ServerConfig {
     uid_t uid;
@@ -84,6 +74,7 @@ struct Sample {
 // What the session manager tells the demo at the end (written through a pipe).
 struct ServerReport {
     uint64_t accepted = 0, received = 0, intact = 0, sent = 0;
+    uint64_t write_waits = 0; // answers that waited in a queue for the socket to drain
     uint64_t causes[C_COUNT] = {};
     double cpu_seconds = 0, system_seconds = 0, seconds = 0; // processor time (all, in the kernel), wall time
     long rss_start = 0, rss_peak = 0, rss_end = 0, rss_first_tenth = 0, rss_last_tenth = 0;

@@ -214,8 +214,12 @@ int run_load(const Options &opt) {
     // The faulty peers first (processes forked before any thread), then every client at once.
     const auto start = Clock::now();
     std::vector<Peer> peers;
-    for (size_t j = 0; j < roles.size(); ++j)
-        peers.push_back({roles[j], start_peer(opt, place.path, roles[j], (opt.clients + static_cast<long>(j)) * opt.count)});
+    std::vector<std::string> reasons;
+    for (size_t j = 0; j < roles.size(); ++j) {
+        const pid_t pid = start_peer(opt, place.path, roles[j], (opt.clients + static_cast<long>(j)) * opt.count);
+        if (pid > 0) peers.push_back({roles[j], pid});
+        else reasons.push_back(std::string("the ") + role_name(roles[j]) + " peer could not be started: " + std::strerror(errno));
+    }
     std::vector<ClientResult> results(static_cast<size_t>(opt.clients));
     {
         std::vector<std::thread> threads;
@@ -248,7 +252,6 @@ int run_load(const Options &opt) {
 
     // ---- the verdict
     Totals t;
-    std::vector<std::string> reasons;
     long troubled = 0;
     for (size_t k = 0; k < results.size(); ++k) {
         const ClientResult &r = results[k];
@@ -311,7 +314,7 @@ int run_load(const Options &opt) {
                       "\"sessions_per_second\": %.1f, \"messages_per_second\": %.1f, \"manager\": {\"cpu_seconds\": %.3f, \"system_seconds\": %.3f, "
                       "\"messages\": %llu, \"messages_per_core_second\": %.1f, \"rss_kib\": {\"start\": %ld, \"peak\": %ld, "
                       "\"end\": %ld, \"first_tenth\": %ld, \"last_tenth\": %ld, \"judged\": %s}, \"live_allocations\": %llu, "
-                      "\"descriptors\": {\"start\": %d, \"end\": %d}}, \"latency_us\": {\"exchanges\": %llu, \"p50\": %.1f, "
+                      "\"descriptors\": {\"start\": %d, \"end\": %d}, \"write_waits\": %llu}, \"latency_us\": {\"exchanges\": %llu, \"p50\": %.1f, "
                       "\"p99\": %.1f, \"max\": %.1f}, \"service_us\": {\"p50\": %.1f, \"p99\": %.1f, \"max\": %.1f}, \"drops\": {",
                       stranger_skipped ? "true" : "false", seconds, t.sessions, t.messages,
                       seconds > 0 ? static_cast<double>(t.sessions) / seconds : 0.0,
@@ -319,7 +322,8 @@ int run_load(const Options &opt) {
                       static_cast<unsigned long long>(manager_messages), per_core, sr.rss_start, sr.rss_peak, sr.rss_end,
                       sr.rss_first_tenth, sr.rss_last_tenth, sr.samples >= kMemorySamples ? "true" : "false",
                       static_cast<unsigned long long>(sr.live_allocations),
-                      sr.fds_start, sr.fds_end, static_cast<unsigned long long>(t.latency.count),
+                      sr.fds_start, sr.fds_end, static_cast<unsigned long long>(sr.write_waits),
+                      static_cast<unsigned long long>(t.latency.count),
                       t.latency.quantile_us(0.5), t.latency.quantile_us(0.99),
                       static_cast<double>(t.latency.max_ns) / 1000.0, sr.service.quantile_us(0.5),
                       sr.service.quantile_us(0.99), static_cast<double>(sr.service.max_ns) / 1000.0);

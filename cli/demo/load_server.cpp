@@ -223,7 +223,11 @@ bool Server::take_frames(Conn &c, const uint8_t *buf, size_t end, size_t &taken)
         if (avail < 4) return true;
         const uint8_t *p = buf + taken;
         const uint32_t n = uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
-        if (n == 0 || n > static_cast<uint32_t>(cfg_.max_frame)) {
+        if (n == 0) { // no message is empty
+            drop(c, C_DAMAGED, "an empty frame");
+            return false;
+        }
+        if (n > static_cast<uint32_t>(cfg_.max_frame)) {
             drop(c, C_OVERSIZE, std::to_string(n) + " bytes announced, the limit is " + std::to_string(cfg_.max_frame));
             return false;
         }
@@ -280,7 +284,7 @@ bool Server::flush(Conn &c) {
         ssize_t w = ::send(c.fd, c.out.data() + c.written, c.out.size() - c.written, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (w < 0 && errno == EINTR) continue;
         if (w < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            if (!c.waiting_to_write) watch(c, true);
+            if (!c.waiting_to_write) ++r_.write_waits, watch(c, true);
             return true;
         }
         if (w <= 0) {

@@ -151,6 +151,10 @@ int parse(int argc, char **argv, Options &o) {
     if (o.clients > 0 && (render_option || o.corrupt || o.trace || o.memory_every))
         return usage_error(command, "--clients shows no messages and takes no --xml, --hex, --quiet, --corrupt, "
                                     "--trace or --memory-every");
+    // A client pauses up to ten times --think: that must not look like silence.
+    if (o.think_us / 100 >= o.idle_ms)
+        return usage_error(command, "--think " + std::to_string(o.think_us) + ": a client pauses up to ten times that, "
+                                    "which must stay below --idle (" + std::to_string(o.idle_ms) + " ms)");
     // Every session of the run has its own number (the builders' identifiers are 32-bit).
     if (o.clients > 0 && (o.clients + 8) * o.count > 0x7fffffffL)
         return usage_error(command, "--clients times --count is past 2147483647 sessions");
