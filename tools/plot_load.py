@@ -37,7 +37,9 @@ def field(report, *path):
 
 def label(report):
     faults = field(report, "faults") or []
-    return (f"{field(report, 'clients')} clients x {field(report, 'sessions_per_client')} sessions"
+    think = field(report, "think_us")
+    pauses = "" if think is None else f", pauses of about {think / 1000:g} ms" if think else ", no pauses"
+    return (f"{field(report, 'clients')} clients x {field(report, 'sessions_per_client')} sessions{pauses}"
             + (f", faults: {', '.join(faults)}" if faults else ""))
 
 

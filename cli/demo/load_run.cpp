@@ -307,7 +307,8 @@ int run_load(const Options &opt) {
         if (opt.faults & (1u << i)) faults += std::string(faults.empty() ? "" : " ") + fault_name(i);
     if (opt.json) {
         std::string j = "{\"clients\": " + std::to_string(opt.clients) + ", \"sessions_per_client\": " +
-                        std::to_string(opt.count) + ", \"faults\": [";
+                        std::to_string(opt.count) + ", \"think_us\": " + std::to_string(opt.think_us) +
+                        ", \"faults\": [";
         for (int i = 0, n = 0; i < kFaultCount; ++i)
             if (opt.faults & (1u << i)) j += std::string(n++ ? ", " : "") + json_string(fault_name(i));
         j += format("], \"stranger_skipped\": %s, \"seconds\": %.3f, \"sessions\": %ld, \"messages\": %ld, "
