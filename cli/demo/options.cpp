@@ -76,6 +76,24 @@ int parse(int argc, char **argv, Options &o) {
         if (next == Next::done) break;
         std::string error;
         long v = 0;
+        // The options that take a whole number within bounds, and where each goes.
+        static const struct {
+            int val;
+            const char *name;
+            long min, max;
+            long Options::*field;
+        } numbers[] = {{opt_count, "--count", 1, 1000000000L, &Options::count},
+                       {opt_memory_every, "--memory-every", 1, 1000000000L, &Options::memory_every},
+                       {opt_clients, "--clients", 1, 100000, &Options::clients},
+                       {opt_think, "--think", 0, 10000000L, &Options::think_us},
+                       {opt_idle, "--idle", 10, 3600000L, &Options::idle_ms},
+                       {opt_max_frame, "--max-frame", 64, kMaxFrame, &Options::max_frame},
+                       {opt_out_limit, "--out-limit", 4096, 1L << 30, &Options::out_limit}};
+        for (const auto &n : numbers)
+            if (val == n.val) {
+                if (!number(n.name, arg, n.min, n.max, v, error)) return usage_error(command, error);
+                o.*n.field = v;
+            }
         switch (val) {
         case opt_xml:
         case opt_hex:
@@ -87,22 +105,10 @@ int parse(int argc, char **argv, Options &o) {
             o.render = val == opt_xml ? Render::xml : val == opt_hex ? Render::hex : Render::none;
             break;
         }
-        case opt_count:
-            if (!number("--count", arg, 1, 1000000000L, v, error)) return usage_error(command, error);
-            o.count = v;
-            break;
-        case opt_memory_every:
-            if (!number("--memory-every", arg, 1, 1000000000L, v, error)) return usage_error(command, error);
-            o.memory_every = v;
-            break;
         case opt_corrupt:
             if (!number("--corrupt", arg, 1, frames, v, error))
                 return usage_error(command, error + " (the frames of one session)");
             o.corrupt = static_cast<int>(v);
-            break;
-        case opt_clients:
-            if (!number("--clients", arg, 1, 100000, v, error)) return usage_error(command, error);
-            o.clients = v;
             break;
         case opt_faults:
             if (!load::parse_faults(arg, o.faults, error)) return usage_error(command, error);
@@ -119,22 +125,6 @@ int parse(int argc, char **argv, Options &o) {
         }
         case opt_json:
             o.json = true;
-            break;
-        case opt_think:
-            if (!number("--think", arg, 0, 10000000L, v, error)) return usage_error(command, error);
-            o.think_us = v;
-            break;
-        case opt_idle:
-            if (!number("--idle", arg, 10, 3600000L, v, error)) return usage_error(command, error);
-            o.idle_ms = v;
-            break;
-        case opt_max_frame:
-            if (!number("--max-frame", arg, 64, kMaxFrame, v, error)) return usage_error(command, error);
-            o.max_frame = v;
-            break;
-        case opt_out_limit:
-            if (!number("--out-limit", arg, 4096, 1L << 30, v, error)) return usage_error(command, error);
-            o.out_limit = v;
             break;
         case opt_trace:
             if (!*arg) return usage_error(command, "--trace: an empty file name");
