@@ -1,7 +1,7 @@
 // The trace facility: module registration, numbered emissions rendered with texts read from the
 // bundle's library file (the texts are in a section that is not loaded), capture for tests,
-// stderr output, and the binary trace file for the off-line decoder. Also the dependent bundles'
-// registration entry points and the runtime's module list.
+// stderr output, and the binary trace file for the off-line decoder. Also the runtime's module
+// list. (The dependent bundles' stand-ins are in bundle_calls.cpp.)
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -14,7 +14,6 @@
 #include <ctime>
 #include <deque>
 #include <mutex>
-#include <set>
 
 #include "runtime/elf_file.h"
 #include "runtime/internal.h"
@@ -33,13 +32,9 @@ struct Emission {
     std::string text;
 };
 
-// Captured emissions are a ring: the newest capture_ring are kept, older ones fall out. So is the
-// log of dependent-bundle calls. Neither grows with the life of the process.
+// Captured emissions are a ring: the newest capture_ring are kept, older ones fall out, so the
+// capture does not grow with the life of the process.
 constexpr size_t capture_ring = 4096;
-constexpr size_t bundle_call_ring = 256;
-// Distinct texts of dependent-bundle calls kept for the process's life (their pointers are handed
-// out); calls beyond that are logged under one shared text.
-constexpr size_t bundle_call_texts = 1024;
 
 // What the runtime knows of one message table: its texts (empty when they could not be read,
 // with the reason) and the library file that holds them.
@@ -60,8 +55,6 @@ struct TraceState {
     std::deque<Emission> captured;                          // the ring of captured emissions
     size_t dropped = 0;                                     // emissions that fell out of the ring
     int stderr_level = -2;                                  // -2: not yet read from the environment
-    std::set<std::string, std::less<>> call_texts;           // interned texts of bundle calls
-    std::deque<const char *> bundle_calls;                  // the ring of bundle calls, by text
     // the trace file
     bool file_env_read = false;
     int file = -1;
@@ -227,27 +220,6 @@ Arg d(int32_t v) { return Arg{'d', static_cast<uint32_t>(v), {}}; }
 Arg str(const char *s) { return Arg{'s', 0, s ? s : "(null)"}; }
 Arg ptr(const void *p) { return Arg{'p', reinterpret_cast<uintptr_t>(p), {}}; }
 
-void log_bundle_call(const char *name, const std::string &args) noexcept {
-    try {
-        TraceState &s = state();
-        std::string text = std::string(name) + "(" + args + ")";
-        std::lock_guard<std::mutex> guard(s.lock);
-        auto found = s.call_texts.find(text);
-        if (found == s.call_texts.end())
-            found = s.call_texts.size() < bundle_call_texts ? s.call_texts.insert(std::move(text)).first
-                                                              : s.call_texts.insert("(more distinct calls than kept)").first;
-        if (s.bundle_calls.size() == bundle_call_ring) s.bundle_calls.pop_front();
-        s.bundle_calls.push_back(found->c_str());
-    } catch (...) {
-    }
-}
-
-std::string hex(uint64_t v) {
-    char buf[24];
-    std::snprintf(buf, sizeof buf, "0x%llx", static_cast<unsigned long long>(v));
-    return buf;
-}
-
 } // namespace
 
 extern "C" {
@@ -397,61 +369,6 @@ const char *mgx_trace_module_name(uint16_t module) {
     std::lock_guard<std::mutex> guard(state().lock);
     auto &m = state().modules;
     return module >= 1 && module <= m.size() ? m[module - 1].c_str() : nullptr;
-}
-
-// ------------------------------------------------------------------ dependent bundles
-
-uint64_t if_common_bundle_handler_register(uint64_t handler, void *arg) {
-    char p[32];
-    std::snprintf(p, sizeof p, "%p", arg);
-    log_bundle_call(__func__, hex(handler) + ", " + p);
-    return 0;
-}
-uint64_t if_common_bundle_handler_unregister(void *arg) {
-    char p[32];
-    std::snprintf(p, sizeof p, "%p", arg);
-    log_bundle_call(__func__, p);
-    return 0;
-}
-uint64_t platform_comm_bundle_handler_register(uint64_t handler) {
-    log_bundle_call(__func__, hex(handler));
-    return 0;
-}
-uint64_t platform_comm_bundle_handler_unregister(void) {
-    log_bundle_call(__func__, "");
-    return 0;
-}
-uint64_t aaa_common_bundle_handler_register(uint64_t handler) {
-    log_bundle_call(__func__, hex(handler));
-    return 0;
-}
-uint64_t aaa_common_bundle_handler_unregister(void) {
-    log_bundle_call(__func__, "");
-    return 0;
-}
-uint64_t aaa_proxy_bundle_handler_register(uint64_t handler) {
-    log_bundle_call(__func__, hex(handler));
-    return 0;
-}
-uint64_t aaa_proxy_bundle_handler_unregister(void) {
-    log_bundle_call(__func__, "");
-    return 0;
-}
-
-size_t mgx_bundle_call_count(void) {
-    std::lock_guard<std::mutex> guard(state().lock);
-    return state().bundle_calls.size();
-}
-
-const char *mgx_bundle_call(size_t i) {
-    std::lock_guard<std::mutex> guard(state().lock);
-    auto &calls = state().bundle_calls;
-    return i < calls.size() ? calls[i] : nullptr;
-}
-
-void mgx_bundle_calls_clear(void) {
-    std::lock_guard<std::mutex> guard(state().lock);
-    state().bundle_calls.clear();
 }
 
 } // extern "C"
