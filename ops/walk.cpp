@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "ops/record/lifecycle.h"
-#include "ops/wire/wire.h"
 
 namespace ovrin {
 

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "ops/enum/enum.h"
 #include "ops/walk.h"
 
 namespace ovrin {
@@ -455,6 +456,45 @@ void get_object_references(const Type &t, mgx_handle_t *h, uint32_t, const void 
         trace(t, Message::references_null, MGX_SEV_ERROR);
         fail(h, err, MGX_EINVAL);
     }
+}
+
+namespace {
+
+// A type with a single variant cannot be raised past a layout of 0 or more: the runtime would
+// cap the domain's variant to 0 and leave such an instance as it is.
+bool layout_settled(const Type &t, const void *instance) { return t.n_variants == 1 && hdr(instance)->layout >= 0; }
+
+// The records and enumerations embedded in an instance, at every depth.
+void adjust_embedded(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
+    for (FieldAt<void> a : inline_fields(t, instance)) {
+        const Field &f = a.field();
+        if (f.kind != Kind::record && f.kind != Kind::enumeration) continue;
+        for (uint32_t k = 0; k < f.count; ++k) {
+            void *nested = a.element(k);
+            if (f.kind == Kind::record) adjust_embedded(*f.type, h, luid, nested, err);
+            if (layout_settled(*f.type, nested)) continue;
+            if (f.kind == Kind::record)
+                mgxlib_adjust_variant(h, luid, nested, mgx_get_manifested_type_info(nested), f.type->last_variant(), err);
+            else if (f.kind == Kind::enumeration)
+                enum_adjust_variant(*f.type, h, luid, nested, err);
+        }
+    }
+}
+
+} // namespace
+
+// Brings an instance and the records and enumerations embedded in it to the handle's domain, so
+// that a decode into it takes every variant the domain knows, at every level.
+uint32_t adjust_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
+    if (!instance) return mgxlib_adjust_variant(h, luid, nullptr, nullptr, t.last_variant(), err);
+    adjust_embedded(t, h, luid, instance, err);
+    return mgxlib_adjust_variant(h, luid, instance, mgx_get_manifested_type_info(instance), t.last_variant(), err);
+}
+
+void raise_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
+    adjust_embedded(t, h, luid, instance, err);
+    if (!layout_settled(t, instance))
+        mgxlib_adjust_variant(h, luid, instance, mgx_get_manifested_type_info(instance), t.last_variant(), err);
 }
 
 } // namespace ovrin

@@ -1,5 +1,5 @@
 // The lifecycle of every record, union and enumeration instance, written once over the type
-// tables: create, initialize, embed, destroy, sizes, OID counts and references.
+// tables: create, initialize, embed, destroy, variant adjustment, sizes, OID counts and references.
 #ifndef OVRIN_OPS_RECORD_LIFECYCLE_H
 #define OVRIN_OPS_RECORD_LIFECYCLE_H
 
@@ -16,6 +16,12 @@ void set_instance_embedded(const Type &t, mgx_handle_t *h, uint32_t luid, void *
 void destroy(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance);
 void destroy_internal(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, int free_it);
 void destroy_cr(const Type &t, mgx_handle_t *h, void *instance);
+// Brings an instance and the records and enumerations embedded in it to the handle's domain, so
+// that a decode into it takes every variant the domain knows, at every level.
+uint32_t adjust_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
+// The same for an instance this library has just made (a new arm, array element or clone): the
+// runtime is not asked where the answer cannot change (a single-variant type already laid out).
+void raise_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
 uint32_t size_of(const Type &t, const mgx_handle_t *h);
 uint32_t size_of_internal(const Type &t, const mgx_handle_t *h, const void *instance, int include_state_flags,
                           int flags_only);

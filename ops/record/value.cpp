@@ -1,10 +1,12 @@
-// Compare, hash and member validity of records and unions, over the type tables.
+// Clone, compare, hash and member validity of records and unions, over the type tables.
 #include "ops/record/value.h"
 
 #include <algorithm>
 #include <cstring>
 
+#include "ops/record/lifecycle.h"
 #include "ops/walk.h"
+#include "ops/wire/wire.h"
 
 namespace ovrin {
 
@@ -135,6 +137,50 @@ mgx_boolean is_valid_cr(const Type &t, mgx_handle_t *h, const void *instance, ui
     if (!(flags & 1u)) variant = std::min<int>(variant, mgx_get_instance_variant(instance, 1, 0));
     const Field &f = t.fields[member_index];
     return f.from_variant == 0 || present(f, variant) ? 1 : 0;
+}
+
+void clone_internal(const Type &t, mgx_handle_t *h, uint32_t luid, const void *source, void **destination,
+                    uint8_t *buf, uint32_t length, uint32_t *err) {
+    if (!begin(h, luid, source, err)) return;
+    if (!destination || !buf || !source) {
+        fail(h, err, MGX_ENOENT);
+        return;
+    }
+    // A tracked encode may store one byte past the space it is given: keep that byte inside.
+    int64_t room = static_cast<int64_t>(length) - (tracking(t, h) ? 1 : 0);
+    int32_t space = room > INT32_MAX ? INT32_MAX : static_cast<int32_t>(room);
+    uint32_t n = encode(t, h, luid, buf, source, space, false, err);
+    if (*err) return;
+    if (!*destination) {
+        t.bundle->trace_init();
+        void *fresh = create_internal(t, h, luid);
+        if (!fresh) {
+            fail(h, err, MGX_ENOMEM);
+            return;
+        }
+        uint32_t e = 0;
+        raise_variant(t, h, luid, fresh, &e); // the copy may hold every variant the handle knows
+        *destination = fresh;
+    }
+    decode(t, h, luid, buf, *destination, static_cast<int32_t>(n), 0, err);
+    if (*err) {
+        if (*destination != t.placeholder) destroy_internal(t, h, luid, *destination, 1);
+        *destination = nullptr;
+    }
+}
+
+void clone(const Type &t, mgx_handle_t *h, uint32_t luid, const void *source, void **destination, uint8_t *buf,
+           uint32_t length, uint32_t *err) {
+    if (destination) *destination = nullptr;
+    clone_internal(t, h, luid, source, destination, buf, length, err);
+}
+
+void *clone_cr(const Type &t, mgx_handle_t *h, const void *source, uint32_t work_space_min) {
+    uint32_t length = 0;
+    auto *ws = static_cast<uint8_t *>(mgxlib_get_handle_ws(h, work_space_min, &length));
+    void *destination = nullptr;
+    clone_internal(t, h, h->desc_call_luid, source, &destination, ws, length, &h->last_error);
+    return destination;
 }
 
 } // namespace ovrin

@@ -1,5 +1,6 @@
 // The wire form of records and unions, written once over the type tables: the length routine,
-// the encoder, the decoder, variant adjustment and the clone that goes through the wire form.
+// the encoder and the decoder. (Variant adjustment is in record/lifecycle.h; the clone, which goes
+// through the wire form, in record/value.h.)
 #ifndef OVRIN_OPS_WIRE_WIRE_H
 #define OVRIN_OPS_WIRE_WIRE_H
 
@@ -15,16 +16,6 @@ uint32_t encode(const Type &t, mgx_handle_t *h, uint32_t luid, uint8_t *buf, con
                 bool check, uint32_t *err);
 uint32_t decode(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *buf, void *instance, int32_t length,
                 uint32_t flags, uint32_t *err);
-uint32_t adjust_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
-// The same for an instance this library has just made (a new arm, array element or clone): the
-// runtime is not asked where the answer cannot change (a single-variant type already laid out).
-void raise_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
-
-void clone(const Type &t, mgx_handle_t *h, uint32_t luid, const void *source, void **destination, uint8_t *buf,
-           uint32_t length, uint32_t *err);
-void clone_internal(const Type &t, mgx_handle_t *h, uint32_t luid, const void *source, void **destination,
-                    uint8_t *buf, uint32_t length, uint32_t *err);
-void *clone_cr(const Type &t, mgx_handle_t *h, const void *source, uint32_t work_space_min);
 
 } // namespace ovrin
 
