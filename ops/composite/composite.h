@@ -25,13 +25,6 @@ uint32_t member_set_cr(const Type &t, const Field &f, mgx_handle_t *h, void *ins
 // Only the chosen member comes out; the caller then owns it.
 void *member_get_detach(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
 
-// ---------------------------------------------------------------- one flag byte of a field
-
-// The field's own byte: a member's, a string's, or an array's whole-array byte.
-uint8_t field_flag_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
-void field_flag_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint8_t value,
-                    uint32_t *err);
-
 // ---------------------------------------------------------------- fixed arrays
 
 void *fixed_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index,

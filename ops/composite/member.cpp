@@ -85,17 +85,4 @@ void *member_get_detach(const Type &t, const Field &f, mgx_handle_t *h, uint32_t
     return member;
 }
 
-uint8_t field_flag_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
-    if (!start(h, luid, instance, err) || !flags_reachable(t, h, instance, false, err)) return 0;
-    const uint8_t *area = state_area(t, h, luid, instance);
-    return area ? area[f.sttr_pos] : 0;
-}
-
-void field_flag_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint8_t value,
-                    uint32_t *err) {
-    if (!start(h, luid, instance, err) || !flags_reachable(t, h, instance, true, err)) return;
-    if (!adjust_for(t, f, h, luid, instance, err)) return;
-    if (uint8_t *area = state_area(t, h, luid, instance)) mark(h, luid, area + f.sttr_pos, instance, value);
-}
-
 } // namespace ovrin

@@ -428,7 +428,7 @@ uint8_t state_flag_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t 
 void state_flag_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint8_t value,
                     uint32_t *err) {
     if (!start(h, luid, instance, err) || !flags_reachable(t, h, instance, true, err)) return;
-    if (!adjust_for(t, f, h, luid, instance, err)) return;
+    if (!adjust_for(t, f, h, luid, instance, err)) return; // a field of a later variant has no flag to set
     if (uint8_t *area = state_area(t, h, luid, instance)) mark(h, luid, area + f.sttr_pos, instance, value);
 }
 

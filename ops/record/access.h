@@ -43,6 +43,8 @@ inline void field_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t l
 uint64_t field_get_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
 void field_set_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint64_t value,
                      uint32_t *err);
+// The field's own state byte (a scalar's, a nested record's, a member's, a string's, or an
+// array's whole-array byte).
 uint8_t state_flag_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
 void state_flag_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint8_t value,
                     uint32_t *err);
