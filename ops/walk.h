@@ -170,6 +170,20 @@ inline void free_block(mgx_handle_t *h, uint32_t luid, void *&slot, const void *
     slot = nullptr;
 }
 
+// A counted string's storage: room for len characters and the terminator (characters of the
+// runtime's size), from the handle; null when it cannot be had (the caller reports 12 its way).
+// Every family makes string storage here, as it makes array blocks below.
+inline void *new_text(mgx_handle_t *h, uint32_t luid, size_t len) {
+    return h->inst_alloc(h->alloc_ctx, luid, (len + 1) * char_sizeof());
+}
+
+// A string's pointer word takes text (null for none), the old storage freed, write-notified.
+inline void replace_text(mgx_handle_t *h, uint32_t luid, void *&slot, void *text, const void *base = nullptr) {
+    notify(h, &slot, sizeof slot, luid, base); // before the word changes, whether or not it held storage
+    if (slot) h->inst_free(h->alloc_ctx, luid, slot);
+    slot = text;
+}
+
 // The elements [from, to) of a variable array's block, laid out as nested instances over their
 // flag slots (a tracking block has them) and, when raise is set, raised to the variant the
 // handle knows for their type (as a decode or read makes them, so later members arrive in

@@ -21,11 +21,9 @@ void string_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, v
     if (length && !text) return fail(h, err, MGX_EINVAL);
     const FieldAt<void> a = field_of(t, f, instance);
     void *&slot = a.pointer();
-    notify(h, &slot, sizeof slot, luid, instance);
-    if (slot) h->inst_free(h->alloc_ctx, luid, slot);
-    slot = nullptr;
+    replace_text(h, luid, slot, nullptr, instance);
     if (length) {
-        auto *copy = static_cast<char *>(h->inst_alloc(h->alloc_ctx, luid, size_t{length} + 1));
+        auto *copy = static_cast<char *>(new_text(h, luid, length));
         if (!copy) return fail(h, err, MGX_ENOMEM);
         // A bounded copy: a NUL within the first length characters ends the text early, the rest
         // of the block is zero; the stored length stays the one given.

@@ -161,7 +161,7 @@ void duplicate_string(const FieldAt<void> &d, const FieldAt<void> &s, mgx_handle
     if (!text || text != s.block()) return;
     uint32_t length = s.count();
     notify(h, &text, sizeof text, luid, d.instance());
-    void *copy = h->inst_alloc(h->alloc_ctx, luid, size_t{length} + 1);
+    void *copy = new_text(h, luid, length);
     if (!copy) {
         text = nullptr;
         fail(h, err, MGX_ENOMEM);

@@ -686,7 +686,7 @@ void read_var_string(const FieldAt<void> &a, JsonIn &in, const json_t *e) {
         return;
     }
     if (s.size() > UINT32_MAX - 1) return in.refuse("a string of %zu bytes is longer than a length holds", s.size());
-    auto *text = static_cast<char *>(in.h->inst_alloc(in.h->alloc_ctx, in.luid, s.size() + 1));
+    auto *text = static_cast<char *>(new_text(in.h, in.luid, s.size()));
     if (!text) return in.out_of_memory();
     size_t n = unescape_private(s, text);
     text[n] = '\0';
@@ -694,10 +694,7 @@ void read_var_string(const FieldAt<void> &a, JsonIn &in, const json_t *e) {
         in.h->inst_free(in.h->alloc_ctx, in.luid, text);
         return in.refuse("a string of %zu bytes is longer than its u_int16 length holds", n);
     }
-    void *&slot = a.pointer();
-    if (slot) in.h->inst_free(in.h->alloc_ctx, in.luid, slot);
-    notify(in.h, &slot, sizeof slot, in.luid, a.instance());
-    slot = text;
+    replace_text(in.h, in.luid, a.pointer(), text, a.instance());
     set_count(in.h, in.luid, a, static_cast<uint32_t>(n));
 }
 

@@ -260,7 +260,7 @@ void string_from_xml(const FieldAt<void> &a, XmlIn &in, const char *path, uint32
         else if (status != 0) fail(in.h, in.err, status); // 0: nothing to read, the field stays as it is
         return;
     }
-    auto *text = static_cast<char *>(in.h->inst_alloc(in.h->alloc_ctx, in.luid, len + 1));
+    auto *text = static_cast<char *>(new_text(in.h, in.luid, len));
     if (!text) {
         fail(in.h, in.err, MGX_ENOMEM);
         return;
@@ -271,10 +271,7 @@ void string_from_xml(const FieldAt<void> &a, XmlIn &in, const char *path, uint32
         return;
     }
     // The record owns the text from here: the old one goes, the length field follows.
-    void *&slot = a.pointer();
-    if (slot) in.h->inst_free(in.h->alloc_ctx, in.luid, slot);
-    notify(in.h, &slot, sizeof slot, in.luid, a.instance());
-    slot = text;
+    replace_text(in.h, in.luid, a.pointer(), text, a.instance());
     set_count(in.h, in.luid, a, len);
 }
 

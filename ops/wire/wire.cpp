@@ -200,7 +200,7 @@ void decode_string(const FieldAt<void> &a, Reader &r, uint32_t old_len) {
         notify(r.h, text, size, r.luid);
     } else {
         free_block(r.h, r.luid, text);
-        void *fresh = r.h->inst_alloc(r.h->alloc_ctx, r.luid, size);
+        void *fresh = new_text(r.h, r.luid, len);
         if (!fresh) {
             a.store_counter(0);
             r.error(MGX_ENOMEM);
