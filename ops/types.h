@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "mgx/contract.h"
+#include "ops/kinds.h"
 
 namespace ovrin {
 
@@ -17,30 +18,10 @@ struct Type;
 
 enum class TypeKind : uint8_t { record, union_, enumeration };
 
-// What one element of a field is.
-enum class Kind : uint8_t {
-    u8,
-    u16,
-    u32,
-    u64,
-    boolean,     // mgx_boolean
-    mac_addr,    // mgx_mac_addr
-    ipv4_addr,
-    ipv6_addr,
-    aaa_tlv,     // inline runtime instance (32 bytes)
-    character,   // the characters of a counted string
-    enumeration, // inline enumeration instance (16 bytes); Field::type is the enumeration
-    record,      // inline record or union instance, or the referenced type of a member slot
-};
-
-// How the elements are held.
-enum class Shape : uint8_t {
-    scalar,      // one element inline
-    fixed_array, // Field::count elements inline
-    var_array,   // pointer to a block of elements; the count is in the companion field
-    var_string,  // pointer to length+1 characters; the length is in the companion field
-    member,      // union member: pointer to a separately allocated instance of Field::type
-};
+// The list's sizes and alignments are the runtime's.
+#define OVRIN_CHECK_PRIM(K, T, S, A) static_assert(sizeof(T) == (S) && alignof(T) == (A), #T " is laid out as listed");
+OVRIN_ALL_PRIMS(OVRIN_CHECK_PRIM)
+#undef OVRIN_CHECK_PRIM
 
 inline constexpr uint16_t no_area = 0xFFFF;
 // The most strings and variable arrays one type may hold: a decode or an XML read keeps each

@@ -21,14 +21,11 @@ namespace {
 
 // ---------------------------------------------------------------- elements of fixed arrays
 
-#define OVRIN_ELEMENT_PRIMS(X)                                                                                         \
-    X(u8, u_int8) X(u16, u_int16) X(u32, u_int32) X(u64, u_int64) X(boolean, mgx_boolean)
-
 uint64_t element_value(const Field &f, mgx_handle_t *h, uint32_t luid, const void *element, uint32_t *err) {
     switch (f.kind) {
-#define OVRIN_CASE(K, T)                                                                                               \
+#define OVRIN_CASE(K, T, S, A)                                                                                         \
     case Kind::K: return T##_get_value(h, luid, static_cast<const T *>(element), err);
-        OVRIN_ELEMENT_PRIMS(OVRIN_CASE)
+        OVRIN_VALUE_PRIMS(OVRIN_CASE)
 #undef OVRIN_CASE
     case Kind::enumeration: return static_cast<const EnumInstance *>(element)->value;
     default: return 0;
@@ -39,12 +36,10 @@ uint64_t element_value(const Field &f, mgx_handle_t *h, uint32_t luid, const voi
 // enumerations (which may refuse a value the element's variant does not have).
 void element_set(const Field &f, mgx_handle_t *h, uint32_t luid, void *element, const void *value, uint32_t *err) {
     switch (f.kind) {
-#define OVRIN_CASE(K, T)                                                                                               \
+#define OVRIN_CASE(K, T, S, A)                                                                                         \
     case Kind::K: return T##_set(h, luid, static_cast<T *>(element), static_cast<const T *>(value), err);
-        OVRIN_ELEMENT_PRIMS(OVRIN_CASE)
-        OVRIN_CASE(mac_addr, mgx_mac_addr)
-        OVRIN_CASE(ipv4_addr, ipv4_addr)
-        OVRIN_CASE(ipv6_addr, ipv6_addr)
+        OVRIN_VALUE_PRIMS(OVRIN_CASE)
+        OVRIN_ADDRESS_PRIMS(OVRIN_CASE)
 #undef OVRIN_CASE
     case Kind::enumeration: return enum_set(*f.type, h, luid, element, value, err);
     default: return fail(h, err, MGX_EINVAL);
@@ -53,9 +48,9 @@ void element_set(const Field &f, mgx_handle_t *h, uint32_t luid, void *element, 
 
 void element_set_value(const Field &f, mgx_handle_t *h, uint32_t luid, void *element, uint64_t value, uint32_t *err) {
     switch (f.kind) {
-#define OVRIN_CASE(K, T)                                                                                               \
+#define OVRIN_CASE(K, T, S, A)                                                                                         \
     case Kind::K: return T##_set_value(h, luid, static_cast<T *>(element), static_cast<T>(value), err);
-        OVRIN_ELEMENT_PRIMS(OVRIN_CASE)
+        OVRIN_VALUE_PRIMS(OVRIN_CASE)
 #undef OVRIN_CASE
     case Kind::enumeration: return enum_set_value(*f.type, h, luid, element, static_cast<uint32_t>(value), err);
     default: return fail(h, err, MGX_EINVAL);

@@ -16,25 +16,21 @@ namespace {
 
 // ---------------------------------------------------------------- the runtime's primitives
 
-#define OVRIN_VALUE_PRIMS(X) X(u8, u_int8) X(u16, u_int16) X(u32, u_int32) X(u64, u_int64) X(boolean, mgx_boolean)
-#define OVRIN_PRIMS(X) OVRIN_VALUE_PRIMS(X) X(mac_addr, mgx_mac_addr) X(ipv4_addr, ipv4_addr) X(ipv6_addr, ipv6_addr)
-
 bool is_primitive(Kind k) {
     switch (k) {
-#define OVRIN_CASE(K, T) case Kind::K:
-        OVRIN_PRIMS(OVRIN_CASE)
+#define OVRIN_CASE(K, T, S, A) case Kind::K:
+        OVRIN_ALL_PRIMS(OVRIN_CASE)
 #undef OVRIN_CASE
-    case Kind::aaa_tlv: return true;
+        return true;
     default: return false;
     }
 }
 
 [[gnu::always_inline]] inline void *prim_get(Kind k, mgx_handle_t *h, uint32_t luid, void *field, uint32_t *err) {
     switch (k) {
-#define OVRIN_CASE(K, T)                                                                                               \
+#define OVRIN_CASE(K, T, S, A)                                                                                         \
     case Kind::K: return T##_get(h, luid, static_cast<T *>(field), err);
-        OVRIN_PRIMS(OVRIN_CASE)
-        OVRIN_CASE(aaa_tlv, aaa_tlv)
+        OVRIN_ALL_PRIMS(OVRIN_CASE)
 #undef OVRIN_CASE
     default: return nullptr;
     }
@@ -42,10 +38,9 @@ bool is_primitive(Kind k) {
 
 void prim_set(Kind k, mgx_handle_t *h, uint32_t luid, void *field, const void *value, uint32_t *err) {
     switch (k) {
-#define OVRIN_CASE(K, T)                                                                                               \
+#define OVRIN_CASE(K, T, S, A)                                                                                         \
     case Kind::K: return T##_set(h, luid, static_cast<T *>(field), static_cast<const T *>(value), err);
-        OVRIN_PRIMS(OVRIN_CASE)
-        OVRIN_CASE(aaa_tlv, aaa_tlv)
+        OVRIN_ALL_PRIMS(OVRIN_CASE)
 #undef OVRIN_CASE
     default: return;
     }
@@ -53,7 +48,7 @@ void prim_set(Kind k, mgx_handle_t *h, uint32_t luid, void *field, const void *v
 
 uint64_t prim_get_value(Kind k, mgx_handle_t *h, uint32_t luid, const void *field, uint32_t *err) {
     switch (k) {
-#define OVRIN_CASE(K, T)                                                                                               \
+#define OVRIN_CASE(K, T, S, A)                                                                                         \
     case Kind::K: return T##_get_value(h, luid, static_cast<const T *>(field), err);
         OVRIN_VALUE_PRIMS(OVRIN_CASE)
 #undef OVRIN_CASE
@@ -63,7 +58,7 @@ uint64_t prim_get_value(Kind k, mgx_handle_t *h, uint32_t luid, const void *fiel
 
 [[gnu::always_inline]] inline void prim_set_value(Kind k, mgx_handle_t *h, uint32_t luid, void *field, uint64_t value, uint32_t *err) {
     switch (k) {
-#define OVRIN_CASE(K, T)                                                                                               \
+#define OVRIN_CASE(K, T, S, A)                                                                                         \
     case Kind::K: return T##_set_value(h, luid, static_cast<T *>(field), static_cast<T>(value), err);
         OVRIN_VALUE_PRIMS(OVRIN_CASE)
 #undef OVRIN_CASE

@@ -44,17 +44,14 @@ constexpr PrimInstance prim_instance(const mgx_type_info_t *d) {
                   T##_get_object_references>(&_##T##_type_info_internal)
 
 const PrimInstance *prim_instance_of(Kind k) {
-    static const PrimInstance boolean = OVRIN_PRIM_INSTANCE(mgx_boolean);
-    static const PrimInstance mac = OVRIN_PRIM_INSTANCE(mgx_mac_addr);
-    static const PrimInstance ipv4 = OVRIN_PRIM_INSTANCE(ipv4_addr);
-    static const PrimInstance ipv6 = OVRIN_PRIM_INSTANCE(ipv6_addr);
-    static const PrimInstance tlv = OVRIN_PRIM_INSTANCE(aaa_tlv);
     switch (k) {
-    case Kind::boolean: return &boolean;
-    case Kind::mac_addr: return &mac;
-    case Kind::ipv4_addr: return &ipv4;
-    case Kind::ipv6_addr: return &ipv6;
-    case Kind::aaa_tlv: return &tlv;
+#define OVRIN_CASE(K, T, S, A)                                                                                         \
+    case Kind::K: {                                                                                                    \
+        static const PrimInstance instance = OVRIN_PRIM_INSTANCE(T);                                                   \
+        return &instance;                                                                                              \
+    }
+        OVRIN_INSTANCE_PRIMS(OVRIN_CASE)
+#undef OVRIN_CASE
     default: return nullptr;
     }
 }

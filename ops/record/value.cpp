@@ -23,17 +23,14 @@ template <class U> U value_at(const void *p) {
 // One inline element: a primitive, an enumeration, or a nested record or union.
 int32_t compare_element(const Field &f, const void *a, const void *b) {
     switch (f.kind) {
-    case Kind::u8: return three_way(value_at<uint8_t>(a), value_at<uint8_t>(b));
-    case Kind::u16: return three_way(value_at<uint16_t>(a), value_at<uint16_t>(b));
-    case Kind::u32: return three_way(value_at<uint32_t>(a), value_at<uint32_t>(b));
-    case Kind::u64: return three_way(value_at<uint64_t>(a), value_at<uint64_t>(b));
-    case Kind::boolean:
-        return mgx_boolean_compare(static_cast<const mgx_boolean *>(a), static_cast<const mgx_boolean *>(b));
-    case Kind::mac_addr:
-        return mgx_mac_addr_compare(static_cast<const mgx_mac_addr *>(a), static_cast<const mgx_mac_addr *>(b));
-    case Kind::ipv4_addr: return ipv4_addr_compare(static_cast<const ipv4_addr *>(a), static_cast<const ipv4_addr *>(b));
-    case Kind::ipv6_addr: return ipv6_addr_compare(static_cast<const ipv6_addr *>(a), static_cast<const ipv6_addr *>(b));
-    case Kind::aaa_tlv: return aaa_tlv_compare(static_cast<const aaa_tlv *>(a), static_cast<const aaa_tlv *>(b));
+#define OVRIN_NUMBER(K, T, S, A)                                                                                       \
+    case Kind::K: return three_way(value_at<T>(a), value_at<T>(b));
+        OVRIN_INTEGER_PRIMS(OVRIN_NUMBER)
+#undef OVRIN_NUMBER
+#define OVRIN_INSTANCE(K, T, S, A)                                                                                     \
+    case Kind::K: return T##_compare(static_cast<const T *>(a), static_cast<const T *>(b));
+        OVRIN_INSTANCE_PRIMS(OVRIN_INSTANCE)
+#undef OVRIN_INSTANCE
     case Kind::enumeration: return enum_compare(a, b);
     case Kind::record: return compare(*f.type, a, b);
     case Kind::character: break;
@@ -43,15 +40,10 @@ int32_t compare_element(const Field &f, const void *a, const void *b) {
 
 uint32_t hash_element(const Field &f, const void *p, uint32_t seed) {
     switch (f.kind) {
-    case Kind::u8: return u_int8_hash(static_cast<const u_int8 *>(p), seed);
-    case Kind::u16: return u_int16_hash(static_cast<const u_int16 *>(p), seed);
-    case Kind::u32: return u_int32_hash(static_cast<const u_int32 *>(p), seed);
-    case Kind::u64: return u_int64_hash(static_cast<const u_int64 *>(p), seed);
-    case Kind::boolean: return mgx_boolean_hash(static_cast<const mgx_boolean *>(p), seed);
-    case Kind::mac_addr: return mgx_mac_addr_hash(static_cast<const mgx_mac_addr *>(p), seed);
-    case Kind::ipv4_addr: return ipv4_addr_hash(static_cast<const ipv4_addr *>(p), seed);
-    case Kind::ipv6_addr: return ipv6_addr_hash(static_cast<const ipv6_addr *>(p), seed);
-    case Kind::aaa_tlv: return aaa_tlv_hash(static_cast<const aaa_tlv *>(p), seed);
+#define OVRIN_HASH(K, T, S, A)                                                                                         \
+    case Kind::K: return T##_hash(static_cast<const T *>(p), seed);
+        OVRIN_ALL_PRIMS(OVRIN_HASH)
+#undef OVRIN_HASH
     case Kind::enumeration: return enum_hash(p, seed);
     case Kind::record: return hash(*f.type, p, seed);
     case Kind::character: break;

@@ -38,11 +38,12 @@ template <class T, auto ToXml, auto FromXml, auto Print> constexpr PrimText prim
 
 #define OVRIN_PRIM_TEXT(T) prim_text<T, T##_to_xml, T##_from_xml, T##_print>()
 
+// By kind: the list is in the order of Kind, whose primitives come first.
 const PrimText &prim_text_of(Kind k) {
     static const PrimText table[] = {
-        OVRIN_PRIM_TEXT(u_int8),    OVRIN_PRIM_TEXT(u_int16),     OVRIN_PRIM_TEXT(u_int32),
-        OVRIN_PRIM_TEXT(u_int64),   OVRIN_PRIM_TEXT(mgx_boolean), OVRIN_PRIM_TEXT(mgx_mac_addr),
-        OVRIN_PRIM_TEXT(ipv4_addr), OVRIN_PRIM_TEXT(ipv6_addr),   OVRIN_PRIM_TEXT(aaa_tlv),
+#define OVRIN_ENTRY(K, T, S, A) OVRIN_PRIM_TEXT(T),
+        OVRIN_ALL_PRIMS(OVRIN_ENTRY)
+#undef OVRIN_ENTRY
     };
     return table[static_cast<int>(k)];
 }

@@ -17,12 +17,6 @@ constexpr uint8_t wire_flag_mask = MGX_IF_TRACKED | MGX_IF_HD_MAPPED;
 constexpr uint32_t arm_callsite_tag = 0xB03C3000u;
 constexpr int32_t min_instance_bytes = 6;              // a record's wire header: the least an element takes
 
-// The runtime's primitives by kind and type name: each operation below switches over this list
-// and calls the primitive directly.
-#define OVRIN_WIRE_PRIMS(X)                                                                            \
-    X(u8, u_int8) X(u16, u_int16) X(u32, u_int32) X(u64, u_int64) X(boolean, mgx_boolean)                 \
-    X(mac_addr, mgx_mac_addr) X(ipv4_addr, ipv4_addr) X(ipv6_addr, ipv6_addr) X(aaa_tlv, aaa_tlv)
-
 
 // The wire plan of a variant; a variant beyond the type's own (an instance laid out by a newer
 // bundle) is walked with the newest plan this bundle has.
@@ -33,9 +27,9 @@ const WirePlan &plan_at(const Type &t, int8_t variant) { return t.wire[variant <
 // One element, of a field or a plan step (both say its kind and type).
 template <class F> [[gnu::always_inline]] inline uint32_t element_length(const F &f, mgx_handle_t *h, uint32_t luid, const void *element) {
     switch (f.kind) {
-#define OVRIN_LEN(K, T)                                                                                \
+#define OVRIN_LEN(K, T, S, A)                                                                                \
     case Kind::K: return T##_len(h, luid, static_cast<const T *>(element));
-        OVRIN_WIRE_PRIMS(OVRIN_LEN)
+        OVRIN_ALL_PRIMS(OVRIN_LEN)
 #undef OVRIN_LEN
     case Kind::record: return wire_length(*f.type, h, luid, element);
     case Kind::enumeration: return 5;
@@ -68,9 +62,9 @@ struct Writer {
 template <class F> [[gnu::always_inline]] inline uint32_t put_element(const F &f, mgx_handle_t *h, uint32_t luid, uint8_t *b, const void *element,
                             int32_t space, uint32_t *e) {
     switch (f.kind) {
-#define OVRIN_MARSHAL(K, T)                                                                            \
+#define OVRIN_MARSHAL(K, T, S, A)                                                                            \
     case Kind::K: return T##_marshal(h, luid, b, static_cast<const T *>(element), space, e);
-        OVRIN_WIRE_PRIMS(OVRIN_MARSHAL)
+        OVRIN_ALL_PRIMS(OVRIN_MARSHAL)
 #undef OVRIN_MARSHAL
     case Kind::enumeration: return enum_marshal(*f.type, h, luid, b, element, space, e);
     case Kind::record: return encode(*f.type, h, luid, b, element, space, true, e);
@@ -170,9 +164,9 @@ struct Reader {
 template <class F> [[gnu::always_inline]] inline uint32_t decode_element(const F &f, Reader &r, void *element) {
     const uint8_t *b = r.buf + r.pos;
     switch (f.kind) {
-#define OVRIN_UNMARSHAL(K, T)                                                                          \
+#define OVRIN_UNMARSHAL(K, T, S, A)                                                                          \
     case Kind::K: return T##_unmarshal(r.h, r.luid, b, static_cast<T *>(element), r.left(), r.flags, r.err);
-        OVRIN_WIRE_PRIMS(OVRIN_UNMARSHAL)
+        OVRIN_ALL_PRIMS(OVRIN_UNMARSHAL)
 #undef OVRIN_UNMARSHAL
     case Kind::record: return decode(*f.type, r.h, r.luid, b, element, r.left(), r.flags, r.err);
     case Kind::enumeration: return enum_unmarshal(*f.type, r.h, r.luid, b, element, r.left(), r.flags, r.err);

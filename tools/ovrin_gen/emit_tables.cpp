@@ -15,15 +15,10 @@ const char *kind_name(const Field &f) {
     if (f.shape == Shape::var_string) return "character";
     if (f.prim) {
         switch (*f.prim) {
-        case Prim::u8: return "u8";
-        case Prim::u16: return "u16";
-        case Prim::u32: return "u32";
-        case Prim::u64: return "u64";
-        case Prim::boolean: return "boolean";
-        case Prim::mac_addr: return "mac_addr";
-        case Prim::ipv4_addr: return "ipv4_addr";
-        case Prim::ipv6_addr: return "ipv6_addr";
-        case Prim::aaa_tlv: return "aaa_tlv";
+#define OVRIN_PRIM(K, T, S, A)                                                                                         \
+    case Prim::K: return #K;
+            OVRIN_ALL_PRIMS(OVRIN_PRIM)
+#undef OVRIN_PRIM
         }
     }
     return f.type->is_enum() ? "enumeration" : "record";
@@ -31,11 +26,10 @@ const char *kind_name(const Field &f) {
 
 const char *shape_name(Shape s) {
     switch (s) {
-    case Shape::scalar: return "scalar";
-    case Shape::fixed_array: return "fixed_array";
-    case Shape::var_array: return "var_array";
-    case Shape::var_string: return "var_string";
-    case Shape::member: return "member";
+#define OVRIN_SHAPE(S)                                                                                                 \
+    case Shape::S: return #S;
+        OVRIN_SHAPES(OVRIN_SHAPE)
+#undef OVRIN_SHAPE
     }
     return "";
 }

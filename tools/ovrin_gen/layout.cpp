@@ -131,15 +131,10 @@ void resolve_record(Catalogue &c, Type &t) {
 void element_storage(Field &f, unsigned &size, unsigned &align) {
     if (f.prim) {
         switch (*f.prim) {
-        case Prim::u8: size = 1, align = 1; return;
-        case Prim::u16: size = 2, align = 2; return;
-        case Prim::u32: size = 4, align = 4; return;
-        case Prim::u64: size = 8, align = 8; return;
-        case Prim::boolean: size = 4, align = 4; return;
-        case Prim::mac_addr: size = 6, align = 1; return;
-        case Prim::ipv4_addr: size = 4, align = 4; return;
-        case Prim::ipv6_addr: size = 16, align = 4; return;
-        case Prim::aaa_tlv: size = 32, align = 8; return;
+#define OVRIN_PRIM(K, T, S, A)                                                                                         \
+    case Prim::K: size = S, align = A; return;
+            OVRIN_ALL_PRIMS(OVRIN_PRIM)
+#undef OVRIN_PRIM
         }
     }
     size = f.type->is_enum() ? enum_instance_size : f.type->size;

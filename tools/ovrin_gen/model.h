@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "ops/kinds.h"
+
 namespace gen {
 
 // A catalogue error, reported with the file and line it comes from.
@@ -20,9 +22,14 @@ struct Error : std::runtime_error {
     Error(int line_, const std::string &what) : std::runtime_error(what), line(line_) {}
 };
 
-enum class Prim { u8, u16, u32, u64, boolean, mac_addr, ipv4_addr, ipv6_addr, aaa_tlv };
+// The runtime's primitives and the shapes of fields, from the list the engine reads too.
+enum class Prim {
+#define OVRIN_PRIM(K, T, S, A) K,
+    OVRIN_ALL_PRIMS(OVRIN_PRIM)
+#undef OVRIN_PRIM
+};
 enum class TypeKind { record, union_, enumeration };
-enum class Shape { scalar, fixed_array, var_array, var_string, member };
+using Shape = ovrin::Shape;
 
 inline constexpr unsigned header_bytes = 11;     // descriptor word, variant, layout byte, flags
 inline constexpr unsigned enum_instance_size = 16;

@@ -147,9 +147,9 @@ Field parse_field(int line, std::vector<std::string> w) {
 
 std::optional<Prim> primitive(const std::string &name) {
     static const std::map<std::string, Prim> prims = {
-        {"u_int8", Prim::u8},           {"u_int16", Prim::u16},         {"u_int32", Prim::u32},
-        {"u_int64", Prim::u64},         {"mgx_boolean", Prim::boolean}, {"mgx_mac_addr", Prim::mac_addr},
-        {"ipv4_addr", Prim::ipv4_addr}, {"ipv6_addr", Prim::ipv6_addr}, {"aaa_tlv", Prim::aaa_tlv},
+#define OVRIN_PRIM(K, T, S, A) {#T, Prim::K},
+        OVRIN_ALL_PRIMS(OVRIN_PRIM)
+#undef OVRIN_PRIM
     };
     auto it = prims.find(name);
     if (it == prims.end()) return std::nullopt;
@@ -158,15 +158,10 @@ std::optional<Prim> primitive(const std::string &name) {
 
 const char *prim_c_type(Prim p) {
     switch (p) {
-    case Prim::u8: return "u_int8";
-    case Prim::u16: return "u_int16";
-    case Prim::u32: return "u_int32";
-    case Prim::u64: return "u_int64";
-    case Prim::boolean: return "mgx_boolean";
-    case Prim::mac_addr: return "mgx_mac_addr";
-    case Prim::ipv4_addr: return "ipv4_addr";
-    case Prim::ipv6_addr: return "ipv6_addr";
-    case Prim::aaa_tlv: return "aaa_tlv";
+#define OVRIN_PRIM(K, T, S, A)                                                                                         \
+    case Prim::K: return #T;
+        OVRIN_ALL_PRIMS(OVRIN_PRIM)
+#undef OVRIN_PRIM
     }
     return "?";
 }
