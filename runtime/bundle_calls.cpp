@@ -29,10 +29,19 @@ CallLog &call_log() {
     return *log;
 }
 
-void log_bundle_call(const char *name, const std::string &args) noexcept {
+// The call's text is made inside: nothing it allocates can throw out of a C entry point.
+// Arguments: the handler (when has_handler), then the pointer (when has_arg).
+void log_bundle_call(const char *name, bool has_handler, uint64_t handler, bool has_arg, const void *arg) noexcept {
     try {
+        char buf[64] = "";
+        if (has_handler && has_arg)
+            std::snprintf(buf, sizeof buf, "0x%llx, %p", static_cast<unsigned long long>(handler), arg);
+        else if (has_handler)
+            std::snprintf(buf, sizeof buf, "0x%llx", static_cast<unsigned long long>(handler));
+        else if (has_arg)
+            std::snprintf(buf, sizeof buf, "%p", arg);
         CallLog &s = call_log();
-        std::string text = std::string(name) + "(" + args + ")";
+        std::string text = std::string(name) + "(" + buf + ")";
         std::lock_guard<std::mutex> guard(s.lock);
         auto found = s.texts.find(text);
         if (found == s.texts.end())
@@ -44,54 +53,32 @@ void log_bundle_call(const char *name, const std::string &args) noexcept {
     }
 }
 
-std::string hex(uint64_t v) {
-    char buf[24];
-    std::snprintf(buf, sizeof buf, "0x%llx", static_cast<unsigned long long>(v));
-    return buf;
-}
-
-std::string pointer(const void *p) {
-    char buf[32];
-    std::snprintf(buf, sizeof buf, "%p", p);
-    return buf;
-}
-
 } // namespace
 
 extern "C" {
 
 uint64_t if_common_bundle_handler_register(uint64_t handler, void *arg) {
-    log_bundle_call(__func__, hex(handler) + ", " + pointer(arg));
+    log_bundle_call(__func__, true, handler, true, arg);
     return 0;
 }
 uint64_t if_common_bundle_handler_unregister(void *arg) {
-    log_bundle_call(__func__, pointer(arg));
+    log_bundle_call(__func__, false, 0, true, arg);
     return 0;
 }
-uint64_t platform_comm_bundle_handler_register(uint64_t handler) {
-    log_bundle_call(__func__, hex(handler));
-    return 0;
-}
-uint64_t platform_comm_bundle_handler_unregister(void) {
-    log_bundle_call(__func__, "");
-    return 0;
-}
-uint64_t aaa_common_bundle_handler_register(uint64_t handler) {
-    log_bundle_call(__func__, hex(handler));
-    return 0;
-}
-uint64_t aaa_common_bundle_handler_unregister(void) {
-    log_bundle_call(__func__, "");
-    return 0;
-}
-uint64_t aaa_proxy_bundle_handler_register(uint64_t handler) {
-    log_bundle_call(__func__, hex(handler));
-    return 0;
-}
-uint64_t aaa_proxy_bundle_handler_unregister(void) {
-    log_bundle_call(__func__, "");
-    return 0;
-}
+// The other three bundles take the handler alone to register and nothing to unregister.
+#define OVRIN_STAND_IN(B)                                                                                              \
+    uint64_t B##_bundle_handler_register(uint64_t handler) {                                                           \
+        log_bundle_call(__func__, true, handler, false, nullptr);                                                      \
+        return 0;                                                                                                      \
+    }                                                                                                                  \
+    uint64_t B##_bundle_handler_unregister(void) {                                                                     \
+        log_bundle_call(__func__, false, 0, false, nullptr);                                                           \
+        return 0;                                                                                                      \
+    }
+OVRIN_STAND_IN(platform_comm)
+OVRIN_STAND_IN(aaa_common)
+OVRIN_STAND_IN(aaa_proxy)
+#undef OVRIN_STAND_IN
 
 size_t mgx_bundle_call_count(void) {
     CallLog &s = call_log();
