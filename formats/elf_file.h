@@ -5,8 +5,8 @@
 // The file is held whole in memory, so nothing is allocated beyond its real size: only regular
 // files are read, never more than file_limit bytes, and every count, offset and size the headers
 // state is checked against the bytes actually read before anything is sized from it.
-#ifndef MGX_RUNTIME_ELF_FILE_H
-#define MGX_RUNTIME_ELF_FILE_H
+#ifndef OVRIN_FORMATS_ELF_FILE_H
+#define OVRIN_FORMATS_ELF_FILE_H
 
 #include <elf.h>
 #include <fcntl.h>

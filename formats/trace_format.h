@@ -13,8 +13,8 @@
 //                     id, u32 message number, u32 flags (severity in the top byte), u8 argument
 //                     count, then per argument u8 kind and its value: 'u' u32, 'd' i32, 'p' u64,
 //                     's' u32 length and bytes.
-#ifndef MGX_RUNTIME_TRACE_FORMAT_H
-#define MGX_RUNTIME_TRACE_FORMAT_H
+#ifndef OVRIN_FORMATS_TRACE_FORMAT_H
+#define OVRIN_FORMATS_TRACE_FORMAT_H
 
 #include <zlib.h>
 

@@ -77,6 +77,13 @@ void *grow_block(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, ui
     return nullptr;
 }
 
+void free_moved_block(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint32_t old_count) {
+    const ArrayLayout layout(f);
+    if (h->database && h->domain_mode == 1 && luid != MGX_LUID_NONE)
+        for (uint32_t k = 0; k < old_count; ++k) mgxdb_plat_set_detach(h, luid, layout.element(block, k));
+    h->inst_free(h->alloc_ctx, luid, block);
+}
+
 bool replace_array(const FieldAt<void> &a, mgx_handle_t *h, uint32_t luid, uint32_t count, bool tracked,
                    uint32_t *err) {
     release_array(a, h, luid, a.count(), a.instance());

@@ -177,6 +177,9 @@ inline void *new_text(mgx_handle_t *h, uint32_t luid, size_t len) {
     return h->inst_alloc(h->alloc_ctx, luid, (len + 1) * char_sizeof());
 }
 
+// Storage from new_text that no string took (its reader refused what it read) given back.
+inline void drop_text(mgx_handle_t *h, uint32_t luid, void *text) { h->inst_free(h->alloc_ctx, luid, text); }
+
 // A string's pointer word takes text (null for none), the old storage freed, write-notified.
 inline void replace_text(mgx_handle_t *h, uint32_t luid, void *&slot, void *text, const void *base = nullptr) {
     notify(h, &slot, sizeof slot, luid, base); // before the word changes, whether or not it held storage
@@ -203,6 +206,11 @@ void *new_block(const Field &f, mgx_handle_t *h, uint32_t luid, uint32_t count, 
 // caller's to settle). Null with the code in err on failure, the block as it was.
 void *grow_block(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint32_t old_count, uint32_t count,
                  bool tracked, uint32_t *err);
+
+// The block grow_block moved old_count elements out of, given back: the elements live on in the
+// new block, so they are only detached from the handle's database (in its mode) before the block
+// is freed.
+void free_moved_block(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint32_t old_count);
 
 // Destroys the first count elements of a block (none without a block).
 void destroy_elements(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint32_t count);

@@ -115,11 +115,7 @@ bool grow(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *i
     const ArrayLayout layout(f);
     uint8_t *flags = layout.flags(fresh, count, with_flags);
     reregister(f, h, luid, fresh, flags, old_count, err);
-    if (block) {
-        if (h->database && h->domain_mode == 1 && luid != MGX_LUID_NONE)
-            for (uint32_t k = 0; k < old_count; ++k) mgxdb_plat_set_detach(h, luid, layout.element(block, k));
-        h->inst_free(h->alloc_ctx, luid, block);
-    }
+    if (block) free_moved_block(f, h, luid, block, old_count);
     set_count(h, luid, a, count);
     notify(h, &block, sizeof block, luid, instance);
     block = fresh;

@@ -691,7 +691,7 @@ void read_var_string(const FieldAt<void> &a, JsonIn &in, const json_t *e) {
     size_t n = unescape_private(s, text);
     text[n] = '\0';
     if (a.counter().kind == Kind::u16 && n > UINT16_MAX) {
-        in.h->inst_free(in.h->alloc_ctx, in.luid, text);
+        drop_text(in.h, in.luid, text);
         return in.refuse("a string of %zu bytes is longer than its u_int16 length holds", n);
     }
     replace_text(in.h, in.luid, a.pointer(), text, a.instance());

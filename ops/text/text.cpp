@@ -268,7 +268,7 @@ void string_from_xml(const FieldAt<void> &a, XmlIn &in, const char *path, uint32
     }
     var_string_from_xml(in.h, in.luid, path, in.doc, text, len + 1, in.err);
     if (*in.err) {
-        in.h->inst_free(in.h->alloc_ctx, in.luid, text);
+        drop_text(in.h, in.luid, text);
         return;
     }
     // The record owns the text from here: the old one goes, the length field follows.
