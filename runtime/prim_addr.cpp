@@ -1,7 +1,9 @@
 // The address primitives: mgx_mac_addr, ipv4_addr and ipv6_addr.
 #include <arpa/inet.h>
 #include <cstdio>
+#include <cstring>
 #include <string>
+#include <type_traits>
 
 #include "runtime/prim_fixed.h"
 
@@ -13,16 +15,24 @@ int32_t bytes_compare(const void *a, const void *b, size_t n) {
     return c < 0 ? -1 : (c > 0 ? 1 : 0);
 }
 
-// Six octets, as they are on the wire; text "00:1a:2b:3c:4d:5e" (either case accepted).
-struct MacTraits {
-    static constexpr int32_t width = 6;
-    static mgx_mac_addr normal(const mgx_mac_addr &v) { return v; }
-    static void encode(const mgx_mac_addr &v, uint8_t *p) { std::memcpy(p, v.octet, 6); }
-    static mgx_mac_addr decode(const uint8_t *p) {
-        mgx_mac_addr v;
-        std::memcpy(v.octet, p, 6);
+// An address that is its bytes, the same in memory and on the wire: kept, compared and carried as
+// they stand.
+template <class T> struct OctetTraits {
+    static_assert(std::is_trivially_copyable_v<T>);
+    static constexpr int32_t width = sizeof(T);
+    static T normal(const T &v) { return v; }
+    static void encode(const T &v, uint8_t *p) { std::memcpy(p, &v, sizeof v); }
+    static T decode(const uint8_t *p) {
+        T v;
+        std::memcpy(&v, p, sizeof v);
         return v;
     }
+    static int32_t compare(const T &a, const T &b) { return bytes_compare(&a, &b, sizeof a); }
+};
+
+// Six octets, as they are on the wire; text "00:1a:2b:3c:4d:5e" (either case accepted).
+static_assert(sizeof(mgx_mac_addr) == 6 && sizeof(ipv6_addr) == 16, "addresses are their octets");
+struct MacTraits : OctetTraits<mgx_mac_addr> {
     static void format(const mgx_mac_addr &v, char (&text)[64]) {
         const uint8_t *o = v.octet;
         std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", o[0], o[1], o[2], o[3], o[4], o[5]);
@@ -39,7 +49,6 @@ struct MacTraits {
         std::memcpy(v.octet, octets.data(), 6);
         return true;
     }
-    static int32_t compare(const mgx_mac_addr &a, const mgx_mac_addr &b) { return bytes_compare(a.octet, b.octet, 6); }
 };
 
 // Host order in memory, four bytes in network order on the wire, dotted-quad text.
@@ -61,22 +70,13 @@ struct Ipv4Traits {
 };
 
 // Sixteen bytes in network order, in memory and on the wire; the usual text forms.
-struct Ipv6Traits {
-    static constexpr int32_t width = 16;
-    static ipv6_addr normal(const ipv6_addr &v) { return v; }
-    static void encode(const ipv6_addr &v, uint8_t *p) { std::memcpy(p, v.word, 16); }
-    static ipv6_addr decode(const uint8_t *p) {
-        ipv6_addr v;
-        std::memcpy(v.word, p, 16);
-        return v;
-    }
+struct Ipv6Traits : OctetTraits<ipv6_addr> {
     static void format(const ipv6_addr &v, char (&text)[64]) {
         if (!inet_ntop(AF_INET6, v.word, text, sizeof text)) text[0] = '\0';
     }
     static bool parse(std::string_view s, ipv6_addr &v) {
         return inet_pton(AF_INET6, std::string(s).c_str(), v.word) == 1;
     }
-    static int32_t compare(const ipv6_addr &a, const ipv6_addr &b) { return bytes_compare(a.word, b.word, 16); }
 };
 
 using Mac = Fixed<mgx_mac_addr, MacTraits>;

@@ -91,32 +91,36 @@ void release_list(mgx_handle_t *h, uint32_t luid, aaa_tlv *dst, const aaa_tlv *s
     aaa_tlv_destroy_internal(h, luid, dst, 0);
 }
 
+// Walks dst's fields in its variant beside the same fields of src, the two sides of a copy: the
+// attribute lists and nested records of the inline tree (scalars and fixed arrays, element by
+// element) go to list and record, strings, arrays and union members to rest.
+template <class List, class Record, class Rest>
+void beside(const Type &t, void *dst, void *src, List list, Record record, Rest rest) {
+    for (FieldAt<void> d : fields(t, dst, variant_of(dst))) {
+        const Field &f = d.field();
+        const FieldAt<void> s = field_of(t, f, src);
+        if (f.shape != Shape::scalar && f.shape != Shape::fixed_array)
+            rest(f, d, s);
+        else if (f.kind == Kind::aaa_tlv)
+            for (uint32_t k = 0; k < f.count; ++k) list(static_cast<aaa_tlv *>(d.element(k)), static_cast<aaa_tlv *>(s.element(k)));
+        else if (f.kind == Kind::record)
+            for (uint32_t k = 0; k < f.count; ++k) record(*f.type, d.element(k), s.element(k));
+    }
+}
+
 // Releases the out-of-line storage of dst that a copy from src is about to replace: attribute
 // bodies, strings and array blocks, at every depth of the inline tree, except what dst already
 // shares with src (after a raw byte copy the two hold the same pointers). Union members are not
 // destroyed: a whole-union copy overwrites dst's members, whose release is their holder's business.
 void release_replaced(const Type &t, mgx_handle_t *h, uint32_t luid, void *dst, void *src) {
-    for (FieldAt<void> d : fields(t, dst, variant_of(dst))) {
-        const Field &f = d.field();
-        const FieldAt<void> s = field_of(t, f, src);
-        switch (f.shape) {
-        case Shape::scalar:
-        case Shape::fixed_array:
-            for (uint32_t k = 0; k < f.count; ++k)
-                if (f.kind == Kind::aaa_tlv)
-                    release_list(h, luid, static_cast<aaa_tlv *>(d.element(k)), static_cast<aaa_tlv *>(s.element(k)));
-                else if (f.kind == Kind::record)
-                    release_replaced(*f.type, h, luid, d.element(k), s.element(k));
-            break;
-        case Shape::var_string:
-            if (d.block() != s.block()) free_block(h, luid, d.pointer(), dst);
-            break;
-        case Shape::var_array:
-            if (d.block() != s.block()) release_array(d, h, luid, d.count(), dst);
-            break;
-        case Shape::member: break;
-        }
-    }
+    beside(
+        t, dst, src, [&](aaa_tlv *d, aaa_tlv *s) { release_list(h, luid, d, s); },
+        [&](const Type &nested, void *d, void *s) { release_replaced(nested, h, luid, d, s); },
+        [&](const Field &f, const FieldAt<void> &d, const FieldAt<void> &s) {
+            if (d.block() == s.block()) return;
+            if (f.shape == Shape::var_string) free_block(h, luid, d.pointer(), dst);
+            if (f.shape == Shape::var_array) release_array(d, h, luid, d.count(), dst);
+        });
 }
 
 // The copy of one level: the variant and layout bytes and every field present in src's variant
@@ -191,28 +195,17 @@ void duplicate_array(const Type &t, const FieldAt<void> &d, const FieldAt<void> 
 // set from src's, attribute lists copied, strings and arrays duplicated; union members move to
 // dst, leaving src's slots empty.
 void post_copy(const Type &t, mgx_handle_t *h, uint32_t luid, void *dst, void *src, uint32_t *err) {
-    for (FieldAt<void> d : fields(t, dst, variant_of(dst))) {
-        const Field &f = d.field();
-        const FieldAt<void> s = field_of(t, f, src);
-        switch (f.shape) {
-        case Shape::scalar:
-        case Shape::fixed_array:
-            for (uint32_t k = 0; k < f.count; ++k)
-                if (f.kind == Kind::aaa_tlv)
-                    aaa_tlv_set(h, luid, static_cast<aaa_tlv *>(d.element(k)), static_cast<aaa_tlv *>(s.element(k)), err);
-                else if (f.kind == Kind::record)
-                    copy_instance(*f.type, h, luid, d.element(k), s.element(k), err, true);
-            break;
-        case Shape::var_string: duplicate_string(d, s, h, luid, err); break;
-        case Shape::var_array: duplicate_array(t, d, s, h, luid, err); break;
-        case Shape::member:
-            if (void *&slot = s.pointer()) {
+    beside(
+        t, dst, src, [&](aaa_tlv *d, aaa_tlv *s) { aaa_tlv_set(h, luid, d, s, err); },
+        [&](const Type &nested, void *d, void *s) { copy_instance(nested, h, luid, d, s, err, true); },
+        [&](const Field &f, const FieldAt<void> &d, const FieldAt<void> &s) {
+            if (f.shape == Shape::var_string) return duplicate_string(d, s, h, luid, err);
+            if (f.shape == Shape::var_array) return duplicate_array(t, d, s, h, luid, err);
+            if (void *&slot = s.pointer()) { // a member moves to dst
                 notify(h, &slot, sizeof slot, luid, src);
                 slot = nullptr;
             }
-            break;
-        }
-    }
+        });
 }
 
 // Whole-instance copy. The caller's form (nested false) checks the variants and carries the
