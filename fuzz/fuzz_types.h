@@ -32,6 +32,11 @@ inline bool is_enum(const TypeOps &t) { return t.kind == OVRIN_SM_KIND_ENUMERATI
 // The types in registration order.
 inline std::span<const TypeOps> types() { return {ovrin_sm_optable, ovrin_sm_optable_count}; }
 
+// The type an input's byte picks (modulo the type count), and whether that byte, past the first
+// round of types, asks for the tracked handle.
+inline const TypeOps &type_picked(uint8_t pick) { return types()[pick % types().size()]; }
+inline bool tracked_picked(uint8_t pick) { return (pick / types().size()) & 1; }
+
 // The two long-lived handles: [0] without a state-tracking record, [1] tracked.
 inline mgx_handle_t **handle_pair() {
     static mgx_handle_t *handles[2] = {nullptr, nullptr};

@@ -141,10 +141,9 @@ void round_trip(const fuzz::TypeOps &t, mgx_handle_t *h, const void *a, const st
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 3) return 0;
-    const auto &all = fuzz::types();
-    const fuzz::TypeOps &t = all[data[1] % all.size()];
+    const fuzz::TypeOps &t = fuzz::type_picked(data[1]);
     if (!t.from_json || !t.to_json) return 0; // a library without the JSON form: nothing to read
-    mgx_handle_t *h = fuzz::handle((data[1] / all.size()) & 1);
+    mgx_handle_t *h = fuzz::handle(fuzz::tracked_picked(data[1]));
     const uint32_t flags = (data[2] & 1) ? OVRIN_JSON_LENIENT : 0;
     const size_t n = size - 3;
     std::unique_ptr<char[]> json(new char[n ? n : 1]);

@@ -11,8 +11,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 1) return 0;
-    const auto &all = fuzz::types();
-    const fuzz::TypeOps &t = all[data[0] % all.size()];
+    const fuzz::TypeOps &t = fuzz::type_picked(data[0]);
     const ovrin::Type *table = ovrin::cli::find_table(t.name);
     if (!table) fuzz::die(t, ": not in the tool's tables");
     void *doc = mgx_xml_document_read(reinterpret_cast<const char *>(data + 1), size - 1, nullptr, 0);

@@ -172,10 +172,9 @@ Walk walk(xmlDocPtr doc) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 5) return 0;
-    const auto &all = fuzz::types();
-    const fuzz::TypeOps &t = all[data[1] % all.size()];
+    const fuzz::TypeOps &t = fuzz::type_picked(data[1]);
     if (!t.from_xml || !t.to_xml) return 0;
-    mgx_handle_t *h = fuzz::handle((data[1] / all.size()) & 1);
+    mgx_handle_t *h = fuzz::handle(fuzz::tracked_picked(data[1]));
     std::string body = inject(std::string(reinterpret_cast<const char *>(data + 5), size - 5), data[3] & 15,
                               data[3] >> 4, 2u * data[4]);
     size_t begin, end;

@@ -10,10 +10,9 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 2) return 0;
-    const auto &all = fuzz::types();
-    const fuzz::TypeOps &t = all[data[1] % all.size()];
+    const fuzz::TypeOps &t = fuzz::type_picked(data[1]);
     if (!t.from_xml || !t.to_xml) return 0; // a library without the XML family: nothing to read
-    mgx_handle_t *h = fuzz::handle((data[1] / all.size()) & 1);
+    mgx_handle_t *h = fuzz::handle(fuzz::tracked_picked(data[1]));
     void *doc = mgx_xml_document_parse(reinterpret_cast<const char *>(data + 2), size - 2);
     if (!doc) return 0;
     std::string written;

@@ -17,10 +17,7 @@
 
 namespace {
 
-using ovrin::Field;
-using ovrin::Kind;
-using ovrin::Shape;
-using ovrin::Type;
+using ovrin::Field, ovrin::Kind, ovrin::Shape, ovrin::Type;
 
 // One member line of a record or union, or one literal of an enumeration, as the file says it.
 struct Line {

@@ -19,10 +19,7 @@ namespace testfill {
 #define OVRIN_CALLS_BY_NAME
 #endif
 
-using ovrin::Field;
-using ovrin::Kind;
-using ovrin::Shape;
-using ovrin::Type;
+using ovrin::Field, ovrin::Kind, ovrin::Shape, ovrin::Type;
 
 namespace {
 

@@ -19,9 +19,7 @@
 
 namespace {
 
-using ovrin::Field;
-using ovrin::Shape;
-using ovrin::Type;
+using ovrin::Field, ovrin::Shape, ovrin::Type;
 
 struct ExpectedLayout {
     const char *name;

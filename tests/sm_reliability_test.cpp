@@ -18,8 +18,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 using typeops::Ops;
-using ovrin::Field;
-using ovrin::Shape;
+using ovrin::Field, ovrin::Shape;
 
 struct Reliability : ::testing::Test {
     mgx_handle_t *h = mgx_handle_create();

@@ -17,10 +17,7 @@
 
 namespace {
 
-using ovrin::Field;
-using ovrin::Kind;
-using ovrin::Shape;
-using ovrin::Type;
+using ovrin::Field, ovrin::Kind, ovrin::Shape, ovrin::Type;
 using typeops::Ops;
 
 const mgx_instance_hdr_t *hdr(const void *p) { return static_cast<const mgx_instance_hdr_t *>(p); }

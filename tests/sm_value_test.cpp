@@ -16,10 +16,7 @@
 
 namespace {
 
-using ovrin::Field;
-using ovrin::Kind;
-using ovrin::Shape;
-using ovrin::Type;
+using ovrin::Field, ovrin::Kind, ovrin::Shape, ovrin::Type;
 
 using typeops::Ops;
 using valid_fn = mgx_boolean (*)(mgx_handle_t *, const void *, uint32_t, uint32_t);
