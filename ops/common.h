@@ -1,5 +1,7 @@
-// Helpers every generic operation shares: header access, the handle's state-tracking mode, the
-// state-flag area of an instance, write notification and error reporting.
+// Helpers every generic operation shares: header and field access, counts read and written at
+// their counter's width, the layout of a variable array's block, counts kept across a read, the
+// handle's state-tracking mode, the state-flag area of an instance, write notification, the one
+// error policy, and an instance's descriptor and domain variant.
 #ifndef OVRIN_OPS_COMMON_H
 #define OVRIN_OPS_COMMON_H
 

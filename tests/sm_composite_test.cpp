@@ -360,6 +360,29 @@ TEST_F(Composite, FailedGrowthAndUntrackedValuesLeaveTheArrayAsItWas) {
     EXPECT_EQ(r->domain_names, nullptr);
 }
 
+// A block that moves as its array grows takes its elements along: in the database's mode each
+// element that lived in the old block is detached from it, every one, and none is destroyed.
+TEST_F(Composite, AMovedArrayBlockDetachesEveryElementItHeld) {
+    mgx_handle_set_flags(h, MGX_HANDLE_DATABASE);
+    mgx_handle_set_domain_mode(h, 1);
+    mgx_handle_set_descriptor_luid(h, luid);
+    auto *value = own(named(h, "b.example"), fqdn_domain_name_bind_destroy);
+    auto *r = own(ovrin_svm_epm_notify_domain_name_bind_create(h, luid), ovrin_svm_epm_notify_domain_name_bind_destroy);
+    for (uint32_t k = 0; k < 3; ++k) ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, luid, r, k, value, &err);
+    ASSERT_EQ(take_err(), 0u);
+    fqdn_domain_name_bind *old = r->domain_names;
+    mgx_hook_clear(h);
+    ovrin_svm_epm_notify_domain_name_bind_domain_names_set(h, luid, r, 3, value, &err);
+    ASSERT_EQ(take_err(), 0u);
+    ASSERT_NE(r->domain_names, old);
+    std::vector<const void *> detached;
+    for (size_t i = 0; i < mgx_hook_count(h); ++i)
+        if (mgx_hook_entry(h, i)->kind == MGX_HOOK_DETACH) detached.push_back(mgx_hook_entry(h, i)->object);
+    EXPECT_EQ(detached, (std::vector<const void *>{old, old + 1, old + 2}));
+    EXPECT_EQ(mgx_hook_count_kind(h, MGX_HOOK_DESTROY), 0u);
+    EXPECT_STREQ(r->domain_names[2].name, "b.example");
+}
+
 // ---------------------------------------------------------------- counted strings
 
 TEST_F(Composite, StringsCopyExactlyTheirLengthAndCutCopiesOut) {

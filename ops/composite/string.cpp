@@ -17,9 +17,9 @@ using namespace steps;
 void string_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, const char *text,
                 uint32_t length, uint32_t *err) {
     if (!start(h, luid, instance, err) || !adjust_for(t, f, h, luid, instance, err)) return;
-    if (t.fields[f.companion].kind == Kind::u16) length &= 0xFFFFu;
-    if (length && !text) return fail(h, err, MGX_EINVAL);
     const FieldAt<void> a = field_of(t, f, instance);
+    if (a.counter().kind == Kind::u16) length &= 0xFFFFu;
+    if (length && !text) return fail(h, err, MGX_EINVAL);
     void *&slot = a.pointer();
     replace_text(h, luid, slot, nullptr, instance);
     if (length) {
