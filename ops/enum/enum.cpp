@@ -116,19 +116,30 @@ void enum_set_value(const Type &t, mgx_handle_t *h, uint32_t luid, void *instanc
     e->value = value;
 }
 
+namespace {
+
+// The opening of the enumerations' encode and decode: false when there is nothing to do (the slot
+// holds a code), no byte of buffer (error 90) or no instance (error 22).
+bool wire_start(mgx_handle_t *h, uint32_t luid, const void *buf, const void *instance, int32_t room, uint32_t *err) {
+    if (!begin(h, luid, instance, err)) return false;
+    if (!buf || room < 1) {
+        fail(h, err, MGX_ESHORT);
+        return false;
+    }
+    if (!instance) {
+        fail(h, err, MGX_EINVAL);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
 // An instance ahead of the handle's domain is still written, at the domain's variant, with 43 in
 // the caller's slot; the pieces therefore report into a cell of their own.
 uint32_t enum_marshal(const Type &t, mgx_handle_t *h, uint32_t luid, uint8_t *buf, const void *instance, int32_t space,
                       uint32_t *err) {
-    if (!begin(h, luid, instance, err)) return 0;
-    if (!buf || space < 1) {
-        fail(h, err, MGX_ESHORT);
-        return 0;
-    }
-    if (!instance) {
-        fail(h, err, MGX_EINVAL);
-        return 0;
-    }
+    if (!wire_start(h, luid, buf, instance, space, err)) return 0;
     const EnumInstance *e = as_enum(instance);
     uint32_t local = 0;
     int8_t variant = mgx_get_instance_variant(instance, 0, 1);
@@ -155,15 +166,7 @@ uint32_t enum_marshal(const Type &t, mgx_handle_t *h, uint32_t luid, uint8_t *bu
 // No range check: a wire value this bundle does not know is kept as it came.
 uint32_t enum_unmarshal(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *buf, void *instance,
                         int32_t length, uint32_t flags, uint32_t *err) {
-    if (!begin(h, luid, instance, err)) return 0;
-    if (!buf || length < 1) {
-        fail(h, err, MGX_ESHORT);
-        return 0;
-    }
-    if (!instance) {
-        fail(h, err, MGX_EINVAL);
-        return 0;
-    }
+    if (!wire_start(h, luid, buf, instance, length, err)) return 0;
     EnumInstance *e = as_enum(instance);
     int8_t variant = 0;
     uint32_t n = _mgx_instance_variant_unmarshal(h, luid, buf, &variant, length, err);

@@ -18,6 +18,14 @@ constexpr uint32_t arm_callsite_tag = 0xB03C3000u;
 constexpr int32_t min_instance_bytes = 6;              // a record's wire header: the least an element takes
 
 
+// The opening of encode and decode: false when there is nothing to do (the slot holds a code) or
+// not one byte of room (error 90).
+bool wire_start(mgx_handle_t *h, uint32_t luid, const void *instance, int32_t room, uint32_t *err) {
+    if (!begin(h, luid, instance, err)) return false;
+    if (room < 1) fail(h, err, MGX_ESHORT);
+    return room >= 1;
+}
+
 // The wire plan of a variant; a variant beyond the type's own (an instance laid out by a newer
 // bundle) is walked with the newest plan this bundle has.
 const WirePlan &plan_at(const Type &t, int8_t variant) { return t.wire[variant < t.n_variants ? variant : t.last_variant()]; }
@@ -344,11 +352,7 @@ uint32_t encode(const Type &t, mgx_handle_t *h, uint32_t luid, uint8_t *buf, con
                 bool check, uint32_t *err) {
     uint32_t scratch = 0;
     if (!err) err = &scratch;
-    if (!begin(h, luid, instance, err)) return 0;
-    if (space < 1) {
-        fail(h, err, MGX_ESHORT);
-        return 0;
-    }
+    if (!wire_start(h, luid, instance, space, err)) return 0;
     int8_t variant = mgx_get_instance_variant(instance, 1, 0);
     uint32_t lookup_err = 0;
     int8_t domain = mgx_domain_lookup_variant(h, &h->variant_domain, mgx_get_manifested_type_info(instance), &lookup_err);
@@ -409,11 +413,7 @@ uint32_t decode(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *bu
                 uint32_t flags, uint32_t *err) {
     uint32_t scratch = 0;
     if (!err) err = &scratch;
-    if (!begin(h, luid, instance, err)) return 0;
-    if (length < 1) {
-        fail(h, err, MGX_ESHORT);
-        return 0;
-    }
+    if (!wire_start(h, luid, instance, length, err)) return 0;
     Reader r{h, luid, buf, length, flags, err};
     int8_t variant = 0;
     uint8_t flag = 0;
