@@ -95,9 +95,9 @@ done
 # Fewer than a hundred exchanges: the 99th percentile is the slowest of them.
 check '.latency_us.exchanges == 5 and .latency_us.p99 == .latency_us.max'
 
-# A batching client (the eighth) sends 300 sessions' requests before reading: their answers are
+# A batching client (the eighth) sends 360 sessions' requests before reading: their answers are
 # more than the socket holds, so some wait in the session manager's queue until the socket drains.
-"$tool" demo --clients 8 --count 300 --json > "$work/report.json" 2> "$work/err" || fail "batching: $(cat "$work/err")"
+"$tool" demo --clients 8 --count 360 --json > "$work/report.json" 2> "$work/err" || fail "batching: $(cat "$work/err")"
 check '.verdict == "PASS" and .manager.write_waits >= 1'
 
 # Every run took its directory and socket away.

@@ -138,13 +138,16 @@ bool play(mgx::handle &h, int fd, long key, long count, long think_us, ClientRes
     return true;
 }
 
-// A batching client: sends every request of a window of 300 sessions before reading any answer,
-// then reads and checks them all. A window's answers (about 300 KiB) are more than a socket holds
-// by default (208 KiB), so the session manager must queue the rest and write it when the socket
-// drains, while staying under its output limit (256 KiB past what the socket took). Its exchanges
-// are not timed: they wait on one another by design.
+// A batching client: sends every request of a window of 360 sessions before reading any answer,
+// then reads and checks them all. A window's answers (about 360 KB) are more than a socket takes
+// while its reader is away: its buffer (208 KiB by default) and, past it, at most one more piece
+// of up to half the buffer that a large send may slip in (a session manager that has fallen behind
+// writes its answers in large sends: 300 sessions' answers then fitted). So the session manager
+// must queue the rest and write it when the socket drains, while staying under its output limit
+// (256 KiB past what the socket took). Its exchanges are not timed: they wait on one another by
+// design.
 bool play_batched(mgx::handle &h, int fd, long key, long count, ClientResult &r) {
-    constexpr long kWindow = 300;
+    constexpr long kWindow = 360;
     FrameReader in(fd);
     for (long first = 1; first <= count; first += kWindow) {
         const long last = std::min(count, first + kWindow - 1);
