@@ -5,8 +5,9 @@
 // count (a string's or variable array's read from its companion at the companion's own width),
 // its elements (inline, or in the block the record owns), whether a union member is the one its
 // discriminator selects, and its state byte. The blocks of variable arrays (elements, then one
-// flag slot per element in a tracking instance) and the storage of counted strings are made,
-// filled and released by the helpers at the end, and nowhere else.
+// flag slot per element in a tracking instance) and the storage of counted strings are made
+// (array elements initialised as nested instances), moved and given back by the helpers at the
+// end, and nowhere else.
 #ifndef OVRIN_OPS_WALK_H
 #define OVRIN_OPS_WALK_H
 
