@@ -4,8 +4,7 @@
 #include <cstdio>
 #include <string>
 
-#include "cli/demo/demo.h"
-#include "ovrin_sm/ovrin_sm.hpp"
+#include "cli/demo/messages.h"
 
 namespace ovrin::demo {
 

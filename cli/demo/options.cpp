@@ -3,8 +3,10 @@
 
 #include <string>
 
-#include "cli/demo/demo.h"
+#include "cli/demo/framing.h"
 #include "cli/demo/load.h"
+#include "cli/demo/options.h"
+#include "cli/demo/script.h"
 #include "cli/options.h"
 
 namespace ovrin::demo {

@@ -1,4 +1,11 @@
-// ovrin-sm demo: the two processes, the client's verdict, and the command.
+// ovrin-sm demo: a client and a session manager, each a process with its own runtime handle,
+// talking over a Unix socket pair with the library's messages (messages.h says what crosses and
+// how each side checks it). This file holds the two processes, the client's verdict, and the
+// command.
+//
+// The pieces: options.h (the command line), script.h (the conversation), messages.h (the messages
+// of each step, builders.cpp; sending, checking and rendering at one end, side.cpp), framing.h
+// (frames over the socket), load.h (the run with many clients).
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,8 +19,9 @@
 #include <exception>
 
 #include "cli/commands.h"
-#include "cli/demo/demo.h"
+#include "cli/demo/framing.h"
 #include "cli/demo/load.h"
+#include "cli/demo/messages.h"
 
 namespace ovrin::demo {
 namespace {
