@@ -39,12 +39,8 @@ const Command decode_command = {
     "                        spaces a level (JSON as 'jq .' prints it)\n"
     "  --tracked             decode on a handle that tracks state, as a tracking receiver does\n"
     "  --allow-trailing      bytes after the message are not an error (they are counted on standard error)\n",
-    {{"hex", no_argument, nullptr, opt_hex},
-     {"xml", no_argument, nullptr, opt_xml},
-     {"json", no_argument, nullptr, opt_json},
-     {"pretty", no_argument, nullptr, opt_pretty},
-     {"tracked", no_argument, nullptr, opt_tracked},
-     {"allow-trailing", no_argument, nullptr, opt_allow_trailing}},
+    {flag("hex", opt_hex), flag("xml", opt_xml), flag("json", opt_json), flag("pretty", opt_pretty),
+     flag("tracked", opt_tracked), flag("allow-trailing", opt_allow_trailing)},
 };
 
 const Command encode_command = {
@@ -64,10 +60,7 @@ const Command encode_command = {
     "                        ignored, the first of duplicates kept, lengths recomputed), JSON skipping\n"
     "                        unknown members and values of the wrong kind or range (the last of\n"
     "                        duplicates kept, counts following their arrays)\n",
-    {{"json", no_argument, nullptr, opt_json},
-     {"hex", no_argument, nullptr, opt_hex},
-     {"tracked", no_argument, nullptr, opt_tracked},
-     {"lenient", no_argument, nullptr, opt_lenient}},
+    {flag("json", opt_json), flag("hex", opt_hex), flag("tracked", opt_tracked), flag("lenient", opt_lenient)},
 };
 
 struct Options {

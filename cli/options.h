@@ -206,4 +206,15 @@ inline bool number(const char *name, const char *text, long min, long max, long 
 
 } // namespace ovrin::cli
 
+// ---- option tables
+
+namespace ovrin::cli {
+
+// The entries of Command::options, one a call: flag("hex", opt_hex) takes no value,
+// valued("count", opt_count) takes one.
+inline option flag(const char *name, int val) { return {name, no_argument, nullptr, val}; }
+inline option valued(const char *name, int val) { return {name, required_argument, nullptr, val}; }
+
+} // namespace ovrin::cli
+
 #endif

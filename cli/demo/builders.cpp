@@ -4,8 +4,7 @@
 #include <cstdio>
 #include <string>
 
-#include "cli/demo/demo.h"
-#include "ovrin_sm/ovrin_sm.hpp"
+#include "cli/demo/messages.h"
 
 namespace ovrin::demo {
 
@@ -43,6 +42,12 @@ Ids ids_of(long session) {
 }
 
 const char *const kClientName = "dot1x-wlan-client";
+
+// The session's label and client handle, which the messages after registration carry.
+template <class View> void name_session(View m, const Ids &id) {
+    m.label().set_session_label(id.label);
+    m.cl_hdl().set_client_hdl(id.client);
+}
 
 void request(sm::ovrin_smd_in_event &ev, Request kind, long session) {
     const Ids id = ids_of(session);
@@ -86,8 +91,7 @@ void request(sm::ovrin_smd_in_event &ev, Request kind, long session) {
     case REQ_ACCT: {
         auto a = ev.emplace_acct();
         a.conn_hdl().set_conn_hdl(id.conn);
-        a.label().set_session_label(id.label);
-        a.cl_hdl().set_client_hdl(id.client);
+        name_session(a, id);
         a.set_acct_event(3); // interim update
         auto counters = a.acct_list();
         counters.add(42, "\x00\x01\xe2\x40"s); // octets in
@@ -98,9 +102,8 @@ void request(sm::ovrin_smd_in_event &ev, Request kind, long session) {
     case REQ_IDENTITY: {
         auto e = ev.emplace_id_event();
         e.conn_hdl().set_conn_hdl(id.conn);
-        e.label().set_session_label(id.label);
+        name_session(e, id);
         e.session_identity().add(44, "acct-" + std::to_string(session));
-        e.cl_hdl().set_client_hdl(id.client);
         e.identity().add(1, id.user);
         e.identity().add(8, "\x0a\x14\x00\x21"s); // framed address
         e.action().set_action(1);
@@ -155,16 +158,14 @@ void answer(sm::ovrin_smd_resp_event &ev, Answer kind, long session) {
     }
     case ANS_NEW_CLIENT: {
         auto n = ev.emplace_new_client();
-        n.label().set_session_label(id.label);
-        n.cl_hdl().set_client_hdl(id.client);
+        name_session(n, id);
         n.attr_list().add(1, id.user);
         n.attr_list().add(44, "acct-" + std::to_string(session));
         break;
     }
     case ANS_START_RESP: {
         auto s = ev.emplace_start_resp();
-        s.label().set_session_label(id.label);
-        s.cl_hdl().set_client_hdl(id.client);
+        name_session(s, id);
         s.new_cl_flag().set_new_client_flag(1);
         s.result().set_aaa_cerrno(0);
         s.resp_attrs().add(27, "\x00\x00\x0e\x10"s); // session timeout
@@ -174,8 +175,7 @@ void answer(sm::ovrin_smd_resp_event &ev, Answer kind, long session) {
     }
     case ANS_AUTHC_RESULT: {
         auto a = ev.emplace_authc_result();
-        a.label().set_session_label(id.label);
-        a.cl_hdl().set_client_hdl(id.client);
+        name_session(a, id);
         a.set_authc_result(1);
         a.identity().add(1, id.user);
         auto p = a.policy_result();
@@ -215,8 +215,7 @@ void answer(sm::ovrin_smd_resp_event &ev, Answer kind, long session) {
     }
     case ANS_DISCONNECT: {
         auto d = ev.emplace_disconnect();
-        d.label().set_session_label(id.label);
-        d.cl_hdl().set_client_hdl(id.client);
+        name_session(d, id);
         d.api_options().set_options(0x100000001ull);
         d.disconnect_cause().set_disc_cause(1);
         d.attr_list().add(49, "\x00\x00\x00\x01"s); // terminate cause: user request

@@ -1,12 +1,18 @@
-// ovrin-sm demo: frames over the socket: a 4-byte big-endian length, then the encoded message.
+// ovrin-sm demo: frames over the socket (a 4-byte big-endian length, then the encoded message),
+// and what a demo process reads of itself (its memory, its leaks).
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
-#include "cli/demo/demo.h"
+#include "cli/demo/framing.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
 
 namespace ovrin::demo {
 
@@ -74,6 +80,26 @@ bool FrameReader::next(std::vector<uint8_t> &bytes) {
                  buf_.begin() + static_cast<std::ptrdiff_t>(start_ + 4 + n));
     start_ += 4 + size_t{n};
     return true;
+}
+
+int child_status(int status) {
+#if defined(__SANITIZE_ADDRESS__)
+    if (__lsan_do_recoverable_leak_check() != 0) return 1;
+#endif
+    return status;
+}
+
+bool resident_kib(long &rss, long &peak) {
+    rss = peak = -1;
+    FILE *f = std::fopen("/proc/self/status", "r");
+    if (!f) return false;
+    char line[256];
+    while (std::fgets(line, sizeof line, f)) {
+        std::sscanf(line, "VmRSS: %ld", &rss);
+        std::sscanf(line, "VmHWM: %ld", &peak);
+    }
+    std::fclose(f);
+    return rss >= 0 && peak >= 0;
 }
 
 } // namespace ovrin::demo

@@ -19,8 +19,8 @@
 #include <cstdint>
 #include <string>
 
-#include "cli/demo/demo.h"
 #include "cli/demo/latency.h"
+#include "cli/demo/options.h"
 
 namespace ovrin::demo::load {
 

@@ -17,7 +17,9 @@
 #include <cstring>
 #include <thread>
 
+#include "cli/demo/framing.h"
 #include "cli/demo/load.h"
+#include "cli/demo/script.h"
 
 namespace ovrin::demo::load {
 namespace {

@@ -18,7 +18,9 @@
 #include <memory>
 #include <vector>
 
+#include "cli/demo/framing.h"
 #include "cli/demo/load.h"
+#include "cli/demo/messages.h"
 
 namespace ovrin::demo::load {
 

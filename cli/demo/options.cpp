@@ -3,8 +3,10 @@
 
 #include <string>
 
-#include "cli/demo/demo.h"
+#include "cli/demo/framing.h"
 #include "cli/demo/load.h"
+#include "cli/demo/options.h"
+#include "cli/demo/script.h"
 #include "cli/options.h"
 
 namespace ovrin::demo {
@@ -49,21 +51,11 @@ int parse(int argc, char **argv, Options &o) {
         "  --max-frame BYTES     the longest frame the session manager takes (65536)\n"
         "  --out-limit BYTES     the most answer bytes queued for a client that does not read (262144)\n"
         "  --json                the report as one JSON object\n",
-        {{"xml", no_argument, nullptr, opt_xml},
-         {"hex", no_argument, nullptr, opt_hex},
-         {"quiet", no_argument, nullptr, opt_quiet},
-         {"count", required_argument, nullptr, opt_count},
-         {"corrupt", required_argument, nullptr, opt_corrupt},
-         {"trace", required_argument, nullptr, opt_trace},
-         {"memory-every", required_argument, nullptr, opt_memory_every},
-         {"clients", required_argument, nullptr, opt_clients},
-         {"faults", required_argument, nullptr, opt_faults},
-         {"group", required_argument, nullptr, opt_group},
-         {"json", no_argument, nullptr, opt_json},
-         {"think", required_argument, nullptr, opt_think},
-         {"idle", required_argument, nullptr, opt_idle},
-         {"max-frame", required_argument, nullptr, opt_max_frame},
-         {"out-limit", required_argument, nullptr, opt_out_limit}}};
+        {flag("xml", opt_xml), flag("hex", opt_hex), flag("quiet", opt_quiet), valued("count", opt_count),
+         valued("corrupt", opt_corrupt), valued("trace", opt_trace), valued("memory-every", opt_memory_every),
+         valued("clients", opt_clients), valued("faults", opt_faults), valued("group", opt_group),
+         flag("json", opt_json), valued("think", opt_think), valued("idle", opt_idle),
+         valued("max-frame", opt_max_frame), valued("out-limit", opt_out_limit)}};
     Parser p(command, argc, argv);
     const char *render_option = nullptr;
     const long frames = static_cast<long>(messages_per_session());

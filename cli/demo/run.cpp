@@ -1,4 +1,11 @@
-// ovrin-sm demo: the two processes, the client's verdict, and the command.
+// ovrin-sm demo: a client and a session manager, each a process with its own runtime handle,
+// talking over a Unix socket pair with the library's messages (messages.h says what crosses and
+// how each side checks it). This file holds the two processes, the client's verdict, and the
+// command.
+//
+// The pieces: options.h (the command line), script.h (the conversation), messages.h (the messages
+// of each step, builders.cpp; sending, checking and rendering at one end, side.cpp), framing.h
+// (frames over the socket), load.h (the run with many clients).
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,11 +19,26 @@
 #include <exception>
 
 #include "cli/commands.h"
-#include "cli/demo/demo.h"
+#include "cli/demo/framing.h"
 #include "cli/demo/load.h"
+#include "cli/demo/messages.h"
 
 namespace ovrin::demo {
 namespace {
+
+// Session s of the script at one end: the client sends each request and receives its answers,
+// the session manager the other way round. False when the exchange cannot go on.
+bool play(Side &side, bool client, long s) {
+    for (const Step &step : script()) {
+        const char *what = request_name(step.request);
+        if (!(client ? side.send(build_request, step.request, what, s) : side.receive(build_request, step.request, what, s)))
+            return false;
+        for (Answer a : step.answers)
+            if (!(client ? side.receive(build_answer, a, answer_name(a), s) : side.send(build_answer, a, answer_name(a), s)))
+                return false;
+    }
+    return true;
+}
 
 // The session manager: answers every request of the script, for as many sessions as asked.
 int run_manager(const Options &opt, int fd) {
@@ -24,15 +46,8 @@ int run_manager(const Options &opt, int fd) {
     sm.h.set_domain_variant("ovrin_smd_in_event", kManagerInEventVariant);
     sm.h.set_domain_variant("ovrin_sm_in_event_type", kManagerInEventVariant);
     bool going = true;
-    for (long s = 1; going && s <= opt.count; ++s) {
-        for (const Step &step : script()) {
-            if (!(going = sm.receive(build_request, step.request, request_name(step.request), s))) break;
-            for (Answer a : step.answers)
-                if (!(going = sm.send(build_answer, a, answer_name(a), s))) break;
-            if (!going) break;
-        }
-        if (going) sm.report_memory(s);
-    }
+    for (long s = 1; going && s <= opt.count; ++s)
+        if ((going = play(sm, false, s))) sm.report_memory(s);
     // The client hangs up once it has everything; only then is the summary printed, after the
     // client's last line. Anything still arriving is a request the script does not have.
     uint8_t extra;
@@ -61,13 +76,7 @@ int run_client(const Options &opt, int fd, pid_t manager) {
     bool going = true;
     long sessions = 0;
     for (long s = 1; going && s <= opt.count; ++s) {
-        for (const Step &step : script()) {
-            if (!(going = cl.send(build_request, step.request, request_name(step.request), s))) break;
-            for (Answer a : step.answers)
-                if (!(going = cl.receive(build_answer, a, answer_name(a), s))) break;
-            if (!going) break;
-        }
-        if (going) {
+        if ((going = play(cl, true, s))) {
             sessions = s;
             cl.report_memory(s);
         }

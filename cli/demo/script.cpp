@@ -1,5 +1,5 @@
 // ovrin-sm demo: the conversation of one session, request by request.
-#include "cli/demo/demo.h"
+#include "cli/demo/script.h"
 
 namespace ovrin::demo {
 

@@ -2,14 +2,10 @@
 // one rebuilt here, and rendering it.
 #include <cinttypes>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
-#include "cli/demo/demo.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/lsan_interface.h>
-#endif
+#include "cli/demo/framing.h"
+#include "cli/demo/messages.h"
 
 namespace ovrin::demo {
 
@@ -152,26 +148,6 @@ template bool Side::send(sm::ovrin_smd_in_event (*)(mgx_handle_t *, Request, lon
 template bool Side::send(sm::ovrin_smd_resp_event (*)(mgx_handle_t *, Answer, long), Answer, const char *, long);
 template bool Side::receive(sm::ovrin_smd_in_event (*)(mgx_handle_t *, Request, long), Request, const char *, long);
 template bool Side::receive(sm::ovrin_smd_resp_event (*)(mgx_handle_t *, Answer, long), Answer, const char *, long);
-
-int child_status(int status) {
-#if defined(__SANITIZE_ADDRESS__)
-    if (__lsan_do_recoverable_leak_check() != 0) return 1;
-#endif
-    return status;
-}
-
-bool resident_kib(long &rss, long &peak) {
-    rss = peak = -1;
-    FILE *f = std::fopen("/proc/self/status", "r");
-    if (!f) return false;
-    char line[256];
-    while (std::fgets(line, sizeof line, f)) {
-        std::sscanf(line, "VmRSS: %ld", &rss);
-        std::sscanf(line, "VmHWM: %ld", &peak);
-    }
-    std::fclose(f);
-    return rss >= 0 && peak >= 0;
-}
 
 void Side::report_memory(long session) {
     if (opt.memory_every == 0 || session % opt.memory_every != 0) return;
