@@ -13,7 +13,7 @@
 #include "bench/content.h"
 #include "bench/ours.h"
 #include "ovrin_sm/ops.h"
-#include "runtime/trace_format.h"
+#include "formats/trace_format.h"
 #include "tests/elf_write.h"
 
 namespace complexity {

@@ -3,7 +3,7 @@
 #ifndef OVRIN_CLI_ELF_SECTIONS_H
 #define OVRIN_CLI_ELF_SECTIONS_H
 
-#include "runtime/elf_file.h"
+#include "formats/elf_file.h"
 
 namespace ovrin::elf {
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "runtime/elf_file.h"
+#include "formats/elf_file.h"
 
 namespace ovrin::input {
 

@@ -20,7 +20,7 @@
 #include "cli/commands.h"
 #include "cli/input.h"
 #include "cli/options.h"
-#include "runtime/trace_format.h"
+#include "formats/trace_format.h"
 
 namespace {
 

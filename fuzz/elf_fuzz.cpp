@@ -1,4 +1,4 @@
-// Reads arbitrary bytes as a library file: the runtime's ELF reader (runtime/elf_file.h), which
+// Reads arbitrary bytes as a library file: the runtime's ELF reader (formats/elf_file.h), which
 // the tool uses for "ovrin-sm manifest LIBRARY" and for the library files a trace names, and the
 // tool's split of the manifest section into records (cli/elf_sections.h).
 //
@@ -18,7 +18,7 @@
 #include "cli/elf_sections.h"
 #include "cli/input.h"
 #include "fuzz/fuzz_files.h"
-#include "runtime/trace_format.h"
+#include "formats/trace_format.h"
 
 using fuzz::die;
 

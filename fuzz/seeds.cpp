@@ -37,9 +37,9 @@
 #include "fuzz/fuzz_types.h"
 #include "fuzz/trace_paths.h"
 #include "ovrin_sm/ops.h"
-#include "runtime/elf_file.h"
+#include "formats/elf_file.h"
 #include "tests/elf_write.h"
-#include "runtime/trace_format.h"
+#include "formats/trace_format.h"
 #include "tests/sm_type_ops.h"
 
 namespace fs = std::filesystem;

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "mgx/runtime.h"
-#include "runtime/trace_format.h"
+#include "formats/trace_format.h"
 
 namespace fmt = mgx::tracefmt;
 

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "runtime/trace_format.h"
+#include "formats/trace_format.h"
 
 namespace fmt = mgx::tracefmt;
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "runtime/trace_format.h"
+#include "formats/trace_format.h"
 
 namespace fuzz {
 

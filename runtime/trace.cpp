@@ -15,9 +15,9 @@
 #include <deque>
 #include <mutex>
 
-#include "runtime/elf_file.h"
+#include "formats/elf_file.h"
 #include "runtime/internal.h"
-#include "runtime/trace_format.h"
+#include "formats/trace_format.h"
 
 mgx_module_root_t mgx_module_tot_root = {0, nullptr, &mgx_module_tot_root.first};
 

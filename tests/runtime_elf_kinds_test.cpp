@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "runtime/elf_file.h"
+#include "formats/elf_file.h"
 #include "tests/elf_write.h"
 
 namespace {

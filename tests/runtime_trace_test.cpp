@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "mgx/runtime.h"
-#include "runtime/trace_format.h"
+#include "formats/trace_format.h"
 
 namespace {
 

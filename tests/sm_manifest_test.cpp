@@ -13,7 +13,7 @@
 
 #include "cli/elf_sections.h"
 #include "mgx/runtime.h"
-#include "runtime/trace_format.h"
+#include "formats/trace_format.h"
 #include "tests/elf_write.h"
 #include "tests/prim_fixture.h"
 #include "ovrin_sm/ops.h"

@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "cli/commands.h"
-#include "runtime/trace_format.h"
+#include "formats/trace_format.h"
 #include "tests/elf_write.h"
 #include "tests/sm_heap.h"
 

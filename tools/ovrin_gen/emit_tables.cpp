@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include "runtime/trace_format.h"
+#include "formats/trace_format.h"
 #include "tools/ovrin_gen/emit.h"
 
 namespace gen {
