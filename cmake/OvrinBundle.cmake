@@ -11,7 +11,8 @@ function(ovrin_generate domain catalogue gen_dir)
     ${gen_dir}/src/sm_entry.cpp
     ${gen_dir}/src/sm_trace.cpp
     ${gen_dir}/src/sm_manifest.cpp
-    ${gen_dir}/src/sm_optable.cpp)
+    ${gen_dir}/src/sm_optable.cpp
+    ${gen_dir}/src/sm_dependents.cpp)
   set(gen_outputs ${gen_sources}
     ${gen_dir}/include/${domain}/types.h
     ${gen_dir}/include/${domain}/ops.h

@@ -13,7 +13,15 @@
 #include <string>
 #include <vector>
 
+#include "mgx/runtime.h"
 #include "tests/sm_type_ops.h"
+
+// The bundle's registration entry points (OVRIN_TEST_OPTABLE names the bundle's).
+#if __has_include("ovrin_sm/ops.h")
+#include "ovrin_sm/ops.h"
+#else
+#include "shapes/ops.h"
+#endif
 
 namespace {
 
@@ -39,9 +47,15 @@ struct Decl {
     std::vector<Line> lines;
 };
 
-std::vector<Decl> read_catalogue(const char *path) {
+struct File {
+    std::vector<Decl> decls;
+    std::vector<std::string> depends; // the bundles named by "depends" lines, in the file's order
+};
+
+File read_catalogue(const char *path) {
     std::ifstream in(path);
-    std::vector<Decl> out;
+    File file;
+    std::vector<Decl> &out = file.decls;
     std::string raw;
     while (std::getline(in, raw)) {
         std::string text = raw.substr(0, raw.find('#'));
@@ -54,6 +68,10 @@ std::vector<Decl> read_catalogue(const char *path) {
                 if (w[i] == key) return w[i + 1];
             return otherwise;
         };
+        if (w[0] == "depends") {
+            file.depends.push_back(w[1]);
+            continue;
+        }
         if (!std::isspace(static_cast<unsigned char>(raw[0]))) {
             out.push_back({w[0], w[1], std::stoi(after("variants", "1")), after("discriminator"),
                            after("select_by") == "user_value", {}});
@@ -82,13 +100,15 @@ std::vector<Decl> read_catalogue(const char *path) {
         }
         out.back().lines.push_back(l);
     }
-    return out;
+    return file;
 }
 
-const std::vector<Decl> &catalogue() {
-    static const std::vector<Decl> decls = read_catalogue(OVRIN_TEST_CATALOGUE);
-    return decls;
+const File &file() {
+    static const File f = read_catalogue(OVRIN_TEST_CATALOGUE);
+    return f;
 }
+
+const std::vector<Decl> &catalogue() { return file().decls; }
 
 const Decl &decl(const std::string &name) {
     for (const Decl &d : catalogue())
@@ -269,6 +289,31 @@ TEST(Catalogue, WireAndLifecyclePlansFollowTheFields) {
         EXPECT_EQ(t.n_inline, inline_instances.size());
         EXPECT_EQ(plan, expected);
     }
+}
+
+// Registering the bundle's handler registers it with each bundle the file says this one depends on,
+// in the file's order, and unregistering unregisters from each in that same order. Of the bundles
+// the runtime contract knows, if_common's calls take the caller's pointer as well, the others' not.
+TEST(Catalogue, TheHandlerGoesToTheBundlesDependedOnInTheFilesOrder) {
+    ASSERT_FALSE(file().depends.empty());
+    std::string registered, unregistered;
+    for (const std::string &b : file().depends) {
+        bool with_arg = b == "if_common";
+        registered += b + "_bundle_handler_register(0xa1" + (with_arg ? ", 0x5a5a0)\n" : ")\n");
+        unregistered += b + "_bundle_handler_unregister(" + (with_arg ? "0x5a5a0)\n" : ")\n");
+    }
+    auto logged = [] {
+        std::string out;
+        for (size_t i = 0; i < mgx_bundle_call_count(); ++i) out += std::string(mgx_bundle_call(i)) + "\n";
+        mgx_bundle_calls_clear();
+        return out;
+    };
+    void *arg = reinterpret_cast<void *>(0x5a5a0);
+    mgx_bundle_calls_clear();
+    OVRIN_TEST_OPTABLE(bundle_handler_register)(0xA1, arg);
+    EXPECT_EQ(logged(), registered);
+    EXPECT_EQ(OVRIN_TEST_OPTABLE(bundle_handler_unregister)(arg), 0xA1u);
+    EXPECT_EQ(logged(), unregistered);
 }
 
 } // namespace

@@ -84,6 +84,8 @@ std::string emit_entry_points(const Catalogue &c);
 std::string emit_trace_table(const Catalogue &c);
 std::string emit_manifest(const Catalogue &c, const BuildInfo &build);
 std::string emit_frame_names(const Catalogue &c);
+// src/sm_dependents.cpp: the calls that register the bundle's handler with the bundles it depends on.
+std::string emit_dependents(const Catalogue &c);
 // The operations table (include/NAME/optable.h and its definition with the thunks it points to),
 // and the symbols it adds to the exports.
 std::string emit_optable_header(const Catalogue &c);

@@ -409,7 +409,8 @@ std::string emit_version_script(const Catalogue &c) {
 namespace gen {
 
 // The names the frame's sources (module node, registration, trace module, adoption) give the
-// bundle's exports, so that the same sources serve any catalogue.
+// bundle's exports, so that the same sources serve any catalogue, and the calls to the bundles it
+// depends on that adoption makes (emit_dependents).
 std::string emit_frame_names(const Catalogue &) {
     std::string s = format("// The bundle's names, for the frame's sources. %s\n", generated_banner);
     s += "#ifndef OVRIN_BUNDLE_FRAME_H\n#define OVRIN_BUNDLE_FRAME_H\n\n"
@@ -419,7 +420,51 @@ std::string emit_frame_names(const Catalogue &) {
          "#define OVRIN_BUNDLE_EXPORT(name) @D@_##name\n"
          "#define OVRIN_BUNDLE_TRACE_INIT mgx_@D@_trace_init\n"
          "#define OVRIN_BUNDLE_TRACE_MODULE_ID g_mgx_@D@_trace_module_id\n"
-         "#define OVRIN_BUNDLE_STUB_TRACE_MODULE_ID g_mgx_@D@_stub_trace_module_id\n\n#endif\n";
+         "#define OVRIN_BUNDLE_STUB_TRACE_MODULE_ID g_mgx_@D@_stub_trace_module_id\n\n"
+         "namespace ovrin::frame {\n\n"
+         "// The handler registered with, and unregistered from, each bundle this one depends on\n"
+         "// (src/sm_dependents.cpp); arg is passed on to those whose calls take the caller's pointer.\n"
+         "void register_dependent_bundles(uint64_t handler, void *arg);\n"
+         "void unregister_dependent_bundles(void *arg);\n\n"
+         "} // namespace ovrin::frame\n\n#endif\n";
+    return s;
+}
+
+namespace {
+
+// The body of one generated function: its calls, and which of its parameters they pass on (a
+// parameter no call passes on is marked unused).
+struct Calls {
+    std::string text;
+    bool handler = false, arg = false;
+
+    void add(const std::string &function, bool with_handler, bool with_arg) {
+        text += "    " + function + "(" + (with_handler ? "handler" : "") + (with_handler && with_arg ? ", " : "") +
+                (with_arg ? "arg" : "") + ");\n";
+        handler = handler || with_handler;
+        arg = arg || with_arg;
+    }
+};
+
+const char *maybe_unused_unless(bool used) { return used ? "" : "[[maybe_unused]] "; }
+
+} // namespace
+
+// Registration and unregistration with the catalogue's dependent bundles, both in the catalogue's
+// order.
+std::string emit_dependents(const Catalogue &c) {
+    Calls reg, unreg;
+    for (const Dependency &d : c.depends) reg.add(d.bundle + "_bundle_handler_register", true, d.takes_arg);
+    for (const Dependency &d : c.depends) unreg.add(d.bundle + "_bundle_handler_unregister", false, d.takes_arg);
+    std::string s = format("// The bundles @D@ depends on, in the catalogue's order: registering the bundle's handler\n"
+                           "// registers it with each, unregistering unregisters from each in the same order.\n// %s\n",
+                           generated_banner);
+    s += "#include \"bundle_frame.h\"\n\nnamespace ovrin::frame {\n\n";
+    s += format("void register_dependent_bundles(%suint64_t handler, %svoid *arg) {\n", maybe_unused_unless(reg.handler),
+                maybe_unused_unless(reg.arg));
+    s += reg.text + "}\n\n";
+    s += format("void unregister_dependent_bundles(%svoid *arg) {\n", maybe_unused_unless(unreg.arg));
+    s += unreg.text + "}\n\n} // namespace ovrin::frame\n";
     return s;
 }
 

@@ -13,7 +13,9 @@
 #include <nettle/md5.h>
 
 #include <set>
+#include <type_traits>
 
+#include "mgx/contract.h"
 #include "tools/ovrin_gen/model.h"
 
 namespace gen {
@@ -25,6 +27,52 @@ unsigned align_up(unsigned v, unsigned a) { return (v + a - 1) / a * a; }
 
 // Names a bundle header member or the padding member takes in the generated C structs.
 const std::set<std::string> reserved_field_names = {"descriptor", "variant", "layout", "flags", "mgx_alloc_slop"};
+
+// The bundles whose registration calls the runtime contract declares, and whether those calls
+// take the caller's pointer (register: handler and pointer; unregister: the pointer) or not
+// (register: the handler; unregister: nothing). Checked against the contract's declarations below.
+#define OVRIN_CONTRACT_BUNDLES(X) X(if_common, true) X(platform_comm, false) X(aaa_common, false) X(aaa_proxy, false)
+
+template <bool takes_arg> struct BundleCalls {
+    using reg = uint64_t(uint64_t, void *);
+    using unreg = uint64_t(void *);
+};
+template <> struct BundleCalls<false> {
+    using reg = uint64_t(uint64_t);
+    using unreg = uint64_t();
+};
+#define OVRIN_CHECK_BUNDLE(B, ARG)                                                                                     \
+    static_assert(std::is_same_v<decltype(B##_bundle_handler_register), BundleCalls<ARG>::reg> &&                     \
+                      std::is_same_v<decltype(B##_bundle_handler_unregister), BundleCalls<ARG>::unreg>,                \
+                  "the contract declares the calls of " #B " otherwise");
+OVRIN_CONTRACT_BUNDLES(OVRIN_CHECK_BUNDLE)
+#undef OVRIN_CHECK_BUNDLE
+
+struct ContractBundle {
+    const char *name;
+    bool takes_arg;
+};
+constexpr ContractBundle contract_bundles[] = {
+#define OVRIN_BUNDLE(B, ARG) {#B, ARG},
+    OVRIN_CONTRACT_BUNDLES(OVRIN_BUNDLE)
+#undef OVRIN_BUNDLE
+};
+
+// Each bundle named once and known to the contract; its calls' arguments come from the contract.
+void resolve_dependencies(Catalogue &c) {
+    std::set<std::string> named;
+    for (Dependency &d : c.depends) {
+        const ContractBundle *known = nullptr;
+        std::string names;
+        for (const ContractBundle &b : contract_bundles) {
+            if (d.bundle == b.name) known = &b;
+            names += names.empty() ? b.name : std::string(", ") + b.name;
+        }
+        if (!known) throw Error(d.line, "unknown bundle '" + d.bundle + "': the runtime contract has the calls of " + names);
+        if (!named.insert(d.bundle).second) throw Error(d.line, "bundle " + d.bundle + " is named twice");
+        d.takes_arg = known->takes_arg;
+    }
+}
 
 bool is_count_prim(const Field &f) {
     return f.shape == Shape::scalar && f.prim && (*f.prim == Prim::u16 || *f.prim == Prim::u32);
@@ -289,6 +337,7 @@ void resolve(Catalogue &c) {
         if (t->is_enum()) resolve_enum(*t, literal_owner);
     for (auto &t : c.types)
         if (!t->is_enum()) resolve_record(c, *t);
+    resolve_dependencies(c);
 }
 
 void lay_out(Catalogue &c) {

@@ -13,7 +13,7 @@
 //   include/NAME_internal/tables.inc    internal: definitions of the type tables
 //   include/bundle_frame.h              internal: the bundle's names, for the frame's sources
 //   src/sm_tables.cpp src/sm_descriptors.cpp src/sm_entry.cpp src/sm_trace.cpp src/sm_manifest.cpp
-//   src/sm_optable.cpp
+//   src/sm_optable.cpp src/sm_dependents.cpp
 //   NAME.map                            the linker's export list
 // Files whose contents did not change are left untouched, so that nothing rebuilds needlessly.
 #include <cctype>
@@ -119,6 +119,7 @@ int main(int argc, char **argv) {
         write("src/sm_manifest.cpp", gen::emit_manifest(c, build));
         write(pub / "optable.h", gen::emit_optable_header(c));
         write("src/sm_optable.cpp", gen::emit_optable_source(c));
+        write("src/sm_dependents.cpp", gen::emit_dependents(c));
         write(pub / (domain + ".hpp"), gen::emit_cxx_header(c));
         write(domain + ".map", gen::emit_version_script(c));
     } catch (const gen::Error &e) {

@@ -99,12 +99,21 @@ struct Type {
     unsigned last_used() const { return used.back(); }
 };
 
+// A bundle this one depends on: registering this bundle's handler registers it with that bundle
+// too (a "depends" line).
+struct Dependency {
+    int line = 0;
+    std::string bundle;
+    bool takes_arg = false; // resolved from the runtime contract: its calls take the caller's pointer
+};
+
 struct Catalogue {
     std::string domain = "ovrin_sm"; // names the bundle, its exports and its generated files
     std::string path;
     std::string text; // the file as read, for the build record's package id
     std::vector<std::unique_ptr<Type>> types;
     std::map<std::string, Type *> by_name;
+    std::vector<Dependency> depends; // in registration order
 };
 
 // parse.cpp

@@ -197,6 +197,13 @@ Catalogue parse_catalogue(const std::string &path, const std::string &text) {
             if (!indented) paragraph.clear();
             continue;
         }
+        if (!indented && w[0] == "depends") {
+            if (w.size() != 2) throw Error(line, "expected 'depends <bundle>'");
+            c.depends.push_back({line, identifier(line, w[1], "bundle name")});
+            paragraph.clear();
+            current = nullptr;
+            continue;
+        }
         if (!indented) {
             auto t = parse_type_line(line, w);
             t->group = group;
