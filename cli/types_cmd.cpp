@@ -304,19 +304,12 @@ int ovrin_cmd_types(int argc, char **argv) {
         {{"xml-skeleton", no_argument, nullptr, opt_skeleton}, {"json-skeleton", no_argument, nullptr, opt_json_skeleton}}};
     Parser p(command, argc, argv);
     int skeleton = 0;
-    for (bool more = true; more;) {
-        int val;
-        const char *arg;
-        switch (p.next(val, arg)) {
-        case Next::help: return show_help(command);
-        case Next::error: return exit_usage;
-        case Next::option:
-            if (skeleton && skeleton != val) return usage_error(command, "--xml-skeleton and --json-skeleton cannot go together");
-            skeleton = val;
-            break;
-        case Next::done: more = false; break;
-        }
-    }
+    int status = p.run([&](int val, const char *) {
+        if (skeleton && skeleton != val) return usage_error(command, "--xml-skeleton and --json-skeleton cannot go together");
+        skeleton = val;
+        return -1;
+    });
+    if (status >= 0) return status;
     const auto &operands = p.operands();
     if (operands.size() > 1) return usage_error(command, std::string("unexpected operand '") + operands[1] + "'");
     if (operands.empty())
