@@ -196,7 +196,7 @@ std::string json_hint(const std::string &pointer, const std::string &what) {
     const std::string literal = " is not a literal of ";
     if (what.size() > member.size() && what.compare(what.size() - member.size(), member.size(), member) == 0) {
         if (const ovrin::Type *t = find_table(what.substr(0, what.size() - member.size())))
-            for (uint16_t i = 0; i < t->n_fields; ++i) names.push_back(t->fields[i].name);
+            for (const FieldView &f : fields_of(*t)) names.push_back(f->name);
         return did_you_mean(name, names);
     }
     if (size_t k = what.find(literal); k != std::string::npos) {
