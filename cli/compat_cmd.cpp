@@ -162,7 +162,7 @@ std::optional<gen::Catalogue> load(const char *path) {
 
 int ovrin_cmd_compat(int argc, char **argv) {
     Parser p(compat_command, argc, argv);
-    if (int status = no_options(p, compat_command); status >= 0) return status;
+    if (int status = p.run(); status >= 0) return status;
     const auto &operands = p.operands();
     if (operands.size() != 2) return usage_error(compat_command, "two catalogue files are needed: OLD NEW");
     auto old_catalogue = load(operands[0]), new_catalogue = load(operands[1]);

@@ -71,25 +71,17 @@ struct Options {
 // The command line of decode or encode; -1 to go on, else the exit status.
 int parse_options(const Command &c, int argc, char **argv, Options &o) {
     Parser p(c, argc, argv);
-    for (;;) {
-        int val;
-        const char *arg;
-        switch (p.next(val, arg)) {
-        case Next::help: return show_help(c);
-        case Next::error: return exit_usage;
-        case Next::option:
-            if (val == opt_hex) o.hex = true;
-            if (val == opt_xml) o.xml = true;
-            if (val == opt_json) o.json = true;
-            if (val == opt_pretty) o.pretty = true;
-            if (val == opt_tracked) o.tracked = true;
-            if (val == opt_lenient) o.lenient = true;
-            if (val == opt_allow_trailing) o.allow_trailing = true;
-            continue;
-        case Next::done: break;
-        }
-        break;
-    }
+    int status = p.run([&](int val, const char *) {
+        if (val == opt_hex) o.hex = true;
+        if (val == opt_xml) o.xml = true;
+        if (val == opt_json) o.json = true;
+        if (val == opt_pretty) o.pretty = true;
+        if (val == opt_tracked) o.tracked = true;
+        if (val == opt_lenient) o.lenient = true;
+        if (val == opt_allow_trailing) o.allow_trailing = true;
+        return -1;
+    });
+    if (status >= 0) return status;
     const auto &ops = p.operands();
     if (ops.empty()) return usage_error(c, "a TYPE is needed ('ovrin-sm types' lists them)");
     if (ops.size() > 2) return usage_error(c, std::string("unexpected operand '") + ops[2] + "'");
@@ -197,7 +189,7 @@ std::string json_hint(const std::string &pointer, const std::string &what) {
     const std::string literal = " is not a literal of ";
     if (what.size() > member.size() && what.compare(what.size() - member.size(), member.size(), member) == 0) {
         if (const ovrin::Type *t = find_table(what.substr(0, what.size() - member.size())))
-            for (uint16_t i = 0; i < t->n_fields; ++i) names.push_back(t->fields[i].name);
+            for (const FieldView &f : fields_of(*t)) names.push_back(f->name);
         return did_you_mean(name, names);
     }
     if (size_t k = what.find(literal); k != std::string::npos) {

@@ -42,7 +42,7 @@ int ovrin_cmd_manifest(int argc, char **argv) {
         "library from standard input.\n",
         {}};
     Parser p(command, argc, argv);
-    if (int status = no_options(p, command); status >= 0) return status;
+    if (int status = p.run(); status >= 0) return status;
     if (p.operands().size() > 1) return usage_error(command, std::string("unexpected operand '") + p.operands()[1] + "'");
     std::string path = p.operands().empty() ? loaded_bundle_path() : p.operands()[0];
     const std::string shown = path == "-" ? "standard input" : path;

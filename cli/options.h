@@ -38,6 +38,12 @@ class Parser {
 public:
     Parser(const Command &c, int argc, char **argv);
     Next next(int &val, const char *&arg);
+    // Reads every option, giving each to on_option(val, arg), which returns -1 to go on or an exit
+    // status to stop with. -1 once all are read (operands() then holds the rest), else the status:
+    // on_option's, the help's or a usage error's.
+    template <class OnOption> int run(OnOption &&on_option);
+    // The same for a command with no option besides --help.
+    int run() { return run([](int, const char *) { return -1; }); }
     const std::vector<const char *> &operands() const { return operands_; }
     // The option's name as the user wrote it, for messages ("--count").
     std::string name_of(int val) const;
@@ -50,10 +56,6 @@ private:
     std::vector<option> long_;
     std::vector<const char *> operands_;
 };
-
-// For a command with no option besides --help: -1 to go on to the operands, else the exit status
-// (the help shown, or a usage error).
-int no_options(Parser &p, const Command &c);
 
 // "ovrin-sm CMD: MESSAGE" and a pointer to the help on standard error; returns exit_usage.
 int usage_error(const Command &c, const std::string &message);
@@ -135,13 +137,17 @@ inline Next Parser::next(int &val, const char *&arg) {
     return Next::option;
 }
 
-inline int no_options(Parser &p, const Command &c) {
-    int val;
-    const char *arg;
-    switch (p.next(val, arg)) {
-    case Next::help: return show_help(c);
-    case Next::done: return -1;
-    default: return exit_usage;
+template <class OnOption> int Parser::run(OnOption &&on_option) {
+    for (;;) {
+        int val;
+        const char *arg;
+        switch (next(val, arg)) {
+        case Next::help: return show_help(command_);
+        case Next::error: return exit_usage;
+        case Next::done: return -1;
+        case Next::option:
+            if (int status = on_option(val, arg); status >= 0) return status;
+        }
     }
 }
 

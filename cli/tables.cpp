@@ -15,9 +15,6 @@ const ovrin::Bundle ovrin::bundle = {
     .traced_once = nullptr,
 };
 
-#include <algorithm>
-#include <cstring>
-
 #include "cli/tables.h"
 
 namespace ovrin::cli {
@@ -35,10 +32,19 @@ const Literal *fresh_literal(const Type &e) {
 }
 
 const Field *member_selected_by(const Type &u, const Literal *literal) {
-    if (!literal) return nullptr;
-    for (uint16_t i = 0; i < u.n_fields; ++i)
-        if (u.fields[i].shape == Shape::member && u.fields[i].select == literal->user) return &u.fields[i];
+    for (const FieldView &f : fields_of(u))
+        if (f.selected_by(literal)) return &f.field;
     return nullptr;
+}
+
+std::string element_name(const Type &t, const Field &f) {
+    return f.shape == Shape::member ? std::string(t.fields[t.discriminator].name) + "-" + f.name : f.name;
+}
+
+const char *FieldView::relation() const {
+    if (field.companion < 0) return nullptr;
+    if (counter()) return companion()->shape == Shape::var_string ? "length of" : "count of";
+    return field.shape == Shape::var_string ? "length in" : "count in";
 }
 
 } // namespace ovrin::cli

@@ -182,19 +182,12 @@ int ovrin_cmd_trace(int argc, char **argv) {
         {{"library", required_argument, nullptr, opt_library}}};
     std::string path, library;
     Parser p(command, argc, argv);
-    for (bool more = true; more;) {
-        int val;
-        const char *arg;
-        switch (p.next(val, arg)) {
-        case Next::help: return show_help(command);
-        case Next::error: return exit_usage;
-        case Next::option:
-            if (!*arg) return usage_error(command, "--library: an empty name");
-            library = arg;
-            break;
-        case Next::done: more = false; break;
-        }
-    }
+    int status = p.run([&](int, const char *arg) {
+        if (!*arg) return usage_error(command, "--library: an empty name");
+        library = arg;
+        return -1;
+    });
+    if (status >= 0) return status;
     if (p.operands().empty()) return usage_error(command, "a trace FILE is needed");
     if (p.operands().size() > 1) return usage_error(command, std::string("unexpected operand '") + p.operands()[1] + "'");
     path = p.operands()[0];

@@ -90,24 +90,15 @@ const Literal *literal_with_user(const Type &e, uint32_t user) {
     return nullptr;
 }
 
-std::string bounds_of(const Type &t, const Field &f) {
-    switch (f.shape) {
-    case Shape::fixed_array: return std::to_string(f.count) + " elements of " + std::to_string(f.elem_size) + " bytes";
-    case Shape::var_array: return std::string("count in ") + t.fields[f.companion].name;
-    case Shape::var_string: return std::string("length in ") + t.fields[f.companion].name;
-    case Shape::member: {
-        const Field &d = t.fields[t.discriminator];
-        const Literal *l = literal_with_user(*d.type, f.select);
-        return std::string("when ") + d.name + " is " + (l ? l->name : std::to_string(f.select));
-    }
-    case Shape::scalar:
-        if (f.companion >= 0)
-            return std::string(t.fields[f.companion].shape == Shape::var_string ? "length of " : "count of ") +
-                   t.fields[f.companion].name;
-        if (t.kind == TypeKind::union_ && &f == &t.fields[t.discriminator]) return "discriminator";
-        return "";
-    }
-    return "";
+std::string bounds_of(const FieldView &f) {
+    if (const char *relation = f.relation()) return std::string(relation) + " " + f.companion()->name;
+    if (f.discriminator()) return "discriminator";
+    if (f->shape == Shape::fixed_array)
+        return std::to_string(f->count) + " elements of " + std::to_string(f->elem_size) + " bytes";
+    if (f->shape != Shape::member) return "";
+    const Field &d = f.type.fields[f.type.discriminator];
+    const Literal *l = literal_with_user(*d.type, f->select);
+    return std::string("when ") + d.name + " is " + (l ? l->name : std::to_string(f->select));
 }
 
 void describe(const Type &t) {
@@ -128,12 +119,9 @@ void describe(const Type &t) {
     }
     std::printf("\n  %-32s %-30s %-28s %5s %6s  %-7s %s\n", "member", "type", "kind", "width", "offset", "variant",
                 "bounds, companion, arm");
-    for (uint16_t i = 0; i < t.n_fields; ++i) {
-        const Field &f = t.fields[i];
-        std::string name = f.shape == Shape::member ? std::string(t.fields[t.discriminator].name) + "-" + f.name : f.name;
-        std::printf("  %-32s %-30s %-28s %5u %6u  %-7d %s\n", name.c_str(), type_of(f).c_str(), kind_of(f).c_str(),
-                    f.size, f.offset, f.from_variant, bounds_of(t, f).c_str());
-    }
+    for (const FieldView &f : fields_of(t))
+        std::printf("  %-32s %-30s %-28s %5u %6u  %-7d %s\n", f.element().c_str(), type_of(*f).c_str(),
+                    kind_of(*f).c_str(), f->size, f->offset, f->from_variant, bounds_of(f).c_str());
 }
 
 // A document of the type that encode takes as it stands: every member with a fresh instance's
@@ -150,29 +138,26 @@ public:
             return;
         }
         line(depth, "<" + name + ">");
-        const Field *selected = nullptr;
-        if (t.kind == TypeKind::union_) selected = member_selected_by(t, fresh_literal(*t.fields[t.discriminator].type));
-        for (uint16_t i = 0; i < t.n_fields; ++i) {
-            const Field &f = t.fields[i];
-            switch (f.shape) {
+        for (const FieldView &f : fields_of(t)) {
+            switch (f->shape) {
             case Shape::scalar:
-                if (f.companion >= 0 && t.fields[f.companion].shape == Shape::var_array)
-                    line(depth + 1, "<" + std::string(f.name) + ">1</" + f.name + ">"); // the one element below
+                if (f.counts_array())
+                    line(depth + 1, "<" + std::string(f->name) + ">1</" + f->name + ">"); // the one element below
                 else
-                    element(f, f.name, depth + 1);
+                    element(*f, f->name, depth + 1);
                 break;
             case Shape::fixed_array:
-                for (uint16_t k = 0; k < f.count; ++k) element(f, f.name, depth + 1);
+                for (uint16_t k = 0; k < f->count; ++k) element(*f, f->name, depth + 1);
                 break;
-            case Shape::var_array: element(f, f.name, depth + 1); break;
+            case Shape::var_array: element(*f, f->name, depth + 1); break;
             case Shape::var_string: {
                 std::string empty = "<";
-                empty.append(f.name).append("></").append(f.name).append(">");
+                empty.append(f->name).append("></").append(f->name).append(">");
                 line(depth + 1, empty);
                 break;
             }
             case Shape::member:
-                if (&f == selected) type(*f.type, std::string(t.fields[t.discriminator].name) + "-" + f.name, depth + 1);
+                if (f.fresh_selected()) type(*f->type, f.element(), depth + 1);
                 break;
             }
         }
@@ -211,28 +196,22 @@ public:
             out.append("\"").append(l ? l->name : t.literals[0].name).append("\"");
             return;
         }
-        const Field *selected = nullptr;
-        if (t.kind == TypeKind::union_) selected = member_selected_by(t, fresh_literal(*t.fields[t.discriminator].type));
         bool first = true;
-        auto member = [&](const Field &f) {
+        for (const FieldView &f : fields_of(t)) {
+            if (f->shape == Shape::member && !f.fresh_selected()) continue;
             out += first ? "{\n" : ",\n";
             first = false;
             pad(depth + 1);
-            out.append("\"").append(f.name).append("\": ");
-        };
-        for (uint16_t i = 0; i < t.n_fields; ++i) {
-            const Field &f = t.fields[i];
-            if (f.shape == Shape::member && &f != selected) continue;
-            member(f);
-            switch (f.shape) {
+            out.append("\"").append(f->name).append("\": ");
+            switch (f->shape) {
             case Shape::scalar:
-                if (f.companion >= 0 && t.fields[f.companion].shape == Shape::var_array) out += "1"; // the one element
-                else element(f, depth + 1);
+                if (f.counts_array()) out += "1"; // the one element
+                else element(*f, depth + 1);
                 break;
-            case Shape::fixed_array: array(f, f.count, depth + 1); break;
-            case Shape::var_array: array(f, 1, depth + 1); break;
+            case Shape::fixed_array: array(*f, f->count, depth + 1); break;
+            case Shape::var_array: array(*f, 1, depth + 1); break;
             case Shape::var_string: out += "\"\""; break;
-            case Shape::member: type(*f.type, depth + 1); break;
+            case Shape::member: type(*f->type, depth + 1); break;
             }
         }
         if (first) {
@@ -304,19 +283,12 @@ int ovrin_cmd_types(int argc, char **argv) {
         {{"xml-skeleton", no_argument, nullptr, opt_skeleton}, {"json-skeleton", no_argument, nullptr, opt_json_skeleton}}};
     Parser p(command, argc, argv);
     int skeleton = 0;
-    for (bool more = true; more;) {
-        int val;
-        const char *arg;
-        switch (p.next(val, arg)) {
-        case Next::help: return show_help(command);
-        case Next::error: return exit_usage;
-        case Next::option:
-            if (skeleton && skeleton != val) return usage_error(command, "--xml-skeleton and --json-skeleton cannot go together");
-            skeleton = val;
-            break;
-        case Next::done: more = false; break;
-        }
-    }
+    int status = p.run([&](int val, const char *) {
+        if (skeleton && skeleton != val) return usage_error(command, "--xml-skeleton and --json-skeleton cannot go together");
+        skeleton = val;
+        return -1;
+    });
+    if (status >= 0) return status;
     const auto &operands = p.operands();
     if (operands.size() > 1) return usage_error(command, std::string("unexpected operand '") + operands[1] + "'");
     if (operands.empty())

@@ -93,10 +93,6 @@ std::string place(size_t k) {
     return s;
 }
 
-std::string member_element(const Type &u, const Field &m) { return std::string(u.fields[u.discriminator].name) + "-" + m.name; }
-
-std::string element_name(const Type &t, const Field &f) { return f.shape == Shape::member ? member_element(t, f) : f.name; }
-
 // A composite type's element names, in field order, and the field each name is: made once per
 // type for the whole document.
 struct Members {
@@ -131,8 +127,7 @@ private:
     void no_text(const xmlNode *node, const std::string &path, const char *where);
     void value(const Field &f, const xmlNode *node, const std::string &path);
     void attributes(const xmlNode *node, const std::string &path);
-    void counted(const Type &t, const Field &f, const std::vector<std::vector<const xmlNode *>> &given,
-                 const std::string &path);
+    void counted(const FieldView &f, const std::vector<std::vector<const xmlNode *>> &given, const std::string &path);
     void fresh(const Type &t, const std::string &path);
     const Literal *literal_of(const Type &e, const xmlNode *node);
 };
@@ -142,8 +137,8 @@ const Members &Checker::members_of(const Type &t) {
     Members &m = at->second;
     if (made) {
         m.names.reserve(t.n_fields); // the index holds views into the names: no reallocation after
-        for (uint16_t i = 0; i < t.n_fields; ++i) m.names.push_back(element_name(t, t.fields[i]));
-        for (uint16_t i = 0; i < t.n_fields; ++i) m.field.emplace(m.names[i], i); // the first of a name wins
+        for (const FieldView &f : fields_of(t))
+            m.field.emplace(m.names.emplace_back(f.element()), f.index); // the first of a name wins
     }
     return m;
 }
@@ -290,36 +285,36 @@ void Checker::enumeration(const Type &e, const xmlNode *node, const std::string 
 
 // The length of a string and the count of a variable array must agree with what follows them. A
 // count or text that refers to an entity is left to the library's reader, which refuses it.
-void Checker::counted(const Type &t, const Field &f, const std::vector<std::vector<const xmlNode *>> &given,
+void Checker::counted(const FieldView &f, const std::vector<std::vector<const xmlNode *>> &given,
                       const std::string &path) {
-    const Field &c = t.fields[f.companion];
-    const auto &items = given[static_cast<size_t>(&f - t.fields)];
-    const auto &counts = given[static_cast<size_t>(&c - t.fields)];
+    const Field &c = *f.companion();
+    const auto &items = given[f.index];
+    const auto &counts = given[static_cast<size_t>(f->companion)];
     std::string cpath = path + "/" + c.name;
     uint64_t said = 0;
     std::string count_text;
     bool has_count = !counts.empty() && value_text(counts[0], count_text) && decimal(count_text, said);
-    if (f.shape == Shape::var_string) {
+    if (f->shape == Shape::var_string) {
         if (!has_count) return; // the length follows the text
         if (items.empty()) {
-            if (said != 0) say(cpath, "says " + std::to_string(said) + ", but " + f.name + " is not given");
+            if (said != 0) say(cpath, "says " + std::to_string(said) + ", but " + f->name + " is not given");
             return;
         }
         uint64_t bytes = 0;
         if (!value_bytes(items[0], bytes)) return;
         if (said != bytes)
-            say(cpath, "says " + std::to_string(said) + ", but " + f.name + " holds " + std::to_string(bytes) +
+            say(cpath, "says " + std::to_string(said) + ", but " + f->name + " holds " + std::to_string(bytes) +
                            (bytes == 1 ? " byte" : " bytes"));
         return;
     }
     if (counts.empty()) {
         if (!items.empty())
-            say(path + "/" + f.name, std::to_string(items.size()) + " given, but no " + c.name +
+            say(path + "/" + f->name, std::to_string(items.size()) + " given, but no " + c.name +
                                          " counts them, so none would be read");
         return;
     }
     if (has_count && said != items.size())
-        say(cpath, "says " + std::to_string(said) + ", but " + std::to_string(items.size()) + " " + f.name +
+        say(cpath, "says " + std::to_string(said) + ", but " + std::to_string(items.size()) + " " + f->name +
                        (items.size() == 1 ? " element is" : " elements are") + " given");
 }
 
@@ -333,16 +328,15 @@ void Checker::fresh(const Type &t, const std::string &path) {
             std::string element = path.substr(path.rfind('/') + 1);
             size_t bracket = element.find('[');
             say(path, std::string("left out, but a fresh ") + t.name + "'s " + d.name + " (" + lit->name +
-                          ") selects " + member_element(t, *m) + ", which a message must carry; give <" +
+                          ") selects " + element_name(t, *m) + ", which a message must carry; give <" +
                           element.substr(0, bracket) + "/> at least");
             return;
         }
     }
-    for (uint16_t i = 0; i < t.n_fields; ++i) {
-        const Field &f = t.fields[i];
-        if (f.kind != Kind::record || (f.shape != Shape::scalar && f.shape != Shape::fixed_array)) continue;
-        for (uint16_t k = 0; k < f.count; ++k)
-            fresh(*f.type, path + "/" + f.name + (f.shape == Shape::fixed_array ? place(k + 1) : std::string()));
+    for (const FieldView &f : fields_of(t)) {
+        if (f->kind != Kind::record || (f->shape != Shape::scalar && f->shape != Shape::fixed_array)) continue;
+        for (uint16_t k = 0; k < f->count; ++k)
+            fresh(*f->type, path + "/" + f->name + (f->shape == Shape::fixed_array ? place(k + 1) : std::string()));
     }
 }
 
@@ -366,26 +360,25 @@ void Checker::composite(const Type &t, const xmlNode *node, const std::string &p
         std::string hint = hinting() ? closest(name, names) : std::string();
         say(path + "/" + name, std::string(t.name) + " has no member " + name + (hint.empty() ? "" : "; did you mean " + hint + "?"));
     }
-    for (uint16_t i = 0; i < t.n_fields; ++i) {
-        const Field &f = t.fields[i];
-        const auto &items = given[i];
-        std::string fpath = path + "/" + names[i];
-        bool array = f.shape == Shape::fixed_array || f.shape == Shape::var_array;
+    for (const FieldView &f : fields_of(t)) {
+        const auto &items = given[f.index];
+        std::string fpath = path + "/" + names[f.index];
+        bool array = f->shape == Shape::fixed_array || f->shape == Shape::var_array;
         here_ = items.size() > 1 ? items[1] : node; // a repeat is reported where it repeats
         if (!array && items.size() > 1)
             say(fpath, "given " + std::to_string(items.size()) + " times; it is not an array, and only the first is read");
-        if (f.shape == Shape::fixed_array && items.size() > f.count)
-            say(fpath, "given " + std::to_string(items.size()) + " times; it holds " + std::to_string(f.count) +
+        if (f->shape == Shape::fixed_array && items.size() > f->count)
+            say(fpath, "given " + std::to_string(items.size()) + " times; it holds " + std::to_string(f->count) +
                            ", and the rest are not read");
         for (size_t k = 0; k < items.size(); ++k) {
             if (!array && k > 0) break;
-            value(f, items[k], array ? fpath + place(k + 1) : fpath);
+            value(*f, items[k], array ? fpath + place(k + 1) : fpath);
         }
-        if (f.kind == Kind::record && f.shape == Shape::scalar && items.empty()) fresh(*f.type, fpath);
-        if (f.kind == Kind::record && f.shape == Shape::fixed_array)
-            for (size_t k = items.size(); k < f.count; ++k) fresh(*f.type, fpath + place(k + 1));
-        here_ = given[i].empty() ? node : given[i][0];
-        if (f.shape == Shape::var_string || f.shape == Shape::var_array) counted(t, f, given, path);
+        if (f->kind == Kind::record && f->shape == Shape::scalar && items.empty()) fresh(*f->type, fpath);
+        if (f->kind == Kind::record && f->shape == Shape::fixed_array)
+            for (size_t k = items.size(); k < f->count; ++k) fresh(*f->type, fpath + place(k + 1));
+        here_ = items.empty() ? node : items[0];
+        if (f->shape == Shape::var_string || f->shape == Shape::var_array) counted(f, given, path);
     }
     if (t.kind != TypeKind::union_) return;
     // The member given must be the one the discriminator selects (as given, or as a fresh one holds it).
@@ -394,17 +387,16 @@ void Checker::composite(const Type &t, const xmlNode *node, const std::string &p
     const Literal *lit = disc.empty() ? fresh_literal(*d.type) : literal_of(*d.type, disc[0]);
     if (!disc.empty() && !lit) return; // already reported
     const Field *selected = member_selected_by(t, lit);
-    for (uint16_t i = 0; i < t.n_fields; ++i) {
-        const Field &m = t.fields[i];
-        if (m.shape != Shape::member || given[i].empty() || &m == selected) continue;
-        here_ = given[i][0];
-        say(path + "/" + names[i], std::string(d.name) + " is " + (lit ? lit->name : "unset") + (disc.empty() ? " (left out)" : "") +
-                                       ", which selects " + (selected ? member_element(t, *selected) : "no member") +
+    for (const FieldView &m : fields_of(t)) {
+        if (m->shape != Shape::member || given[m.index].empty() || &*m == selected) continue;
+        here_ = given[m.index][0];
+        say(path + "/" + names[m.index], std::string(d.name) + " is " + (lit ? lit->name : "unset") + (disc.empty() ? " (left out)" : "") +
+                                       ", which selects " + (selected ? element_name(t, *selected) : "no member") +
                                        "; this member would not be read");
     }
     // A selected member the document leaves out is created fresh by the reader.
     if (selected && given[static_cast<size_t>(selected - t.fields)].empty())
-        fresh(*selected->type, path + "/" + member_element(t, *selected));
+        fresh(*selected->type, path + "/" + element_name(t, *selected));
 }
 
 } // namespace
