@@ -32,12 +32,11 @@ struct Command {
 // The outcome of reading one option.
 enum class Next { option, done, help, error };
 
-// Reads the command's options one at a time. Options come back as getopt_long gives them (the
-// option's val, with optarg); the operands are left in operands() in order once done is returned.
+// Reads the command's options. Options come as getopt_long gives them (the option's val, with
+// optarg); the operands are left in operands() in order once all are read.
 class Parser {
 public:
     Parser(const Command &c, int argc, char **argv);
-    Next next(int &val, const char *&arg);
     // Reads every option, giving each to on_option(val, arg), which returns -1 to go on or an exit
     // status to stop with. -1 once all are read (operands() then holds the rest), else the status:
     // on_option's, the help's or a usage error's.
@@ -49,6 +48,7 @@ public:
     std::string name_of(int val) const;
 
 private:
+    Next next(int &val, const char *&arg); // one option, or how reading ended
     const Command &command_;
     int argc_;
     char **argv_;

@@ -59,13 +59,7 @@ int parse(int argc, char **argv, Options &o) {
     Parser p(command, argc, argv);
     const char *render_option = nullptr;
     const long frames = static_cast<long>(messages_per_session());
-    for (;;) {
-        int val;
-        const char *arg;
-        Next next = p.next(val, arg);
-        if (next == Next::help) return show_help(command);
-        if (next == Next::error) return exit_usage;
-        if (next == Next::done) break;
+    const int status = p.run([&](int val, const char *arg) -> int {
         std::string error;
         long v = 0;
         // The options that take a whole number within bounds, and where each goes.
@@ -123,7 +117,9 @@ int parse(int argc, char **argv, Options &o) {
             o.trace = arg;
             break;
         }
-    }
+        return -1;
+    });
+    if (status >= 0) return status;
     if (!p.operands().empty()) return usage_error(command, std::string("unexpected operand '") + p.operands()[0] + "'");
     // The options that belong to one mode only.
     const bool load_option = o.faults || o.group_given || o.json || o.think_us || o.idle_ms != Options().idle_ms ||
