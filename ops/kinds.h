@@ -11,6 +11,8 @@
 
 #include <cstdint>
 
+// One group of primitives to a line, however long (left unformatted).
+// clang-format off
 // Unsigned integers, compared as numbers.
 #define OVRIN_INTEGER_PRIMS(X) X(u8, u_int8, 1, 1) X(u16, u_int16, 2, 2) X(u32, u_int32, 4, 4) X(u64, u_int64, 8, 8)
 #define OVRIN_BOOLEAN_PRIM(X) X(boolean, mgx_boolean, 4, 4)
@@ -27,8 +29,13 @@
 #define OVRIN_ALL_PRIMS(X) OVRIN_VALUE_PRIMS(X) OVRIN_ADDRESS_PRIMS(X) OVRIN_TLV_PRIM(X)
 
 #define OVRIN_SHAPES(X) X(scalar) X(fixed_array) X(var_array) X(var_string) X(member)
+// clang-format on
 
 namespace ovrin {
+
+// Left unformatted: the formatter would take each expanded list for the start of the enumerator
+// after it.
+// clang-format off
 
 // What one element of a field is: a primitive (in the list's order), the characters of a counted
 // string, an inline enumeration instance (16 bytes; Field::type is the enumeration), or an inline
@@ -51,6 +58,7 @@ enum class Shape : uint8_t {
     OVRIN_SHAPES(OVRIN_SHAPE)
 #undef OVRIN_SHAPE
 };
+// clang-format on
 
 } // namespace ovrin
 

@@ -95,6 +95,8 @@ TEST_F(XmlTest, PathQueriesAnswerAsXPathDoes) {
         // Names that begin one another.
         "<r><ab>1</ab><abc><a>2</a></abc><a><b>3</b></a><b2>4</b2><a><bb>5</bb><b>6</b></a></r>",
     };
+    // Many short paths to a line (left unformatted, which would give each its own).
+    // clang-format off
     const char *paths[] = {
         "r", "/r", "r/a", "r/a/b", "/r/a/b", "r/a[2]/b", "r/a/b[2]", "r/a[4]/b[2]", "r/a[1]/b[1]", "r/a[007]/b",
         "r/a[9]", "r/b", "r/a/c", "r/a/b/x", "a", "r/q/a", "r/q[2]/a", "r/p:a", "r/m", "r/m/i", "r/e", "r/e[2]",
@@ -106,6 +108,7 @@ TEST_F(XmlTest, PathQueriesAnswerAsXPathDoes) {
         "r/a[b]", "r/a[ 1]", "r /a", "r/@x", "r/a/b/text()", "r/comment()", "r/namespace::*", "r/a/b | r/b", "/",
         "", "r/", "r//", "r/[", "r/-a", "r/1a", "count(r/a)", "r/a[1.0]",
     };
+    // clang-format on
     auto foreign = [](const char *text) {
         return std::unique_ptr<void, void (*)(void *)>(xmlReadMemory(text, int(std::strlen(text)), nullptr, nullptr, 0),
                                                        [](void *d) { xmlFreeDoc(static_cast<xmlDocPtr>(d)); });

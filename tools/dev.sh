@@ -5,6 +5,10 @@
 #   tools/dev.sh check         build and run the unit suite (ctest -L unit): no sanitizer, fuzz,
 #                              soak, package or complexity gate; the quick loop while working
 #   tools/dev.sh test          build and run every test, then every reliability gate below
+#   tools/dev.sh format [--fix]
+#                              the tracked C and C++ files against .clang-format (tools/format_check.sh,
+#                              which check and test run as the test format.tree): names the files that
+#                              differ; --fix rewrites them in place
 #   tools/dev.sh asan          the whole suite built with AddressSanitizer, UBSan and LeakSanitizer
 #   tools/dev.sh tsan          the concurrency tests built with ThreadSanitizer
 #   tools/dev.sh fuzz [SECS]   the fuzz targets (clang, libFuzzer) from their seeds, SECS each (12),
@@ -39,7 +43,7 @@ cd "$(dirname "$0")/.."
 root=$PWD
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config libxml2-dev zlib1g-dev nettle-dev
-          libjansson-dev python3 python3-pytest jq
+          libjansson-dev python3 python3-pytest jq clang-format
           libgtest-dev libgmock-dev libbenchmark-dev valgrind)
 
 # Only the benchmarks need these: the comparator's library and compiler.
@@ -211,6 +215,7 @@ case "$cmd" in
         gate_fuzz
         gate_asan # last: the output ends with the whole suite's summary
         ;;
+    format) install_missing; exec tools/format_check.sh "$@" ;;
     asan) install_missing; gate_asan ;;
     tsan) install_missing; gate_tsan ;;
     fuzz) install_missing; gate_fuzz "$@" ;;
@@ -262,7 +267,7 @@ case "$cmd" in
         echo "chart: $out/load/load.svg (docs/load-over-time.svg), tables: $out/load/load.md"
         ;;
     *)
-        echo "usage: tools/dev.sh demo|check|test|asan|tsan|fuzz|fuzz-long|bench|soak|load|mutate" >&2
+        echo "usage: tools/dev.sh demo|check|test|format|asan|tsan|fuzz|fuzz-long|bench|soak|load|mutate" >&2
         exit 2
         ;;
 esac

@@ -4,6 +4,8 @@ checkout, rebuilds incrementally, runs the suite and undoes the fault; prints wh
 each fault (or MISSED) and the kill rate per directory. The working tree is never touched.
 
     tools/mutate.py [--only SUBSTRING] [--keep DIR] [--jobs N] [--asan] [--json FILE]
+    tools/mutate.py --check     each fault whose original text is not in its file exactly once
+
 
 A fault whose fourth column is "gate: REGEX" is also run against the gate tests that REGEX names
 when the suite misses it (a fault that only makes the work grow faster than the input is seen by
@@ -44,6 +46,21 @@ def faults(path):
         out.append({"line": number, "file": parts[0], "original": parts[1], "replacement": parts[2],
                     "equivalent": equivalent, "gate": gate})
     return out
+
+
+def check(todo):
+    """Lists the faults whose original text is not in the checkout's file exactly once (an edit or a
+    reformat moved it); 1 if there is one."""
+    stale = 0
+    for f in todo:
+        path = os.path.join(ROOT, f["file"])
+        found = open(path).read().count(f["original"]) if os.path.isfile(path) else -1
+        if found != 1:
+            stale += 1
+            where = "no such file" if found < 0 else f"found {found} times"
+            print(f"tools/mutations.txt:{f['line']}: {f['file']}: {where}: {f['original']}")
+    print(f"{stale} of {len(todo)} faults stale", file=sys.stderr)
+    return 1 if stale else 0
 
 
 def run(cmd, cwd, timeout):
@@ -87,6 +104,8 @@ def main():
     ap.add_argument("--asan", action="store_true", help="build the scratch copy with AddressSanitizer and UBSan")
     ap.add_argument("--json", default="", help="also write every fault with every test that caught it here "
                     "(what a trim must keep: a test that alone catches a fault)")
+    ap.add_argument("--check", action="store_true", help="plant nothing: list the faults that would be STALE in this "
+                    "checkout (the original text not in the file exactly once) and fail if there is one")
     args = ap.parse_args()
 
     wanted = args.only.split(",")
@@ -97,6 +116,8 @@ def main():
             first, _, last = part.partition("-")
             lines.update(range(int(first), int(last or first) + 1))
         todo = [f for f in todo if f["line"] in lines]
+    if args.check:
+        sys.exit(check(todo))
     scratch = args.keep or tempfile.mkdtemp(prefix="ovrin-mutate-")
     src, build = os.path.join(scratch, "src"), os.path.join(scratch, "build-asan" if args.asan else "build")
     if not os.path.isdir(src):

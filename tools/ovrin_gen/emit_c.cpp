@@ -162,6 +162,7 @@ namespace {
 // its fields. Every other export (the _internal, _cr, _offset_*, _post_copyout_cleanup and state
 // flag forms, the variant and OID queries) is there for the runtime, the frame and the tools.
 // _print_cr and _toxml_cr are the application's text forms: they need no owner id or error slot.
+// clang-format off
 const std::set<std::string> application_ops = {
     "create",  "destroy", "sizeof",   "len",   "marshal",  "adjust_variant", "unmarshal", "clone",
     "compare", "hash",    "print",    "print_cr", "to_xml", "toxml_cr",      "from_xml",  "set", "to_json", "from_json",
@@ -169,6 +170,7 @@ const std::set<std::string> application_ops = {
 const std::set<std::string> application_field_ops = {"get",     "set",        "get_value",        "set_value",
                                                      "get_mem", "set_mem",    "length_get",       "length_get_value",
                                                      "remove_elements", "get_detach"};
+// clang-format on
 
 bool for_application(const Wrapper &w) {
     return w.field ? application_field_ops.count(w.op) != 0 : application_ops.count(w.op) != 0;
@@ -328,10 +330,12 @@ std::string emit_public_ops(const Catalogue &c) {
     s += c_prologue;
     // In the order a program goes through them: lifecycle, copy, encoding, text; then each field's
     // accessors together, in field order.
+    // clang-format off
     static const std::vector<std::string> order = {
         "create", "destroy", "set", "clone", "compare", "hash", "sizeof", "get_value", "set_value", "get_all", "set_all",
         "map_to_user_value", "map_to_internal_value", "len", "marshal", "adjust_variant", "unmarshal", "print_cr",
         "toxml_cr", "print", "to_xml", "from_xml", "to_json", "from_json"};
+    // clang-format on
     auto rank = [&](const Type &t, const Wrapper &w) {
         if (w.field) return order.size() + static_cast<size_t>(w.field - t.fields.data());
         return static_cast<size_t>(std::find(order.begin(), order.end(), w.op) - order.begin());
