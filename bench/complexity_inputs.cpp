@@ -12,8 +12,8 @@
 
 #include "bench/content.h"
 #include "bench/ours.h"
-#include "ovrin_sm/ops.h"
 #include "formats/trace_format.h"
+#include "ovrin_sm/ops.h"
 #include "tests/elf_write.h"
 
 namespace complexity {
@@ -23,8 +23,8 @@ namespace {
 using bench::kLuid;
 using Bytes = std::vector<uint8_t>;
 
-using Records = sess_mgr_sess_attr_query_resp; // n entries of a label and 4 attributes
-using Attrs = sess_mgr_query_resp;             // one label and n attributes
+using Records = sess_mgr_sess_attr_query_resp;       // n entries of a label and 4 attributes
+using Attrs = sess_mgr_query_resp;                   // one label and n attributes
 using Names = ovrin_svm_epm_notify_domain_name_bind; // n domain names
 
 const auto kRecords = OVRIN_BENCH_OPS(sess_mgr_sess_attr_query_resp);
@@ -99,7 +99,8 @@ template <class Write> std::string whole_text(Write write) {
 }
 
 template <class T> std::string xml_of(const bench::Ops<T> &ops, mgx_handle_t *h, const T *t) {
-    return whole_text([&](char *out, uint32_t size, uint32_t *err) { return ops.to_xml(h, kLuid, ops.name, out, t, size, 0, err); });
+    return whole_text(
+        [&](char *out, uint32_t size, uint32_t *err) { return ops.to_xml(h, kLuid, ops.name, out, t, size, 0, err); });
 }
 
 // ------------------------------------------------------------------ library channels
@@ -107,7 +108,8 @@ template <class T> std::string xml_of(const bench::Ops<T> &ops, mgx_handle_t *h,
 // A built instance of size n that the work owns.
 template <class T> class WithMessage : public Work {
 public:
-    WithMessage(const bench::Ops<T> &ops, mgx_handle_t *h, size_t n) : ops(ops), h(h), msg(make(h, n, static_cast<const T *>(nullptr))) {
+    WithMessage(const bench::Ops<T> &ops, mgx_handle_t *h, size_t n)
+        : ops(ops), h(h), msg(make(h, n, static_cast<const T *>(nullptr))) {
         if (!msg) fail("cannot build the message");
     }
     ~WithMessage() override {
@@ -173,14 +175,13 @@ std::unique_ptr<Work> simple(mgx_handle_t *h, size_t n, RecordsOp::Op op) {
     if (!w->msg) return w;
     uint32_t err = 0;
     w->wire = encode(kRecords, h, w->msg, &err);
-    size_t text = std::max(xml_of(kRecords, h, w->msg).size(),
-                           whole_text([&](char *out, uint32_t size, uint32_t *e) {
-                               return kRecords.print(h, kLuid, out, 0, kRecords.name, w->msg, size, e);
-                           }).size());
+    size_t text = std::max(xml_of(kRecords, h, w->msg).size(), whole_text([&](char *out, uint32_t size, uint32_t *e) {
+                                                                   return kRecords.print(h, kLuid, out, 0, kRecords.name, w->msg,
+                                                                                         size, e);
+                                                               }).size());
     w->text.resize(text + 4096);
     w->other = w->fresh();
-    if (w->other)
-        kRecords.unmarshal(h, kLuid, w->wire.data(), w->other, static_cast<int32_t>(w->wire.size()), 0, &err);
+    if (w->other) kRecords.unmarshal(h, kLuid, w->wire.data(), w->other, static_cast<int32_t>(w->wire.size()), 0, &err);
     w->check(err, "preparing");
     return w;
 }
@@ -311,8 +312,9 @@ public:
         if (t) ops.adjust_variant(h, kLuid, t, &err);
         ovrin_json_error e{};
         if (!err) err = ops.from_json(h, kLuid, json.data(), json.size(), t, flags, &e);
-        if (err) fail("from_json failed: error " + std::to_string(err) + " " + (e.text ? e.text : "") + " at " +
-                      (e.pointer ? e.pointer : "?"));
+        if (err)
+            fail("from_json failed: error " + std::to_string(err) + " " + (e.text ? e.text : "") + " at " +
+                 (e.pointer ? e.pointer : "?"));
         ovrin_json_error_free(&e);
         if (t) ops.destroy(h, kLuid, t);
     }
@@ -365,8 +367,8 @@ std::string nested(size_t n) {
     return "{\"conn_hdl\":1,\"deep\":" + std::string(arrays, '[') + std::string(arrays, ']') + (arrays ? "}" : "0}");
 }
 
-template <class T> std::unique_ptr<Work> from_json_text(const bench::Ops<T> &ops, mgx_handle_t *h, std::string json,
-                                                        uint32_t flags = 0) {
+template <class T>
+std::unique_ptr<Work> from_json_text(const bench::Ops<T> &ops, mgx_handle_t *h, std::string json, uint32_t flags = 0) {
     return std::make_unique<FromJson<T>>(ops, h, std::move(json), flags);
 }
 
@@ -509,8 +511,7 @@ bool write_trace_library(const std::string &dir, size_t n, uint32_t &crc, std::s
 
 // A trace of n table records, each followed by one emission through it. spelling(i) names the
 // library path of record i, crc(i) its texts checksum.
-template <class Spelling, class Crc>
-std::string trace_file(size_t n, Spelling spelling, Crc crc) {
+template <class Spelling, class Crc> std::string trace_file(size_t n, Spelling spelling, Crc crc) {
     namespace fmt = mgx::tracefmt;
     std::string out = fmt::file_header();
     for (size_t i = 0; i < n; ++i) {
@@ -546,8 +547,8 @@ bool write_trace_spellings(const std::string &dir, size_t n, ToolRun &run, std::
             return false;
         }
     }
-    std::string trace = trace_file(n, [&](size_t i) { return dir + "/l" + std::to_string(i) + ".so"; },
-                                   [&](size_t) { return crc; });
+    std::string trace = trace_file(
+        n, [&](size_t i) { return dir + "/l" + std::to_string(i) + ".so"; }, [&](size_t) { return crc; });
     run = {{"trace", dir + "/run.trc"}, 0};
     return write_file(dir + "/run.trc", trace, error);
 }
@@ -557,8 +558,8 @@ bool write_trace_spellings(const std::string &dir, size_t n, ToolRun &run, std::
 bool write_trace_checksums(const std::string &dir, size_t n, ToolRun &run, std::string &error) {
     uint32_t crc = 0;
     if (!write_trace_library(dir, n, crc, error)) return false;
-    std::string trace = trace_file(n, [&](size_t) { return dir + "/lib.so"; },
-                                   [&](size_t i) { return crc + 1 + u32(i); });
+    std::string trace = trace_file(
+        n, [&](size_t) { return dir + "/lib.so"; }, [&](size_t i) { return crc + 1 + u32(i); });
     run = {{"trace", dir + "/run.trc"}, 0};
     return write_file(dir + "/run.trc", trace, error);
 }
@@ -621,7 +622,8 @@ bool write_compat(const std::string &dir, size_t n, ToolRun &run, std::string &e
 
 const std::vector<ToolChannel> &tool_channels() {
     static const std::vector<ToolChannel> channels = {
-        {"tool.check", "encode (strict check) of a document with n distinct unknown element names (a document may hold 10,000 names)",
+        {"tool.check",
+         "encode (strict check) of a document with n distinct unknown element names (a document may hold 10,000 names)",
          write_check},
         {"tool.encode", "encode (strict check, then the library's reading) of n <resp_array> records", write_encode},
         {"tool.decode_print", "decode to the print form of a message of n attributes", write_decode_print},

@@ -46,8 +46,17 @@ const Medium &medium() {
         x.trusted = 1;
         x.proximity = 0;
         x.encap_type = SM_WIRELESS_ACCESS;
-        x.dot11 = Dot11{{0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e}, {0x00, 0x1a, 0x2b, 0x00, 0x00, 0x01}, station(1), 1, 3, 17,
-                        120, 121, {0x00, 0x0f, 0xac}, 0x888e, 0x40};
+        x.dot11 = Dot11{{0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e},
+                        {0x00, 0x1a, 0x2b, 0x00, 0x00, 0x01},
+                        station(1),
+                        1,
+                        3,
+                        17,
+                        120,
+                        121,
+                        {0x00, 0x0f, 0xac},
+                        0x888e,
+                        0x40};
         x.client_name = "dot1x-wlan-client";
         return x;
     }();
@@ -83,7 +92,8 @@ const Large &large() {
         p.wlclient_num = 1;
         static const char *const hosts[] = {"intranet", "mail", "wiki", "git", "jira", "sso", "vpn", "files"};
         for (uint32_t i = 0; i < 16; ++i)
-            p.domain_names.push_back({uint8_t(i % 3 != 2), std::string(hosts[i % 8]) + (i < 8 ? ".corp.example" : ".eu.corp.example")});
+            p.domain_names.push_back(
+                {uint8_t(i % 3 != 2), std::string(hosts[i % 8]) + (i < 8 ? ".corp.example" : ".eu.corp.example")});
         p.rates = {50000, 20000, 80000, 30000, 10000, 5000, 15000, 7000};
         return x;
     }();

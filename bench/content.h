@@ -82,8 +82,8 @@ struct Bulk {
 };
 
 const Small &small();
-const Medium &medium();   // 8 identity attributes
-const Large &large();     // 16 domain names
+const Medium &medium();           // 8 identity attributes
+const Large &large();             // 16 domain names
 const Bulk &bulk(size_t entries); // entries of 4 attributes each; kept per count
 
 } // namespace bench

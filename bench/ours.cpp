@@ -40,8 +40,7 @@ ovrin_smd_in_event *build(mgx_handle_t *h, const Medium &c) {
     uint32_t *e = &err;
     if (!err) {
         sess_mgr_conn_hdl_conn_hdl_set_value(h, kLuid, sess_mgr_session_start_hdl_get(h, kLuid, s, e), c.conn_hdl, e);
-        sess_mgr_client_hdl_client_hdl_set_value(h, kLuid, sess_mgr_session_start_cl_hdl_get(h, kLuid, s, e),
-                                                 c.client_hdl, e);
+        sess_mgr_client_hdl_client_hdl_set_value(h, kLuid, sess_mgr_session_start_cl_hdl_get(h, kLuid, s, e), c.client_hdl, e);
         attrs(h, sess_mgr_session_start_identity_attrs_get(h, kLuid, s, e), c.identity, e);
         sess_mgr_extended_params *x = sess_mgr_session_start_ext_params_get(h, kLuid, s, e);
         sess_mgr_extended_params_trusted_set_value(h, kLuid, x, c.trusted, e);
@@ -63,8 +62,8 @@ ovrin_smd_in_event *build(mgx_handle_t *h, const Medium &c) {
         // union takes the member instance over.
         sess_mgr_extended_params_dot11_param_set(h, kLuid, x, d, e);
         if (!err) d = nullptr;
-        sess_mgr_client_name_client_name_set(h, kLuid, sess_mgr_session_start_cl_name_get(h, kLuid, s, e),
-                                             c.client_name.c_str(), size(c.client_name), e);
+        sess_mgr_client_name_client_name_set(h, kLuid, sess_mgr_session_start_cl_name_get(h, kLuid, s, e), c.client_name.c_str(),
+                                             size(c.client_name), e);
         ovrin_smd_in_event_start_client_set(h, kLuid, ev, s, e);
         if (!err) s = nullptr;
     }
@@ -79,21 +78,19 @@ ovrin_smd_resp_event *build(mgx_handle_t *h, const Large &c) {
     sess_mgr_authc_result_notif *a = sess_mgr_authc_result_notif_create(h, kLuid);
     if (!ev || !a) err = MGX_ENOMEM;
     if (!err) {
-        sess_mgr_conn_hdl_conn_hdl_set_value(h, kLuid, ovrin_smd_resp_event_rcl_conn_hdl_get(h, kLuid, ev, e),
-                                             c.conn_hdl, e);
+        sess_mgr_conn_hdl_conn_hdl_set_value(h, kLuid, ovrin_smd_resp_event_rcl_conn_hdl_get(h, kLuid, ev, e), c.conn_hdl, e);
         ovrin_smd_resp_event_session_type_set_value(h, kLuid, ev, c.session_type, e);
-        sess_mgr_session_label_session_label_set_value(h, kLuid, sess_mgr_authc_result_notif_label_get(h, kLuid, a, e),
-                                                       c.label, e);
-        sess_mgr_client_hdl_client_hdl_set_value(h, kLuid, sess_mgr_authc_result_notif_cl_hdl_get(h, kLuid, a, e),
-                                                 c.client_hdl, e);
+        sess_mgr_session_label_session_label_set_value(h, kLuid, sess_mgr_authc_result_notif_label_get(h, kLuid, a, e), c.label,
+                                                       e);
+        sess_mgr_client_hdl_client_hdl_set_value(h, kLuid, sess_mgr_authc_result_notif_cl_hdl_get(h, kLuid, a, e), c.client_hdl,
+                                                 e);
         sess_mgr_authc_result_notif_authc_result_set_value(h, kLuid, a, c.authc_result, e);
         attrs(h, sess_mgr_authc_result_notif_identity_get(h, kLuid, a, e), c.identity, e);
         const Policy &q = c.policy;
         ovrin_epm_bind_policy_info *p = sess_mgr_authc_result_notif_policy_result_get(h, kLuid, a, e);
         const mgx_mac_addr pmac = mac(q.mac), dmac = mac(q.dn_mac);
         ovrin_epm_bind_policy_info_mac_set(h, kLuid, p, &pmac, e);
-        ovrin_bind_policy_fail_type_set_value(h, kLuid, ovrin_epm_bind_policy_info_fail_type_get(h, kLuid, p, e),
-                                              q.fail_type, e);
+        ovrin_bind_policy_fail_type_set_value(h, kLuid, ovrin_epm_bind_policy_info_fail_type_get(h, kLuid, p, e), q.fail_type, e);
         ovrin_epm_bind_policy_info_if_num_set_value(h, kLuid, p, q.if_num, e);
         ovrin_epm_bind_policy_info_template_name_set(h, kLuid, p, q.template_name.c_str(), size(q.template_name), e);
         ovrin_epm_bind_policy_info_vlan_set_value(h, kLuid, p, q.vlan, e);

@@ -38,10 +38,10 @@ template <class T> struct Ops {
     uint32_t (*from_json)(mgx_handle_t *, uint32_t, const char *, size_t, T *, uint32_t, ovrin_json_error *);
 };
 
-#define OVRIN_BENCH_OPS(t)                                                                                        \
-    ::bench::Ops<t> {                                                                                           \
-        #t, t##_create, t##_destroy, t##_adjust_variant, t##_len, t##_marshal, t##_unmarshal, t##_clone,        \
-            t##_compare, t##_hash, t##_to_xml, t##_from_xml, t##_print, t##_to_json, t##_from_json                \
+#define OVRIN_BENCH_OPS(t)                                                                                                       \
+    ::bench::Ops<t> {                                                                                                            \
+#t, t##_create, t##_destroy, t##_adjust_variant, t##_len, t##_marshal, t##_unmarshal, t##_clone, t##_compare, t##_hash,  \
+            t##_to_xml, t##_from_xml, t##_print, t##_to_json, t##_from_json                                                      \
     }
 
 } // namespace bench

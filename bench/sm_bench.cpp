@@ -43,7 +43,6 @@ namespace {
 
 using namespace bench;
 
-
 constexpr size_t kTextSize = 1u << 20;
 
 // Allocations over a benchmark's timed loop, reported per operation.
@@ -199,8 +198,7 @@ template <class T, class C> void register_ours(const std::string &label, const O
             AllocationCount count(m.h);
             for (auto _ : state) {
                 uint32_t err = 0;
-                benchmark::DoNotOptimize(
-                    m.ops.to_xml(m.h, kLuid, m.ops.name, text.data(), m.msg, kTextSize, 0, &err));
+                benchmark::DoNotOptimize(m.ops.to_xml(m.h, kLuid, m.ops.name, text.data(), m.msg, kTextSize, 0, &err));
             }
             m.finish(state, count);
         }));
@@ -365,11 +363,9 @@ template <class P, class C> void register_comparator(const std::string &label, c
             P t;
             t.ParseFromArray(m.wire.data(), static_cast<int>(m.wire.size()));
             AllocationCount count;
-            for (auto _ : state)
-                benchmark::DoNotOptimize(t.ParseFromArray(m.wire.data(), static_cast<int>(m.wire.size())));
+            for (auto _ : state) benchmark::DoNotOptimize(t.ParseFromArray(m.wire.data(), static_cast<int>(m.wire.size())));
             m.finish(state, count);
-            if (!google::protobuf::util::MessageDifferencer::Equals(t, m.msg))
-                state.SkipWithError("the reused message differs");
+            if (!google::protobuf::util::MessageDifferencer::Equals(t, m.msg)) state.SkipWithError("the reused message differs");
         }));
     add(base + "parse_arena", run([](benchmark::State &state, Theirs<P> &m) {
             // An arena that starts in a block of its own keeps it across resets: no allocation.
@@ -398,8 +394,7 @@ template <class P, class C> void register_comparator(const std::string &label, c
             P other;
             other.ParseFromArray(m.wire.data(), static_cast<int>(m.wire.size()));
             AllocationCount count;
-            for (auto _ : state)
-                benchmark::DoNotOptimize(google::protobuf::util::MessageDifferencer::Equals(m.msg, other));
+            for (auto _ : state) benchmark::DoNotOptimize(google::protobuf::util::MessageDifferencer::Equals(m.msg, other));
             m.finish(state, count);
         }));
     add(base + "to_json", run([](benchmark::State &state, Theirs<P> &m) {

@@ -66,8 +66,7 @@ bool round_trip(mgx_handle_t *h, std::vector<uint8_t> &wire, long n) {
     }
     const uint32_t length = ovrin_smd_in_event_len(h, kLuid, sent);
     if (wire.size() < length) wire.resize(length);
-    const uint32_t written =
-        ovrin_smd_in_event_marshal(h, kLuid, wire.data(), sent, static_cast<int32_t>(length), &err);
+    const uint32_t written = ovrin_smd_in_event_marshal(h, kLuid, wire.data(), sent, static_cast<int32_t>(length), &err);
     ovrin_smd_in_event *received = ovrin_smd_in_event_create(h, kLuid);
     uint32_t used = 0;
     if (received) {
@@ -119,9 +118,8 @@ int main(int argc, char **argv) {
                 break;
             }
             samples.push_back(m);
-            std::printf("memory: library after %ld round trips: rss %ld KiB, peak %ld KiB, live allocations %" PRIu64
-                        "\n",
-                        n, m.rss, m.peak, mgx_handle_live_allocations(h));
+            std::printf("memory: library after %ld round trips: rss %ld KiB, peak %ld KiB, live allocations %" PRIu64 "\n", n,
+                        m.rss, m.peak, mgx_handle_live_allocations(h));
             std::fflush(stdout);
             if (m.rss - samples.front().rss > tolerance) break; // a leak: no need to fill the machine
         }

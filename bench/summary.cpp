@@ -46,7 +46,8 @@ void SummaryReporter::ReportRuns(const std::vector<Run> &runs) {
         if (median && run.aggregate_name != "median") continue;
         Result &r = results_[run.run_name.function_name];
         if (r.median && !median) continue;
-        r = Result{nanoseconds(run), counter(run, "bytes"), counter(run, "rt_allocs"), counter(run, "heap_allocs"),
+        r = Result{nanoseconds(run),           counter(run, "bytes"),
+                   counter(run, "rt_allocs"),  counter(run, "heap_allocs"),
                    counter(run, "text_bytes"), median};
     }
 }
@@ -93,10 +94,10 @@ void SummaryReporter::print_summary(std::FILE *out) const {
         if (allocs(o + "marshal") != 0) encode_alloc_ok = false;
         std::fprintf(out, "| %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s |\n", m,
                      num(bytes(o + "marshal")).c_str(), num(bytes(p + "serialize")).c_str(), num(mar, "%.1f").c_str(),
-                     num(rate(mar), "%.3g").c_str(), num(ser, "%.1f").c_str(), ratio(r).c_str(),
-                     num(len + mar, "%.1f").c_str(), num(size + ser, "%.1f").c_str(),
-                     ratio((size + ser) / (len + mar)).c_str(), num(copy, "%.1f").c_str(), ratio(floor).c_str(),
-                     num(allocs(o + "marshal"), "%.2f").c_str(), num(allocs(p + "serialize"), "%.2f").c_str());
+                     num(rate(mar), "%.3g").c_str(), num(ser, "%.1f").c_str(), ratio(r).c_str(), num(len + mar, "%.1f").c_str(),
+                     num(size + ser, "%.1f").c_str(), ratio((size + ser) / (len + mar)).c_str(), num(copy, "%.1f").c_str(),
+                     ratio(floor).c_str(), num(allocs(o + "marshal"), "%.2f").c_str(),
+                     num(allocs(p + "serialize"), "%.2f").c_str());
     }
 
     std::fprintf(out, "\n### Decode\n\n| message | unmarshal new ns | msg/s | parse new ns | ratio | parse arena ns "
@@ -110,17 +111,17 @@ void SummaryReporter::print_summary(std::FILE *out) const {
             if (!std::isnan(r) && r < 2) decode_ok = false;
         if (allocs(o + "unmarshal_reuse") != 0) reuse_alloc_ok = false;
         std::fprintf(out, "| %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s / %s | %s / %s / %s |\n", m,
-                     num(un, "%.1f").c_str(), num(rate(un), "%.3g").c_str(), num(pn, "%.1f").c_str(),
-                     ratio(pn / un).c_str(), num(pa, "%.1f").c_str(), ratio(pa / un).c_str(), num(ur, "%.1f").c_str(),
-                     num(pr, "%.1f").c_str(), ratio(pr / ur).c_str(), num(allocs(o + "unmarshal_new"), "%.2f").c_str(),
+                     num(un, "%.1f").c_str(), num(rate(un), "%.3g").c_str(), num(pn, "%.1f").c_str(), ratio(pn / un).c_str(),
+                     num(pa, "%.1f").c_str(), ratio(pa / un).c_str(), num(ur, "%.1f").c_str(), num(pr, "%.1f").c_str(),
+                     ratio(pr / ur).c_str(), num(allocs(o + "unmarshal_new"), "%.2f").c_str(),
                      num(allocs(o + "unmarshal_reuse"), "%.2f").c_str(), num(allocs(p + "parse_new"), "%.2f").c_str(),
                      num(allocs(p + "parse_arena"), "%.2f").c_str(), num(allocs(p + "parse_reuse"), "%.2f").c_str());
     }
 
-    static const char *const kPairs[][2] = {{"len", "byte_size"},  {"clone", "copy"},     {"compare", "equals"},
-                                            {"hash", nullptr},     {"to_xml", "to_json"}, {"from_xml", "from_json"},
-                                            {"to_json", "to_json"}, {"from_json", "from_json"},
-                                            {"print", "debug_string"}, {"build", "build"}};
+    static const char *const kPairs[][2] = {{"len", "byte_size"},   {"clone", "copy"},          {"compare", "equals"},
+                                            {"hash", nullptr},      {"to_xml", "to_json"},      {"from_xml", "from_json"},
+                                            {"to_json", "to_json"}, {"from_json", "from_json"}, {"print", "debug_string"},
+                                            {"build", "build"}};
     std::fprintf(out, "\n### Other operations\n\nfrom_xml includes parsing the document; build is create, fill "
                       "from the shared content, and destroy.\n\n| message | op | ns | allocs | comparator op | ns "
                       "| allocs | ratio |\n|---|---|---|---|---|---|---|---|\n");
@@ -137,7 +138,8 @@ void SummaryReporter::print_summary(std::FILE *out) const {
     std::fprintf(out, "\n### JSON\n\nEach side's own JSON text of the same message: written into a new block, "
                       "and read into a new instance (ours: created, read, destroyed). Ratios are the comparator's "
                       "time over ours. Our text's block comes from malloc (one block, grown by realloc past "
-                      "4 KiB), which the allocation counts do not see.\n\n| message | text bytes ours | text bytes pb | to_json ns | pb ns | ratio "
+                      "4 KiB), which the allocation counts do not see.\n\n| message | text bytes ours | text bytes pb | to_json "
+                      "ns | pb ns | ratio "
                       "| from_json ns | pb ns | ratio | allocs ours to / from | allocs pb to / from |\n"
                       "|---|---|---|---|---|---|---|---|---|---|---|\n");
     for (const char *m : kMessages) {
@@ -158,12 +160,11 @@ void SummaryReporter::print_summary(std::FILE *out) const {
                       "bulk1) / 63; linear when bulk64 <= 64 x bulk1 + a constant, i.e. per entry <= bulk1.\n\n"
                       "| op | bulk1 ns | bulk64 ns | bulk64 / bulk1 | per entry ns | per entry / bulk1 |\n"
                       "|---|---|---|---|---|---|\n");
-    for (const char *op : {"len", "marshal", "unmarshal_new", "unmarshal_reuse", "clone", "compare", "hash", "to_xml",
-                           "from_xml", "to_json", "from_json", "print", "build"}) {
+    for (const char *op : {"len", "marshal", "unmarshal_new", "unmarshal_reuse", "clone", "compare", "hash", "to_xml", "from_xml",
+                           "to_json", "from_json", "print", "build"}) {
         double one = ns(std::string("ours/bulk1/") + op), many = ns(std::string("ours/bulk64/") + op);
         double per = (many - one) / 63;
-        if (!(per <= one) && (std::string(op) == "marshal" || std::string(op).rfind("unmarshal", 0) == 0))
-            linear_ok = false;
+        if (!(per <= one) && (std::string(op) == "marshal" || std::string(op).rfind("unmarshal", 0) == 0)) linear_ok = false;
         std::fprintf(out, "| %s | %s | %s | %s | %s | %s |\n", op, num(one, "%.1f").c_str(), num(many, "%.1f").c_str(),
                      ratio(many / one).c_str(), num(per, "%.1f").c_str(), ratio(per / one).c_str());
     }

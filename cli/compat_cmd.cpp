@@ -23,7 +23,8 @@ namespace {
 using namespace ovrin::cli;
 
 const Command compat_command = {
-    "compat", "OLD NEW",
+    "compat",
+    "OLD NEW",
     "Compares two catalogues and lists every change to the types with its verdict. Each is a\n"
     "catalogue file (.types) or a library file, which holds the catalogue it was built from.\n"
     "The verdicts:\n"
@@ -66,9 +67,9 @@ void enumeration(const gen::Type &a, const gen::Type &b, Report &r) {
             r.say(true, where, "removed");
         } else {
             if (it->second->user != l.user || it->second->wire != l.wire)
-                r.say(true, where, "renumbered from " + std::to_string(l.user) + " (wire " + std::to_string(l.wire) +
-                                       ") to " + std::to_string(it->second->user) + " (wire " +
-                                       std::to_string(it->second->wire) + ")");
+                r.say(true, where,
+                      "renumbered from " + std::to_string(l.user) + " (wire " + std::to_string(l.wire) + ") to " +
+                          std::to_string(it->second->user) + " (wire " + std::to_string(it->second->wire) + ")");
             now.erase(it);
         }
     }
@@ -99,20 +100,19 @@ void composite(const gen::Type &a, const gen::Type &b, Report &r) {
             }
             if (position_in(a, g.name) < 0) r.say(true, a.name + "." + g.name, "inserted before " + f.name);
             else if (position_in(b, f.name) < 0) r.say(true, where, "removed");
-            else r.say(true, where, "moved from position " + std::to_string(i + 1) + " to " +
-                                        std::to_string(position_in(b, f.name) + 1));
+            else
+                r.say(true, where,
+                      "moved from position " + std::to_string(i + 1) + " to " + std::to_string(position_in(b, f.name) + 1));
             return;
         }
-        if (declared(a, f) != declared(b, g))
-            r.say(true, where, "was " + declared(a, f) + ", now " + declared(b, g));
+        if (declared(a, f) != declared(b, g)) r.say(true, where, "was " + declared(a, f) + ", now " + declared(b, g));
         if (f.from != g.from)
             r.say(true, where, "was in variant " + std::to_string(f.from) + " on, now in " + std::to_string(g.from) + " on");
     }
     for (size_t i = n; i < a.fields.size(); ++i) r.say(true, a.name + "." + a.fields[i].name, "removed");
     for (size_t i = n; i < b.fields.size(); ++i) {
         const gen::Field &g = b.fields[i];
-        if (g.from >= a.n_variants)
-            r.say(false, b.name + "." + g.name, "added at the end in variant " + std::to_string(g.from));
+        if (g.from >= a.n_variants) r.say(false, b.name + "." + g.name, "added at the end in variant " + std::to_string(g.from));
         else
             r.say(true, b.name + "." + g.name,
                   "added at the end in variant " + std::to_string(g.from) + ", which " + a.name +
@@ -133,14 +133,15 @@ std::optional<gen::Catalogue> load(const char *path) {
         std::fprintf(stderr, "ovrin-sm: %s\n", error.c_str());
         return std::nullopt;
     }
-    if (bytes.size() >= 4 && std::memcmp(bytes.data(), "\x7f" "ELF", 4) == 0) {
+    if (bytes.size() >= 4 && std::memcmp(bytes.data(), "\177ELF", 4) == 0) {
         auto file = mgx::elf::parse(std::move(bytes), path, error);
         const mgx::elf::Section *section = nullptr;
         if (file)
             for (const mgx::elf::Section &s : file->sections)
                 if (s.name.size() > 10 && s.name[0] == '.' && s.name.ends_with("_catalogue")) section = &s;
         if (!section) {
-            std::fprintf(stderr, "ovrin-sm: %s\n", file ? (std::string(path) + " holds no catalogue section").c_str() : error.c_str());
+            std::fprintf(stderr, "ovrin-sm: %s\n",
+                         file ? (std::string(path) + " holds no catalogue section").c_str() : error.c_str());
             return std::nullopt;
         }
         bytes = file->contents(*section);

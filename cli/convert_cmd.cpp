@@ -28,7 +28,8 @@ using namespace ovrin::cli;
 enum { opt_hex = 256, opt_xml, opt_json, opt_pretty, opt_tracked, opt_lenient, opt_allow_trailing };
 
 const Command decode_command = {
-    "decode", "TYPE [FILE] [--hex] [--xml | --json] [--pretty] [--tracked] [--allow-trailing]",
+    "decode",
+    "TYPE [FILE] [--hex] [--xml | --json] [--pretty] [--tracked] [--allow-trailing]",
     "Decodes wire bytes of TYPE from FILE (standard input when FILE is absent or '-') and writes the\n"
     "instance in the print form. 'ovrin-sm types' lists the types.\n"
     "\n"
@@ -39,12 +40,13 @@ const Command decode_command = {
     "                        spaces a level (JSON as 'jq .' prints it)\n"
     "  --tracked             decode on a handle that tracks state, as a tracking receiver does\n"
     "  --allow-trailing      bytes after the message are not an error (they are counted on standard error)\n",
-    {flag("hex", opt_hex), flag("xml", opt_xml), flag("json", opt_json), flag("pretty", opt_pretty),
-     flag("tracked", opt_tracked), flag("allow-trailing", opt_allow_trailing)},
+    {flag("hex", opt_hex), flag("xml", opt_xml), flag("json", opt_json), flag("pretty", opt_pretty), flag("tracked", opt_tracked),
+     flag("allow-trailing", opt_allow_trailing)},
 };
 
 const Command encode_command = {
-    "encode", "TYPE [FILE] [--json] [--hex] [--tracked] [--lenient]",
+    "encode",
+    "TYPE [FILE] [--json] [--hex] [--tracked] [--lenient]",
     "Reads a document of TYPE from FILE (standard input when FILE is absent or '-') and writes the\n"
     "instance's wire bytes. The document is JSON when it starts as JSON does ('{', or '\"' for an\n"
     "enumeration), and otherwise XML whose root element is TYPE. It is read strictly: an unknown\n"
@@ -202,8 +204,8 @@ std::string json_hint(const std::string &pointer, const std::string &what) {
 
 // Reads the JSON document into instance (made on h): true, or false having said what is wrong,
 // where (file:line:column and the JSON pointer) and whether --lenient would read it.
-bool read_json(const Options &o, const ovrin_sm_type_ops &ops, const std::string &where,
-               const std::vector<uint8_t> &input, mgx_handle_t *h, void *instance) {
+bool read_json(const Options &o, const ovrin_sm_type_ops &ops, const std::string &where, const std::vector<uint8_t> &input,
+               mgx_handle_t *h, void *instance) {
     const std::string_view text(reinterpret_cast<const char *>(input.data()), input.size());
     const uint32_t flags = o.lenient ? OVRIN_JSON_LENIENT : 0u;
     ovrin_json_error e{};
@@ -257,8 +259,7 @@ bool read_xml(const Options &o, const ovrin_sm_type_ops &ops, const std::string 
             std::fprintf(stderr, "%s:%d:%d: not a well-formed XML document: %s\n", where.c_str(), line, column, why + at);
         else if (at = 0, std::sscanf(why, "line %d: %n", &line, &at) == 1 && at > 0) // past one of the limits
             std::fprintf(stderr, "%s:%d: cannot read it as an XML document: %s\n", where.c_str(), line, why + at);
-        else
-            std::fprintf(stderr, "ovrin-sm: cannot read %s as an XML document: %s\n", where.c_str(), why);
+        else std::fprintf(stderr, "ovrin-sm: cannot read %s as an XML document: %s\n", where.c_str(), why);
         return false;
     }
     // The input is not needed any more: the document is all that is read from here on.
@@ -267,8 +268,7 @@ bool read_xml(const Options &o, const ovrin_sm_type_ops &ops, const std::string 
     std::string root = root_name(doc);
     if (root != o.type) {
         mgx_xml_document_free(doc);
-        std::fprintf(stderr, "ovrin-sm: the root element is <%s>; a %s document has <%s>\n", root.c_str(), o.type,
-                     o.type);
+        std::fprintf(stderr, "ovrin-sm: the root element is <%s>; a %s document has <%s>\n", root.c_str(), o.type, o.type);
         return false;
     }
     if (!o.lenient) {
@@ -283,8 +283,7 @@ bool read_xml(const Options &o, const ovrin_sm_type_ops &ops, const std::string 
         if (found.count > shown) std::fprintf(stderr, "ovrin-sm: and %zu more\n", found.count - shown);
         if (found.count) {
             mgx_xml_document_free(doc);
-            std::fprintf(stderr, "ovrin-sm: the document does not hold a %s as written (--lenient reads it anyway)\n",
-                         o.type);
+            std::fprintf(stderr, "ovrin-sm: the document does not hold a %s as written (--lenient reads it anyway)\n", o.type);
             return false;
         }
     }
@@ -294,8 +293,8 @@ bool read_xml(const Options &o, const ovrin_sm_type_ops &ops, const std::string 
     ops.from_xml(h, 1, path.c_str(), doc, instance, &err, message.data(), static_cast<uint32_t>(message.size()));
     mgx_xml_document_free(doc);
     if (err)
-        std::fprintf(stderr, "ovrin-sm: the document does not hold a %s: error %u (%s)%s%s\n", o.type, err,
-                     mgx_strerror(err), message[0] ? ": " : "", message.data());
+        std::fprintf(stderr, "ovrin-sm: the document does not hold a %s: error %u (%s)%s%s\n", o.type, err, mgx_strerror(err),
+                     message[0] ? ": " : "", message.data());
     return !err;
 }
 
@@ -320,8 +319,8 @@ int ovrin_cmd_decode(int argc, char **argv) {
     uint32_t used = ops->unmarshal(s.h, 1, bytes.data(), instance, static_cast<int32_t>(bytes.size()), 0, &err);
     int status = exit_ok;
     if (err) {
-        std::fprintf(stderr, "ovrin-sm: %zu bytes do not decode as %s: error %u (%s) after %u bytes\n", bytes.size(),
-                     o.type, err, mgx_strerror(err), used);
+        std::fprintf(stderr, "ovrin-sm: %zu bytes do not decode as %s: error %u (%s) after %u bytes\n", bytes.size(), o.type, err,
+                     mgx_strerror(err), used);
         if (!o.hex && looks_hex(bytes))
             std::fprintf(stderr, "ovrin-sm: the input looks like hexadecimal text: add --hex to read it so\n");
         status = exit_failure;

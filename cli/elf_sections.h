@@ -30,7 +30,8 @@ inline bool manifest_records(const std::vector<uint8_t> &section, std::vector<Ma
         if (length > section.size() - pos) return false;
         ManifestRecord r;
         r.kind = kind;
-        r.text = detail::string_at({section.begin() + static_cast<long>(pos), section.begin() + static_cast<long>(pos + length)}, 0);
+        r.text = detail::string_at({section.begin() + static_cast<long>(pos), section.begin() + static_cast<long>(pos + length)},
+                                   0);
         out.push_back(std::move(r));
         pos = (pos + length + 3) / 4 * 4;
     }

@@ -22,8 +22,8 @@ std::string size_text(size_t bytes) {
 
 // Reads fd to its end into out, starting with room for expected bytes and growing to at most
 // limit + 1, which tells an input over the limit without holding more of it.
-bool read_bounded(int fd, const std::string &name, size_t expected, size_t limit, const char *what,
-                  std::vector<uint8_t> &out, std::string &error) try {
+bool read_bounded(int fd, const std::string &name, size_t expected, size_t limit, const char *what, std::vector<uint8_t> &out,
+                  std::string &error) try {
     size_t got = 0;
     out.resize(std::min(expected, limit) + 1);
     for (;;) {
@@ -62,8 +62,7 @@ bool read(const std::string &path, size_t limit, const char *what, std::vector<u
     bool ok = false;
     if (S_ISREG(st.st_mode) && static_cast<uint64_t>(st.st_size) > limit)
         error = path + " is larger than " + size_text(limit) + ", " + what;
-    else
-        ok = read_bounded(fd, path, S_ISREG(st.st_mode) ? static_cast<size_t>(st.st_size) : 0, limit, what, out, error);
+    else ok = read_bounded(fd, path, S_ISREG(st.st_mode) ? static_cast<size_t>(st.st_size) : 0, limit, what, out, error);
     ::close(fd);
     return ok;
 }

@@ -114,7 +114,10 @@ private:
         for (int i = 0; i < 4; ++i, ++at) {
             if (at >= s_.size()) return false;
             char c = s_[at];
-            int d = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+            int d = c >= '0' && c <= '9'   ? c - '0'
+                    : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                    : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                           : -1;
             if (d < 0) return false;
             u = u << 4 | static_cast<uint32_t>(d);
         }

@@ -45,8 +45,7 @@ void usage(FILE *out) {
 }
 
 int version() {
-    std::printf("ovrin-sm %s\nlibovrin_sm %s\nlibmgx %s\n", OVRIN_SM_VERSION_STRING, ovrin_sm_version(),
-                mgx_runtime_version());
+    std::printf("ovrin-sm %s\nlibovrin_sm %s\nlibmgx %s\n", OVRIN_SM_VERSION_STRING, ovrin_sm_version(), mgx_runtime_version());
     return exit_ok;
 }
 
@@ -86,8 +85,7 @@ int dispatch(int argc, char **argv) {
     if (argv[1][0] == '-')
         std::fprintf(stderr, "ovrin-sm: unknown option '%s'%s\n\n", argv[1],
                      ovrin::cli::did_you_mean(argv[1], {"--help", "--version"}).c_str());
-    else
-        std::fprintf(stderr, "ovrin-sm: unknown command '%s'%s\n\n", argv[1], ovrin::cli::did_you_mean(argv[1], names).c_str());
+    else std::fprintf(stderr, "ovrin-sm: unknown command '%s'%s\n\n", argv[1], ovrin::cli::did_you_mean(argv[1], names).c_str());
     usage(stderr);
     return exit_usage;
 }
@@ -102,7 +100,8 @@ int main(int argc, char **argv) {
     try {
         int status = dispatch(argc, argv);
         if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
-            if (status == exit_ok) std::fprintf(stderr, "ovrin-sm: cannot write the output: %s\n", std::strerror(errno ? errno : EIO));
+            if (status == exit_ok)
+                std::fprintf(stderr, "ovrin-sm: cannot write the output: %s\n", std::strerror(errno ? errno : EIO));
             return status == exit_ok ? 1 : status;
         }
         return status;

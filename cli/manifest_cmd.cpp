@@ -36,7 +36,8 @@ const char *record_name(uint32_t kind) {
 int ovrin_cmd_manifest(int argc, char **argv) {
     using namespace ovrin::cli;
     static const Command command = {
-        "manifest", "[LIBRARY]",
+        "manifest",
+        "[LIBRARY]",
         "Prints the records of the .ovrin_sm_manifest section of a library file: the type manifest and\n"
         "the build record. Without LIBRARY it reads the libovrin_sm.so this tool runs with; '-' reads the\n"
         "library from standard input.\n",

@@ -23,9 +23,9 @@ inline constexpr int exit_usage = 2;   // a bad option, value or operand; an unk
 
 // One command's command line: the options getopt_long is given, and its help text.
 struct Command {
-    const char *name;     // "decode"
-    const char *synopsis; // "TYPE [FILE] [--hex] [--xml [--pretty]] [--tracked]"
-    const char *help;     // what it does and each option, one per line, ending with a newline
+    const char *name;            // "decode"
+    const char *synopsis;        // "TYPE [FILE] [--hex] [--xml [--pretty]] [--tracked]"
+    const char *help;            // what it does and each option, one per line, ending with a newline
     std::vector<option> options; // without --help, which every command has
 };
 
@@ -42,7 +42,9 @@ public:
     // on_option's, the help's or a usage error's.
     template <class OnOption> int run(OnOption &&on_option);
     // The same for a command with no option besides --help.
-    int run() { return run([](int, const char *) { return -1; }); }
+    int run() {
+        return run([](int, const char *) { return -1; });
+    }
     const std::vector<const char *> &operands() const { return operands_; }
     // The option's name as the user wrote it, for messages ("--count").
     std::string name_of(int val) const;
@@ -152,8 +154,8 @@ template <class OnOption> int Parser::run(OnOption &&on_option) {
 }
 
 inline int usage_error(const Command &c, const std::string &message) {
-    std::fprintf(stderr, "ovrin-sm %s: %s\nusage: ovrin-sm %s %s\nTry 'ovrin-sm %s --help' for more.\n", c.name,
-                 message.c_str(), c.name, c.synopsis, c.name);
+    std::fprintf(stderr, "ovrin-sm %s: %s\nusage: ovrin-sm %s %s\nTry 'ovrin-sm %s --help' for more.\n", c.name, message.c_str(),
+                 c.name, c.synopsis, c.name);
     return exit_usage;
 }
 
@@ -202,8 +204,7 @@ inline bool number(const char *name, const char *text, long min, long max, long 
     errno = 0;
     long v = std::strtol(text, &end, 10);
     if (!*text || *end || errno == ERANGE || v < min || v > max) {
-        error = std::string(name) + ": '" + text + "' is not a number from " + std::to_string(min) + " to " +
-                std::to_string(max);
+        error = std::string(name) + ": '" + text + "' is not a number from " + std::to_string(min) + " to " + std::to_string(max);
         return false;
     }
     out = v;

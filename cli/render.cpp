@@ -7,7 +7,7 @@ namespace ovrin::cli {
 
 long render(const ovrin_sm_type_ops &ops, mgx_handle_t *h, const void *instance, Form form, bool pretty, Text &text) {
     // One walk: the library grows the block as the text is written.
-    int64_t n = form == Form::json ? ops.to_json(h, instance, pretty ? OVRIN_JSON_PRETTY : 0u, &text.data, &text.size)
+    int64_t n = form == Form::json  ? ops.to_json(h, instance, pretty ? OVRIN_JSON_PRETTY : 0u, &text.data, &text.size)
                 : form == Form::xml ? ops.toxml_whole(h, instance, &text.data, &text.size)
                                     : ops.print_whole(h, instance, &text.data, &text.size);
     return n < 0 ? -1 : static_cast<long>(n);

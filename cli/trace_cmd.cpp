@@ -45,8 +45,7 @@ struct Library {
         uint64_t total = 0; // sections may overlap: this may pass the file's size
         for (const mgx::elf::Section &s : file.sections) {
             std::span<const uint8_t> v = file.view(s);
-            if (v.size() >= sizeof fmt::texts_magic &&
-                std::memcmp(v.data(), fmt::texts_magic, sizeof fmt::texts_magic) == 0 &&
+            if (v.size() >= sizeof fmt::texts_magic && std::memcmp(v.data(), fmt::texts_magic, sizeof fmt::texts_magic) == 0 &&
                 lib.sections.emplace(s.name, v).second) // the first of a name is the one read
                 total += v.size();
         }
@@ -94,13 +93,11 @@ public:
         unreadable = unreadable || !lib || !lib->problem.empty();
         if (lib && lib->problem.empty()) {
             auto section = lib->sections.find(t.section);
-            if (section == lib->sections.end())
-                error = path + " has no message texts section " + t.section;
-            else if (!fmt::expand_texts(section->second.data(), section->second.size(), t.count, t.crc, out.texts,
-                                        error, kept_ < kept_limit ? kept_limit - kept_ : 0))
+            if (section == lib->sections.end()) error = path + " has no message texts section " + t.section;
+            else if (!fmt::expand_texts(section->second.data(), section->second.size(), t.count, t.crc, out.texts, error,
+                                        kept_ < kept_limit ? kept_limit - kept_ : 0))
                 error = path + ": " + error;
-            else
-                kept_ += out.texts.memory();
+            else kept_ += out.texts.memory();
         }
         if (out.texts.empty())
             std::fprintf(stderr, "ovrin-sm: texts of %s: %s; showing message numbers\n", t.module.c_str(), error.c_str());
@@ -154,10 +151,12 @@ std::string numbers_only(const fmt::EmissionRecord &e) {
     std::string s = "message " + std::to_string(e.number);
     for (const fmt::Arg &a : e.args) {
         char buf[32];
-        if (a.kind == 's')
-            s += " \"" + a.text + "\"";
+        if (a.kind == 's') s += " \"" + a.text + "\"";
         else {
-            std::snprintf(buf, sizeof buf, a.kind == 'p' ? " 0x%llx" : a.kind == 'd' ? " %lld" : " %llu",
+            std::snprintf(buf, sizeof buf,
+                          a.kind == 'p'   ? " 0x%llx"
+                          : a.kind == 'd' ? " %lld"
+                                          : " %llu",
                           a.kind == 'd' ? static_cast<unsigned long long>(static_cast<long long>(static_cast<int32_t>(a.value)))
                                         : static_cast<unsigned long long>(a.value));
             s += buf;
@@ -172,7 +171,8 @@ int ovrin_cmd_trace(int argc, char **argv) {
     using namespace ovrin::cli;
     enum { opt_library = 256 };
     static const Command command = {
-        "trace", "FILE [--library LIBRARY]",
+        "trace",
+        "FILE [--library LIBRARY]",
         "Decodes a binary trace file (FILE, or standard input for '-') into one line per emission: UTC\n"
         "time, process id, severity, trace module, message number and text. The texts are read from the\n"
         "library file each table record of the trace names.\n"
@@ -229,8 +229,8 @@ int ovrin_cmd_trace(int argc, char **argv) {
         std::string text = texts && e.number < texts->texts.size() ? fmt::render(texts->texts[e.number], e.args)
                                                                    : numbers_only(e);
         std::printf("%s [%u] %s %s #%u: %s\n", timestamp(e.time_ns).c_str(), e.pid,
-                    fmt::severity_name(static_cast<int>((e.flags >> 24) & 7)),
-                    texts ? texts->module.c_str() : "?", e.number, text.c_str());
+                    fmt::severity_name(static_cast<int>((e.flags >> 24) & 7)), texts ? texts->module.c_str() : "?", e.number,
+                    text.c_str());
     }
     if (!reader.error.empty()) {
         std::fprintf(stderr, "ovrin-sm: %s: %s\n", path.c_str(), reader.error.c_str());

@@ -120,8 +120,8 @@ void describe(const Type &t) {
     std::printf("\n  %-32s %-30s %-28s %5s %6s  %-7s %s\n", "member", "type", "kind", "width", "offset", "variant",
                 "bounds, companion, arm");
     for (const FieldView &f : fields_of(t))
-        std::printf("  %-32s %-30s %-28s %5u %6u  %-7d %s\n", f.element().c_str(), type_of(*f).c_str(),
-                    kind_of(*f).c_str(), f->size, f->offset, f->from_variant, bounds_of(f).c_str());
+        std::printf("  %-32s %-30s %-28s %5u %6u  %-7d %s\n", f.element().c_str(), type_of(*f).c_str(), kind_of(*f).c_str(),
+                    f->size, f->offset, f->from_variant, bounds_of(f).c_str());
 }
 
 // A document of the type that encode takes as it stands: every member with a fresh instance's
@@ -143,8 +143,7 @@ public:
             case Shape::scalar:
                 if (f.counts_array())
                     line(depth + 1, "<" + std::string(f->name) + ">1</" + f->name + ">"); // the one element below
-                else
-                    element(*f, f->name, depth + 1);
+                else element(*f, f->name, depth + 1);
                 break;
             case Shape::fixed_array:
                 for (uint16_t k = 0; k < f->count; ++k) element(*f, f->name, depth + 1);
@@ -269,7 +268,8 @@ private:
 int ovrin_cmd_types(int argc, char **argv) {
     enum { opt_skeleton = 256, opt_json_skeleton };
     static const Command command = {
-        "types", "[TYPE [--xml-skeleton | --json-skeleton]]",
+        "types",
+        "[TYPE [--xml-skeleton | --json-skeleton]]",
         "Without TYPE: one line per type of the ovrin_sm domain, in registration order, with its kind,\n"
         "variants, instance size and fingerprint, as the loaded library describes itself.\n"
         "With TYPE: its members in declaration order (type, kind, width and offset in the instance, the\n"
@@ -291,8 +291,7 @@ int ovrin_cmd_types(int argc, char **argv) {
     if (status >= 0) return status;
     const auto &operands = p.operands();
     if (operands.size() > 1) return usage_error(command, std::string("unexpected operand '") + operands[1] + "'");
-    if (operands.empty())
-        return skeleton ? usage_error(command, p.name_of(skeleton) + " needs a TYPE") : list_types();
+    if (operands.empty()) return skeleton ? usage_error(command, p.name_of(skeleton) + " needs a TYPE") : list_types();
     const Type *t = find_table(operands[0]);
     if (!t) {
         std::vector<std::string> names;

@@ -19,9 +19,7 @@ namespace {
 // The runtime's documents are libxml2 documents (mgx_xml_document_read makes them): the check
 // walks the tree the library reads afterwards, so a document is parsed once, under the runtime's
 // limits and without entity substitution.
-const xmlNode *root_of(const void *doc) {
-    return doc ? xmlDocGetRootElement(static_cast<const xmlDoc *>(doc)) : nullptr;
-}
+const xmlNode *root_of(const void *doc) { return doc ? xmlDocGetRootElement(static_cast<const xmlDoc *>(doc)) : nullptr; }
 
 std::string_view name_of(const xmlNode *n) { return reinterpret_cast<const char *>(n->name); }
 
@@ -285,8 +283,7 @@ void Checker::enumeration(const Type &e, const xmlNode *node, const std::string 
 
 // The length of a string and the count of a variable array must agree with what follows them. A
 // count or text that refers to an entity is left to the library's reader, which refuses it.
-void Checker::counted(const FieldView &f, const std::vector<std::vector<const xmlNode *>> &given,
-                      const std::string &path) {
+void Checker::counted(const FieldView &f, const std::vector<std::vector<const xmlNode *>> &given, const std::string &path) {
     const Field &c = *f.companion();
     const auto &items = given[f.index];
     const auto &counts = given[static_cast<size_t>(f->companion)];
@@ -309,8 +306,8 @@ void Checker::counted(const FieldView &f, const std::vector<std::vector<const xm
     }
     if (counts.empty()) {
         if (!items.empty())
-            say(path + "/" + f->name, std::to_string(items.size()) + " given, but no " + c.name +
-                                         " counts them, so none would be read");
+            say(path + "/" + f->name,
+                std::to_string(items.size()) + " given, but no " + c.name + " counts them, so none would be read");
         return;
     }
     if (has_count && said != items.size())
@@ -327,9 +324,9 @@ void Checker::fresh(const Type &t, const std::string &path) {
         if (const Field *m = member_selected_by(t, lit)) {
             std::string element = path.substr(path.rfind('/') + 1);
             size_t bracket = element.find('[');
-            say(path, std::string("left out, but a fresh ") + t.name + "'s " + d.name + " (" + lit->name +
-                          ") selects " + element_name(t, *m) + ", which a message must carry; give <" +
-                          element.substr(0, bracket) + "/> at least");
+            say(path, std::string("left out, but a fresh ") + t.name + "'s " + d.name + " (" + lit->name + ") selects " +
+                          element_name(t, *m) + ", which a message must carry; give <" + element.substr(0, bracket) +
+                          "/> at least");
             return;
         }
     }
@@ -358,7 +355,8 @@ void Checker::composite(const Type &t, const xmlNode *node, const std::string &p
         here_ = c;
         std::string name(n);
         std::string hint = hinting() ? closest(name, names) : std::string();
-        say(path + "/" + name, std::string(t.name) + " has no member " + name + (hint.empty() ? "" : "; did you mean " + hint + "?"));
+        say(path + "/" + name,
+            std::string(t.name) + " has no member " + name + (hint.empty() ? "" : "; did you mean " + hint + "?"));
     }
     for (const FieldView &f : fields_of(t)) {
         const auto &items = given[f.index];
@@ -390,9 +388,9 @@ void Checker::composite(const Type &t, const xmlNode *node, const std::string &p
     for (const FieldView &m : fields_of(t)) {
         if (m->shape != Shape::member || given[m.index].empty() || &*m == selected) continue;
         here_ = given[m.index][0];
-        say(path + "/" + names[m.index], std::string(d.name) + " is " + (lit ? lit->name : "unset") + (disc.empty() ? " (left out)" : "") +
-                                       ", which selects " + (selected ? element_name(t, *selected) : "no member") +
-                                       "; this member would not be read");
+        say(path + "/" + names[m.index],
+            std::string(d.name) + " is " + (lit ? lit->name : "unset") + (disc.empty() ? " (left out)" : "") +
+                ", which selects " + (selected ? element_name(t, *selected) : "no member") + "; this member would not be read");
     }
     // A selected member the document leaves out is created fresh by the reader.
     if (selected && given[static_cast<size_t>(selected - t.fields)].empty())
@@ -415,10 +413,8 @@ Findings check_document(const Type &t, const void *doc, size_t keep) {
         return {{"/" + std::string(name_of(root)) + ": the root element of a " + t.name + " document is <" + t.name + ">"},
                 1,
                 {xmlGetLineNo(root)}};
-    if (t.kind == TypeKind::enumeration)
-        c.enumeration(t, root, path);
-    else
-        c.composite(t, root, path);
+    if (t.kind == TypeKind::enumeration) c.enumeration(t, root, path);
+    else c.composite(t, root, path);
     return std::move(c.found);
 }
 

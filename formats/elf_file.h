@@ -13,8 +13,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <new>
@@ -77,9 +77,9 @@ inline uint64_t field(const uint8_t *p, unsigned width, bool big_endian) {
 
 // The layout of the headers the reader needs, per class: offsets and widths of the fields read.
 struct Layout {
-    unsigned header_size, shoff, shoff_width, shentsize, shnum, shstrndx;       // the file header
+    unsigned header_size, shoff, shoff_width, shentsize, shnum, shstrndx;        // the file header
     unsigned shdr_size, sh_flags, sh_offset, sh_size, sh_link, sh_entsize, word; // a section header
-    unsigned sym_size, st_shndx;                                                // a symbol
+    unsigned sym_size, st_shndx;                                                 // a symbol
 };
 inline constexpr Layout layout64{64, 0x28, 8, 0x3A, 0x3C, 0x3E, 64, 8, 24, 32, 40, 56, 8, 24, 6};
 inline constexpr Layout layout32{52, 0x20, 4, 0x2E, 0x30, 0x32, 40, 8, 16, 20, 24, 36, 4, 16, 14};
@@ -90,9 +90,12 @@ struct Header {
     uint64_t flags, offset, size, entsize;
 };
 inline Header header_at(const uint8_t *p, const Layout &l, bool be) {
-    return {static_cast<uint32_t>(field(p, 4, be)),     static_cast<uint32_t>(field(p + 4, 4, be)),
-            static_cast<uint32_t>(field(p + l.sh_link, 4, be)), field(p + l.sh_flags, l.word, be),
-            field(p + l.sh_offset, l.word, be),         field(p + l.sh_size, l.word, be),
+    return {static_cast<uint32_t>(field(p, 4, be)),
+            static_cast<uint32_t>(field(p + 4, 4, be)),
+            static_cast<uint32_t>(field(p + l.sh_link, 4, be)),
+            field(p + l.sh_flags, l.word, be),
+            field(p + l.sh_offset, l.word, be),
+            field(p + l.sh_size, l.word, be),
             field(p + l.sh_entsize, l.word, be)};
 }
 
@@ -112,9 +115,7 @@ inline std::string name_at(const std::vector<uint8_t> &table, uint64_t offset) {
     return n > max_name ? std::string() : std::string(begin, n);
 }
 
-inline bool fits(uint64_t offset, uint64_t size, uint64_t file_size) {
-    return offset <= file_size && size <= file_size - offset;
-}
+inline bool fits(uint64_t offset, uint64_t size, uint64_t file_size) { return offset <= file_size && size <= file_size - offset; }
 
 // What a file that is not a regular file is, for messages.
 inline const char *file_kind(mode_t mode) {
@@ -134,27 +135,23 @@ inline int open_for_reading(const std::string &path, bool only_regular, struct s
         error = "cannot read " + path + ": " + std::strerror(errno);
         return -1;
     }
-    if (::fstat(fd, &st) != 0)
-        error = "cannot read " + path + ": " + std::strerror(errno);
-    else if (S_ISDIR(st.st_mode))
-        error = "cannot read " + path + ": " + std::strerror(EISDIR);
+    if (::fstat(fd, &st) != 0) error = "cannot read " + path + ": " + std::strerror(errno);
+    else if (S_ISDIR(st.st_mode)) error = "cannot read " + path + ": " + std::strerror(EISDIR);
     else if (S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode) || (only_regular && !S_ISREG(st.st_mode)))
         error = "cannot read " + path + ": " + file_kind(st.st_mode) + ", not a file";
-    else
-        return fd;
+    else return fd;
     ::close(fd);
     return -1;
 }
 
 // Reads the regular file open on fd (st, its fstat) whole, at most limit bytes; path names it in
 // messages. The descriptor stays open.
-inline bool read_open_file(int fd, const struct stat &st, const std::string &path, uint64_t limit,
-                           std::vector<uint8_t> &out, std::string &error) {
+inline bool read_open_file(int fd, const struct stat &st, const std::string &path, uint64_t limit, std::vector<uint8_t> &out,
+                           std::string &error) {
     bool ok = false;
     if (static_cast<uint64_t>(st.st_size) > limit)
         error = path + " is larger than " + std::to_string(limit >> 20) + " MiB, the limit for a library file";
-    else
-        ok = true;
+    else ok = true;
     try {
         if (ok) out.resize(static_cast<size_t>(st.st_size));
     } catch (const std::bad_alloc &) {
@@ -204,8 +201,8 @@ inline std::optional<File> parse(std::vector<uint8_t> bytes, const std::string &
     if (size < EI_NIDENT || std::memcmp(f.bytes.data(), ELFMAG, SELFMAG) != 0) return fail(" is not an ELF file");
     const uint8_t elf_class = f.bytes[EI_CLASS], data = f.bytes[EI_DATA];
     if ((elf_class != ELFCLASS32 && elf_class != ELFCLASS64) || (data != ELFDATA2LSB && data != ELFDATA2MSB))
-        return fail(" is an ELF file of an unknown kind (class " + std::to_string(elf_class) + ", data " +
-                    std::to_string(data) + ")");
+        return fail(" is an ELF file of an unknown kind (class " + std::to_string(elf_class) + ", data " + std::to_string(data) +
+                    ")");
     f.wide = elf_class == ELFCLASS64;
     f.big_endian = data == ELFDATA2MSB;
     const detail::Layout &l = f.wide ? detail::layout64 : detail::layout32;
@@ -230,8 +227,7 @@ inline std::optional<File> parse(std::vector<uint8_t> bytes, const std::string &
     std::vector<uint8_t> names;
     if (names_index != SHN_UNDEF) {
         if (names_index >= count)
-            return fail(": the section name table is section " + std::to_string(names_index) + " of " +
-                        std::to_string(count));
+            return fail(": the section name table is section " + std::to_string(names_index) + " of " + std::to_string(count));
         const detail::Header &h = headers[names_index];
         if (h.type != SHT_STRTAB || !detail::fits(h.offset, h.size, size))
             return fail(": the section name table lies outside the file or is not a string table");

@@ -155,8 +155,8 @@ inline uint64_t expanded_size(uint32_t raw_length, uint32_t count) {
 // alone, before anything is copied or expanded. Texts that would take more than keep_limit bytes
 // (expanded_size) are refused unexpanded. False, with the reason in error, for a damaged,
 // mismatched or refused section.
-inline bool expand_texts(const uint8_t *section, size_t size, uint32_t count, uint32_t crc, TextSet &out,
-                         std::string &error, uint64_t keep_limit = UINT64_MAX) {
+inline bool expand_texts(const uint8_t *section, size_t size, uint32_t count, uint32_t crc, TextSet &out, std::string &error,
+                         uint64_t keep_limit = UINT64_MAX) {
     Cursor c{section, size};
     std::string magic = c.bytes(sizeof texts_magic);
     uint32_t n = static_cast<uint32_t>(c.get(4)), raw_length = static_cast<uint32_t>(c.get(4));
@@ -204,8 +204,7 @@ inline bool expand_texts(const uint8_t *section, size_t size, uint32_t count, ui
     return true;
 }
 
-inline bool expand_texts(const std::vector<uint8_t> &section, uint32_t count, uint32_t crc, TextSet &out,
-                         std::string &error) {
+inline bool expand_texts(const std::vector<uint8_t> &section, uint32_t count, uint32_t crc, TextSet &out, std::string &error) {
     return expand_texts(section.data(), section.size(), count, crc, out, error);
 }
 
@@ -262,20 +261,17 @@ inline void format_one(const Conversion &c, const Arg &a, std::string &out) {
     if (c.width >= 0) format += std::to_string(c.width);
     if (c.precision >= 0) format += "." + std::to_string(c.precision);
     format.push_back(c.conv);
-    size_t room = static_cast<size_t>(std::max<int64_t>({c.width, c.precision, 0})) +
-                  (a.kind == 's' ? a.text.size() : 32) + 1;
+    size_t room = static_cast<size_t>(std::max<int64_t>({c.width, c.precision, 0})) + (a.kind == 's' ? a.text.size() : 32) + 1;
     std::string buf(room, '\0');
     int n;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    if (a.kind == 's')
-        n = std::snprintf(buf.data(), room, format.c_str(), a.text.c_str());
+    if (a.kind == 's') n = std::snprintf(buf.data(), room, format.c_str(), a.text.c_str());
     else if (a.kind == 'p')
         n = std::snprintf(buf.data(), room, format.c_str(), reinterpret_cast<void *>(static_cast<uintptr_t>(a.value)));
     else if (a.kind == 'd')
         n = std::snprintf(buf.data(), room, format.c_str(), static_cast<int32_t>(static_cast<uint32_t>(a.value)));
-    else
-        n = std::snprintf(buf.data(), room, format.c_str(), static_cast<uint32_t>(a.value));
+    else n = std::snprintf(buf.data(), room, format.c_str(), static_cast<uint32_t>(a.value));
 #pragma GCC diagnostic pop
     if (n > 0) out.append(buf, 0, std::min(static_cast<size_t>(n), room - 1));
 }
@@ -436,12 +432,9 @@ struct FileReader {
                 for (size_t i = 0; i < n && c.ok; ++i) {
                     Arg a;
                     a.kind = static_cast<char>(c.get(1));
-                    if (a.kind == 's')
-                        a.text = c.bytes(c.get(4));
-                    else if (a.kind == 'u' || a.kind == 'd' || a.kind == 'p')
-                        a.value = c.get(a.kind == 'p' ? 8 : 4);
-                    else
-                        c.ok = false;
+                    if (a.kind == 's') a.text = c.bytes(c.get(4));
+                    else if (a.kind == 'u' || a.kind == 'd' || a.kind == 'p') a.value = c.get(a.kind == 'p' ? 8 : 4);
+                    else c.ok = false;
                     emission.args.push_back(std::move(a));
                 }
             } else {

@@ -20,9 +20,7 @@ __attribute__((constructor)) void link_bundle_module() {
     ovrin::frame::link_module(mgx_module_tot_root, module_node, module_linked);
 }
 
-__attribute__((destructor)) void unlink_bundle_module() {
-    ovrin::frame::unlink_module(mgx_module_tot_root, module_node);
-}
+__attribute__((destructor)) void unlink_bundle_module() { ovrin::frame::unlink_module(mgx_module_tot_root, module_node); }
 
 } // namespace
 

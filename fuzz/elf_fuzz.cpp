@@ -17,8 +17,8 @@
 #include "cli/commands.h"
 #include "cli/elf_sections.h"
 #include "cli/input.h"
-#include "fuzz/fuzz_files.h"
 #include "formats/trace_format.h"
+#include "fuzz/fuzz_files.h"
 
 using fuzz::die;
 

@@ -98,8 +98,7 @@ inline void *make(const TypeOps &t, mgx_handle_t *h) {
 // The wire form of an instance; err gets the encoder's error cell. The length routine does not
 // count the retained-data blocks of handle-mapped instances (flag 0x20), which a decoded instance
 // may carry at any depth; slack covers them (they cannot be longer than the input they came in).
-inline std::vector<uint8_t> encode(const TypeOps &t, mgx_handle_t *h, const void *instance, uint32_t *err,
-                                   size_t slack = 0) {
+inline std::vector<uint8_t> encode(const TypeOps &t, mgx_handle_t *h, const void *instance, uint32_t *err, size_t slack = 0) {
     size_t n = (is_enum(t) ? 5 : t.len(h, 1, instance)) + slack;
     std::vector<uint8_t> out(n + 1); // a tracked encoder may store one state byte past the space
     *err = 0;

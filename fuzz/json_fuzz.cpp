@@ -95,8 +95,7 @@ std::string text_of(const fuzz::TypeOps &t, mgx_handle_t *h, const void *instanc
 }
 
 // Reads json into a fresh instance; the instance, with the read's code in err and what it said in e.
-void *read(const fuzz::TypeOps &t, mgx_handle_t *h, const std::string &json, uint32_t flags, uint32_t &err,
-           ovrin_json_error &e) {
+void *read(const fuzz::TypeOps &t, mgx_handle_t *h, const std::string &json, uint32_t flags, uint32_t &err, ovrin_json_error &e) {
     void *b = fuzz::make(t, h);
     err = t.from_json(h, 1, json.data(), json.size(), b, flags, &e);
     return b;
@@ -118,8 +117,8 @@ void round_trip(const fuzz::TypeOps &t, mgx_handle_t *h, const void *a, const st
         std::string text = style ? text_of(t, h, a, style) : written;
         void *b = read(t, h, text, back, err, e);
         if (err)
-            die(t, ": written JSON does not read back, error " + std::to_string(err) + " (" + (e.text ? e.text : "") +
-                       " at " + (e.pointer ? e.pointer : "?") + "):\n" + text);
+            die(t, ": written JSON does not read back, error " + std::to_string(err) + " (" + (e.text ? e.text : "") + " at " +
+                       (e.pointer ? e.pointer : "?") + "):\n" + text);
         if (t.compare && t.compare(a, b) != 0) die(t, ": read back from its own JSON, compare differs:\n" + text);
         if (text_of(t, h, b, 0) != written) die(t, ": read back from its own JSON, the text differs:\n" + text);
         t.destroy(h, 1, b);
@@ -158,8 +157,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         err = t.from_json(h, 1, json.get(), n, a, flags, &e);
         bool refused = refuse.fired();
         if (refused != (err == 12))
-            die(t, ": allocation " + std::to_string(data[0]) + (refused ? " refused" : " not refused") +
-                       ", JSON read error " + std::to_string(err));
+            die(t, ": allocation " + std::to_string(data[0]) + (refused ? " refused" : " not refused") + ", JSON read error " +
+                       std::to_string(err));
     }
     if (err != 0 && err != 12 && err != 22) die(t, ": JSON read error " + std::to_string(err));
     if (err && mgx_handle_last_error(h) != err)

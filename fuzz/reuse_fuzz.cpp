@@ -78,15 +78,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (used > nb) die(t, ": decode of B over A consumed more than it was given");
     bool refused = refuse.fired();
     if (refused != (err_a == 12 || err_b == 12))
-        die(t, ": allocation " + std::to_string(data[0]) + (refused ? " refused" : " not refused") +
-            ", decode errors " + std::to_string(err_a) + " and " + std::to_string(err_b));
+        die(t, ": allocation " + std::to_string(data[0]) + (refused ? " refused" : " not refused") + ", decode errors " +
+                   std::to_string(err_a) + " and " + std::to_string(err_b));
 
     if (!refused && err_b == 0) {
         void *y = fuzz::make(t, h);
         uint32_t err = 0;
         if (t.unmarshal(h, 1, b.get(), y, static_cast<int32_t>(nb), 0, &err) != used || err)
-            die(t, ": B decodes over A (" + std::to_string(used) + " bytes) but not the same into a fresh "
-                "instance, error " + std::to_string(err));
+            die(t, ": B decodes over A (" + std::to_string(used) +
+                       " bytes) but not the same into a fresh "
+                       "instance, error " +
+                       std::to_string(err));
         uint32_t ex = 0, ey = 0;
         std::vector<uint8_t> over = fuzz::encode(t, h, x, &ex, na + nb), fresh = fuzz::encode(t, h, y, &ey, na + nb);
         const std::string both = ":\n  over A " + hex(over) + "\n  fresh  " + hex(fresh);

@@ -34,12 +34,12 @@
 #include <set>
 #include <string>
 
+#include "formats/elf_file.h"
+#include "formats/trace_format.h"
 #include "fuzz/fuzz_types.h"
 #include "fuzz/trace_paths.h"
 #include "ovrin_sm/ops.h"
-#include "formats/elf_file.h"
 #include "tests/elf_write.h"
-#include "formats/trace_format.h"
 #include "tests/sm_type_ops.h"
 
 namespace fs = std::filesystem;
@@ -87,8 +87,7 @@ void write_check_seeds(const fs::path &dir, const std::vector<std::string> &xml)
         write(dir / "xml_check" / (stem + "-plain"), type, xml[i].data(), xml[i].size());
         std::string doc = xml[i].substr(0, body) + "<unknown_member>1</unknown_member>" + xml[i].substr(body);
         write(dir / "xml_check" / (stem + "-unknown"), type, doc.data(), doc.size());
-        doc = "<!DOCTYPE " + stem + " [<!ENTITY e \"entity text\">]>" + xml[i].substr(0, body) + "&e;&e;" +
-              xml[i].substr(body);
+        doc = "<!DOCTYPE " + stem + " [<!ENTITY e \"entity text\">]>" + xml[i].substr(0, body) + "&e;&e;" + xml[i].substr(body);
         write(dir / "xml_check" / (stem + "-entity"), type, doc.data(), doc.size());
     }
 }
@@ -101,23 +100,24 @@ void write_json_seeds(const fs::path &dir) {
             if (!std::strcmp(types[i].name, name)) return static_cast<uint8_t>(i);
         fuzz::die(std::string("no type ") + name);
     };
-    const uint8_t conn = type("sess_mgr_conn_hdl"), client = type("sess_mgr_client_name"),
-                  options = type("sess_mgr_api_options"), ip = type("sess_mgr_ip_notif"),
-                  attrs = type("sess_mgr_attr_notify_elem");
+    const uint8_t conn = type("sess_mgr_conn_hdl"), client = type("sess_mgr_client_name"), options = type("sess_mgr_api_options"),
+                  ip = type("sess_mgr_ip_notif"), attrs = type("sess_mgr_attr_notify_elem");
     auto seed = [&](const std::string &stem, uint8_t t, uint8_t mode, const std::string &doc) {
         write(dir / ("hostile-" + stem), {0, t, mode}, doc.data(), doc.size());
     };
     // Nesting: at the limit (the root and 127 arrays in an unknown member), one past it, and far
     // past it where a recursive reader would run out of stack.
-    auto nested = [](size_t arrays) { return "{\"conn_hdl\":1,\"x\":" + std::string(arrays, '[') + std::string(arrays, ']') + "}"; };
+    auto nested = [](size_t arrays) {
+        return "{\"conn_hdl\":1,\"x\":" + std::string(arrays, '[') + std::string(arrays, ']') + "}";
+    };
     seed("depth-at-the-limit", conn, 1, nested(OVRIN_JSON_MAX_DEPTH - 1));
     seed("depth-one-past", conn, 1, nested(OVRIN_JSON_MAX_DEPTH));
     seed("depth-far-past", conn, 1, std::string(4000, '['));
     // Numbers past every integer type, past a double, and of the wrong shape.
     for (const char *n : {"4294967296", "-1", "-0", "1.0", "1e400", "1e2", "18446744073709551616", "0x10", "01"})
         seed(std::string("number-") + n, conn, n[0] == '1' && n[1] == 'e' ? 1 : 0, std::string("{\"conn_hdl\":") + n + "}");
-    for (const char *n : {"18446744073709551615", "\"18446744073709551615\"", "\"18446744073709551616\"", "\"+1\"",
-                          "\" 1\"", "\"\"", "9007199254740993", "1e19"})
+    for (const char *n : {"18446744073709551615", "\"18446744073709551615\"", "\"18446744073709551616\"", "\"+1\"", "\" 1\"",
+                          "\"\"", "9007199254740993", "1e19"})
         seed(std::string("u64-") + std::to_string(written), options, 0,
              std::string("{\"options\":") + n + ",\"event_mac\":\"00:1A:2b:3c:4d:5e\"}");
     // Members given twice, strictly and leniently; a count that disagrees with its string.
@@ -127,8 +127,9 @@ void write_json_seeds(const fs::path &dir) {
     seed("count-disagrees-lenient", client, 1, "{\"cl_name_len\":6,\"client_name\":\"abcde\"}");
     // Strings: bytes carried as private-use characters, escaped and as they are; escapes of
     // every kind; surrogates alone; and bytes that are not UTF-8 (overlong, a surrogate, 0xff).
-    for (const std::string &s : std::initializer_list<std::string>{"\\ue0ff\\ue000\\u00e9\\u0000x", "\xee\x83\xbf\xee\x80\x80", "\\ud83d\\ude00\\n\\t\\\"\\\\\\/",
-                                "\\ud800", "\\udc00x", "\xff", "\xc0\xaf", "\xed\xa0\x80", std::string("a\0b", 3)})
+    for (const std::string &s : std::initializer_list<std::string>{"\\ue0ff\\ue000\\u00e9\\u0000x", "\xee\x83\xbf\xee\x80\x80",
+                                                                   "\\ud83d\\ude00\\n\\t\\\"\\\\\\/", "\\ud800", "\\udc00x",
+                                                                   "\xff", "\xc0\xaf", "\xed\xa0\x80", std::string("a\0b", 3)})
         seed("string-" + std::to_string(written), client, 0, "{\"client_name\":\"" + s + "\"}");
     // Addresses in their other spellings and wrong ones; attribute values in hex, upper case and odd.
     for (const char *v6 : {"::ffff:192.0.2.1", "2001:DB8::1", "1::2::3", "192.0.2.1"})
@@ -174,8 +175,8 @@ void write_message_seeds(const fs::path &dir) {
                     size_t room = 0;
                     int64_t n = o.to_json(h, instance, tracked ? OVRIN_JSON_PRETTY : 0, &text, &room);
                     if (n < 0) fuzz::die("JSON of " + stem + " failed");
-                    write(dir / "json" / stem, {0, static_cast<uint8_t>(i + (tracked ? types.size() : 0)), tracked},
-                          text, static_cast<size_t>(n));
+                    write(dir / "json" / stem, {0, static_cast<uint8_t>(i + (tracked ? types.size() : 0)), tracked}, text,
+                          static_cast<size_t>(n));
                     std::free(text);
                 }
                 o.destroy(h, 1, instance);
@@ -299,7 +300,8 @@ void write_library_seeds(const fs::path &dir) {
     // The other kinds a device's library may be: 32-bit, big-endian, both.
     const Bytes records = ovrin::testing::manifest_record(3, 2, "xyz");
     for (auto [name, kind] : {std::pair{"kind-32-little", ovrin::testing::ElfKind{false, false}},
-                              {"kind-64-big", {true, true}}, {"kind-32-big", {false, true}}})
+                              {"kind-64-big", {true, true}},
+                              {"kind-32-big", {false, true}}})
         write(dir / name, {0}, elf_file({{".ovrin_sm_manifest", SHT_PROGBITS, records}}, kind));
 }
 
@@ -308,8 +310,8 @@ void write_library_seeds(const fs::path &dir) {
 mgx_trace_table_t seed_table = {MGX_TRACE_TABLE_MAGIC, 6, "mgx_seed", ".seed_texts", 0, nullptr};
 
 // Texts for the seed table, one per emission below, each taking that emission's arguments.
-const std::vector<std::string> seed_texts = {"seed started", "error: %s", "offsets %d %d %d", "%u of %u",
-                                             "object %p: %s", "value %x"};
+const std::vector<std::string> seed_texts = {"seed started", "error: %s",     "offsets %d %d %d",
+                                             "%u of %u",     "object %p: %s", "value %x"};
 
 void emit_every_shape() {
     qlog_emit_0(&seed_table, 0, 1, MGX_SEV_EMERG);
@@ -439,8 +441,12 @@ std::vector<mgx::tracefmt::Arg> arguments_for(const std::string &text, std::stri
 
 void write_format_seeds(const fs::path &dir) {
     const std::vector<std::vector<mgx::tracefmt::Arg>> shapes = {
-        {}, {{'s', 0, "Cannot allocate memory"}}, {{'d', 10, {}}, {'d', static_cast<uint32_t>(-6), {}}, {'d', 12, {}}},
-        {{'u', 3, {}}, {'u', 2, {}}}, {{'p', 0xbeef, {}}, {'s', 0, "Invalid argument"}}, {{'u', 7, {}}}};
+        {},
+        {{'s', 0, "Cannot allocate memory"}},
+        {{'d', 10, {}}, {'d', static_cast<uint32_t>(-6), {}}, {'d', 12, {}}},
+        {{'u', 3, {}}, {'u', 2, {}}},
+        {{'p', 0xbeef, {}}, {'s', 0, "Invalid argument"}},
+        {{'u', 7, {}}}};
     for (size_t i = 0; i < seed_texts.size(); ++i)
         write(dir / ("seed-" + std::to_string(i)), {}, format_input(seed_texts[i], shapes[i]));
     write(dir / "width-at-the-limit", {}, format_input("[%4096u|%-4096.4096s]", {{'u', 7, {}}, {'s', 0, "ab"}}));

@@ -42,7 +42,9 @@ std::string library_path(const std::string &named) {
         else return dir + "/absent";
     }
     switch (named.back()) {
-    case '0': case '1': case '2': return dir + "/" + spelling + "lib" + named.back();
+    case '0':
+    case '1':
+    case '2': return dir + "/" + spelling + "lib" + named.back();
     case 'd': return dir + "/" + spelling;
     case 'e': return dir + "/" + spelling + "empty";
     case 't': return dir + "/" + spelling + "trace";
@@ -78,8 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         pos += length;
     }
     const std::string trace = dir + "/trace";
-    std::vector<uint8_t> file =
-        fuzz::rename_libraries(std::vector<uint8_t>(data + pos, data + size), library_path);
+    std::vector<uint8_t> file = fuzz::rename_libraries(std::vector<uint8_t>(data + pos, data + size), library_path);
     fuzz::write_file(trace, file.data(), file.size());
 
     std::vector<std::string> args = {"trace", trace};

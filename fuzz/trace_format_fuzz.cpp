@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "mgx/runtime.h"
 #include "formats/trace_format.h"
+#include "mgx/runtime.h"
 
 namespace fmt = mgx::tracefmt;
 
@@ -93,7 +93,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // The runtime's copy of a string argument ends at its first NUL, as a C string does.
     bool nul_in_strings = false;
     for (const fmt::Arg &a : args) nul_in_strings = nul_in_strings || a.text.find('\0') != std::string::npos;
-    if (!nul_in_strings && emitted(text, args, captured) && captured != line.substr(0, line.find('\0')))
-        std::abort();
+    if (!nul_in_strings && emitted(text, args, captured) && captured != line.substr(0, line.find('\0'))) std::abort();
     return 0;
 }

@@ -20,8 +20,12 @@ namespace fmt = mgx::tracefmt;
 namespace {
 
 const std::vector<std::string> texts = {
-    "Corrupted MGX Handle", "error in x create: %s", "offset_jump read_len %d offset_jump_base %d _mgx_variant_jump %d",
-    "varinfo is NULL variant %u requested only %u variants present", "oid %p. Error %s", "100%% %5s|%-3u|%x",
+    "Corrupted MGX Handle",
+    "error in x create: %s",
+    "offset_jump read_len %d offset_jump_base %d _mgx_variant_jump %d",
+    "varinfo is NULL variant %u requested only %u variants present",
+    "oid %p. Error %s",
+    "100%% %5s|%-3u|%x",
 };
 
 const std::vector<std::vector<fmt::Arg>> shapes = {
@@ -61,8 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             // Expecting the count and CRC the section states must accept it the same way.
             uint32_t crc = static_cast<uint32_t>(in[16] | in[17] << 8 | in[18] << 16 | uint32_t{in[19]} << 24);
             fmt::TextSet again;
-            if (!fmt::expand_texts(in, static_cast<uint32_t>(out.size()), crc, again, error) || again != out)
-                std::abort();
+            if (!fmt::expand_texts(in, static_cast<uint32_t>(out.size()), crc, again, error) || again != out) std::abort();
         } else if (error.empty()) {
             std::abort(); // a refusal says why
         }

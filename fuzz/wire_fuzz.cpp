@@ -32,8 +32,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     bool refused = refuse.fired();
     if (used > n) die(t, ": decode consumed more than it was given");
     if (refused != (err == 12))
-        die(t, ": allocation " + std::to_string(data[0]) + (refused ? " refused" : " not refused") +
-            ", decode error " + std::to_string(err));
+        die(t, ": allocation " + std::to_string(data[0]) + (refused ? " refused" : " not refused") + ", decode error " +
+                   std::to_string(err));
     if (err == 0) {
         uint32_t e = 0;
         std::vector<uint8_t> first = fuzz::encode(t, h, a, &e, n);

@@ -23,8 +23,8 @@ inline uint32_t read_and_write_back(const TypeOps &t, mgx_handle_t *h, void *doc
     t.from_xml(h, 1, "/*", doc, a, &err, msg, sizeof msg);
     bool refused = refuse.fired();
     if (refused != (err == 12))
-        die(t, ": allocation " + std::to_string(k) + (refused ? " refused" : " not refused") +
-            ", XML read error " + std::to_string(err));
+        die(t, ": allocation " + std::to_string(k) + (refused ? " refused" : " not refused") + ", XML read error " +
+                   std::to_string(err));
     if (err == 0) {
         static std::vector<char> text(1 << 20);
         uint32_t e = 0;

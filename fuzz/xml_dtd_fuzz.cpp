@@ -77,8 +77,8 @@ std::string with_prologue(const std::string &doc, unsigned which, size_t &begin,
 
 // Puts something into the document, at or in its place-th tag (the last when it has fewer).
 std::string inject(std::string doc, unsigned what, unsigned place, unsigned attributes) {
-    static const char *const texts[] = {"&e;", "&x;", "&amp;&lt;&gt;&quot;&apos;", "&#65;&#x42;&#0;",
-                                        "<![CDATA[&e;]]>", "<?pi it's?>"};
+    static const char *const texts[] = {"&e;",        "&x;", "&amp;&lt;&gt;&quot;&apos;", "&#65;&#x42;&#0;", "<![CDATA[&e;]]>",
+                                        "<?pi it's?>"};
     what %= 9;
     if (what == 0) return doc;
     bool in_tag = what >= 7;
@@ -97,8 +97,7 @@ std::string inject(std::string doc, unsigned what, unsigned place, unsigned attr
     if (at == std::string::npos) return doc;
     std::string piece;
     if (in_tag) {
-        for (unsigned k = 0; k < attributes; ++k)
-            piece += " z" + std::to_string(k) + (what == 7 ? "=\"v\"" : "=\"&e;\"");
+        for (unsigned k = 0; k < attributes; ++k) piece += " z" + std::to_string(k) + (what == 7 ? "=\"v\"" : "=\"&e;\"");
     } else {
         piece = texts[what - 1];
     }
@@ -175,8 +174,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const fuzz::TypeOps &t = fuzz::type_picked(data[1]);
     if (!t.from_xml || !t.to_xml) return 0;
     mgx_handle_t *h = fuzz::handle(fuzz::tracked_picked(data[1]));
-    std::string body = inject(std::string(reinterpret_cast<const char *>(data + 5), size - 5), data[3] & 15,
-                              data[3] >> 4, 2u * data[4]);
+    std::string body = inject(std::string(reinterpret_cast<const char *>(data + 5), size - 5), data[3] & 15, data[3] >> 4,
+                              2u * data[4]);
     size_t begin, end;
     std::string text = with_prologue(body, data[2], begin, end);
 
@@ -191,8 +190,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                 size_t most = walk(plain).most_attributes;
                 xmlFreeDoc(plain);
                 if (most <= MGX_XML_MAX_ATTRIBUTES)
-                    die(std::string("refused as \"") + message + "\", but no element has more than " +
-                        std::to_string(most) + " attributes");
+                    die(std::string("refused as \"") + message + "\", but no element has more than " + std::to_string(most) +
+                        " attributes");
             }
         }
         return 0;
@@ -207,8 +206,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     std::string written;
     if (fuzz::read_and_write_back(t, h, doc, data[0], written) == 0) {
-        if (!passwd_given && contains(written, passwd_line()))
-            die(t, ": a file's contents reached the instance:\n" + written);
+        if (!passwd_given && contains(written, passwd_line())) die(t, ": a file's contents reached the instance:\n" + written);
         // The same document with other replacement texts must read the same.
         std::string other = text;
         for (size_t at = begin; (at = other.find("ENTMARK", at)) < end;) other.replace(at, 7, "MKOTHER");
@@ -219,8 +217,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             uint32_t e = fuzz::read_and_write_back(t, h, again, 0, written_again);
             mgx_xml_document_free(again);
             if (e || written_again != written)
-                die(t, ": an entity's replacement text reached the instance (error " + std::to_string(e) +
-                    "):\n" + written + "\n" + written_again);
+                die(t, ": an entity's replacement text reached the instance (error " + std::to_string(e) + "):\n" + written +
+                           "\n" + written_again);
         }
     }
     mgx_xml_document_free(doc);

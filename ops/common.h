@@ -86,7 +86,7 @@ struct ArrayLayout {
 // Counts and lengths as they described an instance's storage before a decode or an XML read
 // overwrote them: kept from the counter's read until the string or array it counts is read.
 class OldCounts {
-  public:
+public:
     void keep(uint16_t counter, uint32_t value) {
         if (n_ < max_counted_fields) counter_[n_] = counter, value_[n_++] = value;
     }
@@ -101,7 +101,7 @@ class OldCounts {
         return false;
     }
 
-  private:
+private:
     uint16_t counter_[max_counted_fields];
     uint32_t value_[max_counted_fields];
     unsigned n_ = 0;
@@ -163,9 +163,8 @@ int8_t domain_variant(const Type &t, mgx_handle_t *h, uint32_t *err);
 // beyond. The bundle makes no C++ allocation (it is built without exceptions), so nothing it
 // allocates can throw; ok() is false when the heap refuses.
 class RefList {
-  public:
-    explicit RefList(uint32_t n)
-        : refs_(n <= kept ? local_ : static_cast<uint64_t *>(std::calloc(n, sizeof(uint64_t)))), n_(n) {}
+public:
+    explicit RefList(uint32_t n) : refs_(n <= kept ? local_ : static_cast<uint64_t *>(std::calloc(n, sizeof(uint64_t)))), n_(n) {}
     ~RefList() {
         if (refs_ != local_) std::free(refs_);
     }
@@ -176,7 +175,7 @@ class RefList {
     const uint64_t *begin() const { return refs_; }
     const uint64_t *end() const { return refs_ + n_; }
 
-  private:
+private:
     static constexpr uint32_t kept = 16;
     uint64_t local_[kept] = {};
     uint64_t *refs_;

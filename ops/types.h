@@ -37,33 +37,33 @@ enum FieldRole : uint8_t {
 
 struct Field {
     const char *name;
-    const Type *type;      // enumeration, record or union of the field, member or array element; null for primitives
-    uint16_t offset;       // from the start of the instance
-    uint16_t size;         // bytes held inline in the instance (all elements of a fixed array; 8 for pointers)
-    uint16_t elem_size;    // bytes of one element (an array element, the member's instance); == size for scalars
-    uint16_t count;        // elements of a fixed array, 1 otherwise
+    const Type *type;   // enumeration, record or union of the field, member or array element; null for primitives
+    uint16_t offset;    // from the start of the instance
+    uint16_t size;      // bytes held inline in the instance (all elements of a fixed array; 8 for pointers)
+    uint16_t elem_size; // bytes of one element (an array element, the member's instance); == size for scalars
+    uint16_t count;     // elements of a fixed array, 1 otherwise
     Kind kind;
     Shape shape;
-    int8_t from_variant;   // the field exists in instances whose variant is at least this
-    int8_t companion;      // var_array/var_string: index of its count/length field; count/length field:
-                           // index of the field it counts; -1 otherwise
-    uint16_t sttr_pos;     // position of the field's own flag byte in its type's state-flag area
-    uint16_t sttr_nested;  // nested record/union area, aaa_tlv area, fixed-array element bytes, or the
-                           // var-array reference slot (8 bytes) in the same area; no_area otherwise
-    uint32_t select;       // member: the discriminator's user value that selects it
-    uint8_t roles;         // FieldRole bits
+    int8_t from_variant;  // the field exists in instances whose variant is at least this
+    int8_t companion;     // var_array/var_string: index of its count/length field; count/length field:
+                          // index of the field it counts; -1 otherwise
+    uint16_t sttr_pos;    // position of the field's own flag byte in its type's state-flag area
+    uint16_t sttr_nested; // nested record/union area, aaa_tlv area, fixed-array element bytes, or the
+                          // var-array reference slot (8 bytes) in the same area; no_area otherwise
+    uint32_t select;      // member: the discriminator's user value that selects it
+    uint8_t roles;        // FieldRole bits
 };
 
 struct Literal {
     const char *name;
-    uint32_t user;        // the value callers see
-    uint32_t wire;        // the literal's position, as it travels
+    uint32_t user; // the value callers see
+    uint32_t wire; // the literal's position, as it travels
     int8_t from_variant;
 };
 
 struct Variant {
-    uint32_t used;  // bytes of the instance that this variant's layout uses
-    uint32_t slop;  // spare bytes up to the instance size
+    uint32_t used; // bytes of the instance that this variant's layout uses
+    uint32_t slop; // spare bytes up to the instance size
 };
 
 // Per-type departures from the generic behaviour, as flags rather than branches on names.
@@ -78,14 +78,14 @@ enum TypeFlag : uint32_t {
 // the type's own table. The generator emits one per catalogue and points every type at it, so the
 // engine itself is compiled without any catalogue.
 struct Bundle {
-    const char *domain;              // the catalogue's domain name
+    const char *domain; // the catalogue's domain name
     unsigned type_count;
-    const Type *const *types;        // registration order
-    mgx_register_fn register_types;  // copies the bundle's descriptors into a handle's registry
-    int (*trace_init)(void);         // registers the bundle's trace module, once
-    mgx_trace_table_t *trace_table;  // the bundle's message table
-    const uint16_t *trace_module;    // where trace_init leaves the module id
-    uint8_t *traced_once;            // type_count flags for the messages given once per process
+    const Type *const *types;       // registration order
+    mgx_register_fn register_types; // copies the bundle's descriptors into a handle's registry
+    int (*trace_init)(void);        // registers the bundle's trace module, once
+    mgx_trace_table_t *trace_table; // the bundle's message table
+    const uint16_t *trace_module;   // where trace_init leaves the module id
+    uint8_t *traced_once;           // type_count flags for the messages given once per process
 };
 
 // One member of a type's wire form at one variant, worked out by the generator: a scalar is read
@@ -94,12 +94,12 @@ struct Bundle {
 // step_composite and goes through the field walker.
 enum WireStepFlag : uint8_t { step_state_byte = 1u << 0, step_composite = 1u << 1 };
 struct WireStep {
-    const Type *type;   // the enumeration or record of an enumeration or record scalar
+    const Type *type; // the enumeration or record of an enumeration or record scalar
     uint16_t offset;
     uint16_t sttr_pos;
-    uint16_t field;     // index in Type::fields
+    uint16_t field; // index in Type::fields
     Kind kind;
-    uint8_t flags;      // WireStepFlag bits
+    uint8_t flags; // WireStepFlag bits
 };
 struct WirePlan {
     const WireStep *steps;
@@ -109,22 +109,22 @@ struct WirePlan {
 struct Type {
     const Bundle *bundle;
     const char *name;
-    mgx_type_info_t *descriptor;   // the exported static descriptor
-    const Field *fields;           // declaration order
-    const Literal *literals;       // enumerations, in value order
-    const Variant *variants;       // n_variants entries
-    void *placeholder;             // static zero-filled instance of `size` bytes
-    uint32_t size;                 // untracked instance size (used length + slop of every variant)
-    uint32_t sttr_size;            // state-flag area of a tracked instance, behind the first `size` bytes
-    uint32_t msg_base;             // number of the type's first trace message (see ops/messages.def)
+    mgx_type_info_t *descriptor; // the exported static descriptor
+    const Field *fields;         // declaration order
+    const Literal *literals;     // enumerations, in value order
+    const Variant *variants;     // n_variants entries
+    void *placeholder;           // static zero-filled instance of `size` bytes
+    uint32_t size;               // untracked instance size (used length + slop of every variant)
+    uint32_t sttr_size;          // state-flag area of a tracked instance, behind the first `size` bytes
+    uint32_t msg_base;           // number of the type's first trace message (see ops/messages.def)
     uint16_t n_fields;
     uint16_t n_literals;
-    uint16_t index;                // registration order
+    uint16_t index; // registration order
     TypeKind kind;
     int8_t n_variants;
-    int8_t discriminator;          // union: index of the discriminator field; -1 otherwise
-    uint8_t sttr_align;            // 8 when the area holds an address, else 1
-    uint32_t flags;                // TypeFlag bits
+    int8_t discriminator; // union: index of the discriminator field; -1 otherwise
+    uint8_t sttr_align;   // 8 when the area holds an address, else 1
+    uint32_t flags;       // TypeFlag bits
     // The fields the lifecycle walks visit, worked out by the generator: most fields are plain
     // integers, and create, decode and destroy would otherwise test each of them per instance.
     // plan holds n_owning indices (destroy: members, strings, arrays and inline instances, in

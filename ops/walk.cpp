@@ -12,8 +12,8 @@ void destroy_elements(const Field &f, mgx_handle_t *h, uint32_t luid, void *bloc
     for (uint32_t k = 0; block && k < count; ++k) destroy_internal(*f.type, h, luid, layout.element(block, k), 0);
 }
 
-bool init_elements(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint32_t count, uint32_t from,
-                   uint32_t to, bool tracked, bool raise, uint32_t *err) {
+bool init_elements(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint32_t count, uint32_t from, uint32_t to,
+                   bool tracked, bool raise, uint32_t *err) {
     const ArrayLayout layout(f);
     uint8_t *flags = layout.flags(block, count, tracked);
     for (uint32_t k = from; k < to; ++k) {
@@ -33,8 +33,7 @@ bool init_elements(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, 
     return true;
 }
 
-void *new_block(const Field &f, mgx_handle_t *h, uint32_t luid, uint32_t count, bool tracked, bool raise,
-                uint32_t *err) {
+void *new_block(const Field &f, mgx_handle_t *h, uint32_t luid, uint32_t count, bool tracked, bool raise, uint32_t *err) {
     size_t size = ArrayLayout(f).block_size(count, tracked);
     void *block = h->inst_alloc(h->alloc_ctx, luid, size);
     if (!block) {
@@ -47,8 +46,8 @@ void *new_block(const Field &f, mgx_handle_t *h, uint32_t luid, uint32_t count, 
     return nullptr;
 }
 
-void *grow_block(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint32_t old_count, uint32_t count,
-                 bool tracked, uint32_t *err) {
+void *grow_block(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint32_t old_count, uint32_t count, bool tracked,
+                 uint32_t *err) {
     const ArrayLayout layout(f);
     if (!block) old_count = 0;
     if (block && ArrayLayout::room(old_count) == ArrayLayout::room(count)) {
@@ -84,8 +83,7 @@ void free_moved_block(const Field &f, mgx_handle_t *h, uint32_t luid, void *bloc
     h->inst_free(h->alloc_ctx, luid, block);
 }
 
-bool replace_array(const FieldAt<void> &a, mgx_handle_t *h, uint32_t luid, uint32_t count, bool tracked,
-                   uint32_t *err) {
+bool replace_array(const FieldAt<void> &a, mgx_handle_t *h, uint32_t luid, uint32_t count, bool tracked, uint32_t *err) {
     release_array(a, h, luid, a.count(), a.instance());
     set_count(h, luid, a, 0);
     if (count == 0) return true;

@@ -35,7 +35,7 @@ template <class V> class FieldAt {
     using Byte = std::conditional_t<std::is_const_v<V>, const uint8_t, uint8_t>;
     using Pointer = std::conditional_t<std::is_const_v<V>, void *const, void *>;
 
-  public:
+public:
     FieldAt(const Type &t, const Field &f, V *instance) : t_(&t), f_(&f), instance_(instance) {}
 
     const Type &type() const { return *t_; }
@@ -51,11 +51,7 @@ template <class V> class FieldAt {
     uint32_t counted() const { return count_at(instance_, *f_); }
     // The companion of a string or variable array, its count or length.
     const Field &counter() const { return t_->fields[f_->companion]; }
-    void store_counter(uint32_t value) const
-        requires(!std::is_const_v<V>)
-    {
-        store_count(instance_, counter(), value);
-    }
+    void store_counter(uint32_t value) const requires(!std::is_const_v<V>) { store_count(instance_, counter(), value); }
 
     // Elements: one of a scalar or member, the declared number of a fixed array, the companion's
     // value for a variable array (elements) or a string (characters).
@@ -98,7 +94,7 @@ template <class V> class FieldAt {
         return n;
     }
 
-  private:
+private:
     const Type *t_;
     const Field *f_;
     V *instance_;
@@ -107,12 +103,12 @@ template <class V> class FieldAt {
 // The fields of an instance present in a variant, in declaration order; or those a list of the
 // generator's plan names (indices, in declaration order).
 template <class V> class Fields {
-  public:
+public:
     Fields(const Type &t, V *instance, int variant, const uint16_t *list = nullptr, uint16_t n = 0)
         : t_(&t), instance_(instance), variant_(variant), list_(list), n_(list ? n : t.n_fields) {}
 
     class iterator {
-      public:
+    public:
         iterator(const Fields *w, uint16_t k) : w_(w), k_(k) { skip(); }
         FieldAt<V> operator*() const { return FieldAt<V>(*w_->t_, w_->field(k_), w_->instance_); }
         iterator &operator++() {
@@ -122,7 +118,7 @@ template <class V> class Fields {
         }
         bool operator!=(const iterator &o) const { return k_ != o.k_; }
 
-      private:
+    private:
         void skip() {
             while (k_ < w_->n_ && !present(w_->field(k_), w_->variant_)) ++k_;
         }
@@ -132,7 +128,7 @@ template <class V> class Fields {
     iterator begin() const { return iterator(this, 0); }
     iterator end() const { return iterator(this, n_); }
 
-  private:
+private:
     const Field &field(uint16_t k) const { return t_->fields[list_ ? list_[k] : k]; }
     const Type *t_;
     V *instance_;
@@ -192,21 +188,20 @@ inline void replace_text(mgx_handle_t *h, uint32_t luid, void *&slot, void *text
 // flag slots (a tracking block has them) and, when raise is set, raised to the variant the
 // handle knows for their type (as a decode or read makes them, so later members arrive in
 // full). On failure the ones made so far are destroyed again and false returned with the code.
-bool init_elements(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint32_t count, uint32_t from,
-                   uint32_t to, bool tracked, bool raise, uint32_t *err);
+bool init_elements(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint32_t count, uint32_t from, uint32_t to,
+                   bool tracked, bool raise, uint32_t *err);
 
 // A new zeroed block of count elements, made as init_elements makes them; null with the code in
 // err when it cannot be had.
-void *new_block(const Field &f, mgx_handle_t *h, uint32_t luid, uint32_t count, bool tracked, bool raise,
-                uint32_t *err);
+void *new_block(const Field &f, mgx_handle_t *h, uint32_t luid, uint32_t count, bool tracked, bool raise, uint32_t *err);
 
 // Room for count elements (more than old_count) in a variable array's block, the new ones
 // initialised as init_elements makes them (not raised). In place when the block's room holds
 // them (block is returned); otherwise a new block of room(count) holding the old elements and
 // their flag slots moved over (the old block and the registrations of the moved elements are the
 // caller's to settle). Null with the code in err on failure, the block as it was.
-void *grow_block(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint32_t old_count, uint32_t count,
-                 bool tracked, uint32_t *err);
+void *grow_block(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint32_t old_count, uint32_t count, bool tracked,
+                 uint32_t *err);
 
 // The block grow_block moved old_count elements out of, given back: the elements live on in the
 // new block, so they are only detached from the handle's database (in its mode) before the block
@@ -217,8 +212,7 @@ void free_moved_block(const Field &f, mgx_handle_t *h, uint32_t luid, void *bloc
 void destroy_elements(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint32_t count);
 
 // A variable array's block and its elements released (the count is left to the caller).
-inline void release_array(const FieldAt<void> &a, mgx_handle_t *h, uint32_t luid, uint32_t count,
-                          const void *base = nullptr) {
+inline void release_array(const FieldAt<void> &a, mgx_handle_t *h, uint32_t luid, uint32_t count, const void *base = nullptr) {
     if (!a.block()) return;
     destroy_elements(a.field(), h, luid, a.block(), count);
     free_block(h, luid, a.pointer(), base);
@@ -228,8 +222,7 @@ inline void release_array(const FieldAt<void> &a, mgx_handle_t *h, uint32_t luid
 // to the variants the handle knows): the old elements and their block are released first, and the
 // count follows. False with the code in err when the new block cannot be had; the array is then
 // empty.
-bool replace_array(const FieldAt<void> &a, mgx_handle_t *h, uint32_t luid, uint32_t count, bool tracked,
-                   uint32_t *err);
+bool replace_array(const FieldAt<void> &a, mgx_handle_t *h, uint32_t luid, uint32_t count, bool tracked, uint32_t *err);
 
 } // namespace ovrin
 

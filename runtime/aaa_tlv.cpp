@@ -87,7 +87,7 @@ public:
             fail(h, err, MGX_ENOMEM);
             return false;
         }
-        *b_ = Body{static_cast<uint32_t>(count), static_cast<uint32_t>(nrefs), static_cast<uint32_t>(data_len),
+        *b_ = Body{static_cast<uint32_t>(count),     static_cast<uint32_t>(nrefs),    static_cast<uint32_t>(data_len),
                    static_cast<uint32_t>(attr_room), static_cast<uint32_t>(ref_room), static_cast<uint32_t>(data_room)};
         return true;
     }
@@ -130,9 +130,7 @@ bool check_field(mgx_handle_t *h, const void *field, uint32_t *err) {
 }
 
 struct Tlv {
-    static aaa_tlv *get(mgx_handle_t *, uint32_t, aaa_tlv *field, uint32_t *err) {
-        return err_set(err) ? nullptr : field;
-    }
+    static aaa_tlv *get(mgx_handle_t *, uint32_t, aaa_tlv *field, uint32_t *err) { return err_set(err) ? nullptr : field; }
 
     // Deep copy; the copy holds its own reference to every object the source refers to.
     static void set(mgx_handle_t *h, uint32_t luid, aaa_tlv *dst, const aaa_tlv *src, uint32_t *err) {
@@ -148,8 +146,7 @@ struct Tlv {
         replace(h, luid, dst, b.take(), true, src->body);
     }
 
-    static uint32_t marshal(mgx_handle_t *h, uint32_t, uint8_t *buf, const aaa_tlv *field, int32_t space,
-                            uint32_t *err) {
+    static uint32_t marshal(mgx_handle_t *h, uint32_t, uint8_t *buf, const aaa_tlv *field, int32_t space, uint32_t *err) {
         if (err_set(err)) return 0;
         View v(field);
         uint64_t need = v.wire_length();
@@ -170,8 +167,8 @@ struct Tlv {
 
     // Every count and length is checked against the bytes left before anything is allocated; the
     // decoded attributes replace the list's, its object references stay.
-    static uint32_t unmarshal(mgx_handle_t *h, uint32_t luid, const uint8_t *buf, aaa_tlv *field, int32_t length,
-                              uint32_t flags, uint32_t *err) {
+    static uint32_t unmarshal(mgx_handle_t *h, uint32_t luid, const uint8_t *buf, aaa_tlv *field, int32_t length, uint32_t flags,
+                              uint32_t *err) {
         if (err_set(err)) return 0;
         if (!buf || length < static_cast<int32_t>(kWireHeader)) {
             fail(h, err, MGX_ESHORT);
@@ -233,8 +230,8 @@ struct Tlv {
         return static_cast<uint32_t>(View(field).wire_length());
     }
 
-    static uint32_t print(mgx_handle_t *, uint32_t, char *buf, uint32_t indent, const char *name,
-                          const aaa_tlv *field, uint32_t size, uint32_t *err) {
+    static uint32_t print(mgx_handle_t *, uint32_t, char *buf, uint32_t indent, const char *name, const aaa_tlv *field,
+                          uint32_t size, uint32_t *err) {
         if (err_set(err)) return 0;
         View v(field);
         TextOut out(buf, size);
@@ -257,8 +254,8 @@ struct Tlv {
     }
 
     // <name><attr><type>1</type><value>68656c6c6f</value></attr>...</name>
-    static uint32_t to_xml(mgx_handle_t *, uint32_t, const char *name, char *buf, const aaa_tlv *field,
-                           uint32_t size, uint8_t state_flag, uint32_t *err) {
+    static uint32_t to_xml(mgx_handle_t *, uint32_t, const char *name, char *buf, const aaa_tlv *field, uint32_t size,
+                           uint8_t state_flag, uint32_t *err) {
         if (err_set(err)) return 0;
         View v(field);
         uint32_t n = start_tag(buf, size, name, state_flag);
@@ -274,8 +271,8 @@ struct Tlv {
     }
 
     // Replaces the attributes with those of the element at path (its object references stay).
-    static void from_xml(mgx_handle_t *h, uint32_t luid, const char *path, void *doc, aaa_tlv *field, uint32_t *err,
-                         char *msg, uint32_t msg_size) {
+    static void from_xml(mgx_handle_t *h, uint32_t luid, const char *path, void *doc, aaa_tlv *field, uint32_t *err, char *msg,
+                         uint32_t msg_size) {
         if (!check_field(h, field, err)) return;
         uint32_t nodes = 0;
         uint32_t status = xml_get_element_nodecount(doc, path, &nodes);
@@ -366,8 +363,8 @@ struct Tlv {
         return check_field(h, field, err) ? View(field).nrefs() : 0;
     }
 
-    static void get_object_references(mgx_handle_t *h, uint32_t, const aaa_tlv *field, uint64_t *array,
-                                      uint32_t count, uint32_t *err) {
+    static void get_object_references(mgx_handle_t *h, uint32_t, const aaa_tlv *field, uint64_t *array, uint32_t count,
+                                      uint32_t *err) {
         if (!check_field(h, field, err)) return;
         View v(field);
         if (v.nrefs() == 0) return;
@@ -402,8 +399,8 @@ void aaa_tlv_offset_remove(mgx_handle_t *h, uint32_t luid, aaa_tlv *field, uint3
 
 // Appends in the body's spare room when there is enough; otherwise the body moves to one with
 // room grown by a factor. Either way the body word is announced, as every change of the list is.
-void aaa_tlv_attr_add(mgx_handle_t *h, uint32_t luid, aaa_tlv *tlv, uint32_t type, const void *value,
-                      uint32_t length, uint32_t *err) {
+void aaa_tlv_attr_add(mgx_handle_t *h, uint32_t luid, aaa_tlv *tlv, uint32_t type, const void *value, uint32_t length,
+                      uint32_t *err) {
     if (!check_field(h, tlv, err)) return;
     if (!value && length) return fail(h, err, MGX_EINVAL);
     View v(tlv);
@@ -469,8 +466,8 @@ void aaa_tlv_add_object_reference(mgx_handle_t *h, uint32_t luid, aaa_tlv *tlv, 
     } else {
         const uint64_t nrefs = uint64_t{v.nrefs()} + 1;
         Builder b;
-        if (!b.start(h, luid, nrefs, v.count(), v.data_len(), grown(body ? body->ref_room : 0, nrefs),
-                     body ? body->attr_room : 0, body ? body->data_room : 0, err))
+        if (!b.start(h, luid, nrefs, v.count(), v.data_len(), grown(body ? body->ref_room : 0, nrefs), body ? body->attr_room : 0,
+                     body ? body->data_room : 0, err))
             return;
         b.refs_of(v);
         b.ref(oid);

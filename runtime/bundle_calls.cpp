@@ -34,12 +34,9 @@ CallLog &call_log() {
 void log_bundle_call(const char *name, bool has_handler, uint64_t handler, bool has_arg, const void *arg) noexcept {
     try {
         char buf[64] = "";
-        if (has_handler && has_arg)
-            std::snprintf(buf, sizeof buf, "0x%llx, %p", static_cast<unsigned long long>(handler), arg);
-        else if (has_handler)
-            std::snprintf(buf, sizeof buf, "0x%llx", static_cast<unsigned long long>(handler));
-        else if (has_arg)
-            std::snprintf(buf, sizeof buf, "%p", arg);
+        if (has_handler && has_arg) std::snprintf(buf, sizeof buf, "0x%llx, %p", static_cast<unsigned long long>(handler), arg);
+        else if (has_handler) std::snprintf(buf, sizeof buf, "0x%llx", static_cast<unsigned long long>(handler));
+        else if (has_arg) std::snprintf(buf, sizeof buf, "%p", arg);
         CallLog &s = call_log();
         std::string text = std::string(name) + "(" + buf + ")";
         std::lock_guard<std::mutex> guard(s.lock);
@@ -66,14 +63,14 @@ uint64_t if_common_bundle_handler_unregister(void *arg) {
     return 0;
 }
 // The other three bundles take the handler alone to register and nothing to unregister.
-#define OVRIN_STAND_IN(B)                                                                                              \
-    uint64_t B##_bundle_handler_register(uint64_t handler) {                                                           \
-        log_bundle_call(__func__, true, handler, false, nullptr);                                                      \
-        return 0;                                                                                                      \
-    }                                                                                                                  \
-    uint64_t B##_bundle_handler_unregister(void) {                                                                     \
-        log_bundle_call(__func__, false, 0, false, nullptr);                                                           \
-        return 0;                                                                                                      \
+#define OVRIN_STAND_IN(B)                                                                                                        \
+    uint64_t B##_bundle_handler_register(uint64_t handler) {                                                                     \
+        log_bundle_call(__func__, true, handler, false, nullptr);                                                                \
+        return 0;                                                                                                                \
+    }                                                                                                                            \
+    uint64_t B##_bundle_handler_unregister(void) {                                                                               \
+        log_bundle_call(__func__, false, 0, false, nullptr);                                                                     \
+        return 0;                                                                                                                \
     }
 OVRIN_STAND_IN(platform_comm)
 OVRIN_STAND_IN(aaa_common)

@@ -11,8 +11,8 @@
 
 #include "runtime/internal.h"
 
-using mgx::Runtime;
 using mgx::rt;
+using mgx::Runtime;
 
 namespace {
 
@@ -30,8 +30,7 @@ bool countdown_fires(uint32_t &nth) {
 
 bool recording(const Runtime *r, uint32_t recorder) { return (r->recorders & recorder) != 0; }
 
-void record_hook(mgx_handle_t *h, mgx_hook_kind_t kind, uint32_t luid, const void *object, const void *container,
-                 int64_t arg) {
+void record_hook(mgx_handle_t *h, mgx_hook_kind_t kind, uint32_t luid, const void *object, const void *container, int64_t arg) {
     Runtime *r = rt(h);
     if (recording(r, MGX_RECORD_HOOKS)) mgx::record(r->hooks, mgx_hook_record_t{kind, luid, object, container, arg});
 }
@@ -71,7 +70,8 @@ void *instance_alloc(void *ctx, uint32_t, size_t size) {
     void *p = r->guard_bytes ? nullptr : r->spare.take(size);
     if (!p && r->guard_bytes) {
         if (size > SIZE_MAX - r->guard_bytes) return nullptr;
-        if ((p = std::malloc(size + r->guard_bytes))) std::memset(static_cast<uint8_t *>(p) + size, guard_pattern, r->guard_bytes);
+        if ((p = std::malloc(size + r->guard_bytes)))
+            std::memset(static_cast<uint8_t *>(p) + size, guard_pattern, r->guard_bytes);
     } else if (!p) {
         p = std::malloc(mgx::BlockCache::heap_size(size));
     }
@@ -253,10 +253,8 @@ void mgx_journal_clear(mgx_handle_t *h) { rt(h)->journal.clear(); }
 void mgx_handle_set_recorders(mgx_handle_t *h, uint32_t recorders) {
     rt(h)->recorders = recorders & MGX_RECORD_ALL;
     bool journal = recorders & MGX_RECORD_JOURNAL;
-    if (journal && !h->write_hook)
-        h->write_hook = journal_write;
-    else if (!journal && h->write_hook == journal_write)
-        h->write_hook = nullptr;
+    if (journal && !h->write_hook) h->write_hook = journal_write;
+    else if (!journal && h->write_hook == journal_write) h->write_hook = nullptr;
 }
 uint32_t mgx_handle_recorders(const mgx_handle_t *h) { return rt(h)->recorders; }
 
@@ -308,8 +306,7 @@ void *mgxlib_get_handle_ws(mgx_handle_t *h, uint32_t min_length, uint32_t *lengt
 
 // ------------------------------------------------------------------ registry and descriptors
 
-void *mgx_type_info_ptr_get(mgx_handle_t *h, uint32_t luid, const void *static_descriptor,
-                            mgx_register_fn register_fn) {
+void *mgx_type_info_ptr_get(mgx_handle_t *h, uint32_t luid, const void *static_descriptor, mgx_register_fn register_fn) {
     const char *key = info_of(static_descriptor)->fingerprint_text;
     void *found = h->reg_lookup(h->reg_ctx, luid, key);
     if (!found && register_fn) {
@@ -328,8 +325,7 @@ void *mgx_get_manifested_type_info(const void *instance) {
     return instance ? static_cast<const mgx_instance_hdr_t *>(instance)->descriptor : nullptr;
 }
 
-void mgx_update_variant_info(mgx_handle_t *h, uint32_t luid, void *registered, const void *static_descriptor,
-                             int is_new) {
+void mgx_update_variant_info(mgx_handle_t *h, uint32_t luid, void *registered, const void *static_descriptor, int is_new) {
     auto *copy = static_cast<mgx_type_info_t *>(registered);
     if (copy && static_descriptor) copy->variant_info = info_of(static_descriptor)->variant_info;
     record_hook(h, MGX_HOOK_UPDATE_VARIANT_INFO, luid, registered, static_descriptor, is_new);
@@ -365,8 +361,8 @@ uint8_t mgx_get_instance_obj_flag(const void *instance, int, int) {
 // type's highest variant): the layout byte, the ceiling of later decodes, is raised to it. The
 // instance's variant is left alone. An inline state-flag area stays where it is: every layout of
 // a type shares one allocation, and the area lies behind it (at the untracked size).
-uint32_t mgxlib_adjust_variant(mgx_handle_t *h, uint32_t luid, void *instance, const void *descriptor,
-                               int32_t highest, uint32_t *err) {
+uint32_t mgxlib_adjust_variant(mgx_handle_t *h, uint32_t luid, void *instance, const void *descriptor, int32_t highest,
+                               uint32_t *err) {
     if (!instance || !descriptor) return 0;
     auto *hdr = static_cast<mgx_instance_hdr_t *>(instance);
     int8_t target = mgx_domain_lookup_variant(h, &h->variant_domain, descriptor, err);

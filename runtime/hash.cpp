@@ -40,8 +40,7 @@ extern "C" uint32_t SuperFastHash(const char *data, int len, uint32_t seed) {
         hash ^= hash << 10;
         hash += hash >> 1;
         break;
-    default:
-        break;
+    default: break;
     }
     // Final avalanche.
     hash ^= hash << 3;

@@ -40,7 +40,7 @@ struct OidEntry {
 // tombstones, grown at half load) so that accounting a block allocates nothing per block; a
 // node-based map cost one heap allocation per instance block.
 class BlockTable {
-  public:
+public:
     static constexpr size_t absent = ~size_t{0};
 
     void insert(void *p, size_t size) {
@@ -70,7 +70,7 @@ class BlockTable {
             if (s.key && s.key != tombstone()) fn(s.key, s.size);
     }
 
-  private:
+private:
     struct Slot {
         void *key = nullptr;
         size_t size = 0;
@@ -196,9 +196,7 @@ inline void write_notify(mgx_handle_t *h, const void *addr, size_t length, uint3
 }
 
 // Allocation through the handle's instance allocator / free callbacks.
-inline void *handle_alloc(mgx_handle_t *h, uint32_t luid, size_t size) {
-    return h->inst_alloc(h->alloc_ctx, luid, size);
-}
+inline void *handle_alloc(mgx_handle_t *h, uint32_t luid, size_t size) { return h->inst_alloc(h->alloc_ctx, luid, size); }
 inline void handle_free(mgx_handle_t *h, uint32_t luid, void *p) {
     if (p) h->inst_free(h->alloc_ctx, luid, p);
 }
@@ -250,7 +248,10 @@ template <class U> inline U to_big(U v) {
     else return __builtin_bswap64(v);
 }
 inline void put_be(uint8_t *p, uint64_t v, unsigned width) {
-    auto store = [p](auto x) { x = to_big(x); std::memcpy(p, &x, sizeof x); };
+    auto store = [p](auto x) {
+        x = to_big(x);
+        std::memcpy(p, &x, sizeof x);
+    };
     switch (width) {
     case 1: *p = static_cast<uint8_t>(v); return;
     case 2: return store(static_cast<uint16_t>(v));
@@ -261,7 +262,10 @@ inline void put_be(uint8_t *p, uint64_t v, unsigned width) {
     }
 }
 inline uint64_t get_be(const uint8_t *p, unsigned width) {
-    auto load = [p](auto x) { std::memcpy(&x, p, sizeof x); return static_cast<uint64_t>(to_big(x)); };
+    auto load = [p](auto x) {
+        std::memcpy(&x, p, sizeof x);
+        return static_cast<uint64_t>(to_big(x));
+    };
     switch (width) {
     case 1: return *p;
     case 2: return load(uint16_t{});

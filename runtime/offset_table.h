@@ -126,10 +126,8 @@ private:
     }
     // After entries left a run: an empty run goes, one whose first entry went is indexed anew.
     void settle(Runs::iterator run, bool first_changed) {
-        if (run->second.empty())
-            runs_.erase(run);
-        else if (first_changed)
-            rekey(run);
+        if (run->second.empty()) runs_.erase(run);
+        else if (first_changed) rekey(run);
     }
     // Indexes a run by its first key again (a node moved, nothing allocated).
     void rekey(Runs::iterator run) {

@@ -50,8 +50,7 @@ private:
 };
 
 // Writes "<name>" or "<name state=\"N\">", the text escaped, and "</name>".
-uint32_t xml_element(char *buf, uint32_t size, const char *name, uint8_t state_flag, const char *text,
-                     size_t length);
+uint32_t xml_element(char *buf, uint32_t size, const char *name, uint8_t state_flag, const char *text, size_t length);
 
 // XML escaping of element content. Besides < > & " ' (and CR, which a parser would fold into LF),
 // every byte that XML 1.0 cannot carry is written as the private-use character U+E000 + byte:
@@ -76,8 +75,7 @@ bool hex_decode(std::string_view text, std::string &out);
 // Reads the element at path with xml_value and hands its blank-trimmed text to parse. Absent: 2;
 // rejected by parse or refused by xml_value: 22 and, when msg is given, "Invalid value at <path>". Returns true on success.
 template <class Parse>
-bool read_xml_field(mgx_handle_t *h, const char *path, void *doc, uint32_t *err, char *msg, uint32_t msg_size,
-                    Parse parse) {
+bool read_xml_field(mgx_handle_t *h, const char *path, void *doc, uint32_t *err, char *msg, uint32_t msg_size, Parse parse) {
     std::string text;
     uint32_t status = xml_value(doc, path, text);
     if (status && status != MGX_EINVAL) { // 22: a value that refers to an entity

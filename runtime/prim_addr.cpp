@@ -74,9 +74,7 @@ struct Ipv6Traits : OctetTraits<ipv6_addr> {
     static void format(const ipv6_addr &v, char (&text)[64]) {
         if (!inet_ntop(AF_INET6, v.word, text, sizeof text)) text[0] = '\0';
     }
-    static bool parse(std::string_view s, ipv6_addr &v) {
-        return inet_pton(AF_INET6, std::string(s).c_str(), v.word) == 1;
-    }
+    static bool parse(std::string_view s, ipv6_addr &v) { return inet_pton(AF_INET6, std::string(s).c_str(), v.word) == 1; }
 };
 
 using Mac = Fixed<mgx_mac_addr, MacTraits>;

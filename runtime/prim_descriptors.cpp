@@ -43,13 +43,13 @@ constexpr mgx_type_info_t make_info(std::string_view name, mgx_type_variant_info
 
 } // namespace
 
-#define MGX_PRIM_DESCRIPTOR(T, WIDTH)                                                                            \
-    namespace {                                                                                                  \
-    mgx_variant_entry_t T##_entries[1] = {{0, WIDTH, 0, 0, {0, 0, 0}}};                                          \
-    mgx_type_variant_info_t T##_variants = {1, {}, T##_entries};                                                 \
-    }                                                                                                            \
-    extern "C" {                                                                                                 \
-    constinit mgx_type_info_t _##T##_type_info_internal = make_info(#T, &T##_variants);                         \
+#define MGX_PRIM_DESCRIPTOR(T, WIDTH)                                                                                            \
+    namespace {                                                                                                                  \
+    mgx_variant_entry_t T##_entries[1] = {{0, WIDTH, 0, 0, {0, 0, 0}}};                                                          \
+    mgx_type_variant_info_t T##_variants = {1, {}, T##_entries};                                                                 \
+    }                                                                                                                            \
+    extern "C" {                                                                                                                 \
+    constinit mgx_type_info_t _##T##_type_info_internal = make_info(#T, &T##_variants);                                          \
     }
 
 MGX_PRIM_DESCRIPTOR(mgx_boolean, sizeof(mgx_boolean))

@@ -75,10 +75,8 @@ void TextOut::xml_text(const char *s, size_t n) {
             s + from, end - from,
             [](void *sink, const char *p, size_t k) {
                 auto *out = static_cast<TextOut *>(sink);
-                if (*p == '&')
-                    out->whole(p, k);
-                else
-                    out->raw(p, k);
+                if (*p == '&') out->whole(p, k);
+                else out->raw(p, k);
             },
             this);
         from = end;

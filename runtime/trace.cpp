@@ -16,8 +16,8 @@
 #include <mutex>
 
 #include "formats/elf_file.h"
-#include "runtime/internal.h"
 #include "formats/trace_format.h"
+#include "runtime/internal.h"
 
 mgx_module_root_t mgx_module_tot_root = {0, nullptr, &mgx_module_tot_root.first};
 
@@ -51,10 +51,10 @@ struct TraceState {
     // module id - 1 -> name; a deque never moves its elements, so a name handed out stays put for
     // the process's life
     std::deque<std::string> modules;
-    std::unordered_map<const void *, TableTexts> tables;    // by table address
-    std::deque<Emission> captured;                          // the ring of captured emissions
-    size_t dropped = 0;                                     // emissions that fell out of the ring
-    int stderr_level = -2;                                  // -2: not yet read from the environment
+    std::unordered_map<const void *, TableTexts> tables; // by table address
+    std::deque<Emission> captured;                       // the ring of captured emissions
+    size_t dropped = 0;                                  // emissions that fell out of the ring
+    int stderr_level = -2;                               // -2: not yet read from the environment
     // the trace file
     bool file_env_read = false;
     int file = -1;
@@ -102,10 +102,8 @@ TableTexts &table_texts(TraceState &s, mgx_trace_table_t *t) {
     std::string error;
     auto file = tt.library.empty() ? std::nullopt : mgx::elf::read(tt.library, error);
     const mgx::elf::Section *section = file && t->section ? file->find(t->section) : nullptr;
-    if (!file)
-        tt.problem = tt.library.empty() ? "the file holding the table is unknown" : error;
-    else if (!section)
-        tt.problem = tt.library + " has no " + (t->section ? t->section : "(unnamed)") + " section";
+    if (!file) tt.problem = tt.library.empty() ? "the file holding the table is unknown" : error;
+    else if (!section) tt.problem = tt.library + " has no " + (t->section ? t->section : "(unnamed)") + " section";
     else if (std::span<const uint8_t> bytes = file->view(*section);
              !mgx::tracefmt::expand_texts(bytes.data(), bytes.size(), t->count, t->texts_crc, tt.texts, error))
         tt.problem = tt.library + ": " + error;
@@ -129,7 +127,7 @@ int file_open_locked(TraceState &s, const char *path) {
     s.file_tables.clear();
     int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (fd < 0) return errno;
-    struct stat st{};
+    struct stat st {};
     if (fstat(fd, &st) != 0) {
         int e = errno;
         close(fd);
@@ -203,7 +201,7 @@ void emit_locked(TraceState &s, mgx_trace_table_t *t, uint32_t msg, uint16_t mod
         file_write(s, mgx::tracefmt::emission_record(r));
     }
     std::string text = tt && msg < tt->texts.size() ? mgx::tracefmt::render(tt->texts[msg], args)
-                                                     : "message " + std::to_string(msg);
+                                                    : "message " + std::to_string(msg);
     if (severity <= stderr_level_locked(s)) {
         const char *mod = module >= 1 && module <= s.modules.size() ? s.modules[module - 1].c_str() : "?";
         std::fprintf(stderr, "%s %s #%u: %s\n", mgx::tracefmt::severity_name(severity), mod, msg, text.c_str());
@@ -259,8 +257,7 @@ void qlog_emit_u(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t f
 void qlog_emit_uu(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, uint32_t a, uint32_t b) {
     emit(t, msg, module, flags, [&] { return std::vector<Arg>{u(a), u(b)}; });
 }
-void qlog_emit_ddd(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, int32_t a, int32_t b,
-                   int32_t c) {
+void qlog_emit_ddd(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, int32_t a, int32_t b, int32_t c) {
     emit(t, msg, module, flags, [&] { return std::vector<Arg>{d(a), d(b), d(c)}; });
 }
 void qlog_emit_ps(mgx_trace_table_t *t, uint32_t msg, uint16_t module, uint32_t flags, const void *p, const char *s) {
@@ -275,8 +272,7 @@ int mgx_trace_texts_attach(mgx_trace_table_t *t, const void *section, size_t len
     try {
         TableTexts tt;
         std::string error;
-        if (!mgx::tracefmt::expand_texts(bytes, length, t->count, t->texts_crc, tt.texts, error))
-            return EINVAL;
+        if (!mgx::tracefmt::expand_texts(bytes, length, t->count, t->texts_crc, tt.texts, error)) return EINVAL;
         tt.library = file_of(t);
         tt.count = t->count;
         tt.crc = t->texts_crc;

@@ -29,23 +29,21 @@ template <class T> uint32_t get_piece(mgx_handle_t *h, const uint8_t *buf, T *va
 
 extern "C" {
 
-uint32_t _mgx_instance_variant_marshal(mgx_handle_t *h, uint32_t, uint8_t *buf, int8_t variant, int32_t space,
-                                       uint32_t *err) {
+uint32_t _mgx_instance_variant_marshal(mgx_handle_t *h, uint32_t, uint8_t *buf, int8_t variant, int32_t space, uint32_t *err) {
     return put_piece(h, buf, static_cast<uint8_t>(variant), space, err);
 }
 
-uint32_t _mgx_instance_variant_unmarshal(mgx_handle_t *h, uint32_t, const uint8_t *buf, int8_t *variant,
-                                         int32_t length, uint32_t *err) {
+uint32_t _mgx_instance_variant_unmarshal(mgx_handle_t *h, uint32_t, const uint8_t *buf, int8_t *variant, int32_t length,
+                                         uint32_t *err) {
     return get_piece(h, buf, variant, length, err);
 }
 
-uint32_t _mgx_instance_obj_flag_marshal(mgx_handle_t *h, uint32_t, uint8_t *buf, uint8_t flag, int32_t space,
-                                        uint32_t *err) {
+uint32_t _mgx_instance_obj_flag_marshal(mgx_handle_t *h, uint32_t, uint8_t *buf, uint8_t flag, int32_t space, uint32_t *err) {
     return put_piece(h, buf, flag, space, err);
 }
 
-uint32_t _mgx_instance_obj_flag_unmarshal(mgx_handle_t *h, uint32_t, const uint8_t *buf, uint8_t *flag,
-                                          int32_t length, uint32_t *err) {
+uint32_t _mgx_instance_obj_flag_unmarshal(mgx_handle_t *h, uint32_t, const uint8_t *buf, uint8_t *flag, int32_t length,
+                                          uint32_t *err) {
     return get_piece(h, buf, flag, length, err);
 }
 
@@ -62,8 +60,8 @@ uint32_t _mgx_instance_ra_data_marshal(mgx_handle_t *h, uint32_t, uint8_t *buf, 
     return 2u + n;
 }
 
-uint32_t _mgx_instance_ra_data_unmarshal(mgx_handle_t *h, uint32_t, const uint8_t *buf, void *instance,
-                                         int32_t length, uint32_t *err) {
+uint32_t _mgx_instance_ra_data_unmarshal(mgx_handle_t *h, uint32_t, const uint8_t *buf, void *instance, int32_t length,
+                                         uint32_t *err) {
     uint16_t n = 0;
     if (!get_piece(h, buf, &n, length, err)) return 0;
     if (length - 2 < static_cast<int32_t>(n)) {
@@ -77,8 +75,7 @@ uint32_t _mgx_instance_ra_data_unmarshal(mgx_handle_t *h, uint32_t, const uint8_
     return 2u + n;
 }
 
-uint32_t _mgx_variant_jump_marshal(mgx_handle_t *h, uint32_t, uint8_t *buf, uint32_t jump, int32_t space,
-                                   uint32_t *err) {
+uint32_t _mgx_variant_jump_marshal(mgx_handle_t *h, uint32_t, uint8_t *buf, uint32_t jump, int32_t space, uint32_t *err) {
     return put_piece(h, buf, jump, space, err);
 }
 

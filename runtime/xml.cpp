@@ -1,10 +1,10 @@
 // XML documents (libxml2) and their path queries, the tag writers, and the escaping of element
 // text. The paths the readers build (element names and positions) are answered by walking the
 // tree directly; any other path goes to libxml2's XPath engine, which gives the same node sets.
+#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <cstdio>
-#include <algorithm>
 #include <cstring>
 #include <string_view>
 
@@ -52,8 +52,8 @@ size_t plain_char_length(const unsigned char *s, size_t n) {
         if ((s[i] & 0xC0) != 0x80) return 0;
         cp = cp << 6 | (s[i] & 0x3F);
     }
-    bool excluded = cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF) || cp == 0xFFFE ||
-                    cp == 0xFFFF || (cp >= 0xE000 && cp <= 0xE0FF);
+    bool excluded = cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF) || cp == 0xFFFE || cp == 0xFFFF ||
+                    (cp >= 0xE000 && cp <= 0xE0FF);
     return excluded ? 0 : len;
 }
 
@@ -162,8 +162,7 @@ template <class Visit> bool walk(xmlNodePtr first, const Step *s, const Step *en
 
 // The same over a document's child index: each step one lookup under each element the step
 // before it selected, whatever the number of siblings before the element it names.
-template <class Visit>
-bool walk(const XmlChildIndex &index, const void *parent, const Step *s, const Step *end, Visit &visit) {
+template <class Visit> bool walk(const XmlChildIndex &index, const void *parent, const Step *s, const Step *end, Visit &visit) {
     auto named = index.children(parent, s->name, s->length);
     if (s->position) named = s->position <= named.size() ? named.subspan(s->position - 1, 1) : named.first(0);
     for (xmlNodePtr c : named)
@@ -184,11 +183,11 @@ bool walk(const XmlChildIndex &index, const void *parent, const Step *s, const S
 constexpr size_t chain_path_size = 512;
 struct Chain {
     const void *doc = nullptr;
-    uint64_t serial = 0;          // of the document's index
-    size_t n = 0;                 // levels kept
-    size_t end[max_steps];        // where each level's step ends in path
+    uint64_t serial = 0;   // of the document's index
+    size_t n = 0;          // levels kept
+    size_t end[max_steps]; // where each level's step ends in path
     xmlNodePtr node[max_steps];
-    uint8_t certain[max_steps];   // 1 one element for certain, 0 not, 2 not yet known
+    uint8_t certain[max_steps]; // 1 one element for certain, 0 not, 2 not yet known
     char path[chain_path_size];
 };
 thread_local Chain chain; // trivially destructible: nothing to run at thread exit
@@ -222,10 +221,8 @@ struct PathPlan {
     xmlNodePtr parent = nullptr, last = nullptr;
 
     template <class Visit> void walk(Visit &visit) const {
-        if (index)
-            mgx::walk(*index, parent, steps, steps + n, visit);
-        else
-            mgx::walk(parent->children, steps, steps + n, visit);
+        if (index) mgx::walk(*index, parent, steps, steps + n, visit);
+        else mgx::walk(parent->children, steps, steps + n, visit);
     }
 };
 
@@ -401,10 +398,8 @@ struct FirstError {
 };
 
 void write_start(TextOut &out, const char *name, uint8_t state_flag) {
-    if (state_flag)
-        out.fmt("<%s state=\"%u\">", name ? name : "", state_flag);
-    else
-        out.fmt("<%s>", name ? name : "");
+    if (state_flag) out.fmt("<%s state=\"%u\">", name ? name : "", state_flag);
+    else out.fmt("<%s>", name ? name : "");
 }
 
 void write_end(TextOut &out, const char *name) { out.fmt("</%s>", name ? name : ""); }
@@ -463,8 +458,7 @@ uint32_t xml_value(void *doc, const char *path, std::string &out) {
     });
 }
 
-uint32_t xml_element(char *buf, uint32_t size, const char *name, uint8_t state_flag, const char *text,
-                     size_t length) {
+uint32_t xml_element(char *buf, uint32_t size, const char *name, uint8_t state_flag, const char *text, size_t length) {
     TextOut out(buf, size);
     write_start(out, name, state_flag);
     if (text) out.xml_text(text, length);
@@ -528,10 +522,8 @@ void *mgx_xml_document_read(const char *text, size_t length, char *message, size
     xmlDocPtr doc = xmlCtxtReadMemory(ctx, text, static_cast<int>(length), nullptr, nullptr,
                                       XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
     if (!doc) {
-        if (first.seen)
-            say("line %d, column %d: %s", first.line, first.column, first.message);
-        else
-            say("%s", "not a well-formed XML document");
+        if (first.seen) say("line %d, column %d: %s", first.line, first.column, first.message);
+        else say("%s", "not a well-formed XML document");
     }
     xmlFreeParserCtxt(ctx);
     if (doc) {
@@ -566,20 +558,22 @@ uint32_t xml_get_element_nodecount(void *doc, const char *path, uint32_t *count)
 uint32_t xml_get_element_value(void *doc, const char *path, char *buf, uint32_t size, uint32_t *length_out) {
     if (length_out) *length_out = 0;
     uint32_t ignored = 0;
-    return guarded(nullptr, &ignored, MGX_ENOMEM, [&] { return with_first_node(doc, path, [&](xmlNodePtr node) {
-        std::string scratch;
-        std::string_view text;
-        uint32_t status = raw_text(node, scratch, text);
-        if (status) return status;
-        // The text goes straight from the document into buf, escapes undone on the way.
-        size_t room = buf && size ? size - 1 : 0;
-        size_t full = unescape_private(text, buf, room);
-        uint32_t length = full > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(full);
-        if (length_out) *length_out = length;
-        if (!buf || !size) return length ? MGX_ERANGE : 0u;
-        buf[full < room ? full : room] = '\0';
-        return length < size ? 0u : MGX_ERANGE;
-    }); });
+    return guarded(nullptr, &ignored, MGX_ENOMEM, [&] {
+        return with_first_node(doc, path, [&](xmlNodePtr node) {
+            std::string scratch;
+            std::string_view text;
+            uint32_t status = raw_text(node, scratch, text);
+            if (status) return status;
+            // The text goes straight from the document into buf, escapes undone on the way.
+            size_t room = buf && size ? size - 1 : 0;
+            size_t full = unescape_private(text, buf, room);
+            uint32_t length = full > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(full);
+            if (length_out) *length_out = length;
+            if (!buf || !size) return length ? MGX_ERANGE : 0u;
+            buf[full < room ? full : room] = '\0';
+            return length < size ? 0u : MGX_ERANGE;
+        });
+    });
 }
 
 uint32_t start_tag(char *buf, uint32_t size, const char *name, uint8_t state_flag) {

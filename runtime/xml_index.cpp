@@ -64,8 +64,7 @@ XmlChildIndex::XmlChildIndex(xmlDocPtr doc) : serial(next_serial()) {
     });
 }
 
-const XmlChildIndex::Group *XmlChildIndex::find(const void *parent, const char *name, size_t length,
-                                                uint64_t hash) const {
+const XmlChildIndex::Group *XmlChildIndex::find(const void *parent, const char *name, size_t length, uint64_t hash) const {
     const size_t mask = groups_.size() - 1;
     for (size_t i = hash & mask;; i = (i + 1) & mask) {
         const Group &g = groups_[i];

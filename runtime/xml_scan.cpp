@@ -25,8 +25,8 @@ bool space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
 // A character of a name in a declaration (any byte of a multi-byte character among them).
 bool word_char(char c) {
     auto u = static_cast<unsigned char>(c);
-    return (u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') || u == '_' || u == '-' ||
-           u == '.' || u == ':' || u >= 0x80;
+    return (u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') || u == '_' || u == '-' || u == '.' ||
+           u == ':' || u >= 0x80;
 }
 
 struct Scan {

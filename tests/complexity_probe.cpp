@@ -112,14 +112,10 @@ int main(int argc, char **argv) {
             return 0;
         }
         if (i + 1 >= argc) return fail("usage: complexity_probe --list | --channel NAME --size N [--dir DIR]");
-        if (a == "--channel")
-            channel = argv[++i];
-        else if (a == "--size")
-            size = std::strtoull(argv[++i], nullptr, 10);
-        else if (a == "--dir")
-            dir = argv[++i];
-        else
-            return fail("unknown option " + a);
+        if (a == "--channel") channel = argv[++i];
+        else if (a == "--size") size = std::strtoull(argv[++i], nullptr, 10);
+        else if (a == "--dir") dir = argv[++i];
+        else return fail("unknown option " + a);
     }
     if (size == 0) return fail("--size: a number of at least 1 is needed");
     for (const auto &c : gate_checks)

@@ -39,10 +39,10 @@ inline std::vector<uint8_t> elf_file(const std::vector<ElfSection> &sections, El
         headers.resize(h + shsize);
         put(headers, h, names.size(), 4);
         put(headers, h + 4, s.type, 4);
-        put(headers, h + (kind.wide ? 24 : 16), data.size(), word);          // offset
-        put(headers, h + (kind.wide ? 32 : 20), s.contents.size(), word);    // size
+        put(headers, h + (kind.wide ? 24 : 16), data.size(), word);       // offset
+        put(headers, h + (kind.wide ? 32 : 20), s.contents.size(), word); // size
         put(headers, h + (kind.wide ? 40 : 24), s.link, 4);
-        put(headers, h + (kind.wide ? 48 : 32), 1, word);                    // alignment
+        put(headers, h + (kind.wide ? 48 : 32), 1, word); // alignment
         put(headers, h + (kind.wide ? 56 : 36), s.entsize, word);
         names.insert(names.end(), s.name.begin(), s.name.end());
         names.push_back(0);

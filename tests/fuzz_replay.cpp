@@ -87,8 +87,7 @@ int main(int argc, char **argv) {
         bool clean = runs_clean(f, seconds, &argc, &argv);
         if (clean == pending) {
             ++wrong;
-            std::fprintf(stderr, pending ? "%s: now runs clean; move it to the regression inputs\n" : "%s: FAILED\n",
-                         f.c_str());
+            std::fprintf(stderr, pending ? "%s: now runs clean; move it to the regression inputs\n" : "%s: FAILED\n", f.c_str());
         }
     }
     std::printf("%zu inputs replayed%s, %u %s\n", files.size(), pending ? " (pending findings)" : "", wrong,

@@ -4,16 +4,16 @@
 #ifndef OVRIN_TESTS_PRIVATE_TABLES_H
 #define OVRIN_TESTS_PRIVATE_TABLES_H
 
-#define OVRIN_PRIVATE_BUNDLE(domain_name)                                                                         \
-    const ovrin::Bundle ovrin::bundle = {                                                                        \
-        .domain = domain_name,                                                                                   \
-        .type_count = ovrin::table::type_count,                                                                  \
-        .types = ovrin::table::all,                                                                              \
-        .register_types = nullptr,                                                                               \
-        .trace_init = nullptr,                                                                                   \
-        .trace_table = nullptr,                                                                                  \
-        .trace_module = nullptr,                                                                                 \
-        .traced_once = nullptr,                                                                                  \
+#define OVRIN_PRIVATE_BUNDLE(domain_name)                                                                                        \
+    const ovrin::Bundle ovrin::bundle = {                                                                                        \
+        .domain = domain_name,                                                                                                   \
+        .type_count = ovrin::table::type_count,                                                                                  \
+        .types = ovrin::table::all,                                                                                              \
+        .register_types = nullptr,                                                                                               \
+        .trace_init = nullptr,                                                                                                   \
+        .trace_table = nullptr,                                                                                                  \
+        .trace_module = nullptr,                                                                                                 \
+        .traced_once = nullptr,                                                                                                  \
     };
 
 #endif

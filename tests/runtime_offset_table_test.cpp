@@ -51,9 +51,7 @@ TEST(OffsetTable, AnswersAsAnOrderedMapDoes) {
                 ref.erase(ref.lower_bound(k), ref.lower_bound(k + n));
                 break;
             }
-            default:
-                t.insert_or_assign(k, v);
-                ref.insert_or_assign(k, v);
+            default: t.insert_or_assign(k, v); ref.insert_or_assign(k, v);
             }
             if (i % 2500 == 0) expect_same(t, ref, 0, span + 1);
         }

@@ -18,27 +18,27 @@ ipv6_addr v6(const char *text) {
 }
 
 // One fixed-width primitive: its operations, a sample value, its wire bytes and its text.
-#define PRIM_CASE(NAME, T, VALUE, TEXT, ...)                                                                \
-    struct NAME {                                                                                           \
-        using type = T;                                                                                     \
-        static constexpr auto set = T##_set;                                                                \
-        static constexpr auto marshal = T##_marshal;                                                        \
-        static constexpr auto unmarshal = T##_unmarshal;                                                    \
-        static constexpr auto len = T##_len;                                                                \
-        static constexpr auto print = T##_print;                                                            \
-        static constexpr auto to_xml = T##_to_xml;                                                          \
-        static constexpr auto from_xml = T##_from_xml;                                                      \
-        static T value() { return VALUE; }                                                                  \
-        static std::vector<uint8_t> wire() { return {__VA_ARGS__}; }                                        \
-        static constexpr const char *text = TEXT;                                                           \
+#define PRIM_CASE(NAME, T, VALUE, TEXT, ...)                                                                                     \
+    struct NAME {                                                                                                                \
+        using type = T;                                                                                                          \
+        static constexpr auto set = T##_set;                                                                                     \
+        static constexpr auto marshal = T##_marshal;                                                                             \
+        static constexpr auto unmarshal = T##_unmarshal;                                                                         \
+        static constexpr auto len = T##_len;                                                                                     \
+        static constexpr auto print = T##_print;                                                                                 \
+        static constexpr auto to_xml = T##_to_xml;                                                                               \
+        static constexpr auto from_xml = T##_from_xml;                                                                           \
+        static T value() { return VALUE; }                                                                                       \
+        static std::vector<uint8_t> wire() { return {__VA_ARGS__}; }                                                             \
+        static constexpr const char *text = TEXT;                                                                                \
     };
 PRIM_CASE(U8Case, u_int8, 0xA5, "165", 0xA5)
 PRIM_CASE(U16Case, u_int16, 0xBEEF, "48879", 0xBE, 0xEF)
 PRIM_CASE(U32Case, u_int32, 0xDEADBEEFu, "3735928559", 0xDE, 0xAD, 0xBE, 0xEF)
 PRIM_CASE(U64Case, u_int64, 0x0123456789ABCDEFull, "81985529216486895", 1, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF)
 PRIM_CASE(BoolCase, mgx_boolean, 1, "true", 1)
-PRIM_CASE(MacCase, mgx_mac_addr, (mgx_mac_addr{{0, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e}}), "00:1a:2b:3c:4d:5e", 0, 0x1a, 0x2b,
-          0x3c, 0x4d, 0x5e)
+PRIM_CASE(MacCase, mgx_mac_addr, (mgx_mac_addr{{0, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e}}), "00:1a:2b:3c:4d:5e", 0, 0x1a, 0x2b, 0x3c,
+          0x4d, 0x5e)
 PRIM_CASE(Ipv4Case, ipv4_addr, 0xC0A80001u, "192.168.0.1", 192, 168, 0, 1)
 PRIM_CASE(Ipv6Case, ipv6_addr, v6("2001:db8::1"), "2001:db8::1", 0x20, 1, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1)
 
@@ -83,7 +83,6 @@ TYPED_TEST(PrimTest, SetWireFormShortBuffersAndAPendingError) {
         EXPECT_TRUE(same(back, none));
     }
     EXPECT_EQ(mgx_handle_last_error(h), MGX_ESHORT);
-
 }
 
 TYPED_TEST(PrimTest, PrintAndXmlForms) {
@@ -139,8 +138,8 @@ TEST_F(ScalarTest, ReadersAreStrict) {
     check(u_int8{}, u_int8_from_xml,
           {{"255", true}, {" 42\n", true}, {"256", false}, {"-1", false}, {"+1", false}, {"0x1", false}, {"1 2", false}});
     check(u_int64{}, u_int64_from_xml, {{"18446744073709551615", true}, {"18446744073709551616", false}});
-    check(mgx_mac_addr{}, mgx_mac_addr_from_xml, {{"00:1A:2B:3C:4D:5E", true}, {"00:1a:2b:3c:4d", false},
-                                                  {"00-1a-2b-3c-4d-5e", false}, {"0g:1a:2b:3c:4d:5e", false}});
+    check(mgx_mac_addr{}, mgx_mac_addr_from_xml,
+          {{"00:1A:2B:3C:4D:5E", true}, {"00:1a:2b:3c:4d", false}, {"00-1a-2b-3c-4d-5e", false}, {"0g:1a:2b:3c:4d:5e", false}});
     check(ipv4_addr{}, ipv4_addr_from_xml, {{"1.2.3", false}, {"256.1.1.1", false}});
     check(ipv6_addr{}, ipv6_addr_from_xml, {{"::ffff:10.0.0.1", true}, {"1::2::3", false}});
 }
@@ -194,9 +193,9 @@ TEST_F(AaaTlvTest, AttributeApiAndOrdering) {
     EXPECT_EQ(aaa_tlv_attr_count(t), 2u);
 
     // compare: count, then type, length and bytes of each attribute; hash: the same bytes
-    const std::pair<Attrs, int> orders[] = {{{{31, v01}}, -1},              // count first
-                                            {{{30, "zzz"}, {1, ""}}, -1},   // type before length
-                                            {{{31, "\x01"}, {1, ""}}, -1},  // length before bytes
+    const std::pair<Attrs, int> orders[] = {{{{31, v01}}, -1},             // count first
+                                            {{{30, "zzz"}, {1, ""}}, -1},  // type before length
+                                            {{{31, "\x01"}, {1, ""}}, -1}, // length before bytes
                                             {{{31, v02}, {1, ""}}, 1},
                                             {{{31, v01}, {1, ""}}, 0}};
     for (const auto &[attrs, order] : orders) {

@@ -14,8 +14,8 @@
 #include <tuple>
 #include <vector>
 
-#include "mgx/runtime.h"
 #include "formats/trace_format.h"
+#include "mgx/runtime.h"
 
 namespace {
 
@@ -83,12 +83,11 @@ TEST(Trace, EmissionsAreRenderedAndCaptured) {
     qlog_emit_ddd(&tab.t, 2, 8, MGX_SEV_DEBUG, 10, 6, 12);
     qlog_emit_uu(&tab.t, 3, 7, MGX_SEV_INFO, 3, 2);
     qlog_emit_s(&tab.t, 3, 7, MGX_SEV_INFO, "wrong shape"); // shown unformatted, never misread
-    const std::pair<const char *, int> want[] = {
-        {"Corrupted MGX Handle", 0},
-        {"error in x create: Cannot allocate memory", 3},
-        {"offset_jump read_len 10 offset_jump_base 6 _mgx_variant_jump 12", 7},
-        {"varinfo is NULL variant 3 requested only 2 variants present", 6},
-        {"varinfo is NULL variant %u requested only %u variants present", 6}};
+    const std::pair<const char *, int> want[] = {{"Corrupted MGX Handle", 0},
+                                                 {"error in x create: Cannot allocate memory", 3},
+                                                 {"offset_jump read_len 10 offset_jump_base 6 _mgx_variant_jump 12", 7},
+                                                 {"varinfo is NULL variant 3 requested only 2 variants present", 6},
+                                                 {"varinfo is NULL variant %u requested only %u variants present", 6}};
     ASSERT_EQ(mgx_trace_count(), std::size(want));
     for (size_t i = 0; i < std::size(want); ++i) {
         EXPECT_STREQ(mgx_trace_text(i), want[i].first);
@@ -115,8 +114,8 @@ TEST(Trace, ConversionsTakeTheirArgumentsOrTheTextStandsAsItIs) {
     EXPECT_EQ(fmt::render("%d", {s("x")}), "%d");
     EXPECT_EQ(fmt::render("50%", {}), "50%");
     // what the texts never use, or use wrongly, is not passed on to be guessed at
-    for (const std::string &text : std::vector<std::string>{"%*u", "%lu", "%5-3u", "%.-2u", "%n", std::string("%\0u", 3),
-                                                            std::string("%5\0", 3)})
+    for (const std::string &text :
+         std::vector<std::string>{"%*u", "%lu", "%5-3u", "%.-2u", "%n", std::string("%\0u", 3), std::string("%5\0", 3)})
         EXPECT_EQ(fmt::render(text, {u(1)}), text) << text;
     EXPECT_EQ(fmt::render("%--05u|%+.3d|%#x", {u(7), d(4), u(255)}), "7    |+004|0xff");
     // the widest each conversion makes without a width, whole
@@ -135,11 +134,17 @@ TEST(Trace, WidthsAndPrecisionsPastTheLimitLeaveTheTextAsItStands) {
     EXPECT_EQ(fmt::render("%." + limit + "s", {s(std::string(5000, 'y'))}), std::string(fmt::width_limit, 'y'));
     EXPECT_EQ(fmt::render("%s", {s(std::string(5000, 'y'))}), std::string(5000, 'y')); // an argument is never cut
     const std::vector<std::pair<std::string, std::vector<fmt::Arg>>> refused = {
-        {"%" + past + "u", {u(1)}},        {"%." + past + "u", {u(1)}}, {"%2147483000u", {u(1)}},
-        {"%99999999999999999999x", {u(1)}}, {"%" + past + "p", {p(1)}}, {"%1." + past + "s", {s("a")}},
+        {"%" + past + "u", {u(1)}},
+        {"%." + past + "u", {u(1)}},
+        {"%2147483000u", {u(1)}},
+        {"%99999999999999999999x", {u(1)}},
+        {"%" + past + "p", {p(1)}},
+        {"%1." + past + "s", {s("a")}},
         {"x %u %" + past + "u", {u(1), u(2)}},
         // widths that a 64-bit reading would wrap round to 5 and to below zero
-        {"%18446744073709551621u", {u(1)}}, {"%9223372036854775808u", {u(1)}}, {"%.18446744073709551621u", {u(1)}}};
+        {"%18446744073709551621u", {u(1)}},
+        {"%9223372036854775808u", {u(1)}},
+        {"%.18446744073709551621u", {u(1)}}};
     for (const auto &[text, args] : refused) EXPECT_EQ(fmt::render(text, args), text);
 
     // Emitted: the capture holds the text as it stands, not 2 GB of spaces.
@@ -192,9 +197,9 @@ TEST(Trace, TextsMustBelongToTheirTable) {
     Table tab({"one %u", "two"}, false);
     mgx_trace_table_t &t = tab.t;
     const std::vector<uint8_t> &section = tab.section;
-    for (void (*spoil)(mgx_trace_table_t &) : {+[](mgx_trace_table_t &x) { x.count = 3; },
-                                               +[](mgx_trace_table_t &x) { x.texts_crc ^= 1; },
-                                               +[](mgx_trace_table_t &x) { x.magic = 0; }}) {
+    for (void (*spoil)(mgx_trace_table_t &) :
+         {+[](mgx_trace_table_t &x) { x.count = 3; }, +[](mgx_trace_table_t &x) { x.texts_crc ^= 1; },
+          +[](mgx_trace_table_t &x) { x.magic = 0; }}) {
         mgx_trace_table_t other = t;
         spoil(other);
         EXPECT_EQ(mgx_trace_texts_attach(&other, section.data(), section.size()), EINVAL);
@@ -259,10 +264,9 @@ TEST_F(TraceFile, EveryEmissionIsRecordedWithItsTableTimeAndArguments) {
     char exe[PATH_MAX];
     ASSERT_NE(realpath("/proc/self/exe", exe), nullptr);
     ASSERT_EQ(tables.size(), 2u); // each table described once, before its first emission
-    EXPECT_EQ(std::make_tuple(tables[0].index, tables[0].module, tables[0].section, tables[0].library,
-                              tables[0].count, tables[0].crc),
-              std::make_tuple(uint16_t{0}, std::string("test"), std::string(".test_texts"), std::string(exe), 4u,
-                              a.t.texts_crc));
+    EXPECT_EQ(
+        std::make_tuple(tables[0].index, tables[0].module, tables[0].section, tables[0].library, tables[0].count, tables[0].crc),
+        std::make_tuple(uint16_t{0}, std::string("test"), std::string(".test_texts"), std::string(exe), 4u, a.t.texts_crc));
     EXPECT_EQ(tables[1].index, 1);
     ASSERT_EQ(emissions.size(), 5u);
     for (const auto &e : emissions) {

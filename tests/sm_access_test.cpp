@@ -106,8 +106,8 @@ TEST_F(Access, WriteHookSeesEveryByteBeforeItChangesAndContainmentIsReported) {
                             {&s->hdl.conn_hdl, &s->hdl}, // get of the value's address by set_value
                             {&s->hdl, none},             // a record-valued field: alone, then as the child
                             {&s->hdl, s},
-                            {&s->identity_attrs, s},     // an attribute list: once
-                            {s, none}}));                // the whole instance
+                            {&s->identity_attrs, s}, // an attribute list: once
+                            {s, none}}));            // the whole instance
     EXPECT_EQ(err, 0u);
 }
 
@@ -204,8 +204,8 @@ TEST_F(Access, OffsetUpdateAndRemoveFollowTheNestedAreas) {
         EXPECT_TRUE(mgx_sttr_offset_lookup(h, field, &offset));
         return static_cast<const uint8_t *>(field) + offset - base;
     };
-    EXPECT_EQ(std::vector<long>({position(&s->hdl), position(&s->cl_hdl), position(&s->identity_attrs),
-                                 position(&s->ext_params), position(&s->cl_name)}),
+    EXPECT_EQ(std::vector<long>({position(&s->hdl), position(&s->cl_hdl), position(&s->identity_attrs), position(&s->ext_params),
+                                 position(&s->cl_name)}),
               std::vector<long>({1, 3, 8, 25, 30}));
     EXPECT_EQ(s->identity_attrs.sttr, base + 8);
     mgx_hook_clear(h);

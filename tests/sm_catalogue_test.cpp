@@ -35,7 +35,7 @@ struct Line {
     bool var_array = false; // "type[]"
     std::string counted_by; // "count X" / "length X"
     bool member = false;
-    std::string select;     // a member's literal
+    std::string select; // a member's literal
     uint32_t user = 0, wire = 0;
 };
 
@@ -73,8 +73,8 @@ File read_catalogue(const char *path) {
             continue;
         }
         if (!std::isspace(static_cast<unsigned char>(raw[0]))) {
-            out.push_back({w[0], w[1], std::stoi(after("variants", "1")), after("discriminator"),
-                           after("select_by") == "user_value", {}});
+            out.push_back(
+                {w[0], w[1], std::stoi(after("variants", "1")), after("discriminator"), after("select_by") == "user_value", {}});
             continue;
         }
         Line l;
@@ -150,13 +150,14 @@ TEST(Catalogue, TypesKindsVariantsAndLiteralsAreTheFilesInItsOrder) {
         EXPECT_EQ(typeops::find(d.name.c_str()), &e);
         bool is_enum = d.kind == "enum";
         EXPECT_EQ(e.kind, is_enum ? 0 : d.kind == "record" ? 1 : 2); // enumeration, record, union
-        EXPECT_EQ(t.kind, is_enum ? ovrin::TypeKind::enumeration
-                          : d.kind == "record" ? ovrin::TypeKind::record : ovrin::TypeKind::union_);
+        EXPECT_EQ(t.kind, is_enum              ? ovrin::TypeKind::enumeration
+                          : d.kind == "record" ? ovrin::TypeKind::record
+                                               : ovrin::TypeKind::union_);
         // Enumerations have no length or clone; every other slot leads somewhere.
         EXPECT_EQ(e.len == nullptr, is_enum);
         EXPECT_EQ(e.clone == nullptr, is_enum);
-        EXPECT_TRUE(e.create && e.destroy && e.marshal && e.unmarshal && e.to_xml && e.from_xml && e.print &&
-                    e.compare && e.hash && e.print_whole && e.toxml_whole);
+        EXPECT_TRUE(e.create && e.destroy && e.marshal && e.unmarshal && e.to_xml && e.from_xml && e.print && e.compare &&
+                    e.hash && e.print_whole && e.toxml_whole);
         EXPECT_EQ(t.n_variants, d.variants);
         EXPECT_EQ(t.descriptor->variant_info->n_variants, d.variants);
         EXPECT_STREQ(t.descriptor->type_name, d.name.c_str());
@@ -188,8 +189,11 @@ TEST(Catalogue, FieldsAreTheFilesMembersWithTheirAccessors) {
             SCOPED_TRACE(l.name);
             EXPECT_STREQ(f.name, l.name.c_str());
             EXPECT_EQ(f.from_variant, l.from);
-            Shape shape = l.member ? Shape::member : l.type == "var_string" ? Shape::var_string
-                          : l.var_array ? Shape::var_array : l.fixed ? Shape::fixed_array : Shape::scalar;
+            Shape shape = l.member                 ? Shape::member
+                          : l.type == "var_string" ? Shape::var_string
+                          : l.var_array            ? Shape::var_array
+                          : l.fixed                ? Shape::fixed_array
+                                                   : Shape::scalar;
             EXPECT_EQ(f.shape, shape);
             EXPECT_EQ(f.count, l.fixed ? l.fixed : 1);
             if (shape == Shape::var_string) {
@@ -267,8 +271,7 @@ TEST(Catalogue, WireAndLifecyclePlansFollowTheFields) {
                 bool scalar = !l.member && !l.var_array && !l.fixed && l.type != "var_string";
                 bool is_count = false;
                 for (const Line &other : d.lines) is_count |= other.counted_by == l.name;
-                EXPECT_EQ(step.flags, scalar ? (is_count ? 0 : ovrin::step_state_byte) : ovrin::step_composite)
-                    << l.name;
+                EXPECT_EQ(step.flags, scalar ? (is_count ? 0 : ovrin::step_state_byte) : ovrin::step_composite) << l.name;
             }
         }
         std::vector<uint16_t> owning, inline_instances, areas;

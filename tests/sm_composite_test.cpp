@@ -266,8 +266,8 @@ TEST_F(Composite, GrowingANonEmptyArrayMovesElementsAndTracesOncePerProcess) {
     const size_t slot = (std::max<size_t>(2, element.sttr_size) + element.sttr_align - 1) / element.sttr_align *
                         element.sttr_align;
     for (uint32_t k = 0; k < 5; ++k) {
-        for (const void *nested : {static_cast<const void *>(&r->resp_array[k].label),
-                                   static_cast<const void *>(&r->resp_array[k].attr_list)}) {
+        for (const void *nested :
+             {static_cast<const void *>(&r->resp_array[k].label), static_cast<const void *>(&r->resp_array[k].attr_list)}) {
             int64_t offset = 0;
             ASSERT_TRUE(mgx_sttr_offset_lookup(h, nested, &offset)) << k;
             const uint8_t *at = static_cast<const uint8_t *>(nested) + offset;

@@ -18,7 +18,9 @@ namespace cat = ovrin::sm;
 #endif
 
 // Every accessor of every type, instantiated for the message and the reference alike.
-#define INSTANTIATE(T) template struct cat::T##_fields<cat::T>; template struct cat::T##_fields<cat::T##_ref>;
+#define INSTANTIATE(T)                                                                                                           \
+    template struct cat::T##_fields<cat::T>;                                                                                     \
+    template struct cat::T##_fields<cat::T##_ref>;
 FOR_EACH_MESSAGE(INSTANTIATE)
 
 // Enumerations carry the values callers see (the user values), not the wire positions.
@@ -26,7 +28,8 @@ FOR_EACH_MESSAGE(INSTANTIATE)
 static_assert(static_cast<uint32_t>(shapes::shp_colour::SHP_GREEN) == SHP_GREEN && SHP_GREEN == 5);
 #else
 static_assert(static_cast<uint32_t>(ovrin::sm::ovrin_sm_in_event_type::SESS_MGR_RCL_IN_REMOTE_UPDATE) ==
-              SESS_MGR_RCL_IN_REMOTE_UPDATE && SESS_MGR_RCL_IN_REMOTE_UPDATE == 25);
+                  SESS_MGR_RCL_IN_REMOTE_UPDATE &&
+              SESS_MGR_RCL_IN_REMOTE_UPDATE == 25);
 #endif
 
 namespace {
@@ -156,8 +159,8 @@ TEST_F(Cxx, DecodeKeepsWhatTheSendersVariantAdds) {
     } catch (const mgx::error &e) {
         EXPECT_EQ(e.value(), MGX_EVARIANT);
         EXPECT_EQ(e.where(), "sess_mgr_session_start.cl_name");
-        EXPECT_STREQ(e.what(), ("sess_mgr_session_start.cl_name: " + std::string(mgx_strerror(MGX_EVARIANT)) +
-                                " (error 43)").c_str());
+        EXPECT_STREQ(e.what(),
+                     ("sess_mgr_session_start.cl_name: " + std::string(mgx_strerror(MGX_EVARIANT)) + " (error 43)").c_str());
     }
 }
 
@@ -195,11 +198,12 @@ TEST_F(Cxx, RefusalsNameTheMember) {
     EXPECT_TRUE(ec);
     EXPECT_EQ(refusal([&] { sess_mgr_register::decode(h, junk); }, &where), uint32_t(ec.value()));
     EXPECT_EQ(where, "sess_mgr_register.decode");
-    EXPECT_EQ(refusal([&] { sess_mgr_register::from_xml(h, "<sess_mgr_register><session_type>x</session_type>"); }),
-              MGX_EINVAL);
-    EXPECT_EQ(refusal([&] { sess_mgr_register::from_xml(h, "<sess_mgr_register><session_type>abc</session_type></sess_mgr_register>"); },
-                      &where),
-              MGX_EINVAL);
+    EXPECT_EQ(refusal([&] { sess_mgr_register::from_xml(h, "<sess_mgr_register><session_type>x</session_type>"); }), MGX_EINVAL);
+    EXPECT_EQ(
+        refusal(
+            [&] { sess_mgr_register::from_xml(h, "<sess_mgr_register><session_type>abc</session_type></sess_mgr_register>"); },
+            &where),
+        MGX_EINVAL);
     EXPECT_EQ(where, "sess_mgr_register: Invalid value at /sess_mgr_register/session_type");
     EXPECT_EQ(refusal([&] { sess_mgr_register::from_json(h, R"({"cl_name":{"client_nam":""}})"); }, &where), MGX_EINVAL);
     EXPECT_EQ(where, "sess_mgr_register /cl_name/client_nam: sess_mgr_client_name has no member client_nam");

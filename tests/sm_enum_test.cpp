@@ -14,9 +14,7 @@ namespace {
 using E = sm_peer_state; // every enumeration shares this layout
 using SetValue = void (*)(mgx_handle_t *, uint32_t, E *, uint32_t, uint32_t *);
 
-template <class Fn> Fn op(const std::string &type, const char *name) {
-    return testfill::op<Fn>(testfill::type(type), name);
-}
+template <class Fn> Fn op(const std::string &type, const char *name) { return testfill::op<Fn>(testfill::type(type), name); }
 
 struct Enums : RuntimeFixture {
     // A new instance of the enumeration type, destroyed when the test ends.
@@ -52,10 +50,11 @@ struct Enums : RuntimeFixture {
 // literal carries are valid up to the type's bound (every literal, at its variant and below it:
 // the sweep below).
 TEST_F(Enums, SetAndValidityAdmitAValueFromTheVariantThatKnowsIt) {
-    for (auto [type, value, variant, code] :
-         {std::tuple{"sm_peer_state", 7u, 0, 43u}, {"sm_peer_state", 7u, 1, 0u}, // a newer variant may know more literals
-          {"sm_peer_state", 7u, -1, 43u}, {"sm_max_name_len", 0u, 0, 0u},      // valid, though no literal has it
-          {"sm_max_name_len", 31u, 0, 43u}})
+    for (auto [type, value, variant, code] : {std::tuple{"sm_peer_state", 7u, 0, 43u},
+                                              {"sm_peer_state", 7u, 1, 0u}, // a newer variant may know more literals
+                                              {"sm_peer_state", 7u, -1, 43u},
+                                              {"sm_max_name_len", 0u, 0, 0u}, // valid, though no literal has it
+                                              {"sm_max_name_len", 31u, 0, 43u}})
         EXPECT_EQ(try_set(type, value, variant), code);
     EXPECT_EQ(mgx_handle_last_error(h), 43u);
 
@@ -117,7 +116,7 @@ TEST_F(Enums, MarshalWritesFiveBytesAtTheDomainVariantAndRefusesShortSpace) {
     EXPECT_EQ(take_err(), 43u);
     EXPECT_EQ(buf[0], 0);
     EXPECT_EQ(sm_peer_state_marshal(h, 1, three.get(), e, 3, &err), 1u);
-    EXPECT_EQ(take_err(), 90u); // an incomplete encoding outranks the variant error
+    EXPECT_EQ(take_err(), 90u);                            // an incomplete encoding outranks the variant error
     mgx_handle_set_domain_variant(h, "sm_peer_state", -1); // a negative variant is kept
     e->variant = -1;
     sm_peer_state_marshal(h, 1, buf, e, 5, &err);

@@ -17,8 +17,7 @@ namespace {
 
 enum class Mode { untracked, tracked, registry_and_recorders };
 
-using print_fn = uint32_t (*)(mgx_handle_t *, uint32_t, char *, uint32_t, const char *, const void *, uint32_t,
-                              uint32_t *);
+using print_fn = uint32_t (*)(mgx_handle_t *, uint32_t, char *, uint32_t, const char *, const void *, uint32_t, uint32_t *);
 
 // What one cycle needs of the C++ heap is allocated before a failure is armed.
 struct Room {
@@ -29,11 +28,11 @@ struct Room {
 };
 
 struct Outcome {
-    bool escaped = false;  // an exception reached the caller
-    uint32_t error = 0;    // the first error an operation reported
-    uint64_t live = 0;     // handle blocks and bookkeeping entries left after every instance was destroyed
-    bool differs = false;  // the cycle completed, but a copy did not compare equal
-    int64_t counted = 0;   // creations less destructions in the statistics of every type, after it
+    bool escaped = false; // an exception reached the caller
+    uint32_t error = 0;   // the first error an operation reported
+    uint64_t live = 0;    // handle blocks and bookkeeping entries left after every instance was destroyed
+    bool differs = false; // the cycle completed, but a copy did not compare equal
+    int64_t counted = 0;  // creations less destructions in the statistics of every type, after it
 };
 
 // Creations less destructions over every type and variant of the bundle.
@@ -50,8 +49,7 @@ int64_t counted_instances() {
 // One cycle on a new handle: decode bytes into a new instance, measure and encode it, clone and
 // compare, render to XML and print, read the XML back into another new instance and compare,
 // then destroy everything. Each step runs only while nothing has failed.
-Outcome cycle(const typeops::Ops &o, print_fn print, Mode setup, const std::vector<uint8_t> &bytes,
-              Room &room) noexcept {
+Outcome cycle(const typeops::Ops &o, print_fn print, Mode setup, const std::vector<uint8_t> &bytes, Room &room) noexcept {
     Outcome out;
     const int64_t counted = counted_instances();
     try {
@@ -121,8 +119,8 @@ TEST(Exceptions, NoneLeavesTheLibrariesWhenTheirOwnAllocationsFail) {
                 Outcome failed = cycle(o, print, setup, bytes, room);
                 bool fired = heap::fired();
                 heap::fail_at(0);
-                SCOPED_TRACE(std::string(o.name) + ", setup " + std::to_string(static_cast<int>(setup)) +
-                             ", allocation " + std::to_string(nth) + " of " + std::to_string(needed));
+                SCOPED_TRACE(std::string(o.name) + ", setup " + std::to_string(static_cast<int>(setup)) + ", allocation " +
+                             std::to_string(nth) + " of " + std::to_string(needed));
                 ASSERT_FALSE(failed.escaped);
                 ASSERT_EQ(failed.live, 0u);
                 ASSERT_EQ(failed.counted, 0);

@@ -52,8 +52,8 @@ void fill_element(const Field &f, mgx_handle_t *h, void *element, unsigned seed,
     case Kind::aaa_tlv: {
         uint32_t err = 0;
         std::string value = "attr-" + std::to_string(seed) + std::string("\0<&\"", 4);
-        aaa_tlv_attr_add(h, 1, static_cast<aaa_tlv *>(element), seed % 64 + 1, value.data(),
-                         static_cast<uint32_t>(value.size()), &err);
+        aaa_tlv_attr_add(h, 1, static_cast<aaa_tlv *>(element), seed % 64 + 1, value.data(), static_cast<uint32_t>(value.size()),
+                         &err);
         aaa_tlv_attr_add(h, 1, static_cast<aaa_tlv *>(element), 31, "\x01\x02", 2, &err);
         break;
     }

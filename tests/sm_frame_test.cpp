@@ -2,8 +2,8 @@
 // four dependent bundles, registry binding and the variant cap every type has (the variant dump
 // is held against the expected layouts in sm_layout_test.cpp).
 #include <dlfcn.h>
-#include <unistd.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -15,8 +15,8 @@
 
 #include "frame/module_list.h"
 #include "mgx/runtime.h"
-#include "tests/prim_fixture.h"
 #include "ovrin_sm/ops.h"
+#include "tests/prim_fixture.h"
 
 namespace {
 

@@ -26,7 +26,8 @@ void *take(std::size_t size) {
     if (p) {
         size_t now = held.fetch_add(malloc_usable_size(p), std::memory_order_relaxed) + malloc_usable_size(p);
         size_t peak = peak_held.load(std::memory_order_relaxed);
-        while (now > peak && !peak_held.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {}
+        while (now > peak && !peak_held.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {
+        }
     }
     return p;
 }

@@ -245,9 +245,10 @@ TEST_F(Json, MembersOfALaterVariantAreLeftOutAndRefused) {
         void *old = typeops::make_filled(o, h, 5);
         EXPECT_EQ(json_of(o, old).find(std::string("\"") + later->name + "\""), std::string::npos);
         // (a union's member with a discriminator that selects it: read leniently, it stays out)
-        const std::string doc = later->shape != ovrin::Shape::member ? std::string("{\"") + later->name + "\":null}"
-                                : std::string("{\"") + o.type->fields[o.type->discriminator].name + "\":" +
-                                      std::to_string(later->select) + ",\"" + later->name + "\":{}}";
+        const std::string doc = later->shape != ovrin::Shape::member
+                                    ? std::string("{\"") + later->name + "\":null}"
+                                    : std::string("{\"") + o.type->fields[o.type->discriminator].name +
+                                          "\":" + std::to_string(later->select) + ",\"" + later->name + "\":{}}";
         Read r = read(o, doc);
         EXPECT_EQ(r.text, std::string(o.name) + " has no member " + later->name + " in variant 0");
         EXPECT_EQ(r.pointer, std::string("/") + later->name);
@@ -283,7 +284,7 @@ TEST_F(Json, SixteenBitCountsRefuseWhatTheyCannotHold) {
                 }
                 Read r = read(o, doc + "}");
                 const bool fits = n <= UINT16_MAX;
-                EXPECT_EQ(r.text, fits ? ""
+                EXPECT_EQ(r.text, fits     ? ""
                                   : string ? "a string of 65536 bytes is longer than its u_int16 length holds"
                                            : "holds 65536 elements, more than its count member holds");
                 EXPECT_EQ(r.pointer, fits ? "" : std::string("/") + f.name);
@@ -328,8 +329,7 @@ TEST_F(Json, ARecordsTextIsItsMembersInOrderCompactOrAsJqIndentsIt) {
 // digits; addresses in their text forms; attribute lists as type and hexadecimal value.
 TEST_F(Json, UnionsAddressesWideNumbersAndAttributeListsHaveTheirOwnForms) {
     const Ops &ev = type_named("ovrin_smd_in_event");
-    const std::string doc =
-        R"({"event_type":"SESS_MGR_RCL_IN_REGISTER","reg_client":{"session_type":3,"cb_bitmap":4294967295}})";
+    const std::string doc = R"({"event_type":"SESS_MGR_RCL_IN_REGISTER","reg_client":{"session_type":3,"cb_bitmap":4294967295}})";
     Read r = read(ev, doc, OVRIN_JSON_LENIENT);
     ASSERT_EQ(r.code, 0u) << r.text;
     std::string back = json_of(ev, r.inst);
@@ -347,16 +347,15 @@ TEST_F(Json, UnionsAddressesWideNumbersAndAttributeListsHaveTheirOwnForms) {
     opts->options = UINT64_MAX;
     EXPECT_EQ(json_of(type_named("sess_mgr_api_options"), opts), R"({"options":"18446744073709551615"})");
     // As a number, a 64-bit value reads up to 2^63 - 1; past it only as a string.
-    for (const char *doc : {R"({"options":9223372036854775807})", R"({"options":"18446744073709551615"})",
-                            R"({"options":18446744073709551615})"}) {
+    for (const char *doc :
+         {R"({"options":9223372036854775807})", R"({"options":"18446744073709551615"})", R"({"options":18446744073709551615})"}) {
         Read wide = read(type_named("sess_mgr_api_options"), doc);
         const bool too_big = std::strstr(doc, ":18") != nullptr;
         EXPECT_EQ(wide.code, too_big ? 22u : 0u) << doc;
         if (too_big) {
             EXPECT_EQ(wide.text, "line 1, column 31: too big integer near '18446744073709551615'");
             EXPECT_EQ(wide.pointer, "/options");
-        }
-        else
+        } else
             EXPECT_EQ(static_cast<sess_mgr_api_options *>(wide.inst)->options, std::strstr(doc, "\"18") ? UINT64_MAX : INT64_MAX);
         sess_mgr_api_options_destroy(h, 1, static_cast<sess_mgr_api_options *>(wide.inst));
     }
@@ -435,8 +434,8 @@ TEST_F(Json, StrictReadingRefusesEachFaultWhereItIsAndLenientReadingSkipsIt) {
         {"sess_mgr_register", R"({"session_type":1.5})", "1.5 is not a whole number", "/session_type"},
         {"sess_mgr_api_options", R"({"options":"18446744073709551616"})",
          "\"18446744073709551616\" is above 18446744073709551615, the largest u_int64", "/options"},
-        {"sess_mgr_register", R"({"cl_name":{"cl_name_len":6,"client_name":"alice"}})",
-         "says 6, but client_name holds 5 bytes", "/cl_name/cl_name_len"},
+        {"sess_mgr_register", R"({"cl_name":{"cl_name_len":6,"client_name":"alice"}})", "says 6, but client_name holds 5 bytes",
+         "/cl_name/cl_name_len"},
         {"sess_mgr_register", R"({"cl_name":[]})", "expected an object (sess_mgr_client_name), found an array", "/cl_name"},
         {"sess_mgr_session_start", R"({"ext_params":{"encap_type":"NOPE"}})", "NOPE is not a literal of sm_access_type",
          "/ext_params/encap_type"},
@@ -445,16 +444,14 @@ TEST_F(Json, StrictReadingRefusesEachFaultWhereItIsAndLenientReadingSkipsIt) {
         {"ovrin_smd_in_event", R"({"event_type":"SESS_MGR_RCL_IN_REGISTER"})",
          "event_type is SESS_MGR_RCL_IN_REGISTER, which selects reg_client: it is missing", "/reg_client"},
         {"sm_dot11_params", R"({"apfMsBssid":"00:1a:2b"})", "\"00:1a:2b\" is not a MAC address", "/apfMsBssid"},
-        {"sm_dot11_params", R"({"apfMsBssid":"00:1a:2b:3c:4d-5e"})", "\"00:1a:2b:3c:4d-5e\" is not a MAC address",
-         "/apfMsBssid"},
+        {"sm_dot11_params", R"({"apfMsBssid":"00:1a:2b:3c:4d-5e"})", "\"00:1a:2b:3c:4d-5e\" is not a MAC address", "/apfMsBssid"},
         {"sess_mgr_new_client_notif", R"({"attr_list":[{"type":1,"value":"0g"}]})", "\"0g\" is not hexadecimal bytes",
          "/attr_list/0/value"},
         {"sess_mgr_new_client_notif", R"({"attr_list":[{"type":1,"value":"abc"}]})", "\"abc\" is not hexadecimal bytes",
          "/attr_list/0/value"},
-        {"sess_mgr_new_client_notif", R"({"attr_list":[{"type":1}]})", "an attribute needs both type and value",
-         "/attr_list/0"},
-        {"sess_mgr_sess_attr_query_resp", R"({"no_of_entries":2,"resp_array":[{}]})",
-         "says 2, but resp_array holds 1 elements", "/no_of_entries"},
+        {"sess_mgr_new_client_notif", R"({"attr_list":[{"type":1}]})", "an attribute needs both type and value", "/attr_list/0"},
+        {"sess_mgr_sess_attr_query_resp", R"({"no_of_entries":2,"resp_array":[{}]})", "says 2, but resp_array holds 1 elements",
+         "/no_of_entries"},
         {"sess_mgr_sess_attr_query_resp", R"({"resp_array":[{},{"a~b/c":1}]})", "", "/resp_array/1/a~0b~1c"},
     };
     for (const Case &c : cases) {
@@ -481,8 +478,7 @@ TEST_F(Json, StrictReadingRefusesEachFaultWhereItIsAndLenientReadingSkipsIt) {
     }
     // Leniently the last of a repeated member counts, what cannot be read keeps its value, and a
     // fixed array takes the elements it has room for.
-    Read r = read(type_named("sess_mgr_register"), R"({"session_type":1,"session_type":2,"cb_bitmap":"x"})",
-                  OVRIN_JSON_LENIENT);
+    Read r = read(type_named("sess_mgr_register"), R"({"session_type":1,"session_type":2,"cb_bitmap":"x"})", OVRIN_JSON_LENIENT);
     EXPECT_EQ(static_cast<sess_mgr_register *>(r.inst)->session_type, 2u);
     EXPECT_EQ(static_cast<sess_mgr_register *>(r.inst)->cb_bitmap, 0u);
     sess_mgr_register_destroy(h, 1, static_cast<sess_mgr_register *>(r.inst));

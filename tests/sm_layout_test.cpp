@@ -93,8 +93,8 @@ TEST(Layout, EveryTypeHasTheExpectedVariantsAndSizeInRegistrationOrder) {
             EXPECT_EQ(entry.used_length, e.variants[v].used) << "variant " << v;
             EXPECT_EQ(entry.alloc_slop, e.variants[v].slop) << "variant " << v;
             EXPECT_TRUE(t.variants[v].used == entry.used_length && t.variants[v].slop == entry.alloc_slop);
-            dump += "variant " + std::to_string(v) + " used length " + std::to_string(e.variants[v].used) +
-                    " alloc slop " + std::to_string(e.variants[v].slop) + "\n";
+            dump += "variant " + std::to_string(v) + " used length " + std::to_string(e.variants[v].used) + " alloc slop " +
+                    std::to_string(e.variants[v].slop) + "\n";
         }
         EXPECT_EQ(t.size, e.size);
     }

@@ -172,7 +172,7 @@ TEST_F(Lifecycle, DestroyReleasesTheReferencesOfAttributeLists) {
         EXPECT_EQ(mgx_oid_ref_count(h, oid), 1u);
         if (fail) mgx_handle_fail_oid_ref_release(h, fail);
         sess_mgr_session_start_destroy(h, 1, s);
-        EXPECT_EQ(mgx_handle_live_allocations(h), 1u); // only the target is left
+        EXPECT_EQ(mgx_handle_live_allocations(h), 1u);        // only the target is left
         EXPECT_EQ(mgx_oid_ref_count(h, oid), fail ? 1u : 0u); // a failed release: the destroy goes on
     }
     mgxlib_lookup_and_update_oid_ref_count(h, 1, oid, 0, &err);
@@ -193,8 +193,7 @@ TEST_F(Lifecycle, DatabaseAndMappingHooks) {
 TEST_F(Lifecycle, EmbeddingMarksEveryNestedHeader) {
     auto *s = own(sess_mgr_session_start_create(h, 1), sess_mgr_session_start_destroy);
     sess_mgr_session_start_set_instance_embedded(h, 1, s);
-    for (uint8_t flags :
-         {s->flags, s->hdl.flags, s->identity_attrs.hdr.flags, s->ext_params.encap_type.flags, s->cl_name.flags})
+    for (uint8_t flags : {s->flags, s->hdl.flags, s->identity_attrs.hdr.flags, s->ext_params.encap_type.flags, s->cl_name.flags})
         EXPECT_TRUE(flags & MGX_IF_EMBEDDED);
 }
 

@@ -12,11 +12,11 @@
 #include <vector>
 
 #include "cli/elf_sections.h"
-#include "mgx/runtime.h"
 #include "formats/trace_format.h"
+#include "mgx/runtime.h"
+#include "ovrin_sm/ops.h"
 #include "tests/elf_write.h"
 #include "tests/prim_fixture.h"
-#include "ovrin_sm/ops.h"
 
 namespace {
 
@@ -134,7 +134,8 @@ TEST_F(LibraryFile, TypeManifestHasOneLinePerTypeSortedByName) {
         line_of[d->type_name] = line;
     }
     // kind, last variant and its used length rounded up to 8 (sm_dot11_params uses 45)
-    for (auto [type, tail] : {std::pair{"sess_mgr_session_start", "type001:00184N"}, {"sm_dot11_params", "type000:00048N"},
+    for (auto [type, tail] : {std::pair{"sess_mgr_session_start", "type001:00184N"},
+                              {"sm_dot11_params", "type000:00048N"},
                               {"ovrin_sm_in_event_type", "enum002:00016N"}})
         EXPECT_EQ(line_of[type].substr(65), tail) << type;
 }
@@ -191,8 +192,9 @@ TEST(FileReaders, WhatEndsAtTheEndIsReadAndOneBytePastIsRefused) {
         ASSERT_EQ(bool(f), !past) << error;
         const uint64_t offset = sizeof(Elf64_Ehdr), size = file.size() - offset + past;
         if (f) EXPECT_EQ(f->contents(*f->find(".t")).size(), size);
-        else EXPECT_EQ(error, "f: section 1 (.t) at byte " + std::to_string(offset) + ", " + std::to_string(size) +
-                                  " bytes, lies outside the file (" + std::to_string(file.size()) + " bytes)");
+        else
+            EXPECT_EQ(error, "f: section 1 (.t) at byte " + std::to_string(offset) + ", " + std::to_string(size) +
+                                 " bytes, lies outside the file (" + std::to_string(file.size()) + " bytes)");
     }
 
     // Manifest records: the last one ending at the section's end (no padding after it), or past it;

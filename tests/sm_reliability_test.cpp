@@ -17,8 +17,8 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-using typeops::Ops;
 using ovrin::Field, ovrin::Shape;
+using typeops::Ops;
 
 struct Reliability : ::testing::Test {
     mgx_handle_t *h = mgx_handle_create();
@@ -75,8 +75,7 @@ struct Reliability : ::testing::Test {
         }
     }
     static std::string label(const Ops &o, unsigned arm, bool tracked) {
-        return std::string(o.name) + (o.is_union() ? " arm " + std::to_string(arm) : "") +
-               (tracked ? " tracked" : " untracked");
+        return std::string(o.name) + (o.is_union() ? " arm " + std::to_string(arm) : "") + (tracked ? " tracked" : " untracked");
     }
 };
 
@@ -115,22 +114,25 @@ TEST_F(Reliability, CreateDecodeAndCloneFailEveryAllocationCleanly) {
         // Into a fresh instance, and into one that already holds another member, strings and
         // arrays that the decode has to replace.
         for (bool used : {false, true}) {
-            sweep(what + (used ? ": decode over a filled instance" : ": decode"), [&](uint32_t nth) {
-                void *into = used ? typeops::make_filled(o, h, 5, a + 1) : typeops::make(o, h);
-                uint32_t e = 0;
-                arm(nth);
-                uint32_t got = o.unmarshal(h, 1, wire.data(), into, static_cast<int32_t>(wire.size()), 0, &e);
-                uint64_t n = made();
-                if (nth == 0) {
-                    EXPECT_EQ(e, 0u);
-                    EXPECT_EQ(got, wire.size());
-                } else {
-                    EXPECT_EQ(e, MGX_ENOMEM);
-                    EXPECT_EQ(mgx_handle_last_error(h), MGX_ENOMEM);
-                }
-                o.destroy(h, 1, into);
-                return n;
-            }, used ? 0 : 1); // the same member again may need nothing new
+            sweep(
+                what + (used ? ": decode over a filled instance" : ": decode"),
+                [&](uint32_t nth) {
+                    void *into = used ? typeops::make_filled(o, h, 5, a + 1) : typeops::make(o, h);
+                    uint32_t e = 0;
+                    arm(nth);
+                    uint32_t got = o.unmarshal(h, 1, wire.data(), into, static_cast<int32_t>(wire.size()), 0, &e);
+                    uint64_t n = made();
+                    if (nth == 0) {
+                        EXPECT_EQ(e, 0u);
+                        EXPECT_EQ(got, wire.size());
+                    } else {
+                        EXPECT_EQ(e, MGX_ENOMEM);
+                        EXPECT_EQ(mgx_handle_last_error(h), MGX_ENOMEM);
+                    }
+                    o.destroy(h, 1, into);
+                    return n;
+                },
+                used ? 0 : 1); // the same member again may need nothing new
         }
 
         sweep(what + ": clone", [&](uint32_t nth) {
@@ -209,30 +211,32 @@ TEST_F(Reliability, CompositeSettersFailEveryAllocationCleanly) {
                 ++swept;
                 std::string what = symbol + (tracked ? " tracked" : " untracked");
                 for (uint32_t index : {0u, 3u}) {
-                    sweep(what + " at " + std::to_string(index), [&](uint32_t nth) {
-                        void *into = typeops::make_filled(o, h, 9);
-                        void *element = nullptr;
-                        const Ops *element_ops = nullptr;
-                        if (f.shape == Shape::var_array) {
-                            element_ops = &typeops::of(f.type->name);
-                            element = typeops::make_filled(*element_ops, h, 11);
-                        }
-                        uint32_t e = 0;
-                        arm(nth);
-                        if (f.shape == Shape::var_string) {
-                            std::string text = "a replacement string of some length #" + std::to_string(index);
-                            reinterpret_cast<string_set_fn>(setter)(h, 1, into, text.c_str(),
-                                                                    static_cast<uint32_t>(text.size()), &e);
-                        } else {
-                            reinterpret_cast<array_set_fn>(setter)(h, 1, into, index, element, &e);
-                        }
-                        uint64_t n = made();
-                        EXPECT_EQ(e, nth ? MGX_ENOMEM : 0u);
-                        if (element) element_ops->destroy(h, 1, element);
-                        o.destroy(h, 1, into);
-                        return n;
-                    }, // an element set in place copies storage only when the element type has some
-                          f.shape == Shape::var_array && index == 0 && !owns_storage(*f.type) ? 0 : 1);
+                    sweep(
+                        what + " at " + std::to_string(index),
+                        [&](uint32_t nth) {
+                            void *into = typeops::make_filled(o, h, 9);
+                            void *element = nullptr;
+                            const Ops *element_ops = nullptr;
+                            if (f.shape == Shape::var_array) {
+                                element_ops = &typeops::of(f.type->name);
+                                element = typeops::make_filled(*element_ops, h, 11);
+                            }
+                            uint32_t e = 0;
+                            arm(nth);
+                            if (f.shape == Shape::var_string) {
+                                std::string text = "a replacement string of some length #" + std::to_string(index);
+                                reinterpret_cast<string_set_fn>(setter)(h, 1, into, text.c_str(),
+                                                                        static_cast<uint32_t>(text.size()), &e);
+                            } else {
+                                reinterpret_cast<array_set_fn>(setter)(h, 1, into, index, element, &e);
+                            }
+                            uint64_t n = made();
+                            EXPECT_EQ(e, nth ? MGX_ENOMEM : 0u);
+                            if (element) element_ops->destroy(h, 1, element);
+                            o.destroy(h, 1, into);
+                            return n;
+                        }, // an element set in place copies storage only when the element type has some
+                        f.shape == Shape::var_array && index == 0 && !owns_storage(*f.type) ? 0 : 1);
                     if (HasFatalFailure()) return;
                 }
             }

@@ -151,8 +151,7 @@ struct Sweep : RuntimeFixture {
             if (enumeration && !absent) call(t, f, "set", h, inst, given, &err), check(at + "set a non-literal", MGX_EVARIANT);
             if (static_cast<int>(&f - t.fields) == t.discriminator)
                 set_value(t, f, inst, -1, absent ? 0 : no_literal(*f.type)), check(at + "set_value", MGX_EVARIANT);
-            else if (absent && integer && !enumeration)
-                set_value(t, f, inst, -1, 0), check(at + "set_value", MGX_EVARIANT);
+            else if (absent && integer && !enumeration) set_value(t, f, inst, -1, 0), check(at + "set_value", MGX_EVARIANT);
             break;
         case Shape::member: call(t, f, "set", h, inst, absent ? value : nullptr, &err), check(at + "set", code); break;
         case Shape::var_string: call(t, f, "set", h, inst, absent ? "abc" : nullptr, 3u, &err), check(at + "set", code); break;
@@ -165,7 +164,8 @@ struct Sweep : RuntimeFixture {
             if (absent) call(t, f, "set", h, inst, 0u, given, &err), check(at + "set", code);
             if (integer && (absent || enumeration))
                 set_value(t, f, inst, 0, absent ? 0 : no_literal(*f.type)), check(at + "set_value", MGX_EVARIANT);
-            if (enumeration && !absent) call(t, f, "set", h, inst, 0u, given, &err), check(at + "set a non-literal", MGX_EVARIANT);
+            if (enumeration && !absent)
+                call(t, f, "set", h, inst, 0u, given, &err), check(at + "set a non-literal", MGX_EVARIANT);
             break;
         }
         // The flag setters refuse a field not in the variant as well, and an array's flags given as none.
@@ -289,14 +289,16 @@ TEST_F(Sweep, EveryRefusedSetLeavesTheValueAndItsFlagAsTheyWere) {
             mgx_handle_set_domain_variant(h, o.name, variant);
             void *inst = typeops::make_filled(o, h, 9, testfill::every_arm);
             ASSERT_FALSE(hdr(inst)->flags & MGX_IF_STTR_OFFSET) << o.name; // the area is behind the instance
-            if (!o.is_enum()) op<void (*)(mgx_handle_t *, uint32_t, void *, uint8_t)>(o, "set_all_state_tracking_flag")(h, 1, inst, 7);
+            if (!o.is_enum())
+                op<void (*)(mgx_handle_t *, uint32_t, void *, uint8_t)>(o, "set_all_state_tracking_flag")(h, 1, inst, 7);
             const std::vector<uint8_t> before = image(o, inst);
             auto check = [&](const std::string &what, uint32_t code) {
                 EXPECT_EQ(take_err(), code) << what << " at variant " << int{variant};
                 EXPECT_EQ(image(o, inst), before) << what << " at variant " << int{variant};
             };
             if (o.is_enum()) {
-                op<void (*)(mgx_handle_t *, uint32_t, void *, uint32_t, uint32_t *)>(o, "set_value")(h, 1, inst, no_literal(t), &err);
+                op<void (*)(mgx_handle_t *, uint32_t, void *, uint32_t, uint32_t *)>(o, "set_value")(h, 1, inst, no_literal(t),
+                                                                                                     &err);
                 check(std::string(o.name) + " set_value", MGX_EVARIANT);
             }
             for (uint16_t i = 0; i < t.n_fields; ++i) refuse_writes(t, t.fields[i], inst, check);
@@ -345,8 +347,7 @@ bool counts_backed(const ovrin::Type &t, const void *instance) {
     for (uint16_t i = 0; i < t.n_fields; ++i) {
         const ovrin::Field &f = t.fields[i];
         if (f.shape != ovrin::Shape::var_array && f.shape != ovrin::Shape::var_string) continue;
-        if (ovrin::count_at(instance, t.fields[f.companion]) &&
-            !*static_cast<void *const *>(ovrin::field_at(instance, f)))
+        if (ovrin::count_at(instance, t.fields[f.companion]) && !*static_cast<void *const *>(ovrin::field_at(instance, f)))
             return false;
     }
     return true;
@@ -362,7 +363,8 @@ TEST_F(Unfilled, CountsWithoutStorageAndMembersNotThereCopeInEveryOperation) {
         for (const Ops &o : typeops::all()) {
             for (const Odd &c : odd_cases(*o.type)) {
                 const std::string name = c.field->name;
-                const std::string what = std::string(o.name) + "." + name + "=" + std::to_string(c.value) + (tracked ? " tracked" : "");
+                const std::string what = std::string(o.name) + "." + name + "=" + std::to_string(c.value) +
+                                         (tracked ? " tracked" : "");
                 SCOPED_TRACE(what);
                 ++cases;
                 in_child(what, [&] {

@@ -30,8 +30,7 @@ TEST_F(Text, OneFieldRecordGoldenForms) {
     const char *golden = "sess_mgr_conn_hdl@sess_mgr_conn_hdl: {\n  conn_hdl: 7\n}\n";
     EXPECT_EQ(sess_mgr_conn_hdl_print_cr(h, c, buf, sizeof buf), static_cast<int32_t>(std::strlen(golden)));
     EXPECT_STREQ(buf, golden);
-    EXPECT_EQ(xml_of(testfill::type("sess_mgr_conn_hdl"), c),
-              "<sess_mgr_conn_hdl><conn_hdl>7</conn_hdl></sess_mgr_conn_hdl>");
+    EXPECT_EQ(xml_of(testfill::type("sess_mgr_conn_hdl"), c), "<sess_mgr_conn_hdl><conn_hdl>7</conn_hdl></sess_mgr_conn_hdl>");
 
     // A negative variant: the header line alone, left open.
     c->variant = -1;
@@ -61,8 +60,7 @@ TEST_F(Text, ArrayElementsAndStringsPrintAsTheyAre) {
     d->oui[1] = 0x1a;
     sm_dot11_params_print(h, 1, buf, 0, "dot11_param", d, sizeof buf, &err);
     EXPECT_NE(std::string(buf).find("  oui[0]: 0\n  oui[1]: 26\n  oui[2]: 0\n"), std::string::npos);
-    EXPECT_NE(xml_of(testfill::type("sm_dot11_params"), d).find("<oui>0</oui><oui>26</oui><oui>0</oui>"),
-              std::string::npos);
+    EXPECT_NE(xml_of(testfill::type("sm_dot11_params"), d).find("<oui>0</oui><oui>26</oui><oui>0</oui>"), std::string::npos);
 
     // A string prints as it is, special characters and all (XML escapes them: every type's filled
     // strings hold them, and the operations-table sweep reads its XML back).
@@ -82,7 +80,8 @@ TEST_F(Text, ReadingIntoAHeldInstanceReplacesWhatItOwned) {
     ASSERT_EQ(err, 0u);
     read_xml(h, ovrin_svm_epm_notify_domain_name_bind_from_xml, "r",
              "<r><domain_names_length>1</domain_names_length><domain_names><name_len>5</name_len><name>a.new</name>"
-             "</domain_names></r>", r, &err);
+             "</domain_names></r>",
+             r, &err);
     EXPECT_EQ(err, 0u);
     ASSERT_EQ(r->domain_names_length, 1u);
     EXPECT_STREQ(r->domain_names[0].name, "a.new");

@@ -23,7 +23,11 @@ using valid_fn = mgx_boolean (*)(mgx_handle_t *, const void *, uint32_t, uint32_
 
 constexpr size_t enum_value = offsetof(sm_access_type, value);
 uint8_t *at(void *instance, const Field &f) { return static_cast<uint8_t *>(instance) + f.offset; }
-template <class T> T get(const void *p) { T v; std::memcpy(&v, p, sizeof v); return v; }
+template <class T> T get(const void *p) {
+    T v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
 template <class T> void put(void *p, T v) { std::memcpy(p, &v, sizeof v); }
 
 uint32_t get_count(void *instance, const Field &f) {
@@ -62,12 +66,11 @@ struct Value : RuntimeFixture {
             if (f.shape == Shape::var_string) {
                 char *s = get<char *>(q);
                 uint32_t n = get_count(p, t.fields[f.companion]);
-                out.push_back(flip(where + "[last]", orders, reinterpret_cast<uint8_t *>(s + n - 1),
-                                   static_cast<char>(s[n - 1] ^ 1)));
+                out.push_back(
+                    flip(where + "[last]", orders, reinterpret_cast<uint8_t *>(s + n - 1), static_cast<char>(s[n - 1] ^ 1)));
             } else if (f.shape == Shape::var_array) {
                 for (int k = 0; k < 2; ++k)
-                    changes(*f.type, get<uint8_t *>(q) + k * f.elem_size, orders, where + "[" + std::to_string(k) + "]",
-                            out);
+                    changes(*f.type, get<uint8_t *>(q) + k * f.elem_size, orders, where + "[" + std::to_string(k) + "]", out);
             } else if (f.shape == Shape::member) {
                 bool arm_orders = orders && f.select == selected;
                 out.push_back(flip(where + "=null", arm_orders, q, static_cast<void *>(nullptr)));
@@ -85,13 +88,14 @@ struct Value : RuntimeFixture {
         case Kind::u16:
             return out.push_back(flip(where, orders, q,
                                       static_cast<uint16_t>(f.companion >= 0 ? get<uint16_t>(q) - 1 : get<uint16_t>(q) ^ 0x100)));
-        case Kind::u32: case Kind::ipv4_addr: return out.push_back(flip(where, orders, q, get<uint32_t>(q) - 1));
+        case Kind::u32:
+        case Kind::ipv4_addr: return out.push_back(flip(where, orders, q, get<uint32_t>(q) - 1));
         case Kind::u64: return out.push_back(flip(where, orders, q, get<uint64_t>(q) - 1));
         case Kind::boolean: return out.push_back(flip(where, orders, q, get<uint32_t>(q) ^ 1u));
-        case Kind::mac_addr: case Kind::ipv6_addr:
+        case Kind::mac_addr:
+        case Kind::ipv6_addr:
             return out.push_back(flip(where, orders, q + f.elem_size - 1, static_cast<uint8_t>(q[f.elem_size - 1] ^ 1)));
-        case Kind::enumeration:
-            return out.push_back(flip(where, orders, q + enum_value, get<uint32_t>(q + enum_value) + 1));
+        case Kind::enumeration: return out.push_back(flip(where, orders, q + enum_value, get<uint32_t>(q + enum_value) + 1));
         case Kind::record: return changes(*f.type, q, orders, where, out);
         case Kind::character: return;
         case Kind::aaa_tlv: {

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "mgx/runtime.h"
+#include "ovrin_sm/ops.h"
 #include "tests/prim_fixture.h"
 #include "tests/sm_type_ops.h"
-#include "ovrin_sm/ops.h"
 
 namespace {
 
@@ -231,7 +231,7 @@ TEST_F(Wire, AHeaderAloneDecodedOverAHeldArmLeavesNothingBehind) {
     EXPECT_EQ(err, 0u);
     EXPECT_EQ(e->variant, -1);
     EXPECT_EQ(encode_resp(h, e), negative); // and encodes as that header again
-    ovrin_smd_resp_event_destroy(h, 1, e); // the fixture checks that the arm went too
+    ovrin_smd_resp_event_destroy(h, 1, e);  // the fixture checks that the arm went too
 }
 
 // Decoded without state bytes (an untracked sender), a tracking instance keeps the state flags it
@@ -308,8 +308,8 @@ TEST_F(Wire, ArraysShrinkToNothingAndHostileCountsAreRefused) {
     auto *block = static_cast<fqdn_domain_name_bind *>(h->inst_alloc(h->alloc_ctx, 1, 3 * sizeof(fqdn_domain_name_bind)));
     std::memset(block, 0, 3 * sizeof(fqdn_domain_name_bind));
     for (int i = 0; i < 3; ++i) {
-        fqdn_domain_name_bind_initialize(h, 1, &block[i], &_fqdn_domain_name_bind_type_info_internal, 0, 0,
-                                         MGX_IF_NESTED, nullptr, &err);
+        fqdn_domain_name_bind_initialize(h, 1, &block[i], &_fqdn_domain_name_bind_type_info_internal, 0, 0, MGX_IF_NESTED,
+                                         nullptr, &err);
         set_text(block[i].name, block[i].name_len, "host" + std::to_string(i) + ".example.com");
         block[i].fqdn_register = 1;
     }
@@ -339,9 +339,9 @@ TEST_F(Wire, ArraysShrinkToNothingAndHostileCountsAreRefused) {
     // Every element takes at least its 6-byte header: 11 names in 60 bytes are refused as well.
     std::fill(b.begin() + count_at, b.end(), 0);
     b[count_at + 3] = 11;
-    EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_unmarshal(h, 1, b.data(), r, static_cast<int32_t>(count_at + 4 + 60),
-                                                              0, &err),
-              static_cast<uint32_t>(count_at + 4));
+    EXPECT_EQ(
+        ovrin_svm_epm_notify_domain_name_bind_unmarshal(h, 1, b.data(), r, static_cast<int32_t>(count_at + 4 + 60), 0, &err),
+        static_cast<uint32_t>(count_at + 4));
     EXPECT_EQ(err, 90u);
     EXPECT_EQ(mgx_handle_total_allocations(h), before);
     // Eleven names that are not there (a count set without storage) go as eleven bare headers, the

@@ -80,8 +80,8 @@ uint64_t bytes_read() {
 
 struct Outcome {
     int status = -1;
-    size_t peak = 0;     // the most C++ heap held at once
-    uint64_t read = 0;   // bytes read
+    size_t peak = 0;   // the most C++ heap held at once
+    uint64_t read = 0; // bytes read
     std::string out, err;
 };
 
@@ -260,17 +260,15 @@ TEST_F(TraceTool, ReproducersRunInAHundredMiB) {
     std::vector<fmt::TableRecord> spellings;
     const uint32_t crc = crc_of(texts);
     for (unsigned i = 0; i < 40; ++i)
-        spellings.push_back({static_cast<uint16_t>(i), 1u << 20, crc, "m", ".t",
-                             dir + std::string(i + 1, '/') + "lib.so"});
+        spellings.push_back({static_cast<uint16_t>(i), 1u << 20, crc, "m", ".t", dir + std::string(i + 1, '/') + "lib.so"});
     const std::string big = write("big.so", elf_file({{".t", unmatched_section(32u << 20)}}));
     std::vector<fmt::TableRecord> checksums;
     for (unsigned i = 0; i < 80; ++i) checksums.push_back({0, 1, 1000 + i, "m", ".t", big});
     std::vector<std::string> wide = {"%2147483000u"};
     const std::string wide_library = write("w.so", elf_file({{".t", fmt::texts_section(wide)}}));
-    for (const std::string &trace : {write("spellings.trc", trace_of(spellings)),
-                                     write("checksums.trc", trace_of(checksums)),
-                                     write("wide.trc", trace_of({{0, 1, crc_of(wide), "m", ".t", wide_library}},
-                                                                {fmt::Arg{'u', 7, {}}}))}) {
+    for (const std::string &trace :
+         {write("spellings.trc", trace_of(spellings)), write("checksums.trc", trace_of(checksums)),
+          write("wide.trc", trace_of({{0, 1, crc_of(wide), "m", ".t", wide_library}}, {fmt::Arg{'u', 7, {}}}))}) {
         pid_t child = fork();
         ASSERT_GE(child, 0);
         if (child == 0) {

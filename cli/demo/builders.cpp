@@ -35,8 +35,8 @@ Ids ids_of(long session) {
     id.user = "user" + std::to_string(session) + "@corp.example";
     mgx_mac_addr m = station_mac(session);
     char text[32];
-    std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", m.octet[0], m.octet[1], m.octet[2], m.octet[3],
-                  m.octet[4], m.octet[5]);
+    std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", m.octet[0], m.octet[1], m.octet[2], m.octet[3], m.octet[4],
+                  m.octet[5]);
     id.mac_text = text;
     return id;
 }
@@ -65,10 +65,10 @@ void request(sm::ovrin_smd_in_event &ev, Request kind, long session) {
         s.hdl().set_conn_hdl(id.conn);
         s.cl_hdl().set_client_hdl(id.client);
         auto identity = s.identity_attrs();
-        identity.add(1, id.user);            // user name
-        identity.add(31, id.mac_text);       // calling station
-        identity.add(30, "corp-ssid");       // called station
-        identity.add(61, "\0\0\0\x13"s);     // port type: wireless
+        identity.add(1, id.user);        // user name
+        identity.add(31, id.mac_text);   // calling station
+        identity.add(30, "corp-ssid");   // called station
+        identity.add(61, "\0\0\0\x13"s); // port type: wireless
         auto x = s.ext_params();
         x.set_trusted(1).set_proximity(0);
         const u_int8 oui[3] = {0x00, 0x0f, 0xac};

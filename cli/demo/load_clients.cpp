@@ -57,9 +57,7 @@ int connect_to(const std::string &path, std::string &error) {
     return fd;
 }
 
-std::vector<uint8_t> request_bytes(mgx::handle &h, Request kind, long key) {
-    return build_request(h.get(), kind, key).encode();
-}
+std::vector<uint8_t> request_bytes(mgx::handle &h, Request kind, long key) { return build_request(h.get(), kind, key).encode(); }
 
 // A client's pauses: random, about think_us on average (exponentially distributed, at most ten
 // times the mean), so that a thousand clients do not stay in step and arrive in waves.
@@ -117,14 +115,14 @@ bool play(mgx::handle &h, int fd, long key, long count, long think_us, ClientRes
                     return false;
                 }
             if (!answers.empty())
-                r.latency.add(static_cast<uint64_t>(
-                    std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - sent_at).count()));
+                r.latency.add(
+                    static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - sent_at).count()));
             for (size_t i = 0; i < answers.size(); ++i) {
                 ++r.received;
                 auto c = check_frame(h, answers[i], build_answer, step.answers[i], session, "session manager");
                 if (!c.problem.empty()) {
-                    r.problem = std::string(answer_name(step.answers[i])) + " of session " + std::to_string(session) +
-                                " " + c.problem;
+                    r.problem = std::string(answer_name(step.answers[i])) + " of session " + std::to_string(session) + " " +
+                                c.problem;
                     return false;
                 }
                 ++r.intact;
@@ -238,8 +236,7 @@ int play_role(const Options &opt, const std::string &path, Role role, long key) 
     }
     ClientResult r;
     switch (role) {
-    case R_SILENT:
-        return let_go(fd) ? 0 : fail(role, "was not let go");
+    case R_SILENT: return let_go(fd) ? 0 : fail(role, "was not let go");
     case R_STALL:
         // Requests without end, answers never read: the session manager must let it go.
         for (long s = 1; s <= 1000000; ++s)
@@ -254,8 +251,7 @@ int play_role(const Options &opt, const std::string &path, Role role, long key) 
     case R_MEMBER:
         if (!play(h, fd, key, opt.count, opt.think_us, r)) return fail(role, r.problem);
         return hang_up(fd) && h.live_allocations() == 0 ? 0 : fail(role, "did not end cleanly");
-    default:
-        break;
+    default: break;
     }
     // The others play one session well first, so that the session manager holds their state.
     if (!play(h, fd, key, 1, 0, r)) return fail(role, r.problem);
@@ -289,8 +285,7 @@ int play_role(const Options &opt, const std::string &path, Role role, long key) 
         frame = {uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n), 2, 8, 0, 0};
         write_all(fd, frame.data(), frame.size());
         break;
-    default:
-        break;
+    default: break;
     }
     return let_go(fd) ? 0 : fail(role, "was not let go");
 }
@@ -314,8 +309,10 @@ bool parse_faults(const std::string &text, unsigned &faults, std::string &error)
         else {
             std::vector<std::string> names(kRoleNames, kRoleNames + kFaultCount);
             names.push_back("all");
-            error = "--faults: unknown fault '" + name + "' (faults: kill, damage, truncate, oversize, stall, silent, "
-                    "stranger, or all)" + cli::did_you_mean(name, names);
+            error = "--faults: unknown fault '" + name +
+                    "' (faults: kill, damage, truncate, oversize, stall, silent, "
+                    "stranger, or all)" +
+                    cli::did_you_mean(name, names);
             return false;
         }
         if (comma == std::string::npos) return true;
@@ -333,8 +330,7 @@ void run_client(const Options &opt, const std::string &path, long index, ClientR
         // One client in sixteen is slow (its frames arrive in parts), one batches its requests.
         const bool played = index % 16 == 7 ? play_batched(h, fd, index * opt.count, opt.count, r)
                                             : play(h, fd, index * opt.count, opt.count, opt.think_us, r, index % 16 == 15);
-        if (played && !hang_up(fd))
-            r.problem = "the session manager sent more than the script holds";
+        if (played && !hang_up(fd)) r.problem = "the session manager sent more than the script holds";
         ::close(fd);
         r.live = h.live_allocations();
     } catch (const std::exception &e) {

@@ -9,9 +9,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <chrono>
 #include <csignal>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -49,8 +49,7 @@ int listen_in(const Options &opt, Place &place, std::string &error) {
         return -1;
     }
     place.dir = pattern;
-    if (opt.group_given && (::chown(place.dir.c_str(), uid_t(-1), opt.group) != 0 ||
-                            ::chmod(place.dir.c_str(), 0710) != 0)) {
+    if (opt.group_given && (::chown(place.dir.c_str(), uid_t(-1), opt.group) != 0 || ::chmod(place.dir.c_str(), 0710) != 0)) {
         error = "cannot open " + place.dir + " to group " + opt.group_name + ": " + std::strerror(errno);
         return -1;
     }
@@ -192,7 +191,12 @@ int run_load(const Options &opt) {
         ::close(listener);
         return 1;
     }
-    const ServerConfig cfg{::geteuid(),   opt.group_given, opt.group, opt.idle_ms, opt.max_frame, opt.out_limit,
+    const ServerConfig cfg{::geteuid(),
+                           opt.group_given,
+                           opt.group,
+                           opt.idle_ms,
+                           opt.max_frame,
+                           opt.out_limit,
                            opt.clients + static_cast<long>(roles.size()) + 16};
     std::fflush(nullptr);
     const pid_t manager = ::fork();
@@ -289,8 +293,8 @@ int run_load(const Options &opt) {
     if (reported) {
         for (int c = C_MID_FRAME; c < C_COUNT; ++c)
             if (sr.causes[c] != expect[c])
-                reasons.push_back(std::to_string(sr.causes[c]) + " dropped as " + cause_text(static_cast<Cause>(c)) +
-                                  ", " + std::to_string(expect[c]) + " expected");
+                reasons.push_back(std::to_string(sr.causes[c]) + " dropped as " + cause_text(static_cast<Cause>(c)) + ", " +
+                                  std::to_string(expect[c]) + " expected");
         if (sr.live_allocations != 0)
             reasons.push_back("the session manager's handle holds " + std::to_string(sr.live_allocations) + " allocations");
         if (sr.fds_end != sr.fds_start)
@@ -298,7 +302,8 @@ int run_load(const Options &opt) {
                               std::to_string(sr.fds_start) + " at the start");
         if (sr.samples >= kMemorySamples && sr.rss_last_tenth - sr.rss_first_tenth > kMemoryGrowthKib)
             reasons.push_back("the session manager's resident memory grew by " +
-                              std::to_string(sr.rss_last_tenth - sr.rss_first_tenth) + " KiB between the first and the last tenth");
+                              std::to_string(sr.rss_last_tenth - sr.rss_first_tenth) +
+                              " KiB between the first and the last tenth");
     }
     const bool pass = reasons.empty();
     const uint64_t manager_messages = sr.received + sr.sent;
@@ -308,33 +313,33 @@ int run_load(const Options &opt) {
     for (int i = 0; i < kFaultCount; ++i)
         if (opt.faults & (1u << i)) faults += std::string(faults.empty() ? "" : " ") + fault_name(i);
     if (opt.json) {
-        std::string j = "{\"clients\": " + std::to_string(opt.clients) + ", \"sessions_per_client\": " +
-                        std::to_string(opt.count) + ", \"think_us\": " + std::to_string(opt.think_us) +
-                        ", \"faults\": [";
+        std::string j = "{\"clients\": " + std::to_string(opt.clients) +
+                        ", \"sessions_per_client\": " + std::to_string(opt.count) +
+                        ", \"think_us\": " + std::to_string(opt.think_us) + ", \"faults\": [";
         for (int i = 0, n = 0; i < kFaultCount; ++i)
             if (opt.faults & (1u << i)) j += std::string(n++ ? ", " : "") + json_string(fault_name(i));
         j += format("], \"stranger_skipped\": %s, \"seconds\": %.3f, \"sessions\": %ld, \"messages\": %ld, "
-                      "\"sessions_per_second\": %.1f, \"messages_per_second\": %.1f, \"manager\": {\"cpu_seconds\": %.3f, \"system_seconds\": %.3f, "
-                      "\"messages\": %llu, \"messages_per_core_second\": %.1f, \"rss_kib\": {\"start\": %ld, \"peak\": %ld, "
-                      "\"end\": %ld, \"first_tenth\": %ld, \"last_tenth\": %ld, \"judged\": %s}, \"live_allocations\": %llu, "
-                      "\"descriptors\": {\"start\": %d, \"end\": %d}, \"write_waits\": %llu}, \"latency_us\": {\"exchanges\": %llu, \"p50\": %.1f, "
-                      "\"p99\": %.1f, \"max\": %.1f}, \"service_us\": {\"p50\": %.1f, \"p99\": %.1f, \"max\": %.1f}, \"drops\": {",
-                      stranger_skipped ? "true" : "false", seconds, t.sessions, t.messages,
-                      seconds > 0 ? static_cast<double>(t.sessions) / seconds : 0.0,
-                      seconds > 0 ? static_cast<double>(t.messages) / seconds : 0.0, sr.cpu_seconds, sr.system_seconds,
-                      static_cast<unsigned long long>(manager_messages), per_core, sr.rss_start, sr.rss_peak, sr.rss_end,
-                      sr.rss_first_tenth, sr.rss_last_tenth, sr.samples >= kMemorySamples ? "true" : "false",
-                      static_cast<unsigned long long>(sr.live_allocations),
-                      sr.fds_start, sr.fds_end, static_cast<unsigned long long>(sr.write_waits),
-                      static_cast<unsigned long long>(t.latency.count),
-                      t.latency.quantile_us(0.5), t.latency.quantile_us(0.99),
-                      static_cast<double>(t.latency.max_ns) / 1000.0, sr.service.quantile_us(0.5),
-                      sr.service.quantile_us(0.99), static_cast<double>(sr.service.max_ns) / 1000.0);
+                    "\"sessions_per_second\": %.1f, \"messages_per_second\": %.1f, \"manager\": {\"cpu_seconds\": %.3f, "
+                    "\"system_seconds\": %.3f, "
+                    "\"messages\": %llu, \"messages_per_core_second\": %.1f, \"rss_kib\": {\"start\": %ld, \"peak\": %ld, "
+                    "\"end\": %ld, \"first_tenth\": %ld, \"last_tenth\": %ld, \"judged\": %s}, \"live_allocations\": %llu, "
+                    "\"descriptors\": {\"start\": %d, \"end\": %d}, \"write_waits\": %llu}, \"latency_us\": {\"exchanges\": "
+                    "%llu, \"p50\": %.1f, "
+                    "\"p99\": %.1f, \"max\": %.1f}, \"service_us\": {\"p50\": %.1f, \"p99\": %.1f, \"max\": %.1f}, \"drops\": {",
+                    stranger_skipped ? "true" : "false", seconds, t.sessions, t.messages,
+                    seconds > 0 ? static_cast<double>(t.sessions) / seconds : 0.0,
+                    seconds > 0 ? static_cast<double>(t.messages) / seconds : 0.0, sr.cpu_seconds, sr.system_seconds,
+                    static_cast<unsigned long long>(manager_messages), per_core, sr.rss_start, sr.rss_peak, sr.rss_end,
+                    sr.rss_first_tenth, sr.rss_last_tenth, sr.samples >= kMemorySamples ? "true" : "false",
+                    static_cast<unsigned long long>(sr.live_allocations), sr.fds_start, sr.fds_end,
+                    static_cast<unsigned long long>(sr.write_waits), static_cast<unsigned long long>(t.latency.count),
+                    t.latency.quantile_us(0.5), t.latency.quantile_us(0.99), static_cast<double>(t.latency.max_ns) / 1000.0,
+                    sr.service.quantile_us(0.5), sr.service.quantile_us(0.99), static_cast<double>(sr.service.max_ns) / 1000.0);
         for (int c = C_MID_FRAME; c < C_REFUSED; ++c)
             j += std::string(c == C_MID_FRAME ? "" : ", ") + json_string(cause_text(static_cast<Cause>(c))) + ": " +
                  std::to_string(sr.causes[c]);
-        j += "}, \"refused\": {" + json_string(cause_text(C_REFUSED)) + ": " + std::to_string(sr.causes[C_REFUSED]) +
-             ", " + json_string(cause_text(C_TOO_MANY)) + ": " + std::to_string(sr.causes[C_TOO_MANY]) +
+        j += "}, \"refused\": {" + json_string(cause_text(C_REFUSED)) + ": " + std::to_string(sr.causes[C_REFUSED]) + ", " +
+             json_string(cause_text(C_TOO_MANY)) + ": " + std::to_string(sr.causes[C_TOO_MANY]) +
              ", \"by the directory's permissions\": " + std::to_string(refused_at_directory) + "}, \"timeline\": [";
         for (size_t i = 0; i < timeline.size(); ++i) {
             j += format("%s{\"t\": %.3f, \"messages\": %llu, \"rss_kib\": %ld}", i ? ", " : "", timeline[i].t,
@@ -347,17 +352,18 @@ int run_load(const Options &opt) {
         return pass ? 0 : 1;
     }
 
-    std::printf("load: %ld clients x %ld sessions, faults: %s\n", opt.clients, opt.count, faults.empty() ? "none" : faults.c_str());
+    std::printf("load: %ld clients x %ld sessions, faults: %s\n", opt.clients, opt.count,
+                faults.empty() ? "none" : faults.c_str());
     if (stranger_skipped) std::printf("load: the stranger was left out: acting as another user needs root\n");
-    std::printf("load: %ld sessions, %ld messages in %.3f s: %.0f sessions per second, %.0f messages per second\n",
-                t.sessions, t.messages, seconds, seconds > 0 ? static_cast<double>(t.sessions) / seconds : 0.0,
+    std::printf("load: %ld sessions, %ld messages in %.3f s: %.0f sessions per second, %.0f messages per second\n", t.sessions,
+                t.messages, seconds, seconds > 0 ? static_cast<double>(t.sessions) / seconds : 0.0,
                 seconds > 0 ? static_cast<double>(t.messages) / seconds : 0.0);
     std::printf("load: session manager: %llu messages in %.3f s of processor time (%.0f %% in the kernel): %.0f messages "
                 "per core-second\n",
                 static_cast<unsigned long long>(manager_messages), sr.cpu_seconds,
                 sr.cpu_seconds > 0 ? 100 * sr.system_seconds / sr.cpu_seconds : 0.0, per_core);
-    std::printf("load: exchange latency: p50 %.0f us, p99 %.0f us, max %.0f us over %llu exchanges\n",
-                t.latency.quantile_us(0.5), t.latency.quantile_us(0.99), static_cast<double>(t.latency.max_ns) / 1000.0,
+    std::printf("load: exchange latency: p50 %.0f us, p99 %.0f us, max %.0f us over %llu exchanges\n", t.latency.quantile_us(0.5),
+                t.latency.quantile_us(0.99), static_cast<double>(t.latency.max_ns) / 1000.0,
                 static_cast<unsigned long long>(t.latency.count));
     std::printf("load: session manager's part: p50 %.0f us, p99 %.0f us, max %.0f us from a client's bytes read to "
                 "its answers written\n",

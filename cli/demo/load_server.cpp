@@ -25,10 +25,16 @@
 namespace ovrin::demo::load {
 
 const char *cause_text(Cause c) {
-    static const char *const texts[C_COUNT] = {
-        "hung up",         "closed mid-frame",          "damaged frame",    "truncated frame",
-        "frame over the limit", "stopped reading",      "silent",           "gone before its answers",
-        "neither this user nor the group",              "too many connections"};
+    static const char *const texts[C_COUNT] = {"hung up",
+                                               "closed mid-frame",
+                                               "damaged frame",
+                                               "truncated frame",
+                                               "frame over the limit",
+                                               "stopped reading",
+                                               "silent",
+                                               "gone before its answers",
+                                               "neither this user nor the group",
+                                               "too many connections"};
     return texts[c];
 }
 
@@ -100,7 +106,6 @@ private:
     std::vector<uint8_t> scratch_ = std::vector<uint8_t>(kReadChunk);
 };
 
-
 // The session a client's first register request names (its connection handle), or -1.
 long register_key(mgx::handle &h, std::span<const uint8_t> frame) {
     try {
@@ -169,8 +174,8 @@ void Server::accept_all() {
 void Server::drop(Conn &c, Cause cause, const std::string &detail) {
     ++r_.causes[cause];
     if (cause != C_DONE)
-        std::fprintf(stderr, "session manager: dropped client %" PRIu64 " (pid %d): %s%s%s\n", c.id,
-                     static_cast<int>(c.pid), cause_text(cause), detail.empty() ? "" : ": ", detail.c_str());
+        std::fprintf(stderr, "session manager: dropped client %" PRIu64 " (pid %d): %s%s%s\n", c.id, static_cast<int>(c.pid),
+                     cause_text(cause), detail.empty() ? "" : ": ", detail.c_str());
     ::epoll_ctl(ep_, EPOLL_CTL_DEL, c.fd, nullptr);
     ::close(c.fd);
     by_quiet_.erase(c.quiet);
@@ -215,8 +220,8 @@ void Server::readable(Conn &c) {
     }
     if (c.out.size() > c.written && !c.waiting_to_write && !flush(c)) return;
     if (r_.sent != sent_before)
-        r_.service.add(static_cast<uint64_t>(
-            std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - first_read).count()));
+        r_.service.add(
+            static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - first_read).count()));
 }
 
 bool Server::take_frames(Conn &c, const uint8_t *buf, size_t end, size_t &taken) {
@@ -244,10 +249,8 @@ bool Server::answer(Conn &c, std::span<const uint8_t> frame) {
     const Step &step = script()[c.step];
     if (c.step == 0 && c.key < 0) c.key = register_key(h_, frame);
     Checked<sm::ovrin_smd_in_event> got;
-    if (c.key <= 0)
-        got.problem = "its first request names no session";
-    else
-        got = check_frame(h_, frame, build_request, step.request, c.key, "client");
+    if (c.key <= 0) got.problem = "its first request names no session";
+    else got = check_frame(h_, frame, build_request, step.request, c.key, "client");
     if (!got.problem.empty()) {
         drop(c, got.truncated ? C_TRUNCATED : C_DAMAGED,
              std::string(request_name(step.request)) + " of session " + std::to_string(c.key) + " " + got.problem);
@@ -274,8 +277,9 @@ bool Server::answer(Conn &c, std::span<const uint8_t> frame) {
         ++c.key;
     }
     if (c.out.size() - c.written > static_cast<size_t>(cfg_.out_limit)) {
-        drop(c, C_STALLED, std::to_string(c.out.size() - c.written) + " bytes of answers unread, the limit is " +
-                               std::to_string(cfg_.out_limit));
+        drop(c, C_STALLED,
+             std::to_string(c.out.size() - c.written) + " bytes of answers unread, the limit is " +
+                 std::to_string(cfg_.out_limit));
         return false;
     }
     return true;

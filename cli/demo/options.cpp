@@ -14,11 +14,25 @@ namespace ovrin::demo {
 int parse(int argc, char **argv, Options &o) {
     using namespace ovrin::cli;
     enum {
-        opt_xml = 256, opt_hex, opt_quiet, opt_count, opt_corrupt, opt_trace, opt_memory_every,
-        opt_clients, opt_faults, opt_group, opt_json, opt_think, opt_idle, opt_max_frame, opt_out_limit
+        opt_xml = 256,
+        opt_hex,
+        opt_quiet,
+        opt_count,
+        opt_corrupt,
+        opt_trace,
+        opt_memory_every,
+        opt_clients,
+        opt_faults,
+        opt_group,
+        opt_json,
+        opt_think,
+        opt_idle,
+        opt_max_frame,
+        opt_out_limit
     };
     static const Command command = {
-        "demo", "[--xml | --hex | --quiet] [--count N] [--corrupt FRAME] [--trace FILE] [--memory-every N]\n"
+        "demo",
+        "[--xml | --hex | --quiet] [--count N] [--corrupt FRAME] [--trace FILE] [--memory-every N]\n"
         "       ovrin-sm demo --clients N [--count M] [--faults LIST] [--group GROUP] [--think US] [--idle MS]\n"
         "                     [--max-frame BYTES] [--out-limit BYTES] [--json]",
         "A client and a session manager, two processes with their own runtime handles, exchange one\n"
@@ -53,9 +67,9 @@ int parse(int argc, char **argv, Options &o) {
         "  --json                the report as one JSON object\n",
         {flag("xml", opt_xml), flag("hex", opt_hex), flag("quiet", opt_quiet), valued("count", opt_count),
          valued("corrupt", opt_corrupt), valued("trace", opt_trace), valued("memory-every", opt_memory_every),
-         valued("clients", opt_clients), valued("faults", opt_faults), valued("group", opt_group),
-         flag("json", opt_json), valued("think", opt_think), valued("idle", opt_idle),
-         valued("max-frame", opt_max_frame), valued("out-limit", opt_out_limit)}};
+         valued("clients", opt_clients), valued("faults", opt_faults), valued("group", opt_group), flag("json", opt_json),
+         valued("think", opt_think), valued("idle", opt_idle), valued("max-frame", opt_max_frame),
+         valued("out-limit", opt_out_limit)}};
     Parser p(command, argc, argv);
     const char *render_option = nullptr;
     const long frames = static_cast<long>(messages_per_session());
@@ -109,9 +123,7 @@ int parse(int argc, char **argv, Options &o) {
             o.group_name = g ? g->gr_name : arg;
             break;
         }
-        case opt_json:
-            o.json = true;
-            break;
+        case opt_json: o.json = true; break;
         case opt_trace:
             if (!*arg) return usage_error(command, "--trace: an empty file name");
             o.trace = arg;
@@ -131,8 +143,10 @@ int parse(int argc, char **argv, Options &o) {
                                     "--trace or --memory-every");
     // A client pauses up to ten times --think: that must not look like silence.
     if (o.think_us / 100 >= o.idle_ms)
-        return usage_error(command, "--think " + std::to_string(o.think_us) + ": a client pauses up to ten times that, "
-                                    "which must stay below --idle (" + std::to_string(o.idle_ms) + " ms)");
+        return usage_error(command, "--think " + std::to_string(o.think_us) +
+                                        ": a client pauses up to ten times that, "
+                                        "which must stay below --idle (" +
+                                        std::to_string(o.idle_ms) + " ms)");
     // Every session of the run has its own number (the builders' identifiers are 32-bit).
     if (o.clients > 0 && (o.clients + 8) * o.count > 0x7fffffffL)
         return usage_error(command, "--clients times --count is past 2147483647 sessions");

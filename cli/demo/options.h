@@ -30,10 +30,10 @@ struct Options {
     bool group_given = false; // peers whose group is `group` are let in beside this user's
     gid_t group = 0;
     std::string group_name;
-    long think_us = 0;        // each client's pause between one exchange and the next
-    long idle_ms = 2000;      // a client silent this long is dropped
-    long max_frame = 65536;   // the longest frame the session manager takes
-    long out_limit = 262144;  // the most answer bytes it queues for a client that does not read
+    long think_us = 0;       // each client's pause between one exchange and the next
+    long idle_ms = 2000;     // a client silent this long is dropped
+    long max_frame = 65536;  // the longest frame the session manager takes
+    long out_limit = 262144; // the most answer bytes it queues for a client that does not read
 };
 
 // Reads the command line into o: -1 to go on, otherwise the exit status (the help was shown, or

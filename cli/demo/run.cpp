@@ -57,8 +57,8 @@ int run_manager(const Options &opt, int fd) {
     }
     std::fflush(stdout);
     const uint64_t live = sm.live();
-    std::printf("session manager: %ld received, %ld intact, %ld sent; live allocations %" PRIu64 "\n", sm.received,
-                sm.intact, sm.sent, live);
+    std::printf("session manager: %ld received, %ld intact, %ld sent; live allocations %" PRIu64 "\n", sm.received, sm.intact,
+                sm.sent, live);
     std::fflush(stdout);
     return going && sm.intact == sm.received && live == 0 ? 0 : 1;
 }
@@ -100,23 +100,21 @@ int run_client(const Options &opt, int fd, pid_t manager) {
     }
     const bool manager_ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
     const uint64_t live = cl.live();
-    std::printf("client: %ld sent, %ld received, %ld intact; live allocations %" PRIu64 "\n", cl.sent, cl.received,
-                cl.intact, live);
+    std::printf("client: %ld sent, %ld received, %ld intact; live allocations %" PRIu64 "\n", cl.sent, cl.received, cl.intact,
+                live);
     const long expected = opt.count * static_cast<long>(messages_per_session());
     const long messages = cl.sent + cl.received;
     if (opt.count > 1 || seconds > 1.0)
         std::printf("%ld sessions, %ld messages in %.3f s: %.0f messages per second\n", sessions, messages, seconds,
                     seconds > 0 ? messages / seconds : 0.0);
     const bool pass = going && manager_ok && cl.intact == cl.received && live == 0 && messages == expected;
-    if (pass)
-        std::printf("verdict: PASS, all %ld messages arrived intact and both handles hold no allocations\n", messages);
+    if (pass) std::printf("verdict: PASS, all %ld messages arrived intact and both handles hold no allocations\n", messages);
     else
-        std::printf("verdict: FAIL, %s\n",
-                    !manager_ok ? (WIFEXITED(status) ? "the session manager reported failures"
-                                                     : "the session manager did not end normally")
-                    : cl.intact != cl.received ? "the client received damaged messages"
-                    : live != 0                ? "the client's handle still holds allocations"
-                                               : "the exchange ended early");
+        std::printf("verdict: FAIL, %s\n", !manager_ok ? (WIFEXITED(status) ? "the session manager reported failures"
+                                                                            : "the session manager did not end normally")
+                                           : cl.intact != cl.received ? "the client received damaged messages"
+                                           : live != 0                ? "the client's handle still holds allocations"
+                                                                      : "the exchange ended early");
     std::fflush(stdout);
     return pass ? 0 : 1;
 }

@@ -23,7 +23,7 @@ size_t messages_per_session() {
 }
 
 const char *request_name(Request r) {
-    static const char *const names[] = {"reg_client",  "start_client", "acct",       "id_event",
+    static const char *const names[] = {"reg_client", "start_client",         "acct",       "id_event",
                                         "sess_query", "capwap_update_params", "stop_client"};
     return names[r];
 }

@@ -29,8 +29,7 @@ Checked<M> check_frame(mgx::handle &h, std::span<const uint8_t> bytes, M (*build
         size_t used = c.got.decode_prefix(bytes, ec);
         c.variant = reinterpret_cast<const mgx_instance_hdr_t *>(c.got.get())->variant;
         c.truncated = ec.value() == static_cast<int>(MGX_ESHORT);
-        if (ec)
-            problem = "does not decode: error " + std::to_string(ec.value()) + " after " + std::to_string(used) + " bytes";
+        if (ec) problem = "does not decode: error " + std::to_string(ec.value()) + " after " + std::to_string(used) + " bytes";
         else if (used != bytes.size())
             problem = "decodes from " + std::to_string(used) + " of " + std::to_string(bytes.size()) + " bytes";
     }
@@ -94,14 +93,11 @@ bool Side::receive(M (*build)(mgx_handle_t *, Kind, long), Kind kind, const char
     const bool ok = problem.empty();
     if (ok) ++intact;
     if (verbose(session) || !ok) {
-        std::printf("%-15s <- %-15s %-20s %5zu bytes  wire v%d%s -> v%d  %s",
-                    name, peer, what, bytes.size(), static_cast<int8_t>(bytes[0]),
-                    bytes.size() > 1 && (bytes[1] & 0x08) ? " +state" : "", decoded_variant,
+        std::printf("%-15s <- %-15s %-20s %5zu bytes  wire v%d%s -> v%d  %s", name, peer, what, bytes.size(),
+                    static_cast<int8_t>(bytes[0]), bytes.size() > 1 && (bytes[1] & 0x08) ? " +state" : "", decoded_variant,
                     ok ? "intact" : "DAMAGED: ");
-        if (ok)
-            std::printf("  hash %08" PRIx32 "\n", hash);
-        else
-            std::printf("%s (session %ld)\n", problem.c_str(), session);
+        if (ok) std::printf("  hash %08" PRIx32 "\n", hash);
+        else std::printf("%s (session %ld)\n", problem.c_str(), session);
         render(got, bytes);
         if (!ok && want && opt.render != Render::none && opt.render != Render::hex) {
             std::printf("%s: the %s meant:\n", name, peer);
@@ -142,8 +138,8 @@ template Checked<sm::ovrin_smd_in_event> check_frame(mgx::handle &, std::span<co
                                                      sm::ovrin_smd_in_event (*)(mgx_handle_t *, Request, long), Request, long,
                                                      const char *);
 template Checked<sm::ovrin_smd_resp_event> check_frame(mgx::handle &, std::span<const uint8_t>,
-                                                       sm::ovrin_smd_resp_event (*)(mgx_handle_t *, Answer, long), Answer,
-                                                       long, const char *);
+                                                       sm::ovrin_smd_resp_event (*)(mgx_handle_t *, Answer, long), Answer, long,
+                                                       const char *);
 template bool Side::send(sm::ovrin_smd_in_event (*)(mgx_handle_t *, Request, long), Request, const char *, long);
 template bool Side::send(sm::ovrin_smd_resp_event (*)(mgx_handle_t *, Answer, long), Answer, const char *, long);
 template bool Side::receive(sm::ovrin_smd_in_event (*)(mgx_handle_t *, Request, long), Request, const char *, long);
@@ -157,8 +153,8 @@ void Side::report_memory(long session) {
         return;
     }
     std::fflush(stdout);
-    std::printf("memory: %s after %ld sessions: rss %ld KiB, peak %ld KiB, live allocations %" PRIu64 "\n", name,
-                session, rss, peak, live());
+    std::printf("memory: %s after %ld sessions: rss %ld KiB, peak %ld KiB, live allocations %" PRIu64 "\n", name, session, rss,
+                peak, live());
     std::fflush(stdout);
 }
 

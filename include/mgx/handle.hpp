@@ -29,9 +29,7 @@ inline const std::error_category &error_category() noexcept {
     return category;
 }
 
-inline std::error_code make_error_code(uint32_t code) noexcept {
-    return {static_cast<int>(code), error_category()};
-}
+inline std::error_code make_error_code(uint32_t code) noexcept { return {static_cast<int>(code), error_category()}; }
 
 // A refused operation: the runtime's code, its text, and where it happened ("TYPE.member", or
 // what the runtime said about a document) when that is known. what() reads

@@ -93,10 +93,10 @@ MGX_API void mgx_journal_clear(mgx_handle_t *h);
 
 /* ---- recorded hook calls (while MGX_RECORD_HOOKS is on): database hooks, registry/variant-info updates, OID and mapping calls */
 typedef enum mgx_hook_kind {
-    MGX_HOOK_CONTAINMENT = 1, /* mgxdb_record_containment2: object, container */
-    MGX_HOOK_DIRTY,           /* mgxdb_plat_set_dirty */
-    MGX_HOOK_DESTROY,         /* mgxdb_plat_set_destroy */
-    MGX_HOOK_DETACH,          /* mgxdb_plat_set_detach */
+    MGX_HOOK_CONTAINMENT = 1,     /* mgxdb_record_containment2: object, container */
+    MGX_HOOK_DIRTY,               /* mgxdb_plat_set_dirty */
+    MGX_HOOK_DESTROY,             /* mgxdb_plat_set_destroy */
+    MGX_HOOK_DETACH,              /* mgxdb_plat_set_detach */
     MGX_HOOK_UPDATE_VARIANT_INFO, /* object = registered copy, container = static descriptor, arg = is_new */
     MGX_HOOK_HD_MAPPING_DESTROY,  /* object */
     MGX_HOOK_OID_MAPPING_DESTROY, /* object, arg = result */
@@ -165,10 +165,10 @@ MGX_API void mgx_xml_document_free(void *document);
 
 /* ---- trace capture (process-wide): a ring of the newest 4096 emissions, oldest first. A text's
  * pointer stays valid until its emission falls out of the ring or mgx_trace_clear. */
-MGX_API size_t mgx_trace_count(void);        /* captured emissions held (at most 4096) */
-MGX_API size_t mgx_trace_dropped(void);      /* emissions that fell out of the ring since the last clear */
+MGX_API size_t mgx_trace_count(void);         /* captured emissions held (at most 4096) */
+MGX_API size_t mgx_trace_dropped(void);       /* emissions that fell out of the ring since the last clear */
 MGX_API const char *mgx_trace_text(size_t i); /* rendered text of emission i */
-MGX_API int mgx_trace_severity(size_t i);    /* 0..7 */
+MGX_API int mgx_trace_severity(size_t i);     /* 0..7 */
 MGX_API uint32_t mgx_trace_number(size_t i);
 MGX_API uint16_t mgx_trace_module(size_t i);
 MGX_API void mgx_trace_clear(void);
@@ -195,8 +195,8 @@ MGX_API const char *mgx_bundle_call(size_t i);
 MGX_API void mgx_bundle_calls_clear(void);
 
 /* ---- aaa_tlv attribute lists */
-MGX_API void aaa_tlv_attr_add(mgx_handle_t *h, uint32_t luid, aaa_tlv *tlv, uint32_t type, const void *value,
-                              uint32_t length, uint32_t *err);
+MGX_API void aaa_tlv_attr_add(mgx_handle_t *h, uint32_t luid, aaa_tlv *tlv, uint32_t type, const void *value, uint32_t length,
+                              uint32_t *err);
 MGX_API uint32_t aaa_tlv_attr_count(const aaa_tlv *tlv);
 /* attribute i: returns its type, *value and *length point into the list; 0 (and nulls) when out of range */
 MGX_API uint32_t aaa_tlv_attr_at(const aaa_tlv *tlv, uint32_t i, const void **value, uint32_t *length);
@@ -204,8 +204,7 @@ MGX_API uint32_t aaa_tlv_attr_at(const aaa_tlv *tlv, uint32_t i, const void **va
 MGX_API int32_t aaa_tlv_attr_find(const aaa_tlv *tlv, uint32_t type);
 MGX_API void aaa_tlv_attr_remove(mgx_handle_t *h, uint32_t luid, aaa_tlv *tlv, uint32_t i, uint32_t *err);
 /* object references held by the list (released by a containing record's destroy) */
-MGX_API void aaa_tlv_add_object_reference(mgx_handle_t *h, uint32_t luid, aaa_tlv *tlv, uint64_t oid,
-                                          uint32_t *err);
+MGX_API void aaa_tlv_add_object_reference(mgx_handle_t *h, uint32_t luid, aaa_tlv *tlv, uint64_t oid, uint32_t *err);
 
 #ifdef __cplusplus
 }

@@ -49,9 +49,7 @@ inline void check(uint32_t err, const char *type, const char *member) {
 }
 
 // Bytes as the C interface takes them.
-inline std::span<uint8_t> octets(std::span<std::byte> b) noexcept {
-    return {reinterpret_cast<uint8_t *>(b.data()), b.size()};
-}
+inline std::span<uint8_t> octets(std::span<std::byte> b) noexcept { return {reinterpret_cast<uint8_t *>(b.data()), b.size()}; }
 inline std::span<const uint8_t> octets(std::span<const std::byte> b) noexcept {
     return {reinterpret_cast<const uint8_t *>(b.data()), b.size()};
 }
@@ -521,8 +519,7 @@ private:
 };
 
 // Enumeration literals by name and back.
-template <class E> constexpr std::string_view to_string(E value) noexcept
-    requires requires { enum_names<E>::literals; }
+template <class E> constexpr std::string_view to_string(E value) noexcept requires requires { enum_names<E>::literals; }
 {
     for (const auto &[v, name] : enum_names<E>::literals)
         if (v == value) return name;
@@ -538,7 +535,7 @@ template <class E> constexpr std::optional<E> from_string(std::string_view name)
 
 // Messages and references hash as the library hashes their instances.
 template <class T>
-    requires std::is_base_of_v<ovrin::view_base<typename T::c_type>, T>
+requires std::is_base_of_v<ovrin::view_base<typename T::c_type>, T>
 struct std::hash<T> {
     size_t operator()(const T &v) const noexcept { return v.hash(); }
 };

@@ -6,10 +6,10 @@
 #include <cstring>
 
 #include "ops/composite/composite.h"
-#include "ops/steps.h"
 #include "ops/enum/enum.h"
 #include "ops/record/access.h"
 #include "ops/record/lifecycle.h"
+#include "ops/steps.h"
 #include "ops/walk.h"
 #include "ops/wire/wire.h"
 
@@ -23,7 +23,7 @@ namespace {
 
 uint64_t element_value(const Field &f, mgx_handle_t *h, uint32_t luid, const void *element, uint32_t *err) {
     switch (f.kind) {
-#define OVRIN_CASE(K, T, S, A)                                                                                         \
+#define OVRIN_CASE(K, T, S, A)                                                                                                   \
     case Kind::K: return T##_get_value(h, luid, static_cast<const T *>(element), err);
         OVRIN_VALUE_PRIMS(OVRIN_CASE)
 #undef OVRIN_CASE
@@ -36,7 +36,7 @@ uint64_t element_value(const Field &f, mgx_handle_t *h, uint32_t luid, const voi
 // enumerations (which may refuse a value the element's variant does not have).
 void element_set(const Field &f, mgx_handle_t *h, uint32_t luid, void *element, const void *value, uint32_t *err) {
     switch (f.kind) {
-#define OVRIN_CASE(K, T, S, A)                                                                                         \
+#define OVRIN_CASE(K, T, S, A)                                                                                                   \
     case Kind::K: return T##_set(h, luid, static_cast<T *>(element), static_cast<const T *>(value), err);
         OVRIN_VALUE_PRIMS(OVRIN_CASE)
         OVRIN_ADDRESS_PRIMS(OVRIN_CASE)
@@ -48,7 +48,7 @@ void element_set(const Field &f, mgx_handle_t *h, uint32_t luid, void *element, 
 
 void element_set_value(const Field &f, mgx_handle_t *h, uint32_t luid, void *element, uint64_t value, uint32_t *err) {
     switch (f.kind) {
-#define OVRIN_CASE(K, T, S, A)                                                                                         \
+#define OVRIN_CASE(K, T, S, A)                                                                                                   \
     case Kind::K: return T##_set_value(h, luid, static_cast<T *>(element), static_cast<T>(value), err);
         OVRIN_VALUE_PRIMS(OVRIN_CASE)
 #undef OVRIN_CASE
@@ -58,8 +58,7 @@ void element_set_value(const Field &f, mgx_handle_t *h, uint32_t luid, void *ele
 }
 
 // Whole-array and element flags after an element was set.
-void mark_element(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index,
-                  uint32_t *err) {
+void mark_element(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index, uint32_t *err) {
     if (!marking(t, h, instance, err)) return;
     if (uint8_t *area = state_area(t, h, luid, instance)) {
         mark(h, luid, area + f.sttr_pos, instance);
@@ -69,10 +68,8 @@ void mark_element(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid,
 
 // ---------------------------------------------------------------- blocks of variable arrays
 
-
 // The record's reference to the per-element bytes, kept in its own flag area.
-void set_flag_reference(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance,
-                        const uint8_t *flags) {
+void set_flag_reference(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, const uint8_t *flags) {
     if (!tracking(t, h) || !tracked(instance)) return;
     uint8_t *area = state_area(t, h, luid, instance);
     if (!area || f.sttr_nested == no_area) return;
@@ -87,18 +84,17 @@ void note_reallocation(const Type &t) {
 
 // Elements moved to a new block take their nested flag registrations along: each element's
 // nested records and attribute lists are registered against its flag bytes in the new block.
-void reregister(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint8_t *flags, uint32_t n,
-                uint32_t *err) {
+void reregister(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, uint8_t *flags, uint32_t n, uint32_t *err) {
     const ArrayLayout layout(f);
-    for (uint32_t k = 0; flags && k < n; ++k) offset_update(*f.type, h, luid, layout.element(block, k), layout.slot_of(flags, k), err);
+    for (uint32_t k = 0; flags && k < n; ++k)
+        offset_update(*f.type, h, luid, layout.element(block, k), layout.slot_of(flags, k), err);
 }
 
 // Makes room for element index: the count becomes index+1, the new elements freshly initialised,
 // in the block's room when it has enough, else in a new block (grown by a factor, see
 // ArrayLayout) holding the old elements and their flags. False (12 or an initialisation error)
 // leaves the array as it was.
-bool grow(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index,
-          uint32_t *err) {
+bool grow(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index, uint32_t *err) {
     const FieldAt<void> a = field_of(t, f, instance);
     void *&block = a.pointer();
     uint32_t old_count = block ? a.count() : 0;
@@ -124,8 +120,7 @@ bool grow(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *i
 }
 
 // The element built from the value's wire form, as a clone would build it, in its place.
-void rebuild_from_wire(const Field &f, mgx_handle_t *h, uint32_t luid, void *element, const void *value,
-                       uint32_t *err) {
+void rebuild_from_wire(const Field &f, mgx_handle_t *h, uint32_t luid, void *element, const void *value, uint32_t *err) {
     uint32_t need = wire_length(*f.type, h, luid, value) + 1;
     uint32_t length = 0;
     auto *ws = static_cast<uint8_t *>(mgxlib_get_handle_ws(h, need, &length));
@@ -139,8 +134,7 @@ void rebuild_from_wire(const Field &f, mgx_handle_t *h, uint32_t luid, void *ele
 
 // ---------------------------------------------------------------- fixed arrays
 
-void *fixed_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index,
-                uint32_t *err) {
+void *fixed_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index, uint32_t *err) {
     if (!start(h, luid, instance, err) || !present_in(f, h, instance, err)) return nullptr;
     if (index >= f.count) {
         fail(h, err, MGX_ENOENT);
@@ -159,8 +153,8 @@ uint64_t fixed_get_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_
 
 // The index is trusted, deliberately: no error is reported for one past the array. What lies
 // past the array is the record's other fields (or beyond the record), so nothing is written there.
-void fixed_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index,
-               const void *value, uint32_t *err) {
+void fixed_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index, const void *value,
+               uint32_t *err) {
     if (!value) return;
     if (!start(h, luid, instance, err) || !adjust_for(t, f, h, luid, instance, err)) return;
     if (index >= f.count) return;
@@ -183,8 +177,8 @@ void fixed_set_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lu
 }
 
 // Only the upper bound of the length is checked; a length of zero or below copies nothing.
-void fixed_get_mem(const Type &, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, void *buffer,
-                   int32_t length, uint32_t *err) {
+void fixed_get_mem(const Type &, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, void *buffer, int32_t length,
+                   uint32_t *err) {
     if (!start(h, luid, instance, err) || !present_in(f, h, instance, err)) return;
     if (length > static_cast<int32_t>(f.count)) return fail(h, err, MGX_EINVAL);
     if (length <= 0) return;
@@ -207,7 +201,8 @@ void fixed_set_mem(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid
         if (f.kind == Kind::enumeration) {
             const FieldAt<void> a = field_of(t, f, instance);
             for (uint32_t k = 0; k < n; ++k)
-                static_cast<EnumInstance *>(a.element(k))->value = static_cast<const EnumInstance *>(layout.element(buffer, k))->value;
+                static_cast<EnumInstance *>(a.element(k))->value =
+                    static_cast<const EnumInstance *>(layout.element(buffer, k))->value;
         } else {
             std::memcpy(field_at(instance, f), buffer, layout.size(n, false));
         }
@@ -217,8 +212,7 @@ void fixed_set_mem(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid
         if (uint8_t *area = state_area(t, h, luid, instance)) mark(h, luid, area + f.sttr_pos, instance);
 }
 
-uint32_t fixed_set_mem_cr(const Type &t, const Field &f, mgx_handle_t *h, void *instance, const void *buffer,
-                          int32_t length) {
+uint32_t fixed_set_mem_cr(const Type &t, const Field &f, mgx_handle_t *h, void *instance, const void *buffer, int32_t length) {
     fixed_set_mem(t, f, h, h->desc_call_luid, instance, buffer, length, &h->last_error);
     return h->last_error;
 }
@@ -263,8 +257,7 @@ void element_flag_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t l
     if (uint8_t *flag = element_flag(t, f, h, luid, instance, index, err)) mark(h, luid, flag, instance, value);
 }
 
-void flag_array_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint8_t **out,
-                    uint32_t *err) {
+void flag_array_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint8_t **out, uint32_t *err) {
     if (!start(h, luid, instance, err)) return;
     if (!out) return fail(h, err, MGX_EINVAL);
     *out = nullptr;
@@ -279,8 +272,8 @@ void flag_array_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lui
 
 // Deliberately not where flag_array_get points: the bytes land at the start of the record's own
 // flag area, without write notification. Only as many as the area holds are written.
-void flag_array_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance,
-                    const uint8_t *flags, uint32_t count, uint32_t *err) {
+void flag_array_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, const uint8_t *flags,
+                    uint32_t count, uint32_t *err) {
     if (!start(h, luid, instance, err) || !flags_reachable(t, h, instance, true, err)) return;
     uint32_t capacity = field_of(t, f, instance).count();
     if (count != capacity) return fail(h, err, MGX_ENOENT);
@@ -291,7 +284,6 @@ void flag_array_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lui
 
 // ---------------------------------------------------------------- variable arrays
 
-
 uint32_t *var_length_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
     if (!start(h, luid, instance, err) || !present_in(f, h, instance, err)) return nullptr;
     void *count = field_at(instance, t.fields[f.companion]);
@@ -299,13 +291,11 @@ uint32_t *var_length_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_
     return static_cast<uint32_t *>(count);
 }
 
-uint32_t var_length_get_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance,
-                              uint32_t *err) {
+uint32_t var_length_get_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
     return var_length_get(t, f, h, luid, instance, err) ? field_of(t, f, instance).count() : 0;
 }
 
-void *var_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index,
-              uint32_t *err) {
+void *var_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index, uint32_t *err) {
     if (!start(h, luid, instance, err) || !present_in(f, h, instance, err)) return nullptr;
     const FieldAt<void> a = field_of(t, f, instance);
     if (!a.block() || index >= a.count()) {
@@ -317,8 +307,8 @@ void *var_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, voi
     return element;
 }
 
-void var_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index,
-             void *value, int deep, uint32_t *err) {
+void var_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t index, void *value, int deep,
+             uint32_t *err) {
     if (!start(h, luid, instance, err) || !adjust_for(t, f, h, luid, instance, err)) return;
     if (!value || index == UINT32_MAX) return fail(h, err, MGX_EINVAL);
     bool flags = marking(t, h, instance, err);
@@ -328,10 +318,8 @@ void var_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void
     if (!a.block() || index >= a.count())
         if (!grow(t, f, h, luid, instance, index, err)) return;
     void *element = a.element(index);
-    if (deep)
-        set(*f.type, h, luid, element, value, err);
-    else
-        rebuild_from_wire(f, h, luid, element, value, err);
+    if (deep) set(*f.type, h, luid, element, value, err);
+    else rebuild_from_wire(f, h, luid, element, value, err);
     if (failed(err)) return;
     if (flags) {
         if (uint8_t *area = state_area(t, h, luid, instance)) mark(h, luid, area + f.sttr_pos, instance);
@@ -341,8 +329,7 @@ void var_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void
     report(h, luid, element, instance);
 }
 
-uint32_t var_set_cr(const Type &t, const Field &f, mgx_handle_t *h, void *instance, uint32_t index, void *value,
-                    int deep) {
+uint32_t var_set_cr(const Type &t, const Field &f, mgx_handle_t *h, void *instance, uint32_t index, void *value, int deep) {
     var_set(t, f, h, h->desc_call_luid, instance, index, value, deep, &h->last_error);
     return h->last_error;
 }

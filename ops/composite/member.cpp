@@ -36,8 +36,7 @@ void *member_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, 
     return member;
 }
 
-void member_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, void *member,
-                uint32_t *err) {
+void member_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, void *member, uint32_t *err) {
     if (!start(h, luid, instance, err) || !adjust_for(t, f, h, luid, instance, err)) return;
     if (!member) return fail(h, err, MGX_EINVAL);
     void *&slot = field_of(t, f, instance).pointer();

@@ -14,8 +14,8 @@ using namespace steps;
 // The length is kept at the width of its field, deliberately: a 16-bit length field keeps the low
 // 16 bits, and so many characters are copied. A failed allocation leaves no string and the old
 // length.
-void string_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, const char *text,
-                uint32_t length, uint32_t *err) {
+void string_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, const char *text, uint32_t length,
+                uint32_t *err) {
     if (!start(h, luid, instance, err) || !adjust_for(t, f, h, luid, instance, err)) return;
     const FieldAt<void> a = field_of(t, f, instance);
     if (a.counter().kind == Kind::u16) length &= 0xFFFFu;
@@ -38,15 +38,14 @@ void string_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, v
     report(h, luid, slot, instance);
 }
 
-uint32_t string_set_cr(const Type &t, const Field &f, mgx_handle_t *h, void *instance, const char *text,
-                       uint32_t length) {
+uint32_t string_set_cr(const Type &t, const Field &f, mgx_handle_t *h, void *instance, const char *text, uint32_t length) {
     string_set(t, f, h, h->desc_call_luid, instance, text, length, &h->last_error);
     return h->last_error;
 }
 
 // A copy that does not fit is cut to size-1 characters, still terminated, and reported with 28.
-void string_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, char *buffer,
-                uint32_t size, uint32_t *err) {
+void string_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, char *buffer, uint32_t size,
+                uint32_t *err) {
     if (!start(h, luid, instance, err) || !present_in(f, h, instance, err)) return;
     if (size == 0 || !buffer) return fail(h, err, MGX_EINVAL);
     const FieldAt<void> a = field_of(t, f, instance);

@@ -46,9 +46,7 @@ const Literal *literal_named_by(const Type &t, uint32_t user) {
     return l != end && l->user == user ? l : nullptr;
 }
 
-const Literal *literal_on_wire(const Type &t, uint32_t wire) {
-    return wire < t.n_literals ? &t.literals[wire] : nullptr;
-}
+const Literal *literal_on_wire(const Type &t, uint32_t wire) { return wire < t.n_literals ? &t.literals[wire] : nullptr; }
 
 uint32_t enum_map_to_internal_value(const Type &t, uint32_t user) {
     const Literal *l = literal_named_by(t, user);
@@ -164,8 +162,8 @@ uint32_t enum_marshal(const Type &t, mgx_handle_t *h, uint32_t luid, uint8_t *bu
 }
 
 // No range check: a wire value this bundle does not know is kept as it came.
-uint32_t enum_unmarshal(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *buf, void *instance,
-                        int32_t length, uint32_t flags, uint32_t *err) {
+uint32_t enum_unmarshal(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *buf, void *instance, int32_t length,
+                        uint32_t flags, uint32_t *err) {
     if (!wire_start(h, luid, buf, instance, length, err)) return 0;
     EnumInstance *e = as_enum(instance);
     int8_t variant = 0;
@@ -191,8 +189,7 @@ uint32_t enum_print(const Type &t, mgx_handle_t *h, uint32_t luid, char *buf, ui
     n += mgx_snprintf(h, luid, buf + n, size - n, err, "%s@%s:", name ? name : "", t.name);
     if (const Literal *l = literal_named_by(t, as_enum(instance)->value))
         n += mgx_snprintf(h, luid, buf + n, size - n, err, "%s\n", l->name);
-    else
-        n += mgx_snprintf(h, luid, buf + n, size - n, err, "%s", "Enum value out of range");
+    else n += mgx_snprintf(h, luid, buf + n, size - n, err, "%s", "Enum value out of range");
     return n;
 }
 
@@ -226,8 +223,8 @@ uint32_t enum_toxml_cr(const Type &t, mgx_handle_t *h, const void *instance, cha
 
 // Literals are looked for as child elements in value order; the first present one wins. Absence
 // of one is no failure (the next is tried); any other answer ends the search with that error.
-void enum_from_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *path, void *doc, void *instance,
-                   uint32_t *err, char *msg, uint32_t msg_size) {
+void enum_from_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *path, void *doc, void *instance, uint32_t *err,
+                   char *msg, uint32_t msg_size) {
     if (!begin(h, luid, instance, err)) return;
     if (!instance) return fail(h, err, MGX_EINVAL);
     char literal_path[256];

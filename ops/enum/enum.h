@@ -50,16 +50,16 @@ void enum_set(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, con
 void enum_set_value(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t value, uint32_t *err);
 uint32_t enum_marshal(const Type &t, mgx_handle_t *h, uint32_t luid, uint8_t *buf, const void *instance, int32_t space,
                       uint32_t *err);
-uint32_t enum_unmarshal(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *buf, void *instance,
-                        int32_t length, uint32_t flags, uint32_t *err);
+uint32_t enum_unmarshal(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *buf, void *instance, int32_t length,
+                        uint32_t flags, uint32_t *err);
 uint32_t enum_print(const Type &t, mgx_handle_t *h, uint32_t luid, char *buf, uint32_t indent, const char *name,
                     const void *instance, uint32_t size, uint32_t *err);
 uint32_t enum_print_cr(const Type &t, mgx_handle_t *h, const void *instance, char *buf, uint32_t size);
 uint32_t enum_to_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *name, char *buf, const void *instance,
                      uint32_t size, uint8_t state_flag, uint32_t *err);
 uint32_t enum_toxml_cr(const Type &t, mgx_handle_t *h, const void *instance, char *buf, uint32_t size);
-void enum_from_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *path, void *doc, void *instance,
-                   uint32_t *err, char *msg, uint32_t msg_size);
+void enum_from_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *path, void *doc, void *instance, uint32_t *err,
+                   char *msg, uint32_t msg_size);
 mgx_boolean enum_is_valid_cr(const Type &t, mgx_handle_t *h, uint32_t value);
 
 } // namespace ovrin

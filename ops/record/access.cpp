@@ -28,7 +28,7 @@ bool is_primitive(Kind k) {
 
 [[gnu::always_inline]] inline void *prim_get(Kind k, mgx_handle_t *h, uint32_t luid, void *field, uint32_t *err) {
     switch (k) {
-#define OVRIN_CASE(K, T, S, A)                                                                                         \
+#define OVRIN_CASE(K, T, S, A)                                                                                                   \
     case Kind::K: return T##_get(h, luid, static_cast<T *>(field), err);
         OVRIN_ALL_PRIMS(OVRIN_CASE)
 #undef OVRIN_CASE
@@ -38,7 +38,7 @@ bool is_primitive(Kind k) {
 
 void prim_set(Kind k, mgx_handle_t *h, uint32_t luid, void *field, const void *value, uint32_t *err) {
     switch (k) {
-#define OVRIN_CASE(K, T, S, A)                                                                                         \
+#define OVRIN_CASE(K, T, S, A)                                                                                                   \
     case Kind::K: return T##_set(h, luid, static_cast<T *>(field), static_cast<const T *>(value), err);
         OVRIN_ALL_PRIMS(OVRIN_CASE)
 #undef OVRIN_CASE
@@ -48,7 +48,7 @@ void prim_set(Kind k, mgx_handle_t *h, uint32_t luid, void *field, const void *v
 
 uint64_t prim_get_value(Kind k, mgx_handle_t *h, uint32_t luid, const void *field, uint32_t *err) {
     switch (k) {
-#define OVRIN_CASE(K, T, S, A)                                                                                         \
+#define OVRIN_CASE(K, T, S, A)                                                                                                   \
     case Kind::K: return T##_get_value(h, luid, static_cast<const T *>(field), err);
         OVRIN_VALUE_PRIMS(OVRIN_CASE)
 #undef OVRIN_CASE
@@ -56,9 +56,10 @@ uint64_t prim_get_value(Kind k, mgx_handle_t *h, uint32_t luid, const void *fiel
     }
 }
 
-[[gnu::always_inline]] inline void prim_set_value(Kind k, mgx_handle_t *h, uint32_t luid, void *field, uint64_t value, uint32_t *err) {
+[[gnu::always_inline]] inline void prim_set_value(Kind k, mgx_handle_t *h, uint32_t luid, void *field, uint64_t value,
+                                                  uint32_t *err) {
     switch (k) {
-#define OVRIN_CASE(K, T, S, A)                                                                                         \
+#define OVRIN_CASE(K, T, S, A)                                                                                                   \
     case Kind::K: return T##_set_value(h, luid, static_cast<T *>(field), static_cast<T>(value), err);
         OVRIN_VALUE_PRIMS(OVRIN_CASE)
 #undef OVRIN_CASE
@@ -99,10 +100,10 @@ void beside(const Type &t, void *dst, void *src, List list, Record record, Rest 
     for (FieldAt<void> d : fields(t, dst, variant_of(dst))) {
         const Field &f = d.field();
         const FieldAt<void> s = field_of(t, f, src);
-        if (f.shape != Shape::scalar && f.shape != Shape::fixed_array)
-            rest(f, d, s);
+        if (f.shape != Shape::scalar && f.shape != Shape::fixed_array) rest(f, d, s);
         else if (f.kind == Kind::aaa_tlv)
-            for (uint32_t k = 0; k < f.count; ++k) list(static_cast<aaa_tlv *>(d.element(k)), static_cast<aaa_tlv *>(s.element(k)));
+            for (uint32_t k = 0; k < f.count; ++k)
+                list(static_cast<aaa_tlv *>(d.element(k)), static_cast<aaa_tlv *>(s.element(k)));
         else if (f.kind == Kind::record)
             for (uint32_t k = 0; k < f.count; ++k) record(*f.type, d.element(k), s.element(k));
     }
@@ -310,10 +311,8 @@ void offset_update(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance
         void *field = a.address();
         uint8_t *area = flag_base + f.sttr_nested;
         mgxlib_update_sttr_offset(h, luid, field, area - bytes(field));
-        if (f.kind == Kind::aaa_tlv)
-            aaa_tlv_offset_update(h, luid, static_cast<aaa_tlv *>(field), area, err);
-        else
-            offset_update(*f.type, h, luid, field, area, err);
+        if (f.kind == Kind::aaa_tlv) aaa_tlv_offset_update(h, luid, static_cast<aaa_tlv *>(field), area, err);
+        else offset_update(*f.type, h, luid, field, area, err);
     }
 }
 
@@ -324,10 +323,8 @@ void offset_remove(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance
         void *field = a.address();
         mgx_hd_mapping_destroy(h, luid, field, err);
         if (failed(err)) return;
-        if (f.kind == Kind::aaa_tlv)
-            aaa_tlv_offset_remove(h, luid, static_cast<aaa_tlv *>(field), err);
-        else
-            offset_remove(*f.type, h, luid, field, err);
+        if (f.kind == Kind::aaa_tlv) aaa_tlv_offset_remove(h, luid, static_cast<aaa_tlv *>(field), err);
+        else offset_remove(*f.type, h, luid, field, err);
     }
 }
 
@@ -345,10 +342,8 @@ void *fetch_field(const Field &f, mgx_handle_t *h, uint32_t luid, void *instance
     }
     // A nested instance is fetched through its own type (which reports it alone), then reported
     // as the instance's child.
-    if (f.kind == Kind::enumeration)
-        enum_get(h, luid, field);
-    else
-        get(*f.type, h, luid, field);
+    if (f.kind == Kind::enumeration) enum_get(h, luid, field);
+    else get(*f.type, h, luid, field);
     report(h, luid, field, instance);
     return field;
 }
@@ -360,8 +355,7 @@ void *field_get(const Type &, const Field &f, mgx_handle_t *h, uint32_t luid, vo
     return fetch_field(f, h, luid, instance, err);
 }
 
-void field_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, void *value,
-               uint32_t *err) {
+void field_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, void *value, uint32_t *err) {
     if (!start(h, luid, instance, err)) return;
     if (!adjust_for(t, f, h, luid, instance, err)) return;
     if (!exists(h, value, err)) return;
@@ -399,10 +393,8 @@ void field_set_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lu
         fail(h, err, MGX_ENOENT);
         return;
     }
-    if (f.kind == Kind::enumeration)
-        enum_set_value(*f.type, h, luid, field, static_cast<uint32_t>(value), err);
-    else
-        prim_set_value(f.kind, h, luid, field, value, err);
+    if (f.kind == Kind::enumeration) enum_set_value(*f.type, h, luid, field, static_cast<uint32_t>(value), err);
+    else prim_set_value(f.kind, h, luid, field, value, err);
     if (failed(err)) return;
     mark_field(t, f, h, luid, instance, err);
 }
@@ -413,8 +405,7 @@ uint8_t state_flag_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t 
     return area ? area[f.sttr_pos] : 0;
 }
 
-void state_flag_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint8_t value,
-                    uint32_t *err) {
+void state_flag_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint8_t value, uint32_t *err) {
     if (!start(h, luid, instance, err) || !flags_reachable(t, h, instance, true, err)) return;
     if (!adjust_for(t, f, h, luid, instance, err)) return; // a field of a later variant has no flag to set
     if (uint8_t *area = state_area(t, h, luid, instance)) mark(h, luid, area + f.sttr_pos, instance, value);

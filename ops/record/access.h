@@ -32,8 +32,7 @@ void offset_remove(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance
 
 void *field_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
 // value points at one element of the field's type. A nested union gives up its members to the field.
-void field_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, void *value,
-               uint32_t *err);
+void field_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, void *value, uint32_t *err);
 inline void field_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, const void *value,
                       uint32_t *err) {
     // Integers, addresses, attribute lists and enumerations are only read from.
@@ -46,8 +45,7 @@ void field_set_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lu
 // The field's own state byte (a scalar's, a nested record's, a member's, a string's, or an
 // array's whole-array byte).
 uint8_t state_flag_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
-void state_flag_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint8_t value,
-                    uint32_t *err);
+void state_flag_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint8_t value, uint32_t *err);
 
 } // namespace ovrin
 

@@ -26,8 +26,8 @@ template <class T, auto Init, auto Destroy, auto Embed, auto Count, auto Refs>
 constexpr PrimInstance prim_instance(const mgx_type_info_t *d) {
     return PrimInstance{
         d,
-        [](mgx_handle_t *h, uint32_t luid, void *f, const void *desc, int hook, int header_only, uint32_t flags,
-           uint8_t *base, uint32_t *err) { Init(h, luid, static_cast<T *>(f), desc, hook, header_only, flags, base, err); },
+        [](mgx_handle_t *h, uint32_t luid, void *f, const void *desc, int hook, int header_only, uint32_t flags, uint8_t *base,
+           uint32_t *err) { Init(h, luid, static_cast<T *>(f), desc, hook, header_only, flags, base, err); },
         [](mgx_handle_t *h, uint32_t luid, void *f, int free_it) { Destroy(h, luid, static_cast<T *>(f), free_it); },
         [](mgx_handle_t *h, uint32_t luid, void *f) { Embed(h, luid, static_cast<T *>(f)); },
         [](mgx_handle_t *h, uint32_t luid, const void *f, uint32_t *err) {
@@ -39,16 +39,16 @@ constexpr PrimInstance prim_instance(const mgx_type_info_t *d) {
     };
 }
 
-#define OVRIN_PRIM_INSTANCE(T)                                                                                    \
-    prim_instance<T, T##_initialize, T##_destroy_internal, T##_set_instance_embedded, T##_get_oid_count,       \
+#define OVRIN_PRIM_INSTANCE(T)                                                                                                   \
+    prim_instance<T, T##_initialize, T##_destroy_internal, T##_set_instance_embedded, T##_get_oid_count,                         \
                   T##_get_object_references>(&_##T##_type_info_internal)
 
 const PrimInstance *prim_instance_of(Kind k) {
     switch (k) {
-#define OVRIN_CASE(K, T, S, A)                                                                                         \
-    case Kind::K: {                                                                                                    \
-        static const PrimInstance instance = OVRIN_PRIM_INSTANCE(T);                                                   \
-        return &instance;                                                                                              \
+#define OVRIN_CASE(K, T, S, A)                                                                                                   \
+    case Kind::K: {                                                                                                              \
+        static const PrimInstance instance = OVRIN_PRIM_INSTANCE(T);                                                             \
+        return &instance;                                                                                                        \
     }
         OVRIN_INSTANCE_PRIMS(OVRIN_CASE)
 #undef OVRIN_CASE
@@ -87,13 +87,10 @@ void hooked_write(mgx_handle_t *h, bool use_hook, void *addr, size_t n, uint32_t
     void *block;
     if (vi && variant >= 0 && variant <= vi->n_variants && variant < t.n_variants) [[likely]]
         block = vi->entries[variant].stats;
-    else if (!(block = stats_block(t, d, variant)))
-        return true;
+    else if (!(block = stats_block(t, d, variant))) return true;
     uint32_t local = 0;
-    if (created)
-        mgxlib_type_stats_create_object(h, luid, d, block, &local);
-    else
-        mgxlib_type_stats_destroy_object(h, luid, d, block, &local);
+    if (created) mgxlib_type_stats_create_object(h, luid, d, block, &local);
+    else mgxlib_type_stats_destroy_object(h, luid, d, block, &local);
     if (local) [[unlikely]] {
         stats_failed(t, local, err);
         return false;
@@ -104,8 +101,7 @@ void hooked_write(mgx_handle_t *h, bool use_hook, void *addr, size_t n, uint32_t
 // Releases the object references a field holds, then destroys the field. False when the
 // references could not be listed: the destroy is then abandoned.
 bool release_references(const Type &t, mgx_handle_t *h, uint32_t luid, void *field, uint32_t n,
-                        void (*list)(mgx_handle_t *, uint32_t, const void *, uint64_t *, uint32_t, uint32_t *),
-                        uint32_t *err) {
+                        void (*list)(mgx_handle_t *, uint32_t, const void *, uint64_t *, uint32_t, uint32_t *), uint32_t *err) {
     RefList refs(n);
     if (!refs.ok()) {
         fail(h, err, MGX_ENOMEM);
@@ -154,13 +150,10 @@ bool destroy_fields(const Type &t, mgx_handle_t *h, uint32_t luid, void *instanc
                 get_oid_count(*f.type, h, luid, element, err);
             } else if (f.kind == Kind::aaa_tlv) {
                 uint32_t n = prim->get_oid_count(h, luid, element, err);
-                if (n > 0 && !release_references(t, h, luid, element, n, prim->get_object_references, err))
-                    return false;
+                if (n > 0 && !release_references(t, h, luid, element, n, prim->get_object_references, err)) return false;
             }
-            if (prim)
-                prim->destroy_internal(h, luid, element, 0);
-            else
-                destroy_internal(*f.type, h, luid, element, 0);
+            if (prim) prim->destroy_internal(h, luid, element, 0);
+            else destroy_internal(*f.type, h, luid, element, 0);
         }
     }
     return true;
@@ -236,10 +229,8 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
         const PrimInstance *prim = prim_instance_of(f.kind);
         for (uint32_t k = 0; k < f.count; ++k) {
             void *element = a.element(k);
-            if (prim)
-                prim->destroy_internal(w.h, w.luid, element, 0);
-            else if (hdr(element)->descriptor)
-                destroy_internal(*f.type, w.h, w.luid, element, 0);
+            if (prim) prim->destroy_internal(w.h, w.luid, element, 0);
+            else if (hdr(element)->descriptor) destroy_internal(*f.type, w.h, w.luid, element, 0);
         }
     }
     mgx_instance_hdr_t *hd = hdr(instance);
@@ -249,25 +240,23 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
     hd->descriptor = nullptr;
 }
 
-[[gnu::always_inline]] inline void initialize_instance(const Type &t, const Walk &w, void *instance,
-                                                       const void *descriptor, int header_only,
-                                                       uint32_t flags_to_set, uint8_t *sttr_base) {
+[[gnu::always_inline]] inline void initialize_instance(const Type &t, const Walk &w, void *instance, const void *descriptor,
+                                                       int header_only, uint32_t flags_to_set, uint8_t *sttr_base) {
     mgx_handle_t *h = w.h;
     uint32_t luid = w.luid;
     uint32_t *err = w.err;
     if (!begin(h, luid, instance, err)) return;
     mgx_instance_hdr_t *hd = hdr(instance);
     bool hook = w.use_write_hook != 0;
-    int8_t variant = record_variant_cap(
-        t, static_cast<uint8_t>(mgx_domain_lookup_variant(h, &h->variant_domain, descriptor, err)));
+    int8_t variant = record_variant_cap(t,
+                                        static_cast<uint8_t>(mgx_domain_lookup_variant(h, &h->variant_domain, descriptor, err)));
 
     hooked_write(h, hook, &hd->layout, 1, luid, nullptr);
     hd->layout = 0;
     hooked_write(h, hook, &hd->variant, 1, luid, nullptr);
     hd->variant = variant;
-    void *registered = h->domain_mode == 0
-                           ? const_cast<void *>(descriptor)
-                           : mgx_type_info_ptr_get(h, luid, descriptor, t.bundle->register_types);
+    void *registered = h->domain_mode == 0 ? const_cast<void *>(descriptor)
+                                           : mgx_type_info_ptr_get(h, luid, descriptor, t.bundle->register_types);
     if (!registered) {
         // The handle could not keep the bundle's registration (its registry ran out of memory):
         // an instance without a descriptor could never be destroyed, so none is made.
@@ -295,10 +284,8 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
             undo_initialize(t, w, instance, counted);
             return;
         }
-        if (hd->flags & MGX_IF_STTR_OFFSET)
-            base = bytes(instance) + mgxlib_get_sttr_offset(h, luid, instance);
-        else
-            base = sttr_base ? sttr_base : bytes(instance) + t.size;
+        if (hd->flags & MGX_IF_STTR_OFFSET) base = bytes(instance) + mgxlib_get_sttr_offset(h, luid, instance);
+        else base = sttr_base ? sttr_base : bytes(instance) + t.size;
         for (FieldAt<void> a : area_fields(t, instance)) {
             uint8_t *area = base + a->sttr_nested;
             mgxlib_update_sttr_offset(h, luid, a.address(), area - bytes(a.address()));
@@ -313,15 +300,13 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
         const PrimInstance *prim = prim_instance_of(f.kind);
         // A nested instance's flags start at its area inside ours; one without an area of its own
         // (an enumeration) is handed our base.
-        uint8_t *nested_base = !base ? sttr_base
+        uint8_t *nested_base = !base                                                  ? sttr_base
                                : f.sttr_nested != no_area && f.shape == Shape::scalar ? base + f.sttr_nested
                                                                                       : base;
         for (uint32_t k = 0; k < f.count; ++k) {
             if (prim)
-                prim->initialize(h, luid, a.element(k), prim->descriptor, w.use_write_hook, 0, MGX_IF_NESTED,
-                                 nested_base, err);
-            else
-                initialize_nested(*f.type, w, a.element(k), nested_base);
+                prim->initialize(h, luid, a.element(k), prim->descriptor, w.use_write_hook, 0, MGX_IF_NESTED, nested_base, err);
+            else initialize_nested(*f.type, w, a.element(k), nested_base);
         }
     }
     if (offsets_lost && !failed(err)) fail(h, err, MGX_ENOMEM);
@@ -335,10 +320,9 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
 
 } // namespace
 
-void initialize(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, const void *descriptor,
-                int use_write_hook, int header_only, uint32_t flags_to_set, uint8_t *sttr_base, uint32_t *err) {
-    initialize_instance(t, Walk{h, luid, use_write_hook, err}, instance, descriptor, header_only, flags_to_set,
-                        sttr_base);
+void initialize(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, const void *descriptor, int use_write_hook,
+                int header_only, uint32_t flags_to_set, uint8_t *sttr_base, uint32_t *err) {
+    initialize_instance(t, Walk{h, luid, use_write_hook, err}, instance, descriptor, header_only, flags_to_set, sttr_base);
 }
 
 void set_instance_embedded(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance) {
@@ -349,10 +333,8 @@ void set_instance_embedded(const Type &t, mgx_handle_t *h, uint32_t luid, void *
     for (FieldAt<void> a : inline_fields(t, instance)) {
         const PrimInstance *prim = prim_instance_of(a->kind);
         for (uint32_t k = 0; k < a->count; ++k) {
-            if (prim)
-                prim->set_instance_embedded(h, luid, a.element(k));
-            else
-                set_instance_embedded(*a->type, h, luid, a.element(k));
+            if (prim) prim->set_instance_embedded(h, luid, a.element(k));
+            else set_instance_embedded(*a->type, h, luid, a.element(k));
         }
     }
     mgx_instance_hdr_t *hd = hdr(instance);
@@ -365,9 +347,7 @@ void destroy(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance) {
     destroy_internal(t, h, luid, instance, 1);
 }
 
-void destroy_cr(const Type &t, mgx_handle_t *h, void *instance) {
-    destroy_internal(t, h, h->desc_call_luid, instance, 1);
-}
+void destroy_cr(const Type &t, mgx_handle_t *h, void *instance) { destroy_internal(t, h, h->desc_call_luid, instance, 1); }
 
 void destroy_internal(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, int free_it) {
     if (!instance || instance == t.placeholder) return;
@@ -396,10 +376,8 @@ void destroy_internal(const Type &t, mgx_handle_t *h, uint32_t luid, void *insta
     if (owned >= 0 && t.n_owning && !destroy_fields(t, h, luid, instance, owned, &err)) return;
 
     if (hd->flags & MGX_IF_TRACKED) {
-        if (hd->flags & MGX_IF_STTR_OFFSET)
-            mgxlib_get_sttr_offset(h, luid, instance);
-        else
-            tracking(t, h);
+        if (hd->flags & MGX_IF_STTR_OFFSET) mgxlib_get_sttr_offset(h, luid, instance);
+        else tracking(t, h);
     }
     auto *d = static_cast<const mgx_type_info_t *>(hd->descriptor);
     if (!d || d->magic != MGX_TYPE_INFO_MAGIC) fatal(t, Message::descriptor_corrupt);
@@ -424,8 +402,7 @@ void destroy_internal(const Type &t, mgx_handle_t *h, uint32_t luid, void *insta
 
 uint32_t size_of(const Type &t, const mgx_handle_t *h) { return tracking(t, h) ? t.tracked_size() : t.size; }
 
-uint32_t size_of_internal(const Type &t, const mgx_handle_t *h, const void *instance, int include_state_flags,
-                          int flags_only) {
+uint32_t size_of_internal(const Type &t, const mgx_handle_t *h, const void *instance, int include_state_flags, int flags_only) {
     uint32_t base = t.size;
     if (t.n_variants > 1 && instance && hdr(instance)->layout == 0) base = t.variants[0].used + 16;
     if (!tracking(t, h)) return flags_only ? 0 : base;
@@ -443,8 +420,7 @@ uint32_t get_oid_count(const Type &t, mgx_handle_t *h, uint32_t, const void *ins
     return 0;
 }
 
-void get_object_references(const Type &t, mgx_handle_t *h, uint32_t, const void *instance, uint64_t *, uint32_t,
-                           uint32_t *err) {
+void get_object_references(const Type &t, mgx_handle_t *h, uint32_t, const void *instance, uint64_t *, uint32_t, uint32_t *err) {
     if (failed(err)) {
         trace(t, Message::references_error_present, MGX_SEV_ERROR);
         return;
@@ -472,8 +448,7 @@ void adjust_embedded(const Type &t, mgx_handle_t *h, uint32_t luid, void *instan
             if (layout_settled(*f.type, nested)) continue;
             if (f.kind == Kind::record)
                 mgxlib_adjust_variant(h, luid, nested, mgx_get_manifested_type_info(nested), f.type->last_variant(), err);
-            else if (f.kind == Kind::enumeration)
-                enum_adjust_variant(*f.type, h, luid, nested, err);
+            else if (f.kind == Kind::enumeration) enum_adjust_variant(*f.type, h, luid, nested, err);
         }
     }
 }

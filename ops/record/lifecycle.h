@@ -10,8 +10,8 @@ namespace ovrin {
 void *create(const Type &t, mgx_handle_t *h, uint32_t luid);
 void *create_internal(const Type &t, mgx_handle_t *h, uint32_t luid);
 void *create_cr(const Type &t, mgx_handle_t *h);
-void initialize(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, const void *descriptor,
-                int use_write_hook, int header_only, uint32_t flags_to_set, uint8_t *sttr_base, uint32_t *err);
+void initialize(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, const void *descriptor, int use_write_hook,
+                int header_only, uint32_t flags_to_set, uint8_t *sttr_base, uint32_t *err);
 void set_instance_embedded(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance);
 void destroy(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance);
 void destroy_internal(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, int free_it);
@@ -23,11 +23,10 @@ uint32_t adjust_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *ins
 // runtime is not asked where the answer cannot change (a single-variant type already laid out).
 void raise_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
 uint32_t size_of(const Type &t, const mgx_handle_t *h);
-uint32_t size_of_internal(const Type &t, const mgx_handle_t *h, const void *instance, int include_state_flags,
-                          int flags_only);
+uint32_t size_of_internal(const Type &t, const mgx_handle_t *h, const void *instance, int include_state_flags, int flags_only);
 uint32_t get_oid_count(const Type &t, mgx_handle_t *h, uint32_t luid, const void *instance, uint32_t *err);
-void get_object_references(const Type &t, mgx_handle_t *h, uint32_t luid, const void *instance, uint64_t *array,
-                           uint32_t count, uint32_t *err);
+void get_object_references(const Type &t, mgx_handle_t *h, uint32_t luid, const void *instance, uint64_t *array, uint32_t count,
+                           uint32_t *err);
 
 } // namespace ovrin
 

@@ -23,11 +23,11 @@ template <class U> U value_at(const void *p) {
 // One inline element: a primitive, an enumeration, or a nested record or union.
 int32_t compare_element(const Field &f, const void *a, const void *b) {
     switch (f.kind) {
-#define OVRIN_NUMBER(K, T, S, A)                                                                                       \
+#define OVRIN_NUMBER(K, T, S, A)                                                                                                 \
     case Kind::K: return three_way(value_at<T>(a), value_at<T>(b));
         OVRIN_INTEGER_PRIMS(OVRIN_NUMBER)
 #undef OVRIN_NUMBER
-#define OVRIN_INSTANCE(K, T, S, A)                                                                                     \
+#define OVRIN_INSTANCE(K, T, S, A)                                                                                               \
     case Kind::K: return T##_compare(static_cast<const T *>(a), static_cast<const T *>(b));
         OVRIN_INSTANCE_PRIMS(OVRIN_INSTANCE)
 #undef OVRIN_INSTANCE
@@ -40,7 +40,7 @@ int32_t compare_element(const Field &f, const void *a, const void *b) {
 
 uint32_t hash_element(const Field &f, const void *p, uint32_t seed) {
     switch (f.kind) {
-#define OVRIN_HASH(K, T, S, A)                                                                                         \
+#define OVRIN_HASH(K, T, S, A)                                                                                                   \
     case Kind::K: return T##_hash(static_cast<const T *>(p), seed);
         OVRIN_ALL_PRIMS(OVRIN_HASH)
 #undef OVRIN_HASH
@@ -131,8 +131,8 @@ mgx_boolean is_valid_cr(const Type &t, mgx_handle_t *h, const void *instance, ui
     return f.from_variant == 0 || present(f, variant) ? 1 : 0;
 }
 
-void clone_internal(const Type &t, mgx_handle_t *h, uint32_t luid, const void *source, void **destination,
-                    uint8_t *buf, uint32_t length, uint32_t *err) {
+void clone_internal(const Type &t, mgx_handle_t *h, uint32_t luid, const void *source, void **destination, uint8_t *buf,
+                    uint32_t length, uint32_t *err) {
     if (!begin(h, luid, source, err)) return;
     if (!destination || !buf || !source) {
         fail(h, err, MGX_ENOENT);
@@ -161,8 +161,8 @@ void clone_internal(const Type &t, mgx_handle_t *h, uint32_t luid, const void *s
     }
 }
 
-void clone(const Type &t, mgx_handle_t *h, uint32_t luid, const void *source, void **destination, uint8_t *buf,
-           uint32_t length, uint32_t *err) {
+void clone(const Type &t, mgx_handle_t *h, uint32_t luid, const void *source, void **destination, uint8_t *buf, uint32_t length,
+           uint32_t *err) {
     if (destination) *destination = nullptr;
     clone_internal(t, h, luid, source, destination, buf, length, err);
 }

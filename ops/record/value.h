@@ -10,10 +10,10 @@ namespace ovrin {
 
 // A copy made by encoding the source into buf (length bytes) and decoding it into *destination
 // (a new instance, raised to the handle's domain, when it is null).
-void clone(const Type &t, mgx_handle_t *h, uint32_t luid, const void *source, void **destination, uint8_t *buf,
-           uint32_t length, uint32_t *err);
-void clone_internal(const Type &t, mgx_handle_t *h, uint32_t luid, const void *source, void **destination,
-                    uint8_t *buf, uint32_t length, uint32_t *err);
+void clone(const Type &t, mgx_handle_t *h, uint32_t luid, const void *source, void **destination, uint8_t *buf, uint32_t length,
+           uint32_t *err);
+void clone_internal(const Type &t, mgx_handle_t *h, uint32_t luid, const void *source, void **destination, uint8_t *buf,
+                    uint32_t length, uint32_t *err);
 void *clone_cr(const Type &t, mgx_handle_t *h, const void *source, uint32_t work_space_min);
 
 // Null sorts first. Otherwise the fields decide in declaration order, nested records and unions

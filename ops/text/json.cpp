@@ -34,10 +34,10 @@ size_t plain_utf8(const uint8_t *s, size_t n) {
     if (!len || len > n) return 0;
     for (size_t k = 1; k < len; ++k)
         if ((s[k] & 0xC0) != 0x80) return 0;
-    if (c == 0xE0 && s[1] < 0xA0) return 0;                // overlong
-    if (c == 0xED && s[1] >= 0xA0) return 0;               // surrogates
-    if (c == 0xF0 && s[1] < 0x90) return 0;                // overlong
-    if (c == 0xF4 && s[1] >= 0x90) return 0;               // beyond U+10FFFF
+    if (c == 0xE0 && s[1] < 0xA0) return 0;                  // overlong
+    if (c == 0xED && s[1] >= 0xA0) return 0;                 // surrogates
+    if (c == 0xF0 && s[1] < 0x90) return 0;                  // overlong
+    if (c == 0xF4 && s[1] >= 0x90) return 0;                 // beyond U+10FFFF
     if (c == 0xEE && s[1] >= 0x80 && s[1] <= 0x83) return 0; // U+E000..U+E0FF
     return len;
 }
@@ -66,9 +66,8 @@ constexpr size_t first_growth = 4096;
 // text is whole and each byte is copied O(1) times. Once the heap refuses, nothing more is written
 // and the handle's last error is 12.
 class JsonOut {
-  public:
-    JsonOut(mgx_handle_t *h, char **text, size_t *size, bool pretty)
-        : h_(h), text_(text), size_(size), pretty_(pretty) {}
+public:
+    JsonOut(mgx_handle_t *h, char **text, size_t *size, bool pretty) : h_(h), text_(text), size_(size), pretty_(pretty) {}
 
     bool ok() const { return ok_; }
     void out_of_memory() {
@@ -88,7 +87,8 @@ class JsonOut {
     void number(uint64_t v) {
         char digits[20];
         size_t k = sizeof digits;
-        do digits[--k] = static_cast<char>('0' + v % 10); while (v /= 10);
+        do digits[--k] = static_cast<char>('0' + v % 10);
+        while (v /= 10);
         raw(digits + k, sizeof digits - k);
     }
     void quoted_number(uint64_t v) {
@@ -122,7 +122,7 @@ class JsonOut {
         ch(bracket);
     }
 
-  private:
+private:
     void newline() {
         if (!pretty_) return;
         ch('\n');
@@ -166,8 +166,14 @@ void JsonOut::string(const char *s, size_t n) {
     };
     for (size_t i = 0; i < n;) {
         uint8_t c = u[i];
-        const char *escape = c == '"' ? "\\\"" : c == '\\' ? "\\\\" : c == '\n' ? "\\n" : c == '\t' ? "\\t"
-                           : c == '\r' ? "\\r" : c == '\b' ? "\\b" : c == '\f' ? "\\f" : nullptr;
+        const char *escape = c == '"'    ? "\\\""
+                             : c == '\\' ? "\\\\"
+                             : c == '\n' ? "\\n"
+                             : c == '\t' ? "\\t"
+                             : c == '\r' ? "\\r"
+                             : c == '\b' ? "\\b"
+                             : c == '\f' ? "\\f"
+                                         : nullptr;
         size_t plain = escape || c < 0x20 ? 0 : plain_utf8(u + i, n - i);
         if (plain) {
             run += plain;
@@ -201,9 +207,7 @@ template <class T> T load(const void *p) {
     return v;
 }
 
-uint32_t get32(const uint8_t *p) {
-    return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3];
-}
+uint32_t get32(const uint8_t *p) { return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3]; }
 
 // An attribute list, read through its wire form (a 32-bit count, then per attribute its 32-bit
 // type and length and the value bytes, big-endian), the one view of it the runtime contract gives.
@@ -341,7 +345,7 @@ struct JsonIn {
 
 // A step onto a member or an element for as long as it is in scope.
 class Into {
-  public:
+public:
     Into(JsonIn &in, std::string_view key, uint32_t index = 0) : in_(in) {
         if (in_.depth < max_steps) in_.way[in_.depth] = Step{key, index};
         ++in_.depth;
@@ -350,7 +354,7 @@ class Into {
     Into(const Into &) = delete;
     Into &operator=(const Into &) = delete;
 
-  private:
+private:
     JsonIn &in_;
 };
 
@@ -425,7 +429,7 @@ const char *json_kind(const json_t *e) {
 }
 
 const char *kind_name(Kind k) {
-    static const char *const names[] = {"u_int8",   "u_int16",   "u_int32",   "u_int64",  "mgx_boolean",
+    static const char *const names[] = {"u_int8",       "u_int16",   "u_int32",   "u_int64", "mgx_boolean",
                                         "mgx_mac_addr", "ipv4_addr", "ipv6_addr", "aaa_tlv", "character"};
     return names[static_cast<int>(k)];
 }
@@ -463,8 +467,8 @@ bool read_unsigned(JsonIn &in, const json_t *e, uint64_t max, const char *what, 
             }
             uint64_t digit = static_cast<uint64_t>(c - '0');
             if (v > (UINT64_MAX - digit) / 10) {
-                in.refuse("\"%.*s\" is above %llu, the largest %s", shown(s), s.data(),
-                          static_cast<unsigned long long>(max), what);
+                in.refuse("\"%.*s\" is above %llu, the largest %s", shown(s), s.data(), static_cast<unsigned long long>(max),
+                          what);
                 return false;
             }
             v = v * 10 + digit;
@@ -473,13 +477,12 @@ bool read_unsigned(JsonIn &in, const json_t *e, uint64_t max, const char *what, 
     }
     case JSON_REAL: in.refuse("%g is not a whole number", json_real_value(e)); return false;
     default:
-        in.refuse("expected %s, found %s", quoted_allowed ? "a number or a string of digits" : "a number",
-                  json_kind(e));
+        in.refuse("expected %s, found %s", quoted_allowed ? "a number or a string of digits" : "a number", json_kind(e));
         return false;
     }
     if (v > max) {
-        in.refuse("%llu is above %llu, the largest %s", static_cast<unsigned long long>(v),
-                  static_cast<unsigned long long>(max), what);
+        in.refuse("%llu is above %llu, the largest %s", static_cast<unsigned long long>(v), static_cast<unsigned long long>(max),
+                  what);
         return false;
     }
     out = v;
@@ -759,8 +762,7 @@ void read_record(const Type &t, JsonIn &in, const json_t *e, void *instance) {
                 if (f->shape == Shape::scalar) read_element(*f, in, value, a.address(), instance);
                 else if (f->shape == Shape::var_string) read_var_string(a, in, value);
                 else read_array(a, t, in, value);
-            } else if (read_unsigned(in, value, f->kind == Kind::u16 ? UINT16_MAX : UINT32_MAX, kind_name(f->kind), false,
-                                     v)) {
+            } else if (read_unsigned(in, value, f->kind == Kind::u16 ? UINT16_MAX : UINT32_MAX, kind_name(f->kind), false, v)) {
                 counts.keep(a.index(), static_cast<uint32_t>(v));
             }
         }
@@ -955,8 +957,8 @@ int64_t to_json(const Type &t, mgx_handle_t *h, const void *instance, uint32_t f
     return o.ok() ? static_cast<int64_t>(o.length()) : -1;
 }
 
-uint32_t from_json(const Type &t, mgx_handle_t *h, uint32_t luid, const char *json, size_t length, void *instance,
-                   uint32_t flags, ovrin_json_error *error) {
+uint32_t from_json(const Type &t, mgx_handle_t *h, uint32_t luid, const char *json, size_t length, void *instance, uint32_t flags,
+                   ovrin_json_error *error) {
     if (error) *error = ovrin_json_error{nullptr, nullptr};
     if (!h) return MGX_EINVAL;
     mgx_clear_last_error(h, luid, instance);
@@ -970,8 +972,9 @@ uint32_t from_json(const Type &t, mgx_handle_t *h, uint32_t luid, const char *js
         line_and_column(json, over.at, line, column);
         char what[160];
         if (over.too_deep)
-            std::snprintf(what, sizeof what, "line %d, column %d: arrays and objects nest deeper than the %u levels the reader takes",
-                          line, column, OVRIN_JSON_MAX_DEPTH);
+            std::snprintf(what, sizeof what,
+                          "line %d, column %d: arrays and objects nest deeper than the %u levels the reader takes", line, column,
+                          OVRIN_JSON_MAX_DEPTH);
         else
             std::snprintf(what, sizeof what, "line %d, column %d: more values than the %u the reader takes", line, column,
                           OVRIN_JSON_MAX_VALUES);
@@ -991,12 +994,12 @@ uint32_t from_json(const Type &t, mgx_handle_t *h, uint32_t luid, const char *js
             in.stop(MGX_EINVAL, what);
             std::free(in.pointer);
             in.pointer = pointer_at(json ? json : "", problem.position < 0 ? 0 : static_cast<size_t>(problem.position));
-        } else if (t.kind == TypeKind::enumeration ? !is(root, JSON_STRING) && !is(root, JSON_INTEGER)
-                                                   : !is(root, JSON_OBJECT)) {
+        } else if (t.kind == TypeKind::enumeration ? !is(root, JSON_STRING) && !is(root, JSON_INTEGER) : !is(root, JSON_OBJECT)) {
             // Nothing of it can be read, even leniently.
             char what[160];
-            std::snprintf(what, sizeof what, t.kind == TypeKind::enumeration ? "expected a literal of %s, found %s"
-                                                                              : "expected an object (%s), found %s",
+            std::snprintf(what, sizeof what,
+                          t.kind == TypeKind::enumeration ? "expected a literal of %s, found %s"
+                                                          : "expected an object (%s), found %s",
                           t.name, json_kind(root));
             in.stop(MGX_EINVAL, what);
         } else if (t.kind == TypeKind::enumeration) {

@@ -17,8 +17,8 @@ int64_t to_json(const Type &t, mgx_handle_t *h, const void *instance, uint32_t f
 // Reads a JSON document of length bytes into an instance of t. 0, or the code (22 a document
 // refused, 12 memory refused) with the handle's last error set and, when error is given, what
 // is wrong and where in it.
-uint32_t from_json(const Type &t, mgx_handle_t *h, uint32_t luid, const char *json, size_t length, void *instance,
-                   uint32_t flags, ovrin_json_error *error);
+uint32_t from_json(const Type &t, mgx_handle_t *h, uint32_t luid, const char *json, size_t length, void *instance, uint32_t flags,
+                   ovrin_json_error *error);
 
 } // namespace ovrin
 

@@ -16,8 +16,8 @@ namespace ovrin {
 
 namespace {
 
-constexpr unsigned path_size = 256;  // one path buffer per level; longer paths are cut
-constexpr unsigned label_size = 80;  // element labels of arrays and union members
+constexpr unsigned path_size = 256; // one path buffer per level; longer paths are cut
+constexpr unsigned label_size = 80; // element labels of arrays and union members
 
 struct PrimText {
     uint32_t (*to_xml)(mgx_handle_t *, uint32_t, const char *, char *, const void *, uint32_t, uint8_t, uint32_t *);
@@ -29,8 +29,9 @@ template <class T, auto ToXml, auto FromXml, auto Print> constexpr PrimText prim
     return PrimText{
         [](mgx_handle_t *h, uint32_t luid, const char *name, char *buf, const void *f, uint32_t size, uint8_t state,
            uint32_t *err) { return ToXml(h, luid, name, buf, static_cast<const T *>(f), size, state, err); },
-        [](mgx_handle_t *h, uint32_t luid, const char *path, void *doc, void *f, uint32_t *err, char *msg,
-           uint32_t msg_size) { FromXml(h, luid, path, doc, static_cast<T *>(f), err, msg, msg_size); },
+        [](mgx_handle_t *h, uint32_t luid, const char *path, void *doc, void *f, uint32_t *err, char *msg, uint32_t msg_size) {
+            FromXml(h, luid, path, doc, static_cast<T *>(f), err, msg, msg_size);
+        },
         [](mgx_handle_t *h, uint32_t luid, char *buf, uint32_t indent, const char *name, const void *f, uint32_t size,
            uint32_t *err) { return Print(h, luid, buf, indent, name, static_cast<const T *>(f), size, err); },
     };
@@ -72,7 +73,8 @@ public:
     Joined &operator<<(uint32_t v) {
         char digits[10];
         size_t k = sizeof digits;
-        do digits[--k] = static_cast<char>('0' + v % 10); while (v /= 10);
+        do digits[--k] = static_cast<char>('0' + v % 10);
+        while (v /= 10);
         return *this << std::string_view(digits + k, sizeof digits - k);
     }
 
@@ -157,9 +159,7 @@ void element_to_xml(const Field &f, XmlOut &o, const char *name, const void *ele
     switch (f.kind) {
     case Kind::record: write_xml(*f.type, o, name, element, state); return;
     case Kind::enumeration:
-        o.put([&](char *at, uint32_t left) {
-            return enum_to_xml(*f.type, o.h, o.luid, name, at, element, left, state, o.err);
-        });
+        o.put([&](char *at, uint32_t left) { return enum_to_xml(*f.type, o.h, o.luid, name, at, element, left, state, o.err); });
         return;
     default:
         o.put([&](char *at, uint32_t left) {
@@ -185,8 +185,7 @@ void field_to_xml(const FieldAt<const void> &a, XmlOut &o, uint8_t state) {
         });
         return;
     }
-    case Shape::member:
-        return; // written once, after the fields, when selected
+    case Shape::member: return; // written once, after the fields, when selected
     }
 }
 
@@ -243,9 +242,7 @@ bool absent_is_fine(uint32_t *err) {
 void element_from_xml(const Field &f, XmlIn &in, const char *path, void *element) {
     switch (f.kind) {
     case Kind::record: from_xml(*f.type, in.h, in.luid, path, in.doc, element, in.err, in.msg, in.msg_size); return;
-    case Kind::enumeration:
-        enum_from_xml(*f.type, in.h, in.luid, path, in.doc, element, in.err, in.msg, in.msg_size);
-        return;
+    case Kind::enumeration: enum_from_xml(*f.type, in.h, in.luid, path, in.doc, element, in.err, in.msg, in.msg_size); return;
     default: prim_text_of(f.kind).from_xml(in.h, in.luid, path, in.doc, element, in.err, in.msg, in.msg_size); return;
     }
 }
@@ -257,7 +254,7 @@ void string_from_xml(const FieldAt<void> &a, XmlIn &in, const char *path, uint32
     uint32_t status = xml_get_element_value(in.doc, path, nullptr, 0, &len);
     if (status != MGX_ERANGE) {
         set_count(in.h, in.luid, a, old_len);
-        if (status == MGX_EINVAL) invalid_at(in, path); // an entity reference in the text
+        if (status == MGX_EINVAL) invalid_at(in, path);   // an entity reference in the text
         else if (status != 0) fail(in.h, in.err, status); // 0: nothing to read, the field stays as it is
         return;
     }
@@ -281,8 +278,7 @@ bool resize_array(const FieldAt<void> &a, const Type &t, XmlIn &in, uint32_t cou
     return replace_array(a, in.h, in.luid, count, tracking(t, in.h), in.err);
 }
 
-void array_from_xml(const FieldAt<void> &a, const Type &t, XmlIn &in, const char *path, bool count_read,
-                    uint32_t old_count) {
+void array_from_xml(const FieldAt<void> &a, const Type &t, XmlIn &in, const char *path, bool count_read, uint32_t old_count) {
     const Field &f = a.field();
     char element_path[path_size];
     if (f.shape == Shape::var_array) {
@@ -291,7 +287,7 @@ void array_from_xml(const FieldAt<void> &a, const Type &t, XmlIn &in, const char
         xml_get_element_nodecount(in.doc, path, &present);
         uint32_t count = a.count();
         set_count(in.h, in.luid, a, old_count); // the storage's own count
-        if (count > present) { // a count the document does not back is refused, not allocated
+        if (count > present) {                  // a count the document does not back is refused, not allocated
             const char *slash = std::strrchr(path, '/');
             char count_path[path_size];
             const std::string_view record(path, slash ? static_cast<size_t>(slash - path) : 0);
@@ -333,9 +329,7 @@ void element_print(const Field &f, PrintOut &o, uint32_t indent, const char *lab
     switch (f.kind) {
     case Kind::record: write_print(*f.type, o, indent, label, element); return;
     case Kind::enumeration:
-        o.put([&](char *at, uint32_t left) {
-            return enum_print(*f.type, o.h, o.luid, at, indent, label, element, left, o.err);
-        });
+        o.put([&](char *at, uint32_t left) { return enum_print(*f.type, o.h, o.luid, at, indent, label, element, left, o.err); });
         return;
     default:
         o.put([&](char *at, uint32_t left) {
@@ -349,9 +343,7 @@ void field_print(const FieldAt<const void> &a, PrintOut &o, uint32_t indent) {
     const Field &f = a.field();
     char label[label_size];
     switch (f.shape) {
-    case Shape::scalar:
-        element_print(f, o, indent, f.name, a.address());
-        return;
+    case Shape::scalar: element_print(f, o, indent, f.name, a.address()); return;
     case Shape::fixed_array:
     case Shape::var_array:
         for (uint32_t k = 0, n = a.elements(); k < n && !o.full(); ++k) {
@@ -366,8 +358,7 @@ void field_print(const FieldAt<const void> &a, PrintOut &o, uint32_t indent) {
         });
         return;
     }
-    case Shape::member:
-        return; // printed once, after the fields, when selected and filled
+    case Shape::member: return; // printed once, after the fields, when selected and filled
     }
 }
 
@@ -395,8 +386,8 @@ void write_print(const Type &t, PrintOut &o, uint32_t indent, const char *name, 
 
 } // namespace
 
-uint32_t to_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *name, char *buf, const void *instance,
-                uint32_t size, uint8_t state_flag, uint32_t *err) {
+uint32_t to_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *name, char *buf, const void *instance, uint32_t size,
+                uint8_t state_flag, uint32_t *err) {
     XmlOut o{h, luid, buf, size, err};
     write_xml(t, o, name, instance, state_flag);
     return o.n;
@@ -407,8 +398,8 @@ uint32_t toxml_cr(const Type &t, mgx_handle_t *h, const void *instance, char *bu
     return h->last_error ? 0xFFFFFFFFu : n;
 }
 
-void from_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *path, void *doc, void *instance,
-              uint32_t *err, char *msg, uint32_t msg_size) {
+void from_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *path, void *doc, void *instance, uint32_t *err,
+              char *msg, uint32_t msg_size) {
     if (!begin(h, luid, instance, err)) return;
     uint32_t nodes = 0;
     if (xml_get_element_nodecount(doc, path, &nodes) != 0 || nodes == 0) {
@@ -417,7 +408,7 @@ void from_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *path, v
     }
     XmlIn in{h, luid, doc, err, msg, msg_size};
     char child[path_size];
-    OldCounts old_counts; // counts and lengths as they describe the storage before the read
+    OldCounts old_counts;  // counts and lengths as they describe the storage before the read
     OldCounts counts_read; // the counters the document gave
     // Every field is read, whatever the instance's variant: the document says what it holds.
     for (FieldAt<void> a : fields(t, instance, t.last_variant())) {
@@ -451,8 +442,8 @@ void from_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *path, v
     }
 }
 
-uint32_t print(const Type &t, mgx_handle_t *h, uint32_t luid, char *buf, uint32_t indent, const char *name,
-               const void *instance, uint32_t size, uint32_t *err) {
+uint32_t print(const Type &t, mgx_handle_t *h, uint32_t luid, char *buf, uint32_t indent, const char *name, const void *instance,
+               uint32_t size, uint32_t *err) {
     PrintOut o{h, luid, buf, size, err};
     write_print(t, o, indent, name, instance);
     return o.n;
@@ -474,10 +465,8 @@ int64_t text_whole(const Type &t, mgx_handle_t *h, const void *instance, bool xm
             return xml ? enum_to_xml(t, h, o.luid, t.name, at, instance, left, 0, o.err)
                        : enum_print(t, h, o.luid, at, 0, t.name, instance, left, o.err);
         });
-    else if (xml)
-        write_xml(t, o, t.name, instance, 0);
-    else
-        write_print(t, o, 0, t.name, instance);
+    else if (xml) write_xml(t, o, t.name, instance, 0);
+    else write_print(t, o, 0, t.name, instance);
     return h->last_error ? -1 : int64_t{o.n};
 }
 

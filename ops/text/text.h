@@ -6,13 +6,13 @@
 
 namespace ovrin {
 
-uint32_t to_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *name, char *buf, const void *instance,
-                uint32_t size, uint8_t state_flag, uint32_t *err);
+uint32_t to_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *name, char *buf, const void *instance, uint32_t size,
+                uint8_t state_flag, uint32_t *err);
 uint32_t toxml_cr(const Type &t, mgx_handle_t *h, const void *instance, char *buf, uint32_t size);
-void from_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *path, void *doc, void *instance,
-              uint32_t *err, char *msg, uint32_t msg_size);
-uint32_t print(const Type &t, mgx_handle_t *h, uint32_t luid, char *buf, uint32_t indent, const char *name,
-               const void *instance, uint32_t size, uint32_t *err);
+void from_xml(const Type &t, mgx_handle_t *h, uint32_t luid, const char *path, void *doc, void *instance, uint32_t *err,
+              char *msg, uint32_t msg_size);
+uint32_t print(const Type &t, mgx_handle_t *h, uint32_t luid, char *buf, uint32_t indent, const char *name, const void *instance,
+               uint32_t size, uint32_t *err);
 int32_t print_cr(const Type &t, mgx_handle_t *h, const void *instance, char *buf, uint32_t size);
 
 // The whole print form (xml false) or XML of an instance of t (any kind), as _print_cr and

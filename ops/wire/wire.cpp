@@ -15,8 +15,7 @@ namespace {
 
 constexpr uint8_t wire_flag_mask = MGX_IF_TRACKED | MGX_IF_HD_MAPPED;
 constexpr uint32_t arm_callsite_tag = 0xB03C3000u;
-constexpr int32_t min_instance_bytes = 6;              // a record's wire header: the least an element takes
-
+constexpr int32_t min_instance_bytes = 6; // a record's wire header: the least an element takes
 
 // The opening of encode and decode: false when there is nothing to do (the slot holds a code) or
 // not one byte of room (error 90).
@@ -33,9 +32,10 @@ const WirePlan &plan_at(const Type &t, int8_t variant) { return t.wire[variant <
 // ------------------------------------------------------------------ length
 
 // One element, of a field or a plan step (both say its kind and type).
-template <class F> [[gnu::always_inline]] inline uint32_t element_length(const F &f, mgx_handle_t *h, uint32_t luid, const void *element) {
+template <class F>
+[[gnu::always_inline]] inline uint32_t element_length(const F &f, mgx_handle_t *h, uint32_t luid, const void *element) {
     switch (f.kind) {
-#define OVRIN_LEN(K, T, S, A)                                                                                \
+#define OVRIN_LEN(K, T, S, A)                                                                                                    \
     case Kind::K: return T##_len(h, luid, static_cast<const T *>(element));
         OVRIN_ALL_PRIMS(OVRIN_LEN)
 #undef OVRIN_LEN
@@ -67,10 +67,11 @@ struct Writer {
 };
 
 // One element, straight to the runtime's primitive or the nested type's encoder.
-template <class F> [[gnu::always_inline]] inline uint32_t put_element(const F &f, mgx_handle_t *h, uint32_t luid, uint8_t *b, const void *element,
-                            int32_t space, uint32_t *e) {
+template <class F>
+[[gnu::always_inline]] inline uint32_t put_element(const F &f, mgx_handle_t *h, uint32_t luid, uint8_t *b, const void *element,
+                                                   int32_t space, uint32_t *e) {
     switch (f.kind) {
-#define OVRIN_MARSHAL(K, T, S, A)                                                                            \
+#define OVRIN_MARSHAL(K, T, S, A)                                                                                                \
     case Kind::K: return T##_marshal(h, luid, b, static_cast<const T *>(element), space, e);
         OVRIN_ALL_PRIMS(OVRIN_MARSHAL)
 #undef OVRIN_MARSHAL
@@ -86,7 +87,8 @@ template <class F> [[gnu::always_inline]] inline uint32_t put_element(const F &f
 template <class F> [[gnu::always_inline]] inline void put_piece(const F &f, Writer &w, const void *element) {
     uint32_t e = 0;
     w.pos += static_cast<int32_t>(put_element(f, w.h, w.luid, w.buf + w.pos, element, w.left(), &e));
-    if (e && !*w.err) [[unlikely]] *w.err = e; // the writer's cell is never null
+    if (e && !*w.err) [[unlikely]]
+        *w.err = e; // the writer's cell is never null
 }
 
 // Arrays, counted strings and union arms; scalars take the short road in encode().
@@ -109,10 +111,8 @@ void encode_composite(const FieldAt<const void> &a, Writer &w, const uint8_t *ar
             n = static_cast<uint32_t>(w.left() > 0 ? w.left() : 0);
             w.error(MGX_ESHORT);
         }
-        if (text)
-            std::memcpy(w.buf + w.pos, text, n);
-        else
-            std::memset(w.buf + w.pos, 0, n);
+        if (text) std::memcpy(w.buf + w.pos, text, n);
+        else std::memset(w.buf + w.pos, 0, n);
         w.pos += static_cast<int32_t>(n);
         if (tracked && len > 0) w.state_byte(flag);
         return;
@@ -129,16 +129,13 @@ void encode_composite(const FieldAt<const void> &a, Writer &w, const uint8_t *ar
         // handle encoding it tracks: its elements' state bytes are 0, as its other ones are.
         const ArrayLayout layout(f);
         const uint8_t *per_element = layout.flags(block, count, area != nullptr);
-        for (uint32_t k = 0; k < count && w.left() > 0; ++k)
-            w.buf[w.pos++] = per_element ? *layout.slot_of(per_element, k) : 0;
+        for (uint32_t k = 0; k < count && w.left() > 0; ++k) w.buf[w.pos++] = per_element ? *layout.slot_of(per_element, k) : 0;
         return;
     }
     case Shape::member: {
         if (a.selected()) {
-            if (const void *arm = a.block())
-                put_piece(f, w, arm);
-            else
-                w.error(MGX_ENOENT);
+            if (const void *arm = a.block()) put_piece(f, w, arm);
+            else w.error(MGX_ENOENT);
         }
         if (tracked && w.left() >= 2) w.buf[w.pos++] = flag;
         return;
@@ -172,7 +169,7 @@ struct Reader {
 template <class F> [[gnu::always_inline]] inline uint32_t decode_element(const F &f, Reader &r, void *element) {
     const uint8_t *b = r.buf + r.pos;
     switch (f.kind) {
-#define OVRIN_UNMARSHAL(K, T, S, A)                                                                          \
+#define OVRIN_UNMARSHAL(K, T, S, A)                                                                                              \
     case Kind::K: return T##_unmarshal(r.h, r.luid, b, static_cast<T *>(element), r.left(), r.flags, r.err);
         OVRIN_ALL_PRIMS(OVRIN_UNMARSHAL)
 #undef OVRIN_UNMARSHAL
@@ -215,10 +212,8 @@ void decode_string(const FieldAt<void> &a, Reader &r, uint32_t old_len) {
     // terminated (a length the input cannot hold was refused above).
     std::memcpy(text, r.buf + r.pos, len);
     char *tail = static_cast<char *>(text) + len;
-    if (size - len == 1)
-        *tail = 0; // one-byte characters: the terminator alone
-    else
-        std::memset(tail, 0, size - len);
+    if (size - len == 1) *tail = 0; // one-byte characters: the terminator alone
+    else std::memset(tail, 0, size - len);
     r.pos += static_cast<int32_t>(len);
     if (r.copy_state) {
         r.state_byte(f);
@@ -348,8 +343,8 @@ uint32_t wire_length_cr(const Type &t, mgx_handle_t *h, const void *instance) {
     return wire_length(t, h, h->desc_call_luid, instance);
 }
 
-uint32_t encode(const Type &t, mgx_handle_t *h, uint32_t luid, uint8_t *buf, const void *instance, int32_t space,
-                bool check, uint32_t *err) {
+uint32_t encode(const Type &t, mgx_handle_t *h, uint32_t luid, uint8_t *buf, const void *instance, int32_t space, bool check,
+                uint32_t *err) {
     uint32_t scratch = 0;
     if (!err) err = &scratch;
     if (!wire_start(h, luid, instance, space, err)) return 0;
@@ -409,8 +404,8 @@ uint32_t encode(const Type &t, mgx_handle_t *h, uint32_t luid, uint8_t *buf, con
     return static_cast<uint32_t>(w.pos);
 }
 
-uint32_t decode(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *buf, void *instance, int32_t length,
-                uint32_t flags, uint32_t *err) {
+uint32_t decode(const Type &t, mgx_handle_t *h, uint32_t luid, const uint8_t *buf, void *instance, int32_t length, uint32_t flags,
+                uint32_t *err) {
     uint32_t scratch = 0;
     if (!err) err = &scratch;
     if (!wire_start(h, luid, instance, length, err)) return 0;

@@ -51,8 +51,8 @@ int main(void) {
         fprintf(stderr, "consumer: decoded %u of %u bytes into a different request\n", used, written);
     } else {
         char client[64];
-        sess_mgr_client_name_client_name_get(h, LUID, sess_mgr_register_cl_name_get(h, LUID, received, &err),
-                                             client, sizeof client, &err);
+        sess_mgr_client_name_client_name_get(h, LUID, sess_mgr_register_cl_name_get(h, LUID, received, &err), client,
+                                             sizeof client, &err);
         char text[4096];
         int32_t n = sess_mgr_register_print_cr(h, received, text, sizeof text);
         if (err || n < 0) {

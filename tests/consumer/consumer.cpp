@@ -21,8 +21,8 @@ int main() {
             std::cerr << "consumer: decoded a different request\n";
             return 1;
         }
-        std::cout << wire.size() << " bytes on the wire, decoded intact for client '"
-                  << received.cl_name().client_name() << "':\n"
+        std::cout << wire.size() << " bytes on the wire, decoded intact for client '" << received.cl_name().client_name()
+                  << "':\n"
                   << received;
     } catch (const mgx::error &e) {
         std::cerr << "consumer: " << e.what() << "\n";

@@ -22,8 +22,7 @@ const std::vector<EntryPoint> &entry_points() {
          "err)"},
         {"set_instance_embedded", k_all, "void", "mgx_handle_t *h, uint32_t luid, $T *instance",
          "ovrin::set_instance_embedded($table, h, luid, instance)"},
-        {"destroy", k_all, "void", "mgx_handle_t *h, uint32_t luid, $T *instance",
-         "ovrin::destroy($table, h, luid, instance)"},
+        {"destroy", k_all, "void", "mgx_handle_t *h, uint32_t luid, $T *instance", "ovrin::destroy($table, h, luid, instance)"},
         {"destroy_internal", k_all, "void", "mgx_handle_t *h, uint32_t luid, $T *instance, int free_it",
          "ovrin::destroy_internal($table, h, luid, instance, free_it)"},
         {"destroy_cr", k_all, "void", "mgx_handle_t *h, $T *instance", "ovrin::destroy_cr($table, h, instance)"},
@@ -40,14 +39,12 @@ const std::vector<EntryPoint> &entry_points() {
         // Compare, hash and validity.
         {"compare", k_composite, "int32_t", "const $T *a, const $T *b", "ovrin::compare($table, a, b)"},
         {"hash", k_composite, "uint32_t", "const $T *instance, uint32_t seed", "ovrin::hash($table, instance, seed)"},
-        {"is_valid_cr", k_composite, "mgx_boolean",
-         "mgx_handle_t *h, const $T *instance, uint32_t member_index, uint32_t flags",
+        {"is_valid_cr", k_composite, "mgx_boolean", "mgx_handle_t *h, const $T *instance, uint32_t member_index, uint32_t flags",
          "ovrin::is_valid_cr($table, h, instance, member_index, flags)"},
         // Wire form and clone: records and unions.
         {"len", k_composite, "uint32_t", "mgx_handle_t *h, uint32_t luid, const $T *instance",
          "ovrin::wire_length($table, h, luid, instance)"},
-        {"len_cr", k_composite, "uint32_t", "mgx_handle_t *h, const $T *instance",
-         "ovrin::wire_length_cr($table, h, instance)"},
+        {"len_cr", k_composite, "uint32_t", "mgx_handle_t *h, const $T *instance", "ovrin::wire_length_cr($table, h, instance)"},
         {"marshal", k_composite, "uint32_t",
          "mgx_handle_t *h, uint32_t luid, uint8_t *buf, const $T *instance, int32_t space, uint32_t *err",
          "ovrin::encode($table, h, luid, buf, instance, space, true, err)"},
@@ -95,7 +92,8 @@ const std::vector<EntryPoint> &entry_points() {
          "ovrin_json_error *error",
          "ovrin::from_json($table, h, luid, json, length, instance, flags, error)"},
         // Field access and state tracking.
-        {"get", k_composite, "$T *", "mgx_handle_t *h, uint32_t luid, $T *instance", "static_cast<$T *>(ovrin::get($table, h, luid, instance))"},
+        {"get", k_composite, "$T *", "mgx_handle_t *h, uint32_t luid, $T *instance",
+         "static_cast<$T *>(ovrin::get($table, h, luid, instance))"},
         {"set", k_composite, "void", "mgx_handle_t *h, uint32_t luid, $T *dst, $T *src, uint32_t *err",
          "ovrin::set($table, h, luid, dst, src, err)"},
         {"get_all", k_composite, "void", "mgx_handle_t *h, uint32_t luid, const $T *instance$GET_ALL_PARAMS, uint32_t *err",
@@ -106,15 +104,13 @@ const std::vector<EntryPoint> &entry_points() {
          "ovrin::set_all_state_tracking_flag($table, h, luid, instance, value)"},
         {"post_copyout_cleanup", k_composite, "void", "mgx_handle_t *h, uint32_t luid, $T *dst, $T *src, uint32_t *err",
          "ovrin::post_copyout_cleanup($table, h, luid, dst, src, err)"},
-        {"offset_update", k_composite, "void",
-         "mgx_handle_t *h, uint32_t luid, $T *instance, uint8_t *flag_base, uint32_t *err",
+        {"offset_update", k_composite, "void", "mgx_handle_t *h, uint32_t luid, $T *instance, uint8_t *flag_base, uint32_t *err",
          "ovrin::offset_update($table, h, luid, instance, flag_base, err)"},
         {"offset_remove", k_composite, "void", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
          "ovrin::offset_remove($table, h, luid, instance, err)"},
         // Enumerations.
         {"map_to_user_value", k_enum, "uint32_t", "uint32_t value", "ovrin::enum_map_to_user_value($table, value)"},
-        {"map_to_internal_value", k_enum, "uint32_t", "uint32_t value",
-         "ovrin::enum_map_to_internal_value($table, value)"},
+        {"map_to_internal_value", k_enum, "uint32_t", "uint32_t value", "ovrin::enum_map_to_internal_value($table, value)"},
         {"adjust_variant", k_enum, "uint32_t", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
          "ovrin::enum_adjust_variant($table, h, luid, instance, err)"},
         {"compare", k_enum, "int32_t", "const $T *a, const $T *b", "ovrin::enum_compare(a, b)"},
@@ -166,8 +162,9 @@ bool set_by_value_copy(const Field &f) { return single_element(f) && (f.prim || 
 // Nested records and unions: their set may move union members out of the value.
 bool set_by_instance_copy(const Field &f) { return single_element(f) && !set_by_value_copy(f); }
 bool has_value(const Field &f) {
-    return single_element(f) && f.prim && (*f.prim == Prim::u8 || *f.prim == Prim::u16 || *f.prim == Prim::u32 ||
-                                            *f.prim == Prim::u64 || *f.prim == Prim::boolean);
+    return single_element(f) && f.prim &&
+           (*f.prim == Prim::u8 || *f.prim == Prim::u16 || *f.prim == Prim::u32 || *f.prim == Prim::u64 ||
+            *f.prim == Prim::boolean);
 }
 // A union's discriminator is read and written by value too, as the user value of its enumeration.
 bool discriminator(const Field &f) { return f.discriminator; }
@@ -212,17 +209,14 @@ const std::vector<FieldEntryPoint> &field_entry_points() {
          "ovrin::field_set($table, $field, h, luid, instance, value, err)"},
         {"get_value", k_composite, has_value, "$FT", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
          "static_cast<$FT>(ovrin::field_get_value($table, $field, h, luid, instance, err))"},
-        {"set_value", k_composite, has_value, "void",
-         "mgx_handle_t *h, uint32_t luid, $T *instance, $FT value, uint32_t *err",
+        {"set_value", k_composite, has_value, "void", "mgx_handle_t *h, uint32_t luid, $T *instance, $FT value, uint32_t *err",
          "ovrin::field_set_value($table, $field, h, luid, instance, value, err)"},
-        {"get_value", k_composite, discriminator, "uint32_t",
-         "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
+        {"get_value", k_composite, discriminator, "uint32_t", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
          "static_cast<uint32_t>(ovrin::field_get_value($table, $field, h, luid, instance, err))"},
         {"set_value", k_composite, discriminator, "void",
          "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t value, uint32_t *err",
          "ovrin::field_set_value($table, $field, h, luid, instance, value, err)"},
-        {"state_flag_get", k_composite, single_element, "uint8_t",
-         "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
+        {"state_flag_get", k_composite, single_element, "uint8_t", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
          "ovrin::state_flag_get($table, $field, h, luid, instance, err)"},
         {"state_flag_set", k_composite, single_element, "void",
          "mgx_handle_t *h, uint32_t luid, $T *instance, uint8_t value, uint32_t *err",
@@ -274,8 +268,7 @@ const std::vector<FieldEntryPoint> &field_entry_points() {
         {"state_flag_set", k_composite, is_array, "void",
          "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t index, uint8_t value, uint32_t *err",
          "ovrin::element_flag_set($table, $field, h, luid, instance, index, value, err)"},
-        {"state_flag_whole_get", k_composite, is_array, "uint8_t",
-         "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
+        {"state_flag_whole_get", k_composite, is_array, "uint8_t", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
          "ovrin::state_flag_get($table, $field, h, luid, instance, err)"},
         {"state_flag_whole_set", k_composite, is_array, "void",
          "mgx_handle_t *h, uint32_t luid, $T *instance, uint8_t value, uint32_t *err",
@@ -286,13 +279,13 @@ const std::vector<FieldEntryPoint> &field_entry_points() {
         {"state_flag_set_arr", k_composite, is_array, "void",
          "mgx_handle_t *h, uint32_t luid, $T *instance, const uint8_t *flags, uint32_t count, uint32_t *err",
          "ovrin::flag_array_set($table, $field, h, luid, instance, flags, count, err)"},
-        {"length_get", k_composite, needs_length_accessors, "u_int32 *", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
+        {"length_get", k_composite, needs_length_accessors, "u_int32 *",
+         "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
          "ovrin::var_length_get($table, $field, h, luid, instance, err)"},
         {"length_get_value", k_composite, needs_length_accessors, "uint32_t",
          "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
          "ovrin::var_length_get_value($table, $field, h, luid, instance, err)"},
-        {"get", k_composite, is_var_array, "$FT *",
-         "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t index, uint32_t *err",
+        {"get", k_composite, is_var_array, "$FT *", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t index, uint32_t *err",
          "static_cast<$FT *>(ovrin::var_get($table, $field, h, luid, instance, index, err))"},
         {"set", k_composite, is_var_array, "void",
          "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t index, $FT *value, uint32_t *err",

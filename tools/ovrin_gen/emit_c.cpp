@@ -73,8 +73,8 @@ std::vector<const Type *> definition_order(const Catalogue &c) {
 }
 
 std::string enum_definition(const Type &t) {
-    std::string s = format("/* %s: enumeration, %d variant(s); user values (wire value = position) */\n",
-                           t.name.c_str(), t.n_variants);
+    std::string s = format("/* %s: enumeration, %d variant(s); user values (wire value = position) */\n", t.name.c_str(),
+                           t.n_variants);
     s += "enum " + t.name + "_literal {\n";
     for (size_t i = 0; i < t.literals.size(); ++i) {
         const Literal &l = t.literals[i];
@@ -83,10 +83,10 @@ std::string enum_definition(const Type &t) {
         s += "\n";
     }
     s += "};\n";
-    s += "struct " + t.name + " {\n    void *descriptor;\n    int8_t variant;\n    int8_t layout;\n    uint8_t flags;\n"
+    s += "struct " + t.name +
+         " {\n    void *descriptor;\n    int8_t variant;\n    int8_t layout;\n    uint8_t flags;\n"
          "    uint32_t value; /* the user value */\n};\n";
-    s += format("@U@_LAYOUT_ASSERT(sizeof(struct %s) == %u, \"%s instance size\");\n\n", t.name.c_str(), t.size,
-                t.name.c_str());
+    s += format("@U@_LAYOUT_ASSERT(sizeof(struct %s) == %u, \"%s instance size\");\n\n", t.name.c_str(), t.size, t.name.c_str());
     return s;
 }
 
@@ -112,11 +112,10 @@ std::string record_definition(const Type &t) {
         const Field *last = nullptr;
         for (const Field &f : t.fields)
             if (f.from <= v) last = &f;
-        s += format("@U@_LAYOUT_ASSERT(@U@_FIELD_END(struct %s, %s) == %u, \"%s variant %d used length\");\n",
-                    t.name.c_str(), last->name.c_str(), t.used[static_cast<size_t>(v)], t.name.c_str(), v);
+        s += format("@U@_LAYOUT_ASSERT(@U@_FIELD_END(struct %s, %s) == %u, \"%s variant %d used length\");\n", t.name.c_str(),
+                    last->name.c_str(), t.used[static_cast<size_t>(v)], t.name.c_str(), v);
     }
-    s += format("@U@_LAYOUT_ASSERT(sizeof(struct %s) == %u, \"%s instance size\");\n\n", t.name.c_str(), t.size,
-                t.name.c_str());
+    s += format("@U@_LAYOUT_ASSERT(sizeof(struct %s) == %u, \"%s instance size\");\n\n", t.name.c_str(), t.size, t.name.c_str());
     return s;
 }
 
@@ -213,7 +212,8 @@ std::vector<std::string> listed(std::vector<std::string> items, const char *punc
 std::string field_kind(const Field &f) {
     std::string elem = f.prim ? prim_c_type(*f.prim) : f.type ? f.type->name : "";
     std::string what = elem;
-    if (f.type && f.shape != Shape::member) what = std::string(f.type->is_enum() ? "enum " : f.type->kind == TypeKind::union_ ? "union " : "record ") + elem;
+    if (f.type && f.shape != Shape::member)
+        what = std::string(f.type->is_enum() ? "enum " : f.type->kind == TypeKind::union_ ? "union " : "record ") + elem;
     switch (f.shape) {
     case Shape::scalar: break;
     case Shape::fixed_array: what += "[" + std::to_string(f.count) + "]"; break;
@@ -249,8 +249,8 @@ std::string describe_type(const Catalogue &c, const Type &t) {
     if (t.n_variants > 1) what += format(" with %d variants", t.n_variants);
     if (!t.is_enum()) what += format(", %u-byte instance", t.size);
     std::vector<std::string> held = holders(c, t);
-    std::vector<std::string> words =
-        words_of(what + (held.empty() ? ", held by no other type: a message of its own." : "; held by"));
+    std::vector<std::string> words = words_of(what +
+                                              (held.empty() ? ", held by no other type: a message of its own." : "; held by"));
     for (const std::string &h : listed(held, ",")) words.push_back(h);
     if (!held.empty()) words.back() += ".";
     s += wrapped(" * ", words);
@@ -264,7 +264,8 @@ std::string describe_type(const Catalogue &c, const Type &t) {
         std::string first = held.empty() ? "Start with: " + t.name + "_create, " + t.name + "_set_value, " + t.name +
                                                "_get_value, " + t.name + "_destroy."
                                          : "Usually read and written as a user value through the holder's <member>_get_value "
-                                           "and _set_value (" + held[0] + ").";
+                                           "and _set_value (" +
+                                               held[0] + ").";
         return s + wrapped(" * ", words_of(first)) + " */\n";
     }
     s += " * Members, in declaration (and wire) order, with their accessors <type>_<member>_<op>:\n";
@@ -298,10 +299,10 @@ std::string describe_type(const Catalogue &c, const Type &t) {
     } else {
         first = "Start with: " + T + "_create; ";
         if (t.kind == TypeKind::union_)
-            first += T + "_" + t.discriminator_name + "_set_value to choose the member, then the member's _set (or _get, "
+            first += T + "_" + t.discriminator_name +
+                     "_set_value to choose the member, then the member's _set (or _get, "
                      "to fill it in place); ";
-        else
-            first += "the accessors below; ";
+        else first += "the accessors below; ";
         first += T + "_len and " + T + "_marshal to encode; " + T + "_adjust_variant and " + T +
                  "_unmarshal to decode into a fresh instance; " + T + "_print_cr to look at it; " + T + "_destroy.";
     }

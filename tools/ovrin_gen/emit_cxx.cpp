@@ -14,9 +14,9 @@ namespace {
 // Names the generic classes already give a meaning to: a field so named would hide or be hidden.
 const std::set<std::string> &reserved() {
     static const std::set<std::string> names = {
-        "get",    "runtime",     "luid",  "live",    "to_string", "to_xml",   "encoded_size", "encode", "encode_to",
-        "decode", "decode_from", "hash", "compare", "type_name", "create", "adopt", "release", "from_xml", "to_json", "from_json",
-        "clone",  "reset", "which", "ref",     "ops",       "c_type",   "as_ref"};
+        "get",     "runtime",     "luid",  "live",    "to_string", "to_xml", "encoded_size", "encode",  "encode_to",
+        "decode",  "decode_from", "hash",  "compare", "type_name", "create", "adopt",        "release", "from_xml",
+        "to_json", "from_json",   "clone", "reset",   "which",     "ref",    "ops",          "c_type",  "as_ref"};
     return names;
 }
 
@@ -59,7 +59,8 @@ void scalar_accessors(Writer &w, const Type &t, const Field &f) {
         const std::string v = value_type(*f.prim);
         if (*f.prim == Prim::boolean) {
             w.line("bool $F() const { return this->call_(\"$F\", ::$T_$F_get_value) != 0; }");
-            if (setter) w.line("Self &set_$F(bool v) { this->call_(\"$F\", ::$T_$F_set_value, mgx_boolean{v}); return this->self_(); }");
+            if (setter)
+                w.line("Self &set_$F(bool v) { this->call_(\"$F\", ::$T_$F_set_value, mgx_boolean{v}); return this->self_(); }");
         } else {
             w.line(v + " $F() const { return this->call_(\"$F\", ::$T_$F_get_value); }");
             if (setter) w.line("Self &set_$F(" + v + " v) { this->call_(\"$F\", ::$T_$F_set_value, v); return this->self_(); }");
@@ -74,10 +75,10 @@ void scalar_accessors(Writer &w, const Type &t, const Field &f) {
     } else if (f.type->is_enum()) {
         const std::string e = f.type->name;
         w.line(e + " $F() const { return static_cast<" + e + ">(this->call_(\"$F\", ::$T_$F_get)->value); }");
-        if (f.discriminator)
-            w.line(e + " which() const { return $F(); }");
+        if (f.discriminator) w.line(e + " which() const { return $F(); }");
         else
-            w.line("Self &set_$F(" + e + " v) { this->set_enum_(\"$F\", ::$T_$F_set, this->call_(\"$F\", ::$T_$F_get), v); "
+            w.line("Self &set_$F(" + e +
+                   " v) { this->set_enum_(\"$F\", ::$T_$F_set, this->call_(\"$F\", ::$T_$F_get), v); "
                    "return this->self_(); }");
     } else {
         const std::string r = f.type->name;
@@ -94,7 +95,8 @@ void member_accessors(Writer &w, const Type &t, const Field &f) {
     w.line("    if (!has_$F()) ovrin::detail::fail(MGX_ENOENT, \"$T\", \"$F\");");
     w.line("    return this->template nested_<" + r + "_ref>(\"$F\", ::$T_$F_get);");
     w.line("}");
-    w.line("Self &set_$F(" + r + " &&m) { this->put_member_(\"$F\", ::$T_$F_set, &this->self_().live()->$F, std::move(m)); "
+    w.line("Self &set_$F(" + r +
+           " &&m) { this->put_member_(\"$F\", ::$T_$F_set, &this->self_().live()->$F, std::move(m)); "
            "return this->self_(); }");
     w.line(r + "_ref emplace_$F() { return set_$F(" + r + "::create(this->self_().runtime(), this->self_().luid())).$F(); }");
 }
@@ -103,7 +105,8 @@ void array_accessors(Writer &w, const Type &t, const Field &f) {
     const std::string n = std::to_string(f.count);
     if (f.shape == Shape::var_array) {
         const Field &count = t.fields[static_cast<size_t>(f.companion)];
-        const std::string count_fn = count.name == f.name + "_length" ? "::$T_" + count.name + "_get_value" : "::$T_$F_length_get_value";
+        const std::string count_fn = count.name == f.name + "_length" ? "::$T_" + count.name + "_get_value"
+                                                                      : "::$T_$F_length_get_value";
         w.line("ovrin::array_ref<::$T, " + f.type->name + "_ref, ::$T_$F_get, ::$T_$F_set, " + count_fn +
                ", ::$T_$F_remove_elements> $F() const {");
         w.line("    return {this->self_().runtime(), this->self_().luid(), this->self_().live(), \"$T\", \"$F\"};");
@@ -113,12 +116,15 @@ void array_accessors(Writer &w, const Type &t, const Field &f) {
     const std::string in_range = "if (i >= " + n + ") ovrin::detail::fail(MGX_ENOENT, \"$T\", \"$F\"); ";
     if (f.type) { // enumerations, read and written by value
         const std::string e = f.type->name;
-        w.line(e + " $F(uint32_t i) const { " + in_range + "return static_cast<" + e + ">(this->call_(\"$F\", ::$T_$F_get_value, i)); }");
-        w.line("Self &set_$F(uint32_t i, " + e + " v) { this->call_(\"$F\", ::$T_$F_set_value, i, static_cast<uint32_t>(v)); "
+        w.line(e + " $F(uint32_t i) const { " + in_range + "return static_cast<" + e +
+               ">(this->call_(\"$F\", ::$T_$F_get_value, i)); }");
+        w.line("Self &set_$F(uint32_t i, " + e +
+               " v) { this->call_(\"$F\", ::$T_$F_set_value, i, static_cast<uint32_t>(v)); "
                "return this->self_(); }");
     } else if (*f.prim == Prim::aaa_tlv) {
         w.line("ovrin::attr_list $F(uint32_t i) const { " + in_range +
-               "return ovrin::attr_list(this->self_().runtime(), this->self_().luid(), this->call_(\"$F\", ::$T_$F_get, i), \"$T\", \"$F\"); }");
+               "return ovrin::attr_list(this->self_().runtime(), this->self_().luid(), this->call_(\"$F\", ::$T_$F_get, i), "
+               "\"$T\", \"$F\"); }");
     } else {
         const std::string c = prim_c_type(*f.prim);
         w.line("std::span<const " + c + ", " + n + "> $F() const { return std::span<const " + c + ", " + n +
@@ -127,9 +133,10 @@ void array_accessors(Writer &w, const Type &t, const Field &f) {
             w.line("Self &set_$F(uint32_t i, " + value_type(*f.prim) + " v) { this->call_(\"$F\", ::$T_$F_set_value, i, " + c +
                    "(v)); return this->self_(); }");
         else
-            w.line("Self &set_$F(uint32_t i, const " + c + " &v) { " + in_range + "this->call_(\"$F\", ::$T_$F_set, i, &v); return this->self_(); }");
-        w.line("Self &set_$F(std::span<const " + c + ", " + n + "> v) { this->call_(\"$F\", ::$T_$F_set_mem, v.data(), int32_t{" + n +
-               "}); return this->self_(); }");
+            w.line("Self &set_$F(uint32_t i, const " + c + " &v) { " + in_range +
+                   "this->call_(\"$F\", ::$T_$F_set, i, &v); return this->self_(); }");
+        w.line("Self &set_$F(std::span<const " + c + ", " + n + "> v) { this->call_(\"$F\", ::$T_$F_set_mem, v.data(), int32_t{" +
+               n + "}); return this->self_(); }");
     }
 }
 
@@ -155,8 +162,7 @@ void emit_enum(std::string &out, const Type &e) {
 void emit_enum_names(std::string &out, const std::string &ns, const Type &e) {
     out += "template <> struct enum_names<" + ns + "::" + e.name + "> {\n";
     out += "    static constexpr std::pair<" + ns + "::" + e.name + ", std::string_view> literals[] = {\n";
-    for (const Literal &l : e.literals)
-        out += "        {" + ns + "::" + e.name + "::" + l.name + ", \"" + l.name + "\"},\n";
+    for (const Literal &l : e.literals) out += "        {" + ns + "::" + e.name + "::" + l.name + ", \"" + l.name + "\"},\n";
     out += "    };\n};\n";
 }
 
@@ -168,8 +174,8 @@ void emit_c_ops(std::string &out, const Type &t) {
     w.line("static constexpr const char *name = \"$T\";");
     w.line("static constexpr uint32_t index = " + std::to_string(t.index) + ";");
     w.line("static const @D@_type_ops &table() noexcept { return @D@_optable[index]; }");
-    for (const char *op : {"create", "destroy", "set", "adjust_variant", "len", "marshal", "unmarshal", "clone",
-                           "compare", "hash", "from_xml", "to_json", "from_json"})
+    for (const char *op : {"create", "destroy", "set", "adjust_variant", "len", "marshal", "unmarshal", "clone", "compare",
+                           "hash", "from_xml", "to_json", "from_json"})
         w.line(std::string("static constexpr auto ") + op + " = &::$T_" + op + ";");
     out += w.out + "};\n";
 }
@@ -193,19 +199,18 @@ void emit_type(std::string &out, const Type &t) {
     }
     out += w.out + "};\n";
     w.out.clear();
-    out += replace_all(
-        "// A reference to a $T held by something else (valid as long as that holder keeps it there).\n"
-        "class $T_ref final : public ovrin::ref_base<::$T>, public $T_fields<$T_ref> {\n"
-        "public:\n"
-        "    using ref_base::ref_base;\n"
-        "};\n"
-        "// An owning $T.\n"
-        "class $T final : public ovrin::message_base<::$T, $T>, public $T_fields<$T> {\n"
-        "public:\n"
-        "    using ref = $T_ref;\n"
-        "    $T_ref as_ref() const noexcept { return $T_ref(runtime(), luid(), get()); }\n"
-        "};\n",
-        "$T", t.name);
+    out += replace_all("// A reference to a $T held by something else (valid as long as that holder keeps it there).\n"
+                       "class $T_ref final : public ovrin::ref_base<::$T>, public $T_fields<$T_ref> {\n"
+                       "public:\n"
+                       "    using ref_base::ref_base;\n"
+                       "};\n"
+                       "// An owning $T.\n"
+                       "class $T final : public ovrin::message_base<::$T, $T>, public $T_fields<$T> {\n"
+                       "public:\n"
+                       "    using ref = $T_ref;\n"
+                       "    $T_ref as_ref() const noexcept { return $T_ref(runtime(), luid(), get()); }\n"
+                       "};\n",
+                       "$T", t.name);
 }
 
 } // namespace

@@ -55,8 +55,8 @@ std::string build_time() {
     if (const char *epoch = std::getenv("SOURCE_DATE_EPOCH"); epoch && *epoch) {
         char *end = nullptr;
         long long seconds = std::strtoll(epoch, &end, 10);
-        if (*end || seconds < 0) throw std::runtime_error(std::string("SOURCE_DATE_EPOCH '") + epoch +
-                                                          "' is not a count of seconds since 1970");
+        if (*end || seconds < 0)
+            throw std::runtime_error(std::string("SOURCE_DATE_EPOCH '") + epoch + "' is not a count of seconds since 1970");
         when = static_cast<std::time_t>(seconds);
     }
     std::tm tm{};

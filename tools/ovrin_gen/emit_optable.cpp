@@ -73,13 +73,12 @@ const std::vector<Slot> &slots() {
     return list;
 }
 
-unsigned kind_bit(const Type &t) {
-    return t.kind == TypeKind::record ? k_record : t.kind == TypeKind::union_ ? k_union : k_enum;
-}
+unsigned kind_bit(const Type &t) { return t.kind == TypeKind::record ? k_record : t.kind == TypeKind::union_ ? k_union : k_enum; }
 
 const char *kind_constant(const Type &t) {
-    return t.kind == TypeKind::record ? "@U@_KIND_RECORD" : t.kind == TypeKind::union_ ? "@U@_KIND_UNION"
-                                                                                       : "@U@_KIND_ENUMERATION";
+    return t.kind == TypeKind::record   ? "@U@_KIND_RECORD"
+           : t.kind == TypeKind::union_ ? "@U@_KIND_UNION"
+                                        : "@U@_KIND_ENUMERATION";
 }
 
 std::string trim(const std::string &s) {
@@ -128,26 +127,24 @@ std::string thunk(const Type &t, const Slot &s) {
     std::vector<Param> want = split_params(s.params), have = split_params(e.params);
     bool same = want.size() == have.size();
     for (size_t i = 0; same && i < want.size(); ++i) same = want[i].type == untyped(have[i].type);
-    if (!same)
-        throw std::runtime_error(t.name + "_" + s.op + ": its parameters do not fit the operations table's");
+    if (!same) throw std::runtime_error(t.name + "_" + s.op + ": its parameters do not fit the operations table's");
     std::string params, args;
     for (const Param &p : have) {
         params += (params.empty() ? "" : ", ") + untyped(p.type) + (untyped(p.type).back() == '*' ? "" : " ") + p.name;
         std::string arg = p.name;
         if (p.type.find("$T") != std::string::npos) {
             std::string typed = replace_all(p.type, "$T", t.name);
-            arg = (p.type.find("**") != std::string::npos ? "reinterpret_cast<" : "static_cast<") + typed + ">(" +
-                  p.name + ")";
+            arg = (p.type.find("**") != std::string::npos ? "reinterpret_cast<" : "static_cast<") + typed + ">(" + p.name + ")";
         }
         args += (args.empty() ? "" : ", ") + arg;
     }
     std::string call = "::" + t.name + "_" + s.op + "(" + args + ")";
     std::string result = s.result;
-    std::string body = result == "void"                ? call + ";"
+    std::string body = result == "void"              ? call + ";"
                        : untyped(e.result) == result ? "return " + call + ";"
                                                      : "return static_cast<" + result + ">(" + call + ");";
-    return format("%s%s%s_%s(%s) { %s }\n", result.c_str(), result.back() == '*' ? "" : " ", t.name.c_str(), s.op,
-                  params.c_str(), body.c_str());
+    return format("%s%s%s_%s(%s) { %s }\n", result.c_str(), result.back() == '*' ? "" : " ", t.name.c_str(), s.op, params.c_str(),
+                  body.c_str());
 }
 
 } // namespace
@@ -171,8 +168,8 @@ std::string emit_optable_header(const Catalogue &) {
     s += "typedef enum @D@_type_kind { @U@_KIND_ENUMERATION, @U@_KIND_RECORD, @U@_KIND_UNION } @D@_type_kind;\n\n";
     s += "typedef struct @D@_type_ops {\n    const char *name;\n    @D@_type_kind kind;\n";
     for (const Slot &slot : slots()) {
-        std::string line = format("    %s%s(*%s)(%s);", slot.result, std::string(slot.result).back() == '*' ? "" : " ",
-                                  slot.op, slot.params);
+        std::string line = format("    %s%s(*%s)(%s);", slot.result, std::string(slot.result).back() == '*' ? "" : " ", slot.op,
+                                  slot.params);
         if (*slot.note) line += format(" /* %s */", slot.note);
         s += line + "\n";
     }

@@ -15,7 +15,7 @@ const char *kind_name(const Field &f) {
     if (f.shape == Shape::var_string) return "character";
     if (f.prim) {
         switch (*f.prim) {
-#define OVRIN_PRIM(K, T, S, A)                                                                                         \
+#define OVRIN_PRIM(K, T, S, A)                                                                                                   \
     case Prim::K: return #K;
             OVRIN_ALL_PRIMS(OVRIN_PRIM)
 #undef OVRIN_PRIM
@@ -26,7 +26,7 @@ const char *kind_name(const Field &f) {
 
 const char *shape_name(Shape s) {
     switch (s) {
-#define OVRIN_SHAPE(S)                                                                                                 \
+#define OVRIN_SHAPE(S)                                                                                                           \
     case Shape::S: return #S;
         OVRIN_SHAPES(OVRIN_SHAPE)
 #undef OVRIN_SHAPE
@@ -68,8 +68,7 @@ std::string field_entry(const Field &f) {
                   ".kind = Kind::%s, .shape = Shape::%s, .from_variant = %d, .companion = %d, .sttr_pos = %u, "
                   ".sttr_nested = %s, .select = %u, .roles = %s},\n",
                   c_string(f.name).c_str(), type.c_str(), f.offset, f.size, f.elem_size, f.count, kind_name(f),
-                  shape_name(f.shape), f.from, f.companion, f.sttr_pos,
-                  nested.c_str(), f.select,
+                  shape_name(f.shape), f.from, f.companion, f.sttr_pos, nested.c_str(), f.select,
                   settable_by_all(f)   ? "field_settable_by_all | field_readable_by_all"
                   : readable_by_all(f) ? "field_readable_by_all"
                                        : "0");
@@ -81,12 +80,10 @@ std::string field_entry(const Field &f) {
 // destroys itself; integers need nothing.
 bool inline_instance(const Field &f) {
     if (f.shape != Shape::scalar && f.shape != Shape::fixed_array) return false;
-    return f.type || (f.prim && *f.prim != Prim::u8 && *f.prim != Prim::u16 && *f.prim != Prim::u32 &&
-                      *f.prim != Prim::u64);
+    return f.type || (f.prim && *f.prim != Prim::u8 && *f.prim != Prim::u16 && *f.prim != Prim::u32 && *f.prim != Prim::u64);
 }
 bool owning(const Field &f) {
-    return f.shape == Shape::member || f.shape == Shape::var_string || f.shape == Shape::var_array ||
-           inline_instance(f);
+    return f.shape == Shape::member || f.shape == Shape::var_string || f.shape == Shape::var_array || inline_instance(f);
 }
 bool nested_area(const Field &f) {
     return f.shape == Shape::scalar && f.sttr_nested != no_area &&
@@ -125,7 +122,9 @@ std::string wire_plan(const Type &t, int variant) {
         std::string type = f.type ? "&" + f.type->name : "nullptr";
         s += format("    {.type = %s, .offset = %u, .sttr_pos = %u, .field = %zu, .kind = Kind::%s, .flags = %s},\n",
                     type.c_str(), f.offset, f.sttr_pos, i, kind_name(f),
-                    composite ? "step_composite" : counter ? "0" : "step_state_byte");
+                    composite ? "step_composite"
+                    : counter ? "0"
+                              : "step_state_byte");
     }
     return s;
 }
@@ -194,13 +193,14 @@ std::string emit_tables(const Catalogue &c) {
         s += t.is_enum() ? format("    .literals = literals_%s,\n", t.name.c_str()) : "    .literals = nullptr,\n";
         s += format("    .variants = variants_%s,\n    .placeholder = placeholder_%s,\n", t.name.c_str(), t.name.c_str());
         s += format("    .size = %u,\n    .sttr_size = %u,\n    .msg_base = %u,\n", t.size, t.sttr_size, msg_base(t));
-        s += format("    .n_fields = %zu,\n    .n_literals = %zu,\n    .index = %u,\n", t.fields.size(), t.literals.size(), t.index);
+        s += format("    .n_fields = %zu,\n    .n_literals = %zu,\n    .index = %u,\n", t.fields.size(), t.literals.size(),
+                    t.index);
         s += format("    .kind = TypeKind::%s,\n    .n_variants = %d,\n    .discriminator = %d,\n", type_kind_name(t.kind),
                     t.n_variants, t.discriminator);
         Plan p = plan_of(t);
         s += format("    .sttr_align = %u,\n    .flags = %s,\n", t.sttr_align, type_flags(t).c_str());
-        s += format("    .plan = plan_%s,\n    .n_owning = %zu,\n    .n_inline = %zu,\n    .n_areas = %zu,\n",
-                    t.name.c_str(), p.n_owning, p.n_inline, p.n_areas);
+        s += format("    .plan = plan_%s,\n    .n_owning = %zu,\n    .n_inline = %zu,\n    .n_areas = %zu,\n", t.name.c_str(),
+                    p.n_owning, p.n_inline, p.n_areas);
         s += t.is_enum() ? "    .wire = nullptr,\n};\n" : format("    .wire = wire_%s,\n};\n", t.name.c_str());
     }
     s += "\nconst Type *const all[type_count] = {\n";
@@ -231,7 +231,8 @@ std::string emit_tables_source(const Catalogue &c) {
         size_t counted = 0;
         for (const Field &f : t->fields) counted += f.shape == Shape::var_string || f.shape == Shape::var_array;
         s += format("static_assert(%zu <= ovrin::max_counted_fields, \"%s: more strings and variable arrays than the engine "
-                    "keeps counts for\");\n", counted, t->name.c_str());
+                    "keeps counts for\");\n",
+                    counted, t->name.c_str());
         for (const Field &f : t->fields)
             s += format("static_assert(offsetof(::%s, %s) == %u);\n", t->name.c_str(), f.name.c_str(), f.offset);
     }
@@ -278,7 +279,8 @@ std::string emit_trace_table(const Catalogue &c) {
     for (const std::string &t : texts) raw += t + '\0';
     std::string s = format("// The trace message texts live in a section that is not loaded: the code passes message\n"
                            "// numbers only, and the texts are read from the library file when someone reads a trace.\n"
-                           "// %s\n", generated_banner);
+                           "// %s\n",
+                           generated_banner);
     s += format("// %zu texts: %u for the bundle, then %u per type in registration order.\n", texts.size(),
                 bundle_message_count(), type_message_count());
     s += "#include \"@D@_internal/tables.h\"\n\n";

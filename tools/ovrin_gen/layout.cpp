@@ -22,7 +22,6 @@ namespace gen {
 
 namespace {
 
-
 unsigned align_up(unsigned v, unsigned a) { return (v + a - 1) / a * a; }
 
 // Names a bundle header member or the padding member takes in the generated C structs.
@@ -41,9 +40,9 @@ template <> struct BundleCalls<false> {
     using reg = uint64_t(uint64_t);
     using unreg = uint64_t();
 };
-#define OVRIN_CHECK_BUNDLE(B, ARG)                                                                                     \
-    static_assert(std::is_same_v<decltype(B##_bundle_handler_register), BundleCalls<ARG>::reg> &&                     \
-                      std::is_same_v<decltype(B##_bundle_handler_unregister), BundleCalls<ARG>::unreg>,                \
+#define OVRIN_CHECK_BUNDLE(B, ARG)                                                                                               \
+    static_assert(std::is_same_v<decltype(B##_bundle_handler_register), BundleCalls<ARG>::reg> &&                                \
+                      std::is_same_v<decltype(B##_bundle_handler_unregister), BundleCalls<ARG>::unreg>,                          \
                   "the contract declares the calls of " #B " otherwise");
 OVRIN_CONTRACT_BUNDLES(OVRIN_CHECK_BUNDLE)
 #undef OVRIN_CHECK_BUNDLE
@@ -86,8 +85,7 @@ void resolve_enum(Type &t, std::map<std::string, const Type *> &literal_owner) {
         if (!fresh) throw Error(l.line, "literal " + l.name + " is already defined in " + it->second->name);
         if (i > 0 && l.user <= t.literals[i - 1].user)
             throw Error(l.line, "literals of " + t.name + " must be listed in increasing value order");
-        if (l.wire != i)
-            throw Error(l.line, "the wire value of " + l.name + " must be its position " + std::to_string(i));
+        if (l.wire != i) throw Error(l.line, "the wire value of " + l.name + " must be its position " + std::to_string(i));
         if (l.from >= t.n_variants)
             throw Error(l.line, l.name + " is from variant " + std::to_string(l.from) + " but " + t.name + " has " +
                                     std::to_string(t.n_variants) + " variant(s)");
@@ -107,8 +105,7 @@ void resolve_record(Catalogue &c, Type &t) {
         if (f.from >= t.n_variants)
             throw Error(f.line, f.name + " is from variant " + std::to_string(f.from) + " but " + t.name + " has " +
                                     std::to_string(t.n_variants) + " variant(s)");
-        if (f.from < last_from)
-            throw Error(f.line, f.name + " is from an earlier variant than the field before it");
+        if (f.from < last_from) throw Error(f.line, f.name + " is from an earlier variant than the field before it");
         last_from = f.from;
 
         if (f.shape == Shape::member) {
@@ -135,8 +132,7 @@ void resolve_record(Catalogue &c, Type &t) {
         case Shape::fixed_array:
             // A fixed array keeps one state byte per element in its record's flag area: there is
             // no room for the flag areas of records as elements.
-            if (f.type && !f.type->is_enum())
-                throw Error(f.line, f.name + ": fixed arrays hold primitives or enumerations");
+            if (f.type && !f.type->is_enum()) throw Error(f.line, f.name + ": fixed arrays hold primitives or enumerations");
             break;
         default: break;
         }
@@ -179,7 +175,7 @@ void resolve_record(Catalogue &c, Type &t) {
 void element_storage(Field &f, unsigned &size, unsigned &align) {
     if (f.prim) {
         switch (*f.prim) {
-#define OVRIN_PRIM(K, T, S, A)                                                                                         \
+#define OVRIN_PRIM(K, T, S, A)                                                                                                   \
     case Prim::K: size = S, align = A; return;
             OVRIN_ALL_PRIMS(OVRIN_PRIM)
 #undef OVRIN_PRIM
@@ -269,8 +265,10 @@ void lay_out_type(Type &t) {
 // member per line, so that layout, comments and spacing do not matter but every change of the
 // definition does.
 std::string definition_text(const Type &t) {
-    std::string s = (t.kind == TypeKind::record ? "record " : t.kind == TypeKind::union_ ? "union " : "enum ") + t.name +
-                    " variants " + std::to_string(t.n_variants);
+    std::string s = (t.kind == TypeKind::record   ? "record "
+                     : t.kind == TypeKind::union_ ? "union "
+                                                  : "enum ") +
+                    t.name + " variants " + std::to_string(t.n_variants);
     if (t.kind == TypeKind::union_) s += " discriminator " + t.discriminator_name;
     s += "\n";
     for (const Literal &l : t.literals)

@@ -31,7 +31,7 @@ enum class Prim {
 enum class TypeKind { record, union_, enumeration };
 using Shape = ovrin::Shape;
 
-inline constexpr unsigned header_bytes = 11;     // descriptor word, variant, layout byte, flags
+inline constexpr unsigned header_bytes = 11; // descriptor word, variant, layout byte, flags
 inline constexpr unsigned enum_instance_size = 16;
 inline constexpr unsigned aaa_tlv_area = 16;
 inline constexpr unsigned no_area = 0xFFFF;
@@ -42,16 +42,16 @@ struct Field {
     int line = 0;
     std::string name;
     Shape shape = Shape::scalar;
-    std::string type_name;           // as written: a primitive, "var_string", or a catalogue type
-    std::optional<Prim> prim;        // primitive element type
-    Type *type = nullptr;            // catalogue element type
-    unsigned count = 1;              // fixed-array elements
-    std::string companion_name;      // count/length field named by a var array or var string
-    int companion = -1;              // resolved both ways (see ops/types.h)
-    std::string select_name;         // member: discriminator literal
+    std::string type_name;      // as written: a primitive, "var_string", or a catalogue type
+    std::optional<Prim> prim;   // primitive element type
+    Type *type = nullptr;       // catalogue element type
+    unsigned count = 1;         // fixed-array elements
+    std::string companion_name; // count/length field named by a var array or var string
+    int companion = -1;         // resolved both ways (see ops/types.h)
+    std::string select_name;    // member: discriminator literal
     uint32_t select = 0;
     int from = 0;
-    bool discriminator = false;      // the field that selects a union's member
+    bool discriminator = false; // the field that selects a union's member
 
     // layout
     unsigned offset = 0, size = 0, elem_size = 0, align = 1;
@@ -89,7 +89,7 @@ struct Type {
     unsigned sttr_size = 0, sttr_align = 1;
 
     // identity
-    std::string definition;     // canonical definition text
+    std::string definition; // canonical definition text
     bool fingerprinted = false, fingerprinting = false;
     std::array<uint8_t, 16> fingerprint{};
     std::array<uint8_t, 16> second_digest{};

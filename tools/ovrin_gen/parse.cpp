@@ -113,8 +113,7 @@ Field parse_field(int line, std::vector<std::string> w) {
     f.name = identifier(line, w[0], "field name");
     std::string type = w[1];
     if (type == "var_string") {
-        if (w.size() != 4 || w[2] != "length")
-            throw Error(line, "expected '" + f.name + " var_string length <length field>'");
+        if (w.size() != 4 || w[2] != "length") throw Error(line, "expected '" + f.name + " var_string length <length field>'");
         f.shape = Shape::var_string;
         f.type_name = type;
         f.companion_name = identifier(line, w[3], "length field");
@@ -126,8 +125,7 @@ Field parse_field(int line, std::vector<std::string> w) {
         std::string bound = type.substr(bracket + 1, type.size() - bracket - 2);
         f.type_name = identifier(line, type.substr(0, bracket), "element type");
         if (bound.empty()) {
-            if (w.size() != 4 || w[2] != "count")
-                throw Error(line, "expected '" + f.name + " " + type + " count <count field>'");
+            if (w.size() != 4 || w[2] != "count") throw Error(line, "expected '" + f.name + " " + type + " count <count field>'");
             f.shape = Shape::var_array;
             f.companion_name = identifier(line, w[3], "count field");
         } else {
@@ -158,7 +156,7 @@ std::optional<Prim> primitive(const std::string &name) {
 
 const char *prim_c_type(Prim p) {
     switch (p) {
-#define OVRIN_PRIM(K, T, S, A)                                                                                         \
+#define OVRIN_PRIM(K, T, S, A)                                                                                                   \
     case Prim::K: return #T;
         OVRIN_ALL_PRIMS(OVRIN_PRIM)
 #undef OVRIN_PRIM

@@ -25,8 +25,7 @@ static void hex(const char *what, const uint8_t *b, uint32_t n) {
 }
 
 /* The encoding of an instance on handle h into buf (of size cap); the count written, 0 on error. */
-static uint32_t encode(const ovrin_sm_type_ops *o, mgx_handle_t *h, const void *instance, uint8_t *buf,
-                       uint32_t cap) {
+static uint32_t encode(const ovrin_sm_type_ops *o, mgx_handle_t *h, const void *instance, uint8_t *buf, uint32_t cap) {
     uint32_t err = 0;
     uint32_t space = o->len ? o->len(h, LUID, instance) : 5;
     if (space + 1 > cap) return 0;
