@@ -108,6 +108,10 @@ TEST_F(Enums, MarshalWritesFiveBytesAtTheDomainVariantAndRefusesShortSpace) {
     EXPECT_EQ(take_err(), 90u);
     EXPECT_EQ(sm_peer_state_marshal(h, 1, three.get(), e, 3, &err), 1u); // the variant byte fits, the value not
     EXPECT_EQ(take_err(), 90u);
+    EXPECT_EQ(sm_peer_state_marshal(h, 1, nullptr, e, 5, &err), 0u); // no buffer is no room, whatever the space says
+    EXPECT_EQ(take_err(), 90u);
+    EXPECT_EQ(sm_peer_state_unmarshal(h, 1, nullptr, e, 5, 0, &err), 0u);
+    EXPECT_EQ(take_err(), 90u);
 
     // ahead of the domain: 43, and the bytes still go out at the domain's variant
     uint8_t buf[5];
