@@ -73,14 +73,12 @@ struct Options {
 // The command line of decode or encode; -1 to go on, else the exit status.
 int parse_options(const Command &c, int argc, char **argv, Options &o) {
     Parser p(c, argc, argv);
+    // The switch each option sets, by its val (opt_hex and on, in order).
+    static constexpr bool Options::*switches[] = {&Options::hex,     &Options::xml,     &Options::json,          &Options::pretty,
+                                                  &Options::tracked, &Options::lenient, &Options::allow_trailing};
+    static_assert(std::size(switches) == opt_allow_trailing - opt_hex + 1, "a switch for every option");
     int status = p.run([&](int val, const char *) {
-        if (val == opt_hex) o.hex = true;
-        if (val == opt_xml) o.xml = true;
-        if (val == opt_json) o.json = true;
-        if (val == opt_pretty) o.pretty = true;
-        if (val == opt_tracked) o.tracked = true;
-        if (val == opt_lenient) o.lenient = true;
-        if (val == opt_allow_trailing) o.allow_trailing = true;
+        o.*switches[val - opt_hex] = true;
         return -1;
     });
     if (status >= 0) return status;
@@ -298,25 +296,38 @@ bool read_xml(const Options &o, const ovrin_sm_type_ops &ops, const std::string 
     return !err;
 }
 
-} // namespace
-
-int ovrin_cmd_decode(int argc, char **argv) {
+// The frame of decode and encode: the command line, the type, the input read whole, and an
+// instance of the type on a handle of its own (tracking with --tracked) that body works with;
+// then the instance is destroyed and the output flushed. body returns the exit status.
+template <class Body> int convert(const Command &c, int argc, char **argv, Body body) {
     Options o;
-    if (int status = parse_options(decode_command, argc, argv, o); status >= 0) return status;
+    if (int status = parse_options(c, argc, argv, o); status >= 0) return status;
     const ovrin_sm_type_ops *ops = find_type(o.type);
     if (!ops) return exit_usage;
-    std::vector<uint8_t> bytes;
-    if (!read_message(o.file, bytes)) return exit_failure;
+    std::vector<uint8_t> input;
+    if (!read_message(o.file, input)) return exit_failure;
+    Session s(o.tracked);
+    void *instance = ops->create(s.h, 1);
+    uint32_t err = 0;
+    ops->adjust_variant(s.h, 1, instance, &err);
+    int status = body(o, *ops, input, s.h, instance, err);
+    ops->destroy(s.h, 1, instance);
+    if (std::fflush(stdout) != 0) {
+        std::fprintf(stderr, "ovrin-sm: cannot write the output: %s\n", std::strerror(errno));
+        status = exit_failure;
+    }
+    return status;
+}
+
+// decode: the bytes (hexadecimal text with --hex) into the instance, rendered as text, XML or JSON.
+int decode_into(const Options &o, const ovrin_sm_type_ops &ops, std::vector<uint8_t> &bytes, mgx_handle_t *h, void *instance,
+                uint32_t &err) {
     std::string error;
     if (o.hex && !from_hex(std::exchange(bytes, {}), bytes, error)) {
         std::fprintf(stderr, "ovrin-sm: the input is not hexadecimal bytes: %s\n", error.c_str());
         return exit_failure;
     }
-    Session s(o.tracked);
-    void *instance = ops->create(s.h, 1);
-    uint32_t err = 0;
-    ops->adjust_variant(s.h, 1, instance, &err);
-    uint32_t used = ops->unmarshal(s.h, 1, bytes.data(), instance, static_cast<int32_t>(bytes.size()), 0, &err);
+    uint32_t used = ops.unmarshal(h, 1, bytes.data(), instance, static_cast<int32_t>(bytes.size()), 0, &err);
     int status = exit_ok;
     if (err) {
         std::fprintf(stderr, "ovrin-sm: %zu bytes do not decode as %s: error %u (%s) after %u bytes\n", bytes.size(), o.type, err,
@@ -333,9 +344,9 @@ int ovrin_cmd_decode(int argc, char **argv) {
     } else {
         Text text;
         Form form = o.json ? Form::json : o.xml ? Form::xml : Form::print;
-        long n = render(*ops, s.h, instance, form, o.pretty, text);
+        long n = render(ops, h, instance, form, o.pretty, text);
         if (n < 0) {
-            uint32_t code = mgx_handle_last_error(s.h) ? mgx_handle_last_error(s.h) : MGX_ENOMEM;
+            uint32_t code = mgx_handle_last_error(h) ? mgx_handle_last_error(h) : MGX_ENOMEM;
             std::fprintf(stderr, "ovrin-sm: %s could not be rendered: error %u (%s)\n", o.type, code, mgx_strerror(code));
             status = exit_failure;
         } else if (o.pretty && o.xml) {
@@ -347,33 +358,20 @@ int ovrin_cmd_decode(int argc, char **argv) {
         }
         if (used < bytes.size()) std::fprintf(stderr, "ovrin-sm: %zu trailing bytes left over\n", bytes.size() - used);
     }
-    ops->destroy(s.h, 1, instance);
-    if (std::fflush(stdout) != 0) {
-        std::fprintf(stderr, "ovrin-sm: cannot write the output: %s\n", std::strerror(errno));
-        status = exit_failure;
-    }
     return status;
 }
 
-int ovrin_cmd_encode(int argc, char **argv) {
-    Options o;
-    if (int status = parse_options(encode_command, argc, argv, o); status >= 0) return status;
-    const ovrin_sm_type_ops *ops = find_type(o.type);
-    if (!ops) return exit_usage;
-    std::vector<uint8_t> input;
-    if (!read_message(o.file, input)) return exit_failure;
+// encode: the document (JSON or XML) into the instance, written as wire bytes (hexadecimal with --hex).
+int encode_from(const Options &o, const ovrin_sm_type_ops &ops, std::vector<uint8_t> &input, mgx_handle_t *h, void *instance,
+                uint32_t &err) {
     // Where the document is, as the places in messages name it (compilers' FILE:LINE:COL).
     const std::string where = !o.file || !std::strcmp(o.file, "-") ? "<stdin>" : o.file;
-    Session s(o.tracked);
-    void *instance = ops->create(s.h, 1);
-    uint32_t err = 0;
-    ops->adjust_variant(s.h, 1, instance, &err);
     int status = exit_failure;
     const bool json = o.json || looks_json(input);
-    if (json ? read_json(o, *ops, where, input, s.h, instance) : read_xml(o, *ops, where, input, s.h, instance)) {
-        uint32_t n = ops->len ? ops->len(s.h, 1, instance) : 5; // an enumeration's encoding is 5 bytes
+    if (json ? read_json(o, ops, where, input, h, instance) : read_xml(o, ops, where, input, h, instance)) {
+        uint32_t n = ops.len ? ops.len(h, 1, instance) : 5; // an enumeration's encoding is 5 bytes
         std::vector<uint8_t> out(n + 1);
-        n = ops->marshal(s.h, 1, out.data(), instance, static_cast<int32_t>(n), &err);
+        n = ops.marshal(h, 1, out.data(), instance, static_cast<int32_t>(n), &err);
         if (err) {
             std::fprintf(stderr, "ovrin-sm: %s does not encode: error %u (%s)%s\n", o.type, err, mgx_strerror(err),
                          o.lenient && !json ? "; without --lenient the document check says where" : "");
@@ -383,10 +381,11 @@ int ovrin_cmd_encode(int argc, char **argv) {
             else std::fwrite(out.data(), 1, n, stdout);
         }
     }
-    ops->destroy(s.h, 1, instance);
-    if (std::fflush(stdout) != 0) {
-        std::fprintf(stderr, "ovrin-sm: cannot write the output: %s\n", std::strerror(errno));
-        status = exit_failure;
-    }
     return status;
 }
+
+} // namespace
+
+int ovrin_cmd_decode(int argc, char **argv) { return convert(decode_command, argc, argv, decode_into); }
+
+int ovrin_cmd_encode(int argc, char **argv) { return convert(encode_command, argc, argv, encode_from); }
