@@ -83,6 +83,25 @@ bool send_split(int fd, const std::vector<uint8_t> &bytes) {
     return write_all(fd, frame.data() + half, frame.size() - half);
 }
 
+// One answer received, checked against the one rebuilt here: counted as received and, when it
+// checks, as intact; false with the problem said when it does not.
+bool intact_answer(mgx::handle &h, const std::vector<uint8_t> &frame, Answer a, long session, ClientResult &r) {
+    ++r.received;
+    auto c = check_frame(h, frame, build_answer, a, session, "session manager");
+    if (!c.problem.empty()) {
+        r.problem = std::string(answer_name(a)) + " of session " + std::to_string(session) + " " + c.problem;
+        return false;
+    }
+    ++r.intact;
+    return true;
+}
+
+// After the script: false, said, when the session manager sent more than it holds.
+bool nothing_more(const FrameReader &in, ClientResult &r) {
+    if (in.holding()) r.problem = "the session manager sent more than the script holds";
+    return !in.holding();
+}
+
 // Plays sessions key+1 ... key+count on fd, checking every answer; false at the first problem.
 // A slow client sends each request in two parts.
 bool play(mgx::handle &h, int fd, long key, long count, long think_us, ClientResult &r, bool slow = false) {
@@ -117,25 +136,13 @@ bool play(mgx::handle &h, int fd, long key, long count, long think_us, ClientRes
             if (!answers.empty())
                 r.latency.add(
                     static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - sent_at).count()));
-            for (size_t i = 0; i < answers.size(); ++i) {
-                ++r.received;
-                auto c = check_frame(h, answers[i], build_answer, step.answers[i], session, "session manager");
-                if (!c.problem.empty()) {
-                    r.problem = std::string(answer_name(step.answers[i])) + " of session " + std::to_string(session) + " " +
-                                c.problem;
-                    return false;
-                }
-                ++r.intact;
-            }
+            for (size_t i = 0; i < answers.size(); ++i)
+                if (!intact_answer(h, answers[i], step.answers[i], session, r)) return false;
             if (think_us > 0) std::this_thread::sleep_for(pause.next());
         }
         r.sessions = s;
     }
-    if (in.holding()) {
-        r.problem = "the session manager sent more than the script holds";
-        return false;
-    }
-    return true;
+    return nothing_more(in, r);
 }
 
 // A batching client: sends every request of a window of 360 sessions before reading any answer,
@@ -167,22 +174,12 @@ bool play_batched(mgx::handle &h, int fd, long key, long count, ClientResult &r)
                         r.problem = std::string("no ") + answer_name(a) + " of session " + std::to_string(key + s);
                         return false;
                     }
-                    ++r.received;
-                    auto c = check_frame(h, frame, build_answer, a, key + s, "session manager");
-                    if (!c.problem.empty()) {
-                        r.problem = std::string(answer_name(a)) + " of session " + std::to_string(key + s) + " " + c.problem;
-                        return false;
-                    }
-                    ++r.intact;
+                    if (!intact_answer(h, frame, a, key + s, r)) return false;
                 }
             r.sessions = s;
         }
     }
-    if (in.holding()) {
-        r.problem = "the session manager sent more than the script holds";
-        return false;
-    }
-    return true;
+    return nothing_more(in, r);
 }
 
 // After its last frame a peer hangs up its sending half and waits for the session manager to
