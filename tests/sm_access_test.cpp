@@ -169,6 +169,30 @@ TEST_F(Access, WholeSetCarriesValuesFlagsAndOwnershipUnderTracking) {
     EXPECT_NE(untracked->identity_attrs.body, src->identity_attrs.body);
 }
 
+// A copy from an instance of an earlier variant leaves the target at that variant: the storage of
+// the target's later fields goes with them (the fixture counts what is left), and an array block
+// is released element by element as many as the target held, not as many as the source holds.
+TEST_F(Access, WholeSetReleasesWhatTheTargetHeldBeyondTheSource) {
+    mgx_handle_set_domain_variant(h, "sess_mgr_session_start", 0);
+    auto *early = own(sess_mgr_session_start_create(h, luid), sess_mgr_session_start_destroy);
+    mgx_handle_set_domain_variant(h, "sess_mgr_session_start", 1);
+    auto *later = own(sess_mgr_session_start_create(h, luid), sess_mgr_session_start_destroy);
+    later->cl_name.client_name = handle_text(h, "later-name", &later->cl_name.cl_name_len);
+    sess_mgr_session_start_set(h, luid, later, early, &err);
+    EXPECT_EQ(err, 0u);
+
+    auto *one = own(sess_mgr_sess_attr_query_resp_create(h, luid), sess_mgr_sess_attr_query_resp_destroy);
+    auto *three = own(sess_mgr_sess_attr_query_resp_create(h, luid), sess_mgr_sess_attr_query_resp_destroy);
+    auto *value = own(sess_mgr_query_resp_create(h, luid), sess_mgr_query_resp_destroy);
+    aaa_tlv_attr_add(h, luid, &value->attr_list, 1, "alice", 5, &err);
+    sess_mgr_sess_attr_query_resp_resp_array_set(h, luid, one, 0, value, &err);
+    for (uint32_t k = 0; k < 3; ++k) sess_mgr_sess_attr_query_resp_resp_array_set(h, luid, three, k, value, &err);
+    ASSERT_EQ(err, 0u);
+    sess_mgr_sess_attr_query_resp_set(h, luid, three, one, &err);
+    EXPECT_EQ(err, 0u);
+    EXPECT_EQ(three->no_of_entries, 1u);
+}
+
 TEST_F(Access, GetAllAndSetAllAreDeliberatelyAsymmetric) {
     auto *d = own(sm_dot11_params_create(h, luid), sm_dot11_params_destroy);
     d->oui[0] = 0xEE;
