@@ -108,6 +108,19 @@ TYPED_TEST(PrimTest, PrintAndXmlForms) {
 
 using ScalarTest = RuntimeFixture;
 
+// Addresses order by their bytes as they travel, the first deciding: a MAC or IPv6 address whose
+// first byte is lower is lower whatever follows.
+TEST_F(ScalarTest, AddressesOrderByTheirBytesFirstByteFirst) {
+    const mgx_mac_addr mac_low{{0x00, 0xff, 0xff, 0xff, 0xff, 0xff}}, mac_high{{0x01, 0, 0, 0, 0, 0}};
+    EXPECT_EQ(mgx_mac_addr_compare(&mac_low, &mac_high), -1);
+    EXPECT_EQ(mgx_mac_addr_compare(&mac_high, &mac_low), 1);
+    EXPECT_EQ(mgx_mac_addr_compare(&mac_low, &mac_low), 0);
+    const ipv6_addr v6_low = v6("fe80::ffff"), v6_high = v6("ff00::1");
+    EXPECT_EQ(ipv6_addr_compare(&v6_low, &v6_high), -1);
+    EXPECT_EQ(ipv6_addr_compare(&v6_high, &v6_low), 1);
+    EXPECT_EQ(ipv6_addr_compare(&v6_high, &v6_high), 0);
+}
+
 TEST_F(ScalarTest, BooleansAreNormalisedToZeroOrOne) {
     mgx_boolean b = 0, raw = 0x100; // raw: a non-zero value written behind the setters' back
     mgx_boolean_set_value(h, 0, &b, 7, &err);

@@ -169,6 +169,33 @@ TEST_F(Access, WholeSetCarriesValuesFlagsAndOwnershipUnderTracking) {
     EXPECT_NE(untracked->identity_attrs.body, src->identity_attrs.body);
 }
 
+// A copy from an instance of an earlier variant (in the same layout, as a decode from an older
+// sender leaves it) into one of a later variant, under a domain of the earlier, brings the target
+// down to that variant: the storage of the target's later fields goes with them (the fixture
+// counts what is left). An array block is released element by element, as many as the target
+// held, not as many as the source holds.
+TEST_F(Access, WholeSetReleasesWhatTheTargetHeldBeyondTheSource) {
+    auto *early = own(sess_mgr_session_start_create(h, luid), sess_mgr_session_start_destroy);
+    auto *later = own(sess_mgr_session_start_create(h, luid), sess_mgr_session_start_destroy);
+    early->variant = 0;
+    later->cl_name.client_name = handle_text(h, "later-name", &later->cl_name.cl_name_len);
+    mgx_handle_set_domain_variant(h, "sess_mgr_session_start", 0);
+    sess_mgr_session_start_set(h, luid, later, early, &err);
+    EXPECT_EQ(err, 0u);
+    EXPECT_EQ(later->variant, 0);
+
+    auto *one = own(sess_mgr_sess_attr_query_resp_create(h, luid), sess_mgr_sess_attr_query_resp_destroy);
+    auto *three = own(sess_mgr_sess_attr_query_resp_create(h, luid), sess_mgr_sess_attr_query_resp_destroy);
+    auto *value = own(sess_mgr_query_resp_create(h, luid), sess_mgr_query_resp_destroy);
+    aaa_tlv_attr_add(h, luid, &value->attr_list, 1, "alice", 5, &err);
+    sess_mgr_sess_attr_query_resp_resp_array_set(h, luid, one, 0, value, &err);
+    for (uint32_t k = 0; k < 3; ++k) sess_mgr_sess_attr_query_resp_resp_array_set(h, luid, three, k, value, &err);
+    ASSERT_EQ(err, 0u);
+    sess_mgr_sess_attr_query_resp_set(h, luid, three, one, &err);
+    EXPECT_EQ(err, 0u);
+    EXPECT_EQ(three->no_of_entries, 1u);
+}
+
 TEST_F(Access, GetAllAndSetAllAreDeliberatelyAsymmetric) {
     auto *d = own(sm_dot11_params_create(h, luid), sm_dot11_params_destroy);
     d->oui[0] = 0xEE;

@@ -68,6 +68,18 @@ TEST(Demo, RepeatedSessionsShowOnlyTheFirstMessageByMessage) {
     EXPECT_EQ(occurrences(r.out, "hash "), 13u);
 }
 
+// --memory-every N: both processes report their memory after every Nth session, with their
+// handles holding nothing between sessions.
+TEST(Demo, BothSidesReportTheirMemoryEveryNSessions) {
+    Outcome r = demo("--quiet --count 4 --memory-every 2");
+    ASSERT_EQ(r.status, 0) << r.out;
+    for (const char *side : {"client", "session manager"})
+        for (const char *after : {" after 2 sessions: rss ", " after 4 sessions: rss "})
+            EXPECT_EQ(occurrences(r.out, std::string("memory: ") + side + after), 1u) << side << after << " in\n" << r.out;
+    EXPECT_EQ(occurrences(r.out, "memory: "), 4u) << r.out;
+    EXPECT_EQ(occurrences(r.out, ", live allocations 0\n"), 4u) << r.out;
+}
+
 // A damaged frame in either direction is reported by its receiver, the session goes on to the
 // end, and the verdict and the exit status say so; nothing crashes. (Arguments the tool refuses
 // are the tool tests'.)

@@ -74,6 +74,16 @@ TEST_F(Wire, OneFieldRecordExactBytesUntrackedAndTracked) {
     // Zero space: 90 and nothing; a negative variant: the header alone with a jump of 4.
     EXPECT_EQ(sess_mgr_conn_hdl_marshal(h, 1, buf, c, 0, &err), 0u);
     EXPECT_EQ(take_err(), 90u);
+    // A code already in the caller's slot: neither encode nor decode runs, and the code stays.
+    uint8_t untouched[16];
+    std::memset(untouched, 0xA5, sizeof untouched);
+    err = MGX_EINVAL;
+    EXPECT_EQ(sess_mgr_conn_hdl_marshal(h, 1, untouched, c, sizeof untouched, &err), 0u);
+    c->conn_hdl = 3;
+    EXPECT_EQ(sess_mgr_conn_hdl_unmarshal(h, 1, buf, c, 11, 0, &err), 0u);
+    EXPECT_EQ(take_err(), MGX_EINVAL);
+    EXPECT_EQ(Bytes(untouched, untouched + sizeof untouched), Bytes(sizeof untouched, 0xA5));
+    EXPECT_EQ(c->conn_hdl, 3u);
     c->variant = -1;
     ASSERT_EQ(sess_mgr_conn_hdl_marshal(h, 1, buf, c, sizeof buf, &err), 6u);
     EXPECT_EQ(Bytes(buf, buf + 6), cat({{0xff, 0x08}, be32(4)}));

@@ -42,6 +42,10 @@ $ev<cl_name><cl_name_len>6</cl_name_len><client_name>alice</client_name></cl_nam
 <sess_mgr_sess_attr_query_resp><no_of_entries>1</no_of_entries><resp_array/><resp_array/></sess_mgr_sess_attr_query_resp>|/sess_mgr_sess_attr_query_resp/no_of_entries: says 1, but 2 resp_array elements are given
 <sess_mgr_new_client_notif><attr_list><attr><type>1</type><type>2</type><value>ab</value></attr></attr_list></sess_mgr_new_client_notif>|/sess_mgr_new_client_notif/attr_list/attr[1]: type or value given more than once; only the first is read
 CASES
+# A member is selected by its literal's user value, which for a literal of a later variant is not
+# its wire value (SESS_MGR_RCL_IN_REMOTE_UPDATE is 25, travelling as 24).
+printf '%s' '<ovrin_smd_in_event><event_type><SESS_MGR_RCL_IN_REMOTE_UPDATE/></event_type><event_type-remote_update><conn_hdl><conn_hdl>7</conn_hdl></conn_hdl></event_type-remote_update></ovrin_smd_in_event>' > "$work/doc.xml"
+"$tool" encode ovrin_smd_in_event "$work/doc.xml" > /dev/null 2> "$work/err" || fail "the selected member refused: $(cat "$work/err")"
 # Not well-formed, the wrong root, bytes that are not hex or hex without --hex: each says where.
 printf '<a>\n<b></a>' | expect 1 "<stdin>:2:8: not a well-formed XML document: Opening and ending tag mismatch: b line 2 and a" encode sess_mgr_register -
 # The check's problems carry the file and the line; a number says why it is refused.
@@ -50,6 +54,9 @@ expect 1 "$work/numbers.xml:2: /sess_mgr_register/session_type: -1: below 0" enc
 grep -qxF "$work/numbers.xml:3: /sess_mgr_register/cb_bitmap: 99999999999: above 4294967295 for u_int32" "$work/err" &&
     grep -qxF "$work/numbers.xml:4: /sess_mgr_register/rcl_conn_hdl/conn_hdl: abc: not a number" "$work/err" ||
     fail "numbers: $(cat "$work/err")"
+# A count that disagrees with its array is placed at the first element given.
+printf '<sess_mgr_sess_attr_query_resp>\n<no_of_entries>1</no_of_entries>\n<query_hdl>2</query_hdl>\n<resp_array/>\n<resp_array/>\n</sess_mgr_sess_attr_query_resp>' > "$work/count.xml"
+expect 1 "$work/count.xml:4: /sess_mgr_sess_attr_query_resp/no_of_entries: says 1, but 2 resp_array elements are given" encode sess_mgr_sess_attr_query_resp "$work/count.xml"
 # Each width's largest value is taken and one more refused; a repeat is placed where it repeats.
 printf '<sm_dot11_params><apfMsLradSlotId>255</apfMsLradSlotId><vlan_id>65535</vlan_id></sm_dot11_params>' |
     "$tool" encode sm_dot11_params > /dev/null || fail "the largest u_int8 and u_int16 values were refused"
@@ -107,6 +114,13 @@ grep -qx '  <no_of_entries>1</no_of_entries>' "$work/skel.xml" && grep -qx '    
 grep -Eq '^  event_type-remote_update +sess_mgr_remote_update +union member \(record\) +8 +200  1 +when event_type is SESS_MGR_RCL_IN_REMOTE_UPDATE$' \
     "$work/members" || fail "arm line: $(grep remote_update "$work/members")"
 "$tool" types ovrin_sm_in_event_type | grep -Eq '^  SESS_MGR_RCL_IN_REMOTE_UPDATE +25 +24  1$' || fail "literal line"
+# A companion is named from both ends: a length for a string, a count for an array.
+"$tool" types sess_mgr_client_name > "$work/members"
+grep -Eq '^  cl_name_len +u_int32 .* length of client_name$' "$work/members" &&
+    grep -Eq '^  client_name +char .* length in cl_name_len$' "$work/members" || fail "string lines: $(cat "$work/members")"
+"$tool" types sess_mgr_sess_attr_query_resp > "$work/members"
+grep -Eq '^  no_of_entries +u_int32 .* count of resp_array$' "$work/members" &&
+    grep -Eq '^  resp_array +sess_mgr_query_resp .* count in no_of_entries$' "$work/members" || fail "array lines: $(cat "$work/members")"
 
 # Whole output: a message of several megabytes (3000 attributes of 1000 bytes) in the print form
 # and as XML, which encodes back to the same bytes.

@@ -53,6 +53,7 @@ while IFS='|' read -r t doc pattern; do
     "$tool" encode "$t" --lenient "$work/doc.json" > /dev/null || fail "--lenient refused: $doc"
 done <<CASES
 ovrin_smd_in_event|{"event_type":"SESS_MGR_RCL_IN_REGISTER","reg_client":{"sesion_type":2}}|$work/doc.json:1:70: /reg_client/sesion_type: sess_mgr_register has no member sesion_type; did you mean session_type?
+ovrin_smd_in_event|{"event_type":"SESS_MGR_RCL_IN_REGISTER","reg_client":{},"reg_clent":{}}|:1:70: /reg_clent: ovrin_smd_in_event has no member reg_clent; did you mean reg_client?
 ovrin_smd_in_event|{"event_type":"SESS_MGR_RCL_IN_REGISTER","reg_client":{},"start_client":{}}|:1:73: /start_client: event_type is SESS_MGR_RCL_IN_REGISTER, which selects reg_client
 sess_mgr_register|{"session_type":1,"session_type":2}|:1:32: /session_type: duplicate object key near '"session_type"'
 sess_mgr_register|{"rcl_conn_hdl":{"conn_hdl":"7"}}|:1:29: /rcl_conn_hdl/conn_hdl: expected a number, found a string
