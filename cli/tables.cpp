@@ -13,6 +13,7 @@ const ovrin::Bundle ovrin::bundle = {
     .trace_table = nullptr,
     .trace_module = nullptr,
     .traced_once = nullptr,
+    .code = nullptr,
 };
 
 #include "cli/tables.h"

@@ -12,7 +12,8 @@ function(ovrin_generate domain catalogue gen_dir)
     ${gen_dir}/src/sm_trace.cpp
     ${gen_dir}/src/sm_manifest.cpp
     ${gen_dir}/src/sm_optable.cpp
-    ${gen_dir}/src/sm_dependents.cpp)
+    ${gen_dir}/src/sm_dependents.cpp
+    ${gen_dir}/src/sm_wire.cpp)
   set(gen_outputs ${gen_sources}
     ${gen_dir}/include/${domain}/types.h
     ${gen_dir}/include/${domain}/ops.h
@@ -22,6 +23,7 @@ function(ovrin_generate domain catalogue gen_dir)
     ${gen_dir}/include/${domain}/${domain}.hpp
     ${gen_dir}/include/${domain}_internal/tables.h
     ${gen_dir}/include/${domain}_internal/tables.inc
+    ${gen_dir}/include/${domain}_internal/wire.h
     ${gen_dir}/include/bundle_frame.h
     ${gen_dir}/${domain}.map)
   # The build record names the catalogue by its path in the source tree, not the build directory,
@@ -44,7 +46,20 @@ endfunction()
 function(ovrin_add_bundle target domain catalogue gen_dir)
   ovrin_generate(${domain} ${catalogue} ${gen_dir})
   file(GLOB frame_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/frame/*.cpp)
-  add_library(${target} SHARED ${frame_sources} ${${domain}_GENERATED_SOURCES})
+  # The bundle's own objects, compiled once: the shared library is made of them, and so are the
+  # programs that look inside it (TARGET_objects: the differential check of the compiled wire code
+  # against the table walk), which link them with the engine instead of the library.
+  add_library(${target}_objects OBJECT ${frame_sources} ${${domain}_GENERATED_SOURCES})
+  set_target_properties(${target}_objects PROPERTIES POSITION_INDEPENDENT_CODE ON)
+  target_link_libraries(${target}_objects PUBLIC ovrin_engine)
+  target_include_directories(${target}_objects PUBLIC ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include ${gen_dir}/include)
+  # Every primitive is a call into the runtime: through the GOT directly rather than a PLT stub.
+  # No C++ exception can leave an exported operation: the bundle is built without exceptions and
+  # makes no allocation through the C++ library (its scratch memory comes from the handle or the
+  # C heap, which report failure as null). A test checks its imports for anything that could throw.
+  target_compile_options(${target}_objects PRIVATE -fno-plt -fno-exceptions)
+  add_dependencies(${target}_objects ${${domain}_GENERATED_DEPENDS})
+  add_library(${target} SHARED $<TARGET_OBJECTS:${target}_objects>)
   target_link_libraries(${target} PRIVATE ovrin_engine)
   target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
                                               $<BUILD_INTERFACE:${gen_dir}/include>
@@ -53,11 +68,6 @@ function(ovrin_add_bundle target domain catalogue gen_dir)
   # The bundle reaches the runtime by symbol name only: it is linked against libmgx.so for the
   # dependency entry, but compiles against the contract header alone.
   target_link_libraries(${target} PUBLIC mgx)
-  # Every primitive is a call into the runtime: through the GOT directly rather than a PLT stub.
-  # No C++ exception can leave an exported operation: the bundle is built without exceptions and
-  # makes no allocation through the C++ library (its scratch memory comes from the handle or the
-  # C heap, which report failure as null). A test checks its imports for anything that could throw.
-  target_compile_options(${target} PRIVATE -fno-plt -fno-exceptions)
   # clang links its sanitizer and fuzzer runtimes into the executables only, so an instrumented
   # library cannot be complete on its own.
   if(NOT (CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND (OVRIN_SANITIZE OR OVRIN_TSAN OR OVRIN_FUZZ)))

@@ -74,6 +74,16 @@ enum TypeFlag : uint32_t {
     type_flag_select_by_user_value = 1u << 0,
 };
 
+// The compiled wire code of a record or union (generated per type; see ops/wire/code.h): the same
+// operations as wire_length, encode and decode, with the type's members written in.
+struct WireCode {
+    uint32_t (*length)(mgx_handle_t *h, uint32_t luid, const void *instance);
+    uint32_t (*encode)(mgx_handle_t *h, uint32_t luid, uint8_t *buf, const void *instance, int32_t space, bool check,
+                       uint32_t *err);
+    uint32_t (*decode)(mgx_handle_t *h, uint32_t luid, const uint8_t *buf, void *instance, int32_t length, uint32_t flags,
+                       uint32_t *err);
+};
+
 // What the engine needs of the bundle a type belongs to; everything else it knows of a type is in
 // the type's own table. The generator emits one per catalogue and points every type at it, so the
 // engine itself is compiled without any catalogue.
@@ -86,6 +96,8 @@ struct Bundle {
     mgx_trace_table_t *trace_table; // the bundle's message table
     const uint16_t *trace_module;   // where trace_init leaves the module id
     uint8_t *traced_once;           // type_count flags for the messages given once per process
+    const WireCode *code;           // each type's compiled wire code, by registration order; null in
+                                    // the private copies of the tables that tests and tools keep
 };
 
 // One member of a type's wire form at one variant, worked out by the generator: a scalar is read

@@ -14,6 +14,7 @@
         .trace_table = nullptr,                                                                                                  \
         .trace_module = nullptr,                                                                                                 \
         .traced_once = nullptr,                                                                                                  \
+        .code = nullptr,                                                                                                         \
     };
 
 #endif

@@ -42,19 +42,19 @@ const std::vector<EntryPoint> &entry_points() {
         {"is_valid_cr", k_composite, "mgx_boolean", "mgx_handle_t *h, const $T *instance, uint32_t member_index, uint32_t flags",
          "ovrin::is_valid_cr($table, h, instance, member_index, flags)"},
         // Wire form and clone: records and unions.
-        {"len", k_composite, "uint32_t", "mgx_handle_t *h, uint32_t luid, const $T *instance",
-         "ovrin::wire_length($table, h, luid, instance)"},
-        {"len_cr", k_composite, "uint32_t", "mgx_handle_t *h, const $T *instance", "ovrin::wire_length_cr($table, h, instance)"},
+        {"len", k_composite, "uint32_t", "mgx_handle_t *h, uint32_t luid, const $T *instance", "$wire_length(h, luid, instance)"},
+        {"len_cr", k_composite, "uint32_t", "mgx_handle_t *h, const $T *instance",
+         "ovrin::wire::length_cr(h, instance, $wire_length)"},
         {"marshal", k_composite, "uint32_t",
          "mgx_handle_t *h, uint32_t luid, uint8_t *buf, const $T *instance, int32_t space, uint32_t *err",
-         "ovrin::encode($table, h, luid, buf, instance, space, true, err)"},
+         "$wire_encode(h, luid, buf, instance, space, true, err)"},
         {"marshal_for_clone", k_composite, "uint32_t",
          "mgx_handle_t *h, uint32_t luid, uint8_t *buf, const $T *instance, int32_t space, uint32_t *err",
-         "ovrin::encode($table, h, luid, buf, instance, space, false, err)"},
+         "$wire_encode(h, luid, buf, instance, space, false, err)"},
         {"unmarshal", k_composite, "uint32_t",
          "mgx_handle_t *h, uint32_t luid, const uint8_t *buf, $T *instance, int32_t length, uint32_t flags, "
          "uint32_t *err",
-         "ovrin::decode($table, h, luid, buf, instance, length, flags, err)"},
+         "$wire_decode(h, luid, buf, instance, length, flags, err)"},
         {"adjust_variant", k_composite, "uint32_t", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
          "ovrin::adjust_variant($table, h, luid, instance, err)"},
         {"clone", k_composite, "void",
@@ -371,6 +371,7 @@ std::string fill_in(std::string text, const Type &t, const Field *f, size_t fiel
         text = replace_all(text, "$F", f->name);
     }
     text = replace_all(text, "$table", table);
+    text = replace_all(text, "$wire", "ovrin::wire_code::" + t.name);
     return replace_all(text, "$T", t.name);
 }
 

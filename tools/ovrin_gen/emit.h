@@ -107,6 +107,22 @@ std::string replace_all(std::string s, const std::string &from, const std::strin
 std::vector<std::string> exported_names(const Catalogue &c);
 inline constexpr const char *generated_banner = "Generated from the @D@ catalogue by ovrin_gen; do not edit.";
 
+// One member of a type's wire form at one variant: a scalar goes straight to its kind's reader or
+// writer, with a state byte behind it unless it is a count or length (counter); anything else is
+// composite and goes through the engine's field walker. The type tables' wire plans and the
+// compiled wire code are both made from this list, so their steps are the same.
+struct WireStep {
+    size_t field; // index in the type's fields
+    bool composite, counter;
+};
+std::vector<WireStep> wire_steps(const Type &t, int variant);
+// The field kind the engine's tables name (ops/kinds.h: a primitive, character, enumeration, record).
+const char *kind_name(const Field &f);
+// src/sm_wire.cpp and NAME_internal/wire.h: the compiled wire code (length, encode, decode per
+// record and union).
+std::string emit_wire_header(const Catalogue &c);
+std::string emit_wire_source(const Catalogue &c);
+
 // The integer fields that _set_all takes, in field order (u_int64 is not among them). The type
 // tables carry the answer (Field::roles), so that the engine walks the very fields the generated
 // parameter lists name.

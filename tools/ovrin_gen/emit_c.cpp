@@ -385,7 +385,9 @@ std::string emit_runtime_ops(const Catalogue &c) {
 std::string emit_entry_points(const Catalogue &c) {
     std::string s = format("// The per-type entry points: each a call of a generic operation with its type's table.\n// %s\n",
                            generated_banner);
-    s += "#include \"ops/ops.h\"\n#include \"@D@/ops.h\"\n#include \"@D@_internal/tables.h\"\n\nextern \"C\" {\n";
+    s +=
+        "#include \"ops/ops.h\"\n#include \"@D@/ops.h\"\n#include \"@D@_internal/tables.h\"\n#include \"@D@_internal/wire.h\"\n\n"
+        "extern \"C\" {\n";
     for (const auto &t : c.types) {
         s += "\n";
         for (const Wrapper &w : wrappers_of(*t))

@@ -9,8 +9,6 @@
 
 namespace gen {
 
-namespace {
-
 const char *kind_name(const Field &f) {
     if (f.shape == Shape::var_string) return "character";
     if (f.prim) {
@@ -23,6 +21,18 @@ const char *kind_name(const Field &f) {
     }
     return f.type->is_enum() ? "enumeration" : "record";
 }
+
+std::vector<WireStep> wire_steps(const Type &t, int variant) {
+    std::vector<WireStep> steps;
+    for (size_t i = 0; i < t.fields.size(); ++i) {
+        const Field &f = t.fields[i];
+        if (f.from > variant) continue;
+        steps.push_back({i, f.shape != Shape::scalar, f.companion >= 0 && f.shape == Shape::scalar});
+    }
+    return steps;
+}
+
+namespace {
 
 const char *shape_name(Shape s) {
     switch (s) {
@@ -109,22 +119,17 @@ Plan plan_of(const Type &t) {
     return p;
 }
 
-// A type's wire plan at one variant: one step per member present, in declaration order. A scalar
-// goes straight to its kind's reader or writer, with a state byte behind it unless it is a count
-// or length; anything else is composite and goes through the engine's field walker.
+// A type's wire plan at one variant, one table entry per step of wire_steps.
 std::string wire_plan(const Type &t, int variant) {
     std::string s;
-    for (size_t i = 0; i < t.fields.size(); ++i) {
-        const Field &f = t.fields[i];
-        if (f.from > variant) continue;
-        bool composite = f.shape != Shape::scalar;
-        bool counter = f.companion >= 0 && f.shape == Shape::scalar;
+    for (const WireStep &step : wire_steps(t, variant)) {
+        const Field &f = t.fields[step.field];
         std::string type = f.type ? "&" + f.type->name : "nullptr";
         s += format("    {.type = %s, .offset = %u, .sttr_pos = %u, .field = %zu, .kind = Kind::%s, .flags = %s},\n",
-                    type.c_str(), f.offset, f.sttr_pos, i, kind_name(f),
-                    composite ? "step_composite"
-                    : counter ? "0"
-                              : "step_state_byte");
+                    type.c_str(), f.offset, f.sttr_pos, step.field, kind_name(f),
+                    step.composite ? "step_composite"
+                    : step.counter ? "0"
+                                   : "step_state_byte");
     }
     return s;
 }
@@ -211,14 +216,16 @@ std::string emit_tables(const Catalogue &c) {
 
 std::string emit_tables_source(const Catalogue &c) {
     std::string s = format("// The type tables, held against the public structs. %s\n", generated_banner);
-    s += "#include \"@D@_internal/tables.inc\"\n#include \"ops/enum/enum.h\"\n#include \"@D@/ops.h\"\n\n";
+    s += "#include \"@D@_internal/tables.inc\"\n#include \"@D@_internal/wire.h\"\n#include \"ops/enum/enum.h\"\n#include "
+         "\"@D@/ops.h\"\n\n";
     // The library's own copy of the tables points at the bundle context; private copies (tests,
     // tools) define a context of their own.
     s += format("namespace {\nuint8_t traced_once[%zu];\n} // namespace\n\n", c.types.size());
     s += format("const ovrin::Bundle ovrin::bundle = {\n    .domain = \"@D@\",\n    .type_count = %zu,\n"
                 "    .types = ovrin::table::all,\n    .register_types = @D@_typeinfo_initialize,\n"
                 "    .trace_init = mgx_@D@_trace_init,\n    .trace_table = &ovrin::trace_table,\n"
-                "    .trace_module = &g_mgx_@D@_trace_module_id,\n    .traced_once = traced_once,\n};\n\n",
+                "    .trace_module = &g_mgx_@D@_trace_module_id,\n    .traced_once = traced_once,\n"
+                "    .code = ovrin::wire_code::by_type,\n};\n\n",
                 c.types.size());
     for (const auto &t : c.types) {
         if (t->is_enum()) {

@@ -11,9 +11,10 @@
 //   include/NAME/NAME.hpp               public: the C++ interface
 //   include/NAME_internal/tables.h      internal: declarations of the type tables
 //   include/NAME_internal/tables.inc    internal: definitions of the type tables
+//   include/NAME_internal/wire.h        internal: declarations of the compiled wire code
 //   include/bundle_frame.h              internal: the bundle's names, for the frame's sources
 //   src/sm_tables.cpp src/sm_descriptors.cpp src/sm_entry.cpp src/sm_trace.cpp src/sm_manifest.cpp
-//   src/sm_optable.cpp src/sm_dependents.cpp
+//   src/sm_optable.cpp src/sm_dependents.cpp src/sm_wire.cpp
 //   NAME.map                            the linker's export list
 // Files whose contents did not change are left untouched, so that nothing rebuilds needlessly.
 #include <cctype>
@@ -120,6 +121,8 @@ int main(int argc, char **argv) {
         write(pub / "optable.h", gen::emit_optable_header(c));
         write("src/sm_optable.cpp", gen::emit_optable_source(c));
         write("src/sm_dependents.cpp", gen::emit_dependents(c));
+        write(internal / "wire.h", gen::emit_wire_header(c));
+        write("src/sm_wire.cpp", gen::emit_wire_source(c));
         write(pub / (domain + ".hpp"), gen::emit_cxx_header(c));
         write(domain + ".map", gen::emit_version_script(c));
     } catch (const gen::Error &e) {
