@@ -2,6 +2,8 @@
 // layout (byte 0 of the wire, XML and reuse inputs is 0: no allocation refused):
 //
 //   wire         every type (every member of a union) fully filled, encoded untracked and tracked
+//   wire_diff, wire_diff_shapes
+//                the same encodings, with a space to encode into of all their length
 //   xml          the same instances written as XML (when the library has the XML family)
 //   reuse        pairs of those encodings of one type: one member then the next, tracked and not,
 //                a tracked receiver given an untracked sender's bytes, a filled instance then an
@@ -162,6 +164,9 @@ void write_message_seeds(const fs::path &dir) {
                 Bytes wire = typeops::encode(o, h, instance, &err);
                 if (err) fuzz::die("encode of " + stem + ": error " + std::to_string(err));
                 write(dir / "wire" / stem, {0, type, static_cast<uint8_t>(tracked)}, wire);
+                // The differential target reads the same form (its shapes twin takes them as a start).
+                for (const char *twin : {"wire_diff", "wire_diff_shapes"})
+                    write(dir / twin / stem, {0, type, static_cast<uint8_t>(tracked | 0xFC)}, wire);
                 enc[i].filled[tracked].push_back(wire);
                 if (o.to_xml) {
                     std::vector<char> text(1 << 16);

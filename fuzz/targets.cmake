@@ -1,7 +1,8 @@
 # The fuzz targets and what each is built from, shared by the fuzz build (each linked with
 # libFuzzer) and the test build (each linked with tests/fuzz_replay.cpp, which replays the inputs
 # kept in fuzz/regressions/ through the same code).
-set(OVRIN_FUZZ_TARGETS wire xml xml_dtd reuse trace elf trace_files trace_format xml_check catalogue json)
+set(OVRIN_FUZZ_TARGETS wire xml xml_dtd reuse trace elf trace_files trace_format xml_check catalogue json wire_diff
+    wire_diff_shapes)
 
 # ovrin_fuzz_executable(NAME TARGET SOURCES...): an executable from fuzz/TARGET_fuzz.cpp, the
 # target's helpers and the given sources.
@@ -17,6 +18,15 @@ function(ovrin_fuzz_executable name target)
   elseif(target STREQUAL "elf")
     list(APPEND sources ${PROJECT_SOURCE_DIR}/tests/sm_heap.cpp ${PROJECT_SOURCE_DIR}/cli/manifest_cmd.cpp
                         ${PROJECT_SOURCE_DIR}/cli/input.cpp)
+  elseif(target MATCHES "^wire_diff")
+    # The compiled wire code against the table walk: a bundle's own objects, which reach both, in
+    # place of its library (wire_diff_shapes: the second catalogue's, tests/shapes).
+    set(sources ${PROJECT_SOURCE_DIR}/fuzz/wire_diff_fuzz.cpp ${ARGN})
+    set(bundle ovrin_sm)
+    if(target STREQUAL "wire_diff_shapes")
+      set(bundle ovrin_shapes)
+    endif()
+    set(libraries ${bundle}_objects mgx ZLIB::ZLIB ${CMAKE_DL_LIBS})
   elseif(target STREQUAL "catalogue")
     list(APPEND libraries ovrin_catalogue) # the catalogue reader the generator and compat share
   elseif(target STREQUAL "trace_files")

@@ -134,11 +134,8 @@ public:
     void error(uint32_t code) { fail(h, err, code); }
     uint8_t flag(uint16_t sttr_pos) const { return area ? area[sttr_pos] : 0; }
 
-    // A run of fixed-width members of `width` bytes can go straight to the primitives.
+    // A run of fixed-width members of `width` bytes can go straight to the primitives (PutRun).
     bool fits(int32_t width) const { return !tracked && !*err && left() >= width; }
-    template <Kind K> void fast(const void *instance, uint16_t offset) {
-        pos += static_cast<int32_t>(PrimOf<K>::marshal(h, luid, buf + pos, bytes(instance) + offset, left(), err));
-    }
 
 private:
     uint32_t scratch_ = 0;
@@ -266,16 +263,8 @@ public:
     }
     void error(uint32_t code) { fail(h, err, code); }
 
-    // A run of fixed-width members of `width` bytes can come straight from the primitives.
+    // A run of fixed-width members of `width` bytes can come straight from the primitives (GetRun).
     bool fits(int32_t width) const { return !copy_state && !skip_state && !*err && left() >= width; }
-    template <Kind K> void fast(void *instance, uint16_t offset) {
-        pos += static_cast<int32_t>(PrimOf<K>::unmarshal(h, luid, buf + pos, bytes(instance) + offset, left(), flags, err));
-    }
-    // A count or length read in a run: what it held before is kept for the member it counts.
-    template <Kind K> void fast_counter(const Type &t, uint16_t field, void *instance, uint16_t offset) {
-        old_counts.keep(field, count_at(instance, t.fields[field]));
-        fast<K>(instance, offset);
-    }
 
 private:
     uint32_t scratch_ = 0;
@@ -307,6 +296,55 @@ template <class Get>
     }
     return !*r.err;
 }
+
+// A run of fixed-width members that fits (Writer::fits, Reader::fits), member after member
+// straight through the primitives, whose checks then cannot fail. Its place and room are kept in
+// locals and given back to the writer or reader once, at the end, so that a member costs its
+// primitive's call and little more.
+class PutRun {
+public:
+    explicit PutRun(Writer &w) : w_(w), at_(w.buf + w.pos), left_(w.left()), err_(w.err) {}
+    ~PutRun() { w_.pos = static_cast<int32_t>(at_ - w_.buf); }
+    PutRun(const PutRun &) = delete;
+    PutRun &operator=(const PutRun &) = delete;
+    template <Kind K> void put(mgx_handle_t *h, uint32_t luid, const void *instance, uint16_t offset) {
+        uint32_t n = PrimOf<K>::marshal(h, luid, at_, bytes(instance) + offset, left_, err_);
+        at_ += n;
+        left_ -= static_cast<int32_t>(n);
+    }
+
+private:
+    Writer &w_;
+    uint8_t *at_;
+    int32_t left_;
+    uint32_t *err_;
+};
+
+class GetRun {
+public:
+    explicit GetRun(Reader &r) : r_(r), at_(r.buf + r.pos), left_(r.left()), flags_(r.flags), err_(r.err) {}
+    ~GetRun() { r_.pos = static_cast<int32_t>(at_ - r_.buf); }
+    GetRun(const GetRun &) = delete;
+    GetRun &operator=(const GetRun &) = delete;
+    template <Kind K> void get(mgx_handle_t *h, uint32_t luid, void *instance, uint16_t offset) {
+        uint32_t n = PrimOf<K>::unmarshal(h, luid, at_, bytes(instance) + offset, left_, flags_, err_);
+        at_ += n;
+        left_ -= static_cast<int32_t>(n);
+    }
+    // A count or length: what it held before is kept for the member it counts.
+    template <Kind K>
+    void counter(const Type &t, uint16_t field, mgx_handle_t *h, uint32_t luid, void *instance, uint16_t offset) {
+        r_.old_counts.keep(field, count_at(instance, t.fields[field]));
+        get<K>(h, luid, instance, offset);
+    }
+
+private:
+    Reader &r_;
+    const uint8_t *at_;
+    int32_t left_;
+    uint32_t flags_;
+    uint32_t *err_;
+};
 
 void decode_string(const FieldAt<void> &a, Reader &r, uint32_t old_len);
 // A variable array's block readied for count elements (kept, or replaced by a fresh one): the

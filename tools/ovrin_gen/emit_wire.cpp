@@ -119,10 +119,11 @@ std::string encode_function(const Type &t) {
                 for (size_t i = r.first; i < r.last; ++i) {
                     const Field &f = t.fields[g.steps[i].field];
                     width += format("%swidth_of(Kind::%s)", i == r.first ? "" : " + ", kind_name(f));
-                    body += format("            w.fast<Kind::%s>(instance, %u);%s\n", kind_name(f), f.offset,
+                    body += format("            run.put<Kind::%s>(h, luid, instance, %u);%s\n", kind_name(f), f.offset,
                                    field_note(f).c_str());
                 }
-                s += format("        if (w.fits(%s)) {\n%s        } else {\n", width.c_str(), body.c_str());
+                s += format("        if (w.fits(%s)) {\n            PutRun run(w);\n%s        } else {\n", width.c_str(),
+                            body.c_str());
                 s += format(
                     "            encode_steps(t, t.wire[%d].steps + %zu, t.wire[%d].steps + %zu, w, instance);\n        }\n",
                     plan, r.first, plan, r.last);
@@ -164,16 +165,16 @@ std::string decode_function(const Type &t) {
                     const Field &f = t.fields[g.steps[i].field];
                     width += format("%swidth_of(Kind::%s)", i == r.first ? "" : " + ", kind_name(f));
                     if (g.steps[i].counter)
-                        body += format("            r.fast_counter<Kind::%s>(t, %zu, instance, %u);%s\n", kind_name(f),
+                        body += format("            run.counter<Kind::%s>(t, %zu, h, luid, instance, %u);%s\n", kind_name(f),
                                        g.steps[i].field, f.offset, field_note(f).c_str());
                     else
-                        body += format("            r.fast<Kind::%s>(instance, %u);%s\n", kind_name(f), f.offset,
+                        body += format("            run.get<Kind::%s>(h, luid, instance, %u);%s\n", kind_name(f), f.offset,
                                        field_note(f).c_str());
                 }
-                s += format(
-                    "        if (r.fits(%s)) {\n%s        } else if (!decode_run(t, t.wire[%d].steps + %zu, t.wire[%d].steps "
-                    "+ %zu, r, instance)) {\n            %s\n        }\n",
-                    width.c_str(), body.c_str(), plan, r.first, plan, r.last, stop);
+                s += format("        if (r.fits(%s)) {\n            GetRun run(r);\n%s        } else if (!decode_run(t, "
+                            "t.wire[%d].steps + %zu, t.wire[%d].steps "
+                            "+ %zu, r, instance)) {\n            %s\n        }\n",
+                            width.c_str(), body.c_str(), plan, r.first, plan, r.last, stop);
             },
             [&](size_t, const WireStep &step) {
                 const Field &f = t.fields[step.field];
