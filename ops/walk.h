@@ -55,7 +55,7 @@ public:
 
     // Elements: one of a scalar or member, the declared number of a fixed array, the companion's
     // value for a variable array (elements) or a string (characters).
-    uint32_t count() const {
+    [[gnu::always_inline]] uint32_t count() const {
         switch (f_->shape) {
         case Shape::fixed_array: return f_->count;
         case Shape::var_array:
@@ -67,7 +67,7 @@ public:
     uint32_t elements() const { return f_->shape == Shape::var_array && !block() ? 0 : count(); }
     // The pointer word of a string, variable array or union member.
     Pointer &pointer() const { return *static_cast<Pointer *>(address()); }
-    V *block() const { return pointer(); }
+    [[gnu::always_inline]] V *block() const { return pointer(); }
     // Element k: inline for scalars and fixed arrays, in the block for variable arrays.
     V *element(uint32_t k) const {
         Byte *base = f_->shape == Shape::var_array ? static_cast<Byte *>(block()) : static_cast<Byte *>(address());
@@ -80,11 +80,11 @@ public:
         size_t size;
         V *operator[](uint32_t k) const { return base + size_t{k} * size; }
     };
-    Run run() const {
+    [[gnu::always_inline]] Run run() const {
         return {f_->shape == Shape::var_array ? static_cast<Byte *>(block()) : static_cast<Byte *>(address()), f_->elem_size};
     }
     // Whether this union member is the one the discriminator selects.
-    bool selected() const { return f_->shape == Shape::member && selector(*t_, instance_) == f_->select; }
+    [[gnu::always_inline]] bool selected() const { return f_->shape == Shape::member && selector(*t_, instance_) == f_->select; }
     // The field's own state byte in an instance's flag area (none: 0).
     uint8_t flag(const uint8_t *area) const { return area ? area[f_->sttr_pos] : 0; }
     // The position of this member among the union's members, present or not.

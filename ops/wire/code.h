@@ -74,33 +74,35 @@ struct Length {
 // The variant whose plan a length or an encode of the instance follows: negative for none.
 inline int8_t plan_variant(const Type &t, int8_t variant) { return variant < t.n_variants ? variant : t.last_variant(); }
 
+// A composite member's length, one piece per shape (the generated code names the shape; the walk
+// picks it by the field's).
+template <class Elem> void length_fixed(const FieldAt<const void> &a, Length &l, Elem elem) {
+    const auto run = a.run();
+    for (uint32_t k = 0; k < a.field().count; ++k) l.n += elem(l, run[k]);
+    l.state += 1;
+}
+inline void length_string(const FieldAt<const void> &a, Length &l) {
+    uint32_t len = a.count();
+    l.n += char_len() * len;
+    l.state += 1 + len;
+}
+template <class Elem> void length_array(const FieldAt<const void> &a, Length &l, Elem elem) {
+    uint32_t count = a.count();
+    const auto run = a.run();
+    for (uint32_t k = 0; k < count; ++k) l.n += elem(l, run.base ? run[k] : nullptr);
+    l.state += 1 + count;
+}
+template <class Elem> void length_member(const FieldAt<const void> &a, Length &l, Elem elem) {
+    if (a.selected()) l.n += elem(l, a.block());
+    l.state += 1;
+}
 template <class Elem> void length_composite(const FieldAt<const void> &a, Length &l, Elem elem) {
-    const Field &f = a.field();
-    switch (f.shape) {
+    switch (a.field().shape) {
     case Shape::scalar: return;
-    case Shape::fixed_array: {
-        const auto run = a.run();
-        for (uint32_t k = 0; k < f.count; ++k) l.n += elem(l, run[k]);
-        l.state += 1;
-        return;
-    }
-    case Shape::var_string: {
-        uint32_t len = a.count();
-        l.n += char_len() * len;
-        l.state += 1 + len;
-        return;
-    }
-    case Shape::var_array: {
-        uint32_t count = a.count();
-        const auto run = a.run();
-        for (uint32_t k = 0; k < count; ++k) l.n += elem(l, run.base ? run[k] : nullptr);
-        l.state += 1 + count;
-        return;
-    }
-    case Shape::member:
-        if (a.selected()) l.n += elem(l, a.block());
-        l.state += 1;
-        return;
+    case Shape::fixed_array: return length_fixed(a, l, elem);
+    case Shape::var_string: return length_string(a, l);
+    case Shape::var_array: return length_array(a, l, elem);
+    case Shape::member: return length_member(a, l, elem);
     }
 }
 
@@ -141,10 +143,67 @@ private:
     uint32_t scratch_ = 0;
 };
 
+// The opening of encode and decode: false when there is nothing to do (the slot holds a code) or
+// not one byte of room (error 90).
+inline bool wire_start(mgx_handle_t *h, uint32_t luid, const void *instance, int32_t room, uint32_t *err) {
+    if (!begin(h, luid, instance, err)) return false;
+    if (room < 1) [[unlikely]]
+        fail(h, err, MGX_ESHORT);
+    return room >= 1;
+}
+
+// The object flags that travel: state tracked, retained data.
+inline constexpr uint8_t wire_flag_mask = MGX_IF_TRACKED | MGX_IF_HD_MAPPED;
+
 // The record's opening: the slot and room checked, the header written (variant, object flag,
 // retained data, a place for the variant jump). The variant whose members follow; negative when
-// none do (nothing at all is written when the slot held a code or there was no room).
-int8_t open_record(const Type &t, Writer &w, const void *instance, bool check);
+// none do (nothing at all is written when the slot held a code or there was no room). Inlined
+// into each type's code, where the writer's fields are the function's own arguments.
+[[gnu::always_inline]] inline int8_t open_record(const Type &t, Writer &w, const void *instance, bool check) {
+    mgx_handle_t *const h = w.h;
+    const uint32_t luid = w.luid;
+    uint8_t *const buf = w.buf;
+    const int32_t space = w.space;
+    uint32_t *const err = w.err;
+    if (!wire_start(h, luid, instance, space, err)) return -1;
+    int8_t variant = mgx_get_instance_variant(instance, 1, 0);
+    uint32_t lookup_err = 0;
+    int8_t domain = mgx_domain_lookup_variant(h, &h->variant_domain, mgx_get_manifested_type_info(instance), &lookup_err);
+    if (check && variant > domain) [[unlikely]] {
+        mgx_store_epoch_err(h, MGX_EVARIANT, err);
+        variant = domain;
+    }
+    if (variant > t.last_variant()) variant = t.last_variant();
+
+    uint32_t e = 0;
+    int32_t pos = static_cast<int32_t>(_mgx_instance_variant_marshal(h, luid, buf, variant, space, &e));
+    keep_first(err, e);
+    uint8_t flag = mgx_get_instance_obj_flag(instance, 1, 0);
+    const bool tracked = tracking(t, h);
+    w.tracked = tracked;
+    if (tracked) [[unlikely]] {
+        flag |= MGX_IF_TRACKED;
+        if (instance && (hdr(instance)->flags & MGX_IF_TRACKED)) w.area = state_area(t, h, luid, const_cast<void *>(instance));
+    } else {
+        flag &= static_cast<uint8_t>(~MGX_IF_TRACKED);
+    }
+    flag &= wire_flag_mask;
+    e = 0;
+    pos += static_cast<int32_t>(_mgx_instance_obj_flag_marshal(h, luid, buf + pos, flag, space - pos, &e));
+    keep_first(err, e);
+    if (flag & MGX_IF_HD_MAPPED) [[unlikely]] {
+        e = 0;
+        pos += static_cast<int32_t>(_mgx_instance_ra_data_marshal(h, luid, buf + pos, instance, space - pos, &e));
+        keep_first(err, e);
+    }
+    w.header = pos;
+    e = 0;
+    const int32_t after = pos + static_cast<int32_t>(_mgx_variant_jump_marshal(h, luid, buf + pos, 0, space - pos, &e));
+    keep_first(err, e);
+    w.jump_written = after == pos + 4;
+    w.pos = after;
+    return instance ? variant : -1;
+}
 // The variant jump filled in: the bytes written.
 inline uint32_t close_record(Writer &w) {
     if (w.jump_written) {
@@ -172,55 +231,53 @@ template <class Put>
     if (w.tracked && state) w.state_byte(w.flag(sttr_pos));
 }
 
-// Arrays, counted strings and union arms, each element through put.
+// Arrays, counted strings and union arms, one piece per shape, each element through put.
+template <class Put> void put_fixed(const FieldAt<const void> &a, Writer &w, Put put) {
+    const auto run = a.run();
+    for (uint32_t k = 0; k < a.field().count; ++k) put_piece(w, run[k], put);
+    if (w.tracked) w.state_byte(a.flag(w.area));
+}
+inline void put_string(const FieldAt<const void> &a, Writer &w) {
+    uint32_t len = a.count();
+    const char *text = static_cast<const char *>(a.block());
+    uint32_t n = len;
+    if (static_cast<int64_t>(len) > w.left()) [[unlikely]] {
+        n = static_cast<uint32_t>(w.left() > 0 ? w.left() : 0);
+        w.error(MGX_ESHORT);
+    }
+    if (text) std::memcpy(w.buf + w.pos, text, n);
+    else std::memset(w.buf + w.pos, 0, n);
+    w.pos += static_cast<int32_t>(n);
+    if (w.tracked && len > 0) w.state_byte(a.flag(w.area));
+}
+template <class Put> void put_array(const FieldAt<const void> &a, Writer &w, Put put) {
+    uint32_t count = a.count();
+    if (count == 0) return; // deliberately without the array's state byte
+    const void *block = a.block();
+    const auto run = a.run();
+    for (uint32_t k = 0; k < count; ++k) put_piece(w, block ? run[k] : nullptr, put);
+    if (!w.tracked) return;
+    w.state_byte(a.flag(w.area));
+    // An instance made untracked (no state area) has blocks without flag slots, though the
+    // handle encoding it tracks: its elements' state bytes are 0, as its other ones are.
+    const ArrayLayout layout(a.field());
+    const uint8_t *per_element = layout.flags(block, count, w.area != nullptr);
+    for (uint32_t k = 0; k < count && w.left() > 0; ++k) w.buf[w.pos++] = per_element ? *layout.slot_of(per_element, k) : 0;
+}
+template <class Put> void put_member(const FieldAt<const void> &a, Writer &w, Put put) {
+    if (a.selected()) {
+        if (const void *arm = a.block()) put_piece(w, arm, put);
+        else w.error(MGX_ENOENT);
+    }
+    if (w.tracked && w.left() >= 2) w.buf[w.pos++] = a.flag(w.area);
+}
 template <class Put> void put_composite(const FieldAt<const void> &a, Writer &w, Put put) {
-    const Field &f = a.field();
-    uint8_t flag = a.flag(w.area);
-    switch (f.shape) {
+    switch (a.field().shape) {
     case Shape::scalar: return;
-    case Shape::fixed_array: {
-        const auto run = a.run();
-        for (uint32_t k = 0; k < f.count; ++k) put_piece(w, run[k], put);
-        if (w.tracked) w.state_byte(flag);
-        return;
-    }
-    case Shape::var_string: {
-        uint32_t len = a.count();
-        const char *text = static_cast<const char *>(a.block());
-        uint32_t n = len;
-        if (static_cast<int64_t>(len) > w.left()) {
-            n = static_cast<uint32_t>(w.left() > 0 ? w.left() : 0);
-            w.error(MGX_ESHORT);
-        }
-        if (text) std::memcpy(w.buf + w.pos, text, n);
-        else std::memset(w.buf + w.pos, 0, n);
-        w.pos += static_cast<int32_t>(n);
-        if (w.tracked && len > 0) w.state_byte(flag);
-        return;
-    }
-    case Shape::var_array: {
-        uint32_t count = a.count();
-        if (count == 0) return; // deliberately without the array's state byte
-        const void *block = a.block();
-        const auto run = a.run();
-        for (uint32_t k = 0; k < count; ++k) put_piece(w, block ? run[k] : nullptr, put);
-        if (!w.tracked) return;
-        w.state_byte(flag);
-        // An instance made untracked (no state area) has blocks without flag slots, though the
-        // handle encoding it tracks: its elements' state bytes are 0, as its other ones are.
-        const ArrayLayout layout(f);
-        const uint8_t *per_element = layout.flags(block, count, w.area != nullptr);
-        for (uint32_t k = 0; k < count && w.left() > 0; ++k) w.buf[w.pos++] = per_element ? *layout.slot_of(per_element, k) : 0;
-        return;
-    }
-    case Shape::member: {
-        if (a.selected()) {
-            if (const void *arm = a.block()) put_piece(w, arm, put);
-            else w.error(MGX_ENOENT);
-        }
-        if (w.tracked && w.left() >= 2) w.buf[w.pos++] = flag;
-        return;
-    }
+    case Shape::fixed_array: return put_fixed(a, w, put);
+    case Shape::var_string: return put_string(a, w);
+    case Shape::var_array: return put_array(a, w, put);
+    case Shape::member: return put_member(a, w, put);
     }
 }
 
@@ -307,7 +364,7 @@ public:
     ~PutRun() { w_.pos = static_cast<int32_t>(at_ - w_.buf); }
     PutRun(const PutRun &) = delete;
     PutRun &operator=(const PutRun &) = delete;
-    template <Kind K> void put(mgx_handle_t *h, uint32_t luid, const void *instance, uint16_t offset) {
+    template <Kind K> [[gnu::always_inline]] void put(mgx_handle_t *h, uint32_t luid, const void *instance, uint16_t offset) {
         uint32_t n = PrimOf<K>::marshal(h, luid, at_, bytes(instance) + offset, left_, err_);
         at_ += n;
         left_ -= static_cast<int32_t>(n);
@@ -326,7 +383,7 @@ public:
     ~GetRun() { r_.pos = static_cast<int32_t>(at_ - r_.buf); }
     GetRun(const GetRun &) = delete;
     GetRun &operator=(const GetRun &) = delete;
-    template <Kind K> void get(mgx_handle_t *h, uint32_t luid, void *instance, uint16_t offset) {
+    template <Kind K> [[gnu::always_inline]] void get(mgx_handle_t *h, uint32_t luid, void *instance, uint16_t offset) {
         uint32_t n = PrimOf<K>::unmarshal(h, luid, at_, bytes(instance) + offset, left_, flags_, err_);
         at_ += n;
         left_ -= static_cast<int32_t>(n);
@@ -367,29 +424,37 @@ template <class Get> void get_elements(const FieldAt<void> &a, Reader &r, uint32
     }
 }
 
-// Arrays, counted strings and union arms, each element through get; false when decoding stops.
+// Arrays, counted strings and union arms, one piece per shape, each element through get; false
+// when decoding stops.
+template <class Get> bool get_fixed(const FieldAt<void> &a, Reader &r, Get get) {
+    const auto run = a.run();
+    for (uint32_t k = 0; k < a.field().count && !*r.err; ++k) r.pos += static_cast<int32_t>(get_element(r, run[k], get));
+    if (!*r.err) r.state_byte(a.field().sttr_pos);
+    return !*r.err;
+}
+inline bool get_string(const FieldAt<void> &a, Reader &r) {
+    decode_string(a, r, r.old_counts.of(a.field().companion));
+    return !*r.err;
+}
+template <class Get> bool get_array(const FieldAt<void> &a, Reader &r, Get get) {
+    uint8_t *per_element = nullptr;
+    uint32_t count = a.count();
+    if (ready_array(a, r, r.old_counts.of(a.field().companion), per_element)) get_elements(a, r, count, per_element, get);
+    return !*r.err;
+}
+template <class Get> bool get_member(const FieldAt<void> &a, Reader &r, Get get) {
+    if (a.selected())
+        if (void *arm = ready_arm(a, r)) r.pos += static_cast<int32_t>(get_element(r, arm, get));
+    if (!*r.err) r.state_byte(a.field().sttr_pos);
+    return !*r.err;
+}
 template <class Get> bool get_composite(const FieldAt<void> &a, Reader &r, Get get) {
-    const Field &f = a.field();
-    switch (f.shape) {
-    case Shape::scalar: break;
-    case Shape::fixed_array: {
-        const auto run = a.run();
-        for (uint32_t k = 0; k < f.count && !*r.err; ++k) r.pos += static_cast<int32_t>(get_element(r, run[k], get));
-        if (!*r.err) r.state_byte(f.sttr_pos);
-        break;
-    }
-    case Shape::var_string: decode_string(a, r, r.old_counts.of(f.companion)); break;
-    case Shape::var_array: {
-        uint8_t *per_element = nullptr;
-        uint32_t count = a.count();
-        if (ready_array(a, r, r.old_counts.of(f.companion), per_element)) get_elements(a, r, count, per_element, get);
-        break;
-    }
-    case Shape::member:
-        if (a.selected())
-            if (void *arm = ready_arm(a, r)) r.pos += static_cast<int32_t>(get_element(r, arm, get));
-        if (!*r.err) r.state_byte(f.sttr_pos);
-        break;
+    switch (a.field().shape) {
+    case Shape::scalar: return !*r.err;
+    case Shape::fixed_array: return get_fixed(a, r, get);
+    case Shape::var_string: return get_string(a, r);
+    case Shape::var_array: return get_array(a, r, get);
+    case Shape::member: return get_member(a, r, get);
     }
     return !*r.err;
 }
@@ -411,10 +476,6 @@ inline const void *at(const void *instance, uint16_t offset) { return bytes(inst
 template <Kind K> inline uint32_t prim_len(Length &l, const void *p) { return PrimOf<K>::len(l.h, l.luid, p); }
 template <LengthFn F> inline uint32_t record_len(Length &l, const void *p) { return F(l.h, l.luid, p); }
 template <const Type &E> inline uint32_t enum_len(Length &, const void *) { return enum_wire_length; }
-// A counted string's characters are no elements of their own: its piece never calls these.
-inline uint32_t no_element_len(Length &, const void *) { return 0; }
-inline uint32_t no_element_put(mgx_handle_t *, uint32_t, uint8_t *, const void *, int32_t, uint32_t *) { return 0; }
-inline uint32_t no_element_get(mgx_handle_t *, uint32_t, const uint8_t *, void *, int32_t, uint32_t, uint32_t *) { return 0; }
 
 template <Kind K>
 inline uint32_t prim_put(mgx_handle_t *h, uint32_t luid, uint8_t *b, const void *p, int32_t space, uint32_t *e) {

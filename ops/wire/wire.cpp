@@ -16,17 +16,8 @@ namespace wire {
 
 namespace {
 
-constexpr uint8_t wire_flag_mask = MGX_IF_TRACKED | MGX_IF_HD_MAPPED;
 constexpr uint32_t arm_callsite_tag = 0xB03C3000u;
 constexpr int32_t min_instance_bytes = 6; // a record's wire header: the least an element takes
-
-// The opening of encode and decode: false when there is nothing to do (the slot holds a code) or
-// not one byte of room (error 90).
-bool wire_start(mgx_handle_t *h, uint32_t luid, const void *instance, int32_t room, uint32_t *err) {
-    if (!begin(h, luid, instance, err)) return false;
-    if (room < 1) fail(h, err, MGX_ESHORT);
-    return room >= 1;
-}
 
 // The wire plan of a variant; a variant beyond the type's own (an instance laid out by a newer
 // bundle) is walked with the newest plan this bundle has.
@@ -91,47 +82,6 @@ template <class F> auto walked_get(const F &f) {
 } // namespace
 
 // ------------------------------------------------------------------ encoder
-
-int8_t open_record(const Type &t, Writer &w, const void *instance, bool check) {
-    mgx_handle_t *h = w.h;
-    uint32_t *err = w.err;
-    if (!wire_start(h, w.luid, instance, w.space, err)) return -1;
-    int8_t variant = mgx_get_instance_variant(instance, 1, 0);
-    uint32_t lookup_err = 0;
-    int8_t domain = mgx_domain_lookup_variant(h, &h->variant_domain, mgx_get_manifested_type_info(instance), &lookup_err);
-    if (check && variant > domain) {
-        mgx_store_epoch_err(h, MGX_EVARIANT, err);
-        variant = domain;
-    }
-    if (variant > t.last_variant()) variant = t.last_variant();
-
-    uint32_t e = 0;
-    w.pos += static_cast<int32_t>(_mgx_instance_variant_marshal(h, w.luid, w.buf, variant, w.space, &e));
-    keep_first(err, e);
-    uint8_t flag = mgx_get_instance_obj_flag(instance, 1, 0);
-    w.tracked = tracking(t, h);
-    if (w.tracked) {
-        flag |= MGX_IF_TRACKED;
-        if (instance && (hdr(instance)->flags & MGX_IF_TRACKED)) w.area = state_area(t, h, w.luid, const_cast<void *>(instance));
-    } else {
-        flag &= static_cast<uint8_t>(~MGX_IF_TRACKED);
-    }
-    flag &= wire_flag_mask;
-    e = 0;
-    w.pos += static_cast<int32_t>(_mgx_instance_obj_flag_marshal(h, w.luid, w.buf + w.pos, flag, w.left(), &e));
-    keep_first(err, e);
-    if (flag & MGX_IF_HD_MAPPED) {
-        e = 0;
-        w.pos += static_cast<int32_t>(_mgx_instance_ra_data_marshal(h, w.luid, w.buf + w.pos, instance, w.left(), &e));
-        keep_first(err, e);
-    }
-    w.header = w.pos;
-    e = 0;
-    w.pos += static_cast<int32_t>(_mgx_variant_jump_marshal(h, w.luid, w.buf + w.pos, 0, w.left(), &e));
-    keep_first(err, e);
-    w.jump_written = w.pos == w.header + 4;
-    return instance ? variant : -1;
-}
 
 void encode_steps(const Type &t, const WireStep *first, const WireStep *last, Writer &w, const void *instance) {
     for (const WireStep *step = first; step != last; ++step) {

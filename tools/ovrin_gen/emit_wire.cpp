@@ -44,11 +44,27 @@ std::string case_labels(const VariantGroup &g) {
 
 // The element code a composite member's elements take, by family ("len", "put", "get").
 std::string element_code(const Field &f, const char *family) {
-    if (f.shape == Shape::var_string) return format("no_element_%s", family);
     if (f.prim) return format("prim_%s<Kind::%s>", family, kind_name(f));
     if (f.type->is_enum()) return format("enum_%s<table::%s>", family, f.type->name.c_str());
     static const std::map<std::string, const char *> suffix = {{"len", "length"}, {"put", "encode"}, {"get", "decode"}};
     return format("record_%s<%s_%s>", family, f.type->name.c_str(), suffix.at(family));
+}
+
+// The engine's piece for a composite member's shape, by family ("length", "put", "get").
+std::string shape_piece(const Field &f, const char *family) {
+    switch (f.shape) {
+    case Shape::fixed_array: return format("%s_fixed", family);
+    case Shape::var_string: return format("%s_string", family);
+    case Shape::var_array: return format("%s_array", family);
+    case Shape::member: return format("%s_member", family);
+    case Shape::scalar: break;
+    }
+    return format("%s_composite", family);
+}
+
+// The element argument of a composite piece (none for a counted string).
+std::string element_arg(const Field &f, const char *family) {
+    return f.shape == Shape::var_string ? "" : ", " + element_code(f, family);
 }
 
 // A run of fixed-width scalars: steps [first, last) of the group's plan.
@@ -84,8 +100,8 @@ std::string length_function(const Type &t) {
         for (const WireStep &step : g.steps) {
             const Field &f = t.fields[step.field];
             if (step.composite) {
-                s += format("        length_composite(FieldAt<const void>(t, t.fields[%zu], instance), l, %s);%s\n", step.field,
-                            element_code(f, "len").c_str(), field_note(f).c_str());
+                s += format("        %s(FieldAt<const void>(t, t.fields[%zu], instance), l%s);%s\n",
+                            shape_piece(f, "length").c_str(), step.field, element_arg(f, "len").c_str(), field_note(f).c_str());
                 continue;
             }
             state += !step.counter;
@@ -131,8 +147,8 @@ std::string encode_function(const Type &t) {
             [&](size_t, const WireStep &step) {
                 const Field &f = t.fields[step.field];
                 if (step.composite)
-                    s += format("        put_composite(FieldAt<const void>(t, t.fields[%zu], instance), w, %s);", step.field,
-                                element_code(f, "put").c_str());
+                    s += format("        %s(FieldAt<const void>(t, t.fields[%zu], instance), w%s);",
+                                shape_piece(f, "put").c_str(), step.field, element_arg(f, "put").c_str());
                 else
                     s += format("        put_scalar(w, instance, %u, %u, %s, %s);", f.offset, f.sttr_pos,
                                 step.counter ? "false" : "true", element_code(f, "put").c_str());
@@ -179,8 +195,8 @@ std::string decode_function(const Type &t) {
             [&](size_t, const WireStep &step) {
                 const Field &f = t.fields[step.field];
                 if (step.composite)
-                    s += format("        if (!get_composite(FieldAt<void>(t, t.fields[%zu], instance), r, %s)) %s", step.field,
-                                element_code(f, "get").c_str(), stop);
+                    s += format("        if (!%s(FieldAt<void>(t, t.fields[%zu], instance), r%s)) %s",
+                                shape_piece(f, "get").c_str(), step.field, element_arg(f, "get").c_str(), stop);
                 else
                     s += format("        if (!get_scalar(t, r, instance, %zu, %u, %u, %s, %s)) %s", step.field, f.offset,
                                 f.sttr_pos, step.counter ? "false" : "true", element_code(f, "get").c_str(), stop);
