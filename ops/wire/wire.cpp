@@ -189,41 +189,6 @@ void *ready_arm(const FieldAt<void> &a, Reader &r) {
     return arm;
 }
 
-int8_t open_decode(const Type &t, Reader &r, void *instance) {
-    mgx_handle_t *h = r.h;
-    uint32_t *err = r.err;
-    if (!wire_start(h, r.luid, instance, r.length, err)) return -1;
-    int8_t variant = 0;
-    uint8_t flag = 0;
-    r.pos += static_cast<int32_t>(_mgx_instance_variant_unmarshal(h, r.luid, r.buf, &variant, r.length, err));
-    if (!*err) r.pos += static_cast<int32_t>(_mgx_instance_obj_flag_unmarshal(h, r.luid, r.buf + r.pos, &flag, r.left(), err));
-    if (!*err && (flag & MGX_IF_HD_MAPPED))
-        r.pos += static_cast<int32_t>(_mgx_instance_ra_data_unmarshal(h, r.luid, r.buf + r.pos, instance, r.left(), err));
-    if (variant > hdr(instance)->layout) variant = hdr(instance)->layout;
-    r.header = r.pos;
-    if (!*err) r.pos += static_cast<int32_t>(_mgx_variant_jump_unmarshal(h, r.luid, r.buf + r.pos, &r.jump, r.left(), err));
-    if (*err) return -1;
-
-    // Only the two bits a sender writes are taken from the wire: the others (OID-mapped,
-    // runtime-located state area, owned descriptor word) describe this process's bookkeeping,
-    // and a stray one would make destroy keep the instance or free its descriptor.
-    r.merge = flag & wire_flag_mask;
-    r.tracked = tracking(t, h);
-    if (r.tracked) {
-        if (!(hdr(instance)->flags & MGX_IF_TRACKED)) fatal(t, Message::tracking_mismatch);
-        if (flag & MGX_IF_TRACKED) {
-            r.copy_state = true;
-            r.area = state_area(t, h, r.luid, instance);
-        } else {
-            r.merge |= MGX_IF_TRACKED;
-        }
-    } else {
-        r.skip_state = (flag & MGX_IF_TRACKED) != 0;
-        r.merge &= static_cast<uint8_t>(~MGX_IF_TRACKED);
-    }
-    return variant;
-}
-
 void decode_steps(const Type &t, const WireStep *first, const WireStep *last, Reader &r, void *instance) {
     for (const WireStep *step = first; step != last; ++step) {
         bool going = (step->flags & step_composite)
@@ -232,23 +197,6 @@ void decode_steps(const Type &t, const WireStep *first, const WireStep *last, Re
                                       walked_get(*step));
         if (!going) return;
     }
-}
-
-uint32_t close_decode(const Type &t, Reader &r, void *instance, int8_t variant) {
-    int64_t end = static_cast<int64_t>(r.header) + r.jump;
-    if (end > r.pos) {
-        trace(t, Message::variant_jump, MGX_SEV_DEBUG, r.pos, r.header, static_cast<int32_t>(r.jump));
-        if (end > r.length) {
-            r.error(MGX_ESHORT);
-            return static_cast<uint32_t>(r.pos);
-        }
-        r.pos = static_cast<int32_t>(end);
-    }
-    mgx_instance_hdr_t *hd = hdr(instance);
-    hd->variant = variant;
-    hd->flags |= r.merge;
-    *mgx_get_manifested_type_info_ptr_mem(instance) = descriptor_for(t, r.h, r.luid);
-    return static_cast<uint32_t>(r.pos);
 }
 
 } // namespace wire
