@@ -81,7 +81,7 @@ template <class Elem> void length_fixed(const FieldAt<const void> &a, Length &l,
     for (uint32_t k = 0; k < a.field().count; ++k) l.n += elem(l, run[k]);
     l.state += 1;
 }
-inline void length_string(const FieldAt<const void> &a, Length &l) {
+[[gnu::always_inline]] inline void length_string(const FieldAt<const void> &a, Length &l) {
     uint32_t len = a.count();
     l.n += char_len() * len;
     l.state += 1 + len;
@@ -92,7 +92,7 @@ template <class Elem> void length_array(const FieldAt<const void> &a, Length &l,
     for (uint32_t k = 0; k < count; ++k) l.n += elem(l, run.base ? run[k] : nullptr);
     l.state += 1 + count;
 }
-template <class Elem> void length_member(const FieldAt<const void> &a, Length &l, Elem elem) {
+template <class Elem> [[gnu::always_inline]] inline void length_member(const FieldAt<const void> &a, Length &l, Elem elem) {
     if (a.selected()) l.n += elem(l, a.block());
     l.state += 1;
 }
@@ -237,7 +237,7 @@ template <class Put> void put_fixed(const FieldAt<const void> &a, Writer &w, Put
     for (uint32_t k = 0; k < a.field().count; ++k) put_piece(w, run[k], put);
     if (w.tracked) w.state_byte(a.flag(w.area));
 }
-inline void put_string(const FieldAt<const void> &a, Writer &w) {
+[[gnu::always_inline]] inline void put_string(const FieldAt<const void> &a, Writer &w) {
     uint32_t len = a.count();
     const char *text = static_cast<const char *>(a.block());
     uint32_t n = len;
@@ -264,7 +264,7 @@ template <class Put> void put_array(const FieldAt<const void> &a, Writer &w, Put
     const uint8_t *per_element = layout.flags(block, count, w.area != nullptr);
     for (uint32_t k = 0; k < count && w.left() > 0; ++k) w.buf[w.pos++] = per_element ? *layout.slot_of(per_element, k) : 0;
 }
-template <class Put> void put_member(const FieldAt<const void> &a, Writer &w, Put put) {
+template <class Put> [[gnu::always_inline]] inline void put_member(const FieldAt<const void> &a, Writer &w, Put put) {
     if (a.selected()) {
         if (const void *arm = a.block()) put_piece(w, arm, put);
         else w.error(MGX_ENOENT);
@@ -482,7 +482,7 @@ template <class Get> bool get_fixed(const FieldAt<void> &a, Reader &r, Get get) 
     if (!*r.err) r.state_byte(a.field().sttr_pos);
     return !*r.err;
 }
-inline bool get_string(const FieldAt<void> &a, Reader &r) {
+[[gnu::always_inline]] inline bool get_string(const FieldAt<void> &a, Reader &r) {
     decode_string(a, r, r.old_counts.of(a.field().companion));
     return !*r.err;
 }
@@ -492,7 +492,7 @@ template <class Get> bool get_array(const FieldAt<void> &a, Reader &r, Get get) 
     if (ready_array(a, r, r.old_counts.of(a.field().companion), per_element)) get_elements(a, r, count, per_element, get);
     return !*r.err;
 }
-template <class Get> bool get_member(const FieldAt<void> &a, Reader &r, Get get) {
+template <class Get> [[gnu::always_inline]] inline bool get_member(const FieldAt<void> &a, Reader &r, Get get) {
     if (a.selected())
         if (void *arm = ready_arm(a, r)) r.pos += static_cast<int32_t>(get_element(r, arm, get));
     if (!*r.err) r.state_byte(a.field().sttr_pos);
