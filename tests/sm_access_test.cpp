@@ -142,6 +142,9 @@ TEST_F(Access, IntegerSettersRaiseALayoutBelowTheDomainOnceAndGettersNever) {
     ovrin_epm_bind_policy_info_urlRedirectPresent_set_value(h, luid, p, 1, &err);
     ovrin_epm_bind_policy_info_avg_data_dn_set_value(h, luid, p, 8, &err);
     EXPECT_EQ(take_err(), MGX_EVARIANT);
+    p->avg_data_dn = 3; // as a decode of a later variant leaves it
+    EXPECT_EQ(ovrin_epm_bind_policy_info_avg_data_dn_get_value(h, luid, p, &err), 0u);
+    EXPECT_EQ(take_err(), MGX_EVARIANT);
     EXPECT_EQ(journalled(h), (Writes{{&p->urlRedirectPresent, 1}}));
     EXPECT_EQ(ovrin_epm_bind_policy_info_vlan_get_value(h, luid, p, &err), 5u);
     EXPECT_EQ(err, 0u);
