@@ -357,21 +357,33 @@ uint8_t mgx_get_instance_obj_flag(const void *instance, int, int) {
     return instance ? static_cast<const mgx_instance_hdr_t *>(instance)->flags : 0;
 }
 
+// The layout byte raised to the domain's variant for the type, capped to highest, when that is
+// above it (through the write hook).
+[[gnu::noinline]] static uint32_t raise_layout(mgx_handle_t *h, uint32_t luid, mgx_instance_hdr_t *hdr, const void *descriptor,
+                                               int32_t highest, uint32_t *err) {
+    int8_t target = mgx_domain_lookup_variant(h, &h->variant_domain, descriptor, err);
+    if (target > highest) target = static_cast<int8_t>(highest);
+    if (target > hdr->layout) {
+        mgx::write_notify(h, &hdr->layout, 1, luid, hdr);
+        hdr->layout = target;
+    }
+    return static_cast<uint32_t>(hdr->layout);
+}
+
 // Brings an instance up to the variant that the handle's domain gives its type (capped to the
 // type's highest variant): the layout byte, the ceiling of later decodes, is raised to it. The
 // instance's variant is left alone. An inline state-flag area stays where it is: every layout of
 // a type shares one allocation, and the area lies behind it (at the untracked size).
+//
+// Every setter calls it first. The usual instance is already laid out for its type's highest
+// variant, which nothing the domain gives can raise: that answer takes one comparison, without a
+// stack frame or the domain's table.
 uint32_t mgxlib_adjust_variant(mgx_handle_t *h, uint32_t luid, void *instance, const void *descriptor, int32_t highest,
                                uint32_t *err) {
     if (!instance || !descriptor) return 0;
     auto *hdr = static_cast<mgx_instance_hdr_t *>(instance);
-    int8_t target = mgx_domain_lookup_variant(h, &h->variant_domain, descriptor, err);
-    if (target > highest) target = static_cast<int8_t>(highest);
-    if (target > hdr->layout) {
-        mgx::write_notify(h, &hdr->layout, 1, luid, instance);
-        hdr->layout = target;
-    }
-    return static_cast<uint32_t>(hdr->layout);
+    if (hdr->layout >= highest) return static_cast<uint32_t>(hdr->layout);
+    return raise_layout(h, luid, hdr, descriptor, highest, err);
 }
 
 // ------------------------------------------------------------------ OIDs and mappings

@@ -17,14 +17,16 @@ template <class T, class Traits> struct Fixed {
     static constexpr int32_t width = Traits::width;
     using Text = char[64];
 
-    static T *get(mgx_handle_t *, uint32_t, T *field, uint32_t *err) { return err_set(err) ? nullptr : field; }
+    static T *get(mgx_handle_t *, uint32_t, T *field, uint32_t *err) {
+        if (err_set(err)) [[unlikely]]
+            return nullptr;
+        return field;
+    }
 
     static void set(mgx_handle_t *h, uint32_t luid, T *field, const T *value, uint32_t *err) {
         if (err_set(err)) return;
         if (!field || !value) return fail(h, err, MGX_EINVAL);
-        T v = Traits::normal(*value);
-        write_notify(h, field, sizeof(T), luid, nullptr);
-        *field = v;
+        store(h, luid, field, Traits::normal(*value));
     }
 
     static T get_value(mgx_handle_t *h, uint32_t, const T *field, uint32_t *err) {
@@ -36,7 +38,25 @@ template <class T, class Traits> struct Fixed {
         return *field;
     }
 
-    static void set_value(mgx_handle_t *h, uint32_t luid, T *field, T value, uint32_t *err) { set(h, luid, field, &value, err); }
+    // Taken by value, not through set: the value stays in its register and the common store, with
+    // no write hook, needs no stack frame.
+    static void set_value(mgx_handle_t *h, uint32_t luid, T *field, T value, uint32_t *err) {
+        if (err_set(err)) return;
+        if (!field) return fail(h, err, MGX_EINVAL);
+        store(h, luid, field, Traits::normal(value));
+    }
+
+    static void store(mgx_handle_t *h, uint32_t luid, T *field, T v) {
+        if (h && h->write_hook) [[unlikely]]
+            return store_announced(h, luid, field, v);
+        *field = v;
+    }
+
+    // The write hook sees the old bytes, then the value goes in.
+    [[gnu::noinline]] static void store_announced(mgx_handle_t *h, uint32_t luid, T *field, T v) {
+        h->write_hook(h, field, sizeof(T), luid, nullptr);
+        *field = v;
+    }
 
     // A null field encodes as the zero value, so that marshal always agrees with len.
     static uint32_t marshal(mgx_handle_t *h, uint32_t, uint8_t *buf, const T *field, int32_t space, uint32_t *err) {

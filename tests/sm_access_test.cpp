@@ -111,6 +111,78 @@ TEST_F(Access, WriteHookSeesEveryByteBeforeItChangesAndContainmentIsReported) {
     EXPECT_EQ(err, 0u);
 }
 
+// The journal's entries since the last clear, as (address, length).
+std::vector<std::pair<const void *, size_t>> journalled(const mgx_handle_t *h) {
+    std::vector<std::pair<const void *, size_t>> out;
+    for (size_t i = 0; i < mgx_journal_count(h); ++i)
+        out.emplace_back(mgx_journal_entry(h, i)->address, mgx_journal_entry(h, i)->length);
+    return out;
+}
+
+// An instance laid out below the variant the handle's domain now gives its type: the first
+// integer set raises the layout byte (through the write hook, capped to the type's last variant),
+// later ones find it raised and write the value alone; a get reads without raising; the fields of
+// the later variant stay out of reach of an instance of the earlier one.
+TEST_F(Access, IntegerSettersRaiseALayoutBelowTheDomainOnceAndGettersNever) {
+    mgx_handle_set_domain_variant(h, "ovrin_epm_bind_policy_info", 0);
+    auto *p = own(ovrin_epm_bind_policy_info_create(h, luid), ovrin_epm_bind_policy_info_destroy);
+    ASSERT_EQ(p->layout, 0);
+    mgx_handle_set_domain_variant(h, "ovrin_epm_bind_policy_info", 9);
+    mgx_journal_clear(h);
+    EXPECT_EQ(ovrin_epm_bind_policy_info_vlan_get_value(h, luid, p, &err), 0u);
+    EXPECT_EQ(p->layout, 0);
+    EXPECT_EQ(mgx_journal_count(h), 0u);
+
+    ovrin_epm_bind_policy_info_vlan_set_value(h, luid, p, 5, &err);
+    using Writes = std::vector<std::pair<const void *, size_t>>;
+    EXPECT_EQ(journalled(h), (Writes{{&p->layout, 1}, {&p->vlan, 4}}));
+    EXPECT_EQ(p->layout, 1);
+    EXPECT_EQ(p->variant, 0);
+    mgx_journal_clear(h);
+    ovrin_epm_bind_policy_info_urlRedirectPresent_set_value(h, luid, p, 1, &err);
+    ovrin_epm_bind_policy_info_avg_data_dn_set_value(h, luid, p, 8, &err);
+    EXPECT_EQ(take_err(), MGX_EVARIANT);
+    p->avg_data_dn = 3; // as a decode of a later variant leaves it
+    EXPECT_EQ(ovrin_epm_bind_policy_info_avg_data_dn_get_value(h, luid, p, &err), 0u);
+    EXPECT_EQ(take_err(), MGX_EVARIANT);
+    EXPECT_EQ(journalled(h), (Writes{{&p->urlRedirectPresent, 1}}));
+    EXPECT_EQ(ovrin_epm_bind_policy_info_vlan_get_value(h, luid, p, &err), 5u);
+    EXPECT_EQ(err, 0u);
+}
+
+// Without an error cell the setter and getter still work and fail into the handle's store; with a
+// code already in the cell they do nothing at all; a missing instance is an invalid argument; the
+// getter reports the field it read to the database, with the instance as its container.
+TEST_F(Access, IntegerAccessorsWithoutACellOrAnInstanceOrWithAPendingCode) {
+    auto *p = own(ovrin_epm_bind_policy_info_create(h, luid), ovrin_epm_bind_policy_info_destroy);
+    p->variant = 0;
+    ovrin_epm_bind_policy_info_vlan_set_value(h, luid, p, 7, nullptr);
+    EXPECT_EQ(ovrin_epm_bind_policy_info_vlan_get_value(h, luid, p, nullptr), 7u);
+    ovrin_epm_bind_policy_info_avg_data_dn_set_value(h, luid, p, 8, nullptr);
+    EXPECT_EQ(p->avg_data_dn, 0u);
+
+    ovrin_epm_bind_policy_info_vlan_set_value(h, luid, nullptr, 9, &err);
+    EXPECT_EQ(take_err(), MGX_EINVAL);
+    EXPECT_EQ(ovrin_epm_bind_policy_info_vlan_get_value(h, luid, nullptr, &err), 0u);
+    EXPECT_EQ(take_err(), MGX_EINVAL);
+    EXPECT_EQ(mgx_handle_last_error(h), MGX_EINVAL);
+
+    err = MGX_ENOENT;
+    ovrin_epm_bind_policy_info_vlan_set_value(h, luid, p, 9, &err);
+    EXPECT_EQ(ovrin_epm_bind_policy_info_vlan_get_value(h, luid, p, &err), 0u);
+    EXPECT_EQ(take_err(), MGX_ENOENT);
+    EXPECT_EQ(mgx_handle_last_error(h), MGX_EINVAL); // not cleared
+    EXPECT_EQ(p->vlan, 7u);
+
+    mgx_handle_set_flags(h, MGX_HANDLE_DATABASE);
+    mgx_hook_clear(h);
+    EXPECT_EQ(ovrin_epm_bind_policy_info_vlan_get_value(h, luid, p, &err), 7u);
+    ASSERT_EQ(mgx_hook_count_kind(h, MGX_HOOK_CONTAINMENT), 1u);
+    EXPECT_EQ(mgx_hook_entry(h, 0)->object, &p->vlan);
+    EXPECT_EQ(mgx_hook_entry(h, 0)->container, p);
+    EXPECT_EQ(err, 0u);
+}
+
 TEST_F(Access, WholeSetCarriesValuesFlagsAndOwnershipUnderTracking) {
     track();
     auto *src = own(sess_mgr_session_start_create(h, luid), sess_mgr_session_start_destroy);

@@ -399,6 +399,29 @@ void field_set_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lu
     mark_field(t, f, h, luid, instance, err);
 }
 
+void scalar_set_value_general(const Type &t, uint16_t index, mgx_handle_t *h, uint32_t luid, void *instance, uint64_t value,
+                              uint32_t *err) {
+    field_set_value(t, t.fields[index], h, luid, instance, value, err);
+}
+
+uint64_t scalar_get_value_general(const Type &t, uint16_t index, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
+    return field_get_value(t, t.fields[index], h, luid, instance, err);
+}
+
+void scalar_missing(mgx_handle_t *h, uint32_t *err) {
+    if (!failed(err)) fail(h, err, MGX_ENOENT);
+}
+
+// Hands the field back, so that the caller keeps it in a register across the call.
+void *scalar_report(mgx_handle_t *h, uint32_t luid, void *field, const void *instance) {
+    report(h, luid, field, instance);
+    return field;
+}
+
+void scalar_mark(const Type &t, uint16_t index, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
+    mark_field(t, t.fields[index], h, luid, instance, err);
+}
+
 uint8_t state_flag_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
     if (!start(h, luid, instance, err) || !flags_reachable(t, h, instance, false, err)) return 0;
     const uint8_t *area = state_area(t, h, luid, instance);

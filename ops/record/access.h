@@ -42,6 +42,65 @@ inline void field_set(const Type &t, const Field &f, mgx_handle_t *h, uint32_t l
 uint64_t field_get_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
 void field_set_value(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint64_t value,
                      uint32_t *err);
+// The setter and getter of one integer or boolean field (the field at index of t), compiled per
+// field: the runtime's get and set_value (or get_value) of its kind, its offset, the variant it
+// appears in and its type's last variant are constants, so no kind or table is looked at on the
+// way. They make the same runtime calls in the same order as field_set_value and field_get_value,
+// and hand the cases off the common path to out-of-line helpers: no error slot or no instance (the
+// general operation), a field absent from the instance's variant, no address for it, a database
+// to tell, a state-tracking record to mark the field's flag in.
+template <class T> struct ScalarOps;
+template <class T> struct ScalarOps<T *(*)(mgx_handle_t *, uint32_t, T *, uint32_t *)> { using Value = T; };
+
+void scalar_set_value_general(const Type &t, uint16_t index, mgx_handle_t *h, uint32_t luid, void *instance, uint64_t value,
+                              uint32_t *err);
+uint64_t scalar_get_value_general(const Type &t, uint16_t index, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
+void scalar_missing(mgx_handle_t *h, uint32_t *err);
+void *scalar_report(mgx_handle_t *h, uint32_t luid, void *field, const void *instance);
+void scalar_mark(const Type &t, uint16_t index, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
+
+template <auto Get, auto SetValue, uint16_t Index, int8_t From, int8_t Last, size_t Offset,
+          class T = typename ScalarOps<decltype(Get)>::Value>
+[[gnu::always_inline]] inline void scalar_set_value(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, T value,
+                                                    uint32_t *err) {
+    if (!err || !instance) [[unlikely]]
+        return scalar_set_value_general(t, Index, h, luid, instance, value, err);
+    if (*err) return;
+    mgx_clear_last_error(h, luid, instance);
+    mgxlib_adjust_variant(h, luid, instance, mgx_get_manifested_type_info(instance), Last, err);
+    if (*err) return;
+    if (mgx_get_instance_variant(instance, 1, 0) < From) [[unlikely]]
+        return mgx_store_epoch_err(h, MGX_EVARIANT, err);
+    // An address back means the slot is still clear (a get that fails gives none).
+    T *field = Get(h, luid, reinterpret_cast<T *>(bytes(instance) + Offset), err);
+    if (!field) [[unlikely]]
+        return scalar_missing(h, err);
+    if (h->database) [[unlikely]]
+        field = static_cast<T *>(scalar_report(h, luid, field, instance));
+    // Without a state-tracking record there is no flag to mark: the store ends the call.
+    if (!h->sttr) return SetValue(h, luid, field, value, err);
+    SetValue(h, luid, field, value, err);
+    if (!*err) scalar_mark(t, Index, h, luid, instance, err);
+}
+
+template <auto Get, auto GetValue, uint16_t Index, int8_t From, size_t Offset, class T = typename ScalarOps<decltype(Get)>::Value>
+[[gnu::always_inline]] inline T scalar_get_value(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
+    if (!err || !instance) [[unlikely]]
+        return static_cast<T>(scalar_get_value_general(t, Index, h, luid, instance, err));
+    if (*err) return 0;
+    mgx_clear_last_error(h, luid, instance);
+    if (mgx_get_instance_variant(instance, 1, 0) < From) [[unlikely]] {
+        mgx_store_epoch_err(h, MGX_EVARIANT, err);
+        return 0;
+    }
+    T *field = Get(h, luid, reinterpret_cast<T *>(bytes(instance) + Offset), err);
+    if (!field) [[unlikely]]
+        return 0;
+    if (h->database) [[unlikely]]
+        field = static_cast<T *>(scalar_report(h, luid, field, instance));
+    return GetValue(h, luid, field, err);
+}
+
 // The field's own state byte (a scalar's, a nested record's, a member's, a string's, or an
 // array's whole-array byte).
 uint8_t state_flag_get(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);

@@ -207,10 +207,12 @@ const std::vector<FieldEntryPoint> &field_entry_points() {
         {"set", k_composite, set_by_instance_copy, "void",
          "mgx_handle_t *h, uint32_t luid, $T *instance, $FT *value, uint32_t *err",
          "ovrin::field_set($table, $field, h, luid, instance, value, err)"},
+        // Integers and booleans: compiled per field over the runtime's functions of their kind.
         {"get_value", k_composite, has_value, "$FT", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
-         "static_cast<$FT>(ovrin::field_get_value($table, $field, h, luid, instance, err))"},
+         "ovrin::scalar_get_value<$FT_get, $FT_get_value, $index, $from, offsetof($T, $F)>($table, h, luid, instance, err)"},
         {"set_value", k_composite, has_value, "void", "mgx_handle_t *h, uint32_t luid, $T *instance, $FT value, uint32_t *err",
-         "ovrin::field_set_value($table, $field, h, luid, instance, value, err)"},
+         "ovrin::scalar_set_value<$FT_get, $FT_set_value, $index, $from, $last, offsetof($T, $F)>($table, h, luid, instance, "
+         "value, err)"},
         {"get_value", k_composite, discriminator, "uint32_t", "mgx_handle_t *h, uint32_t luid, $T *instance, uint32_t *err",
          "static_cast<uint32_t>(ovrin::field_get_value($table, $field, h, luid, instance, err))"},
         {"set_value", k_composite, discriminator, "void",
@@ -366,6 +368,9 @@ std::string fill_in(std::string text, const Type &t, const Field *f, size_t fiel
     }
     std::string table = "ovrin::table::" + t.name;
     if (f) {
+        text = replace_all(text, "$index", std::to_string(field_index));
+        text = replace_all(text, "$from", std::to_string(f->from));
+        text = replace_all(text, "$last", std::to_string(t.n_variants - 1));
         text = replace_all(text, "$field", table + ".fields[" + std::to_string(field_index) + "]");
         text = replace_all(text, "$FT", element_c_type(*f));
         text = replace_all(text, "$F", f->name);

@@ -26,7 +26,8 @@ struct EntryPoint {
 
 // A per-field exported entry point `<type>_<field>_<op>`, for the fields `applies` accepts. On top
 // of $T and $table: $F is the field's name, $FT the C type of one of its elements, $field its
-// table entry (an ovrin::Field lvalue).
+// table entry (an ovrin::Field lvalue) and $index its index in the table, $from the variant it
+// appears in and $last its type's last variant.
 struct FieldEntryPoint {
     const char *op;
     unsigned kinds;
