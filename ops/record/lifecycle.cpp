@@ -99,9 +99,11 @@ void hooked_write(mgx_handle_t *h, bool use_hook, void *addr, size_t n, uint32_t
 }
 
 // Releases the object references a field holds, then destroys the field. False when the
-// references could not be listed: the destroy is then abandoned.
-bool release_references(const Type &t, mgx_handle_t *h, uint32_t luid, void *field, uint32_t n,
-                        void (*list)(mgx_handle_t *, uint32_t, const void *, uint64_t *, uint32_t, uint32_t *), uint32_t *err) {
+// references could not be listed: the destroy is then abandoned. Out of line: its room for the
+// references is on its own stack frame, not on that of every destroy.
+[[gnu::noinline]] bool release_references(const Type &t, mgx_handle_t *h, uint32_t luid, void *field, uint32_t n,
+                                          void (*list)(mgx_handle_t *, uint32_t, const void *, uint64_t *, uint32_t, uint32_t *),
+                                          uint32_t *err) {
     RefList refs(n);
     if (!refs.ok()) {
         fail(h, err, MGX_ENOMEM);
@@ -124,36 +126,53 @@ bool release_references(const Type &t, mgx_handle_t *h, uint32_t luid, void *fie
     return true;
 }
 
-// Destroys the fields of an instance in declaration order. False when the destroy is abandoned.
+// Destroys the instances an inline field holds (one, or each of a fixed array's). False when the
+// destroy is abandoned.
+bool destroy_inline(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, uint8_t *address, uint32_t *err) {
+    const PrimInstance *prim = prim_instance_of(f.kind);
+    for (uint32_t k = 0; k < f.count; ++k) {
+        void *element = address + size_t{k} * f.elem_size;
+        // Nested records and attribute lists may hold object references for their container
+        // to release; a nested record lists none (it only reports an error already present).
+        if (*err) [[unlikely]] {
+            trace(f.type ? *f.type : t, Message::oid_count_error_present, MGX_SEV_ERROR);
+            if (f.kind == Kind::record) get_oid_count(*f.type, h, luid, element, err);
+        }
+        if (f.kind == Kind::aaa_tlv) {
+            uint32_t n = prim->get_oid_count(h, luid, element, err);
+            if (n > 0 && !release_references(t, h, luid, element, n, prim->get_object_references, err)) return false;
+        }
+        if (prim) prim->destroy_internal(h, luid, element, 0);
+        else destroy_internal(*f.type, h, luid, element, 0);
+    }
+    return true;
+}
+
+// Destroys the fields of an instance in declaration order, as the type's plan lists those that
+// own something. False when the destroy is abandoned.
 bool destroy_fields(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, int8_t variant, uint32_t *err) {
-    for (FieldAt<void> a : owning_fields(t, instance, variant)) {
-        const Field &f = a.field();
+    const uint16_t *plan = t.plan;
+    for (uint16_t i = 0, n = t.n_owning; i < n; ++i) {
+        const Field &f = t.fields[plan[i]];
+        if (!present(f, variant)) continue;
+        uint8_t *address = bytes(instance) + f.offset;
+        void *&slot = *reinterpret_cast<void **>(address);
         switch (f.shape) {
         case Shape::member:
-            if (void *&slot = a.pointer()) {
+            if (slot) {
                 destroy_internal(*f.type, h, luid, slot, 1);
                 notify(h, &slot, sizeof slot, luid);
                 slot = nullptr;
             }
             continue;
-        case Shape::var_string: free_block(h, luid, a.pointer()); continue;
-        case Shape::var_array: release_array(a, h, luid, a.count()); continue;
-        default: break;
+        case Shape::var_string: free_block(h, luid, slot); continue;
+        case Shape::var_array: {
+            const FieldAt<void> a = field_of(t, f, instance);
+            release_array(a, h, luid, a.count());
+            continue;
         }
-        const PrimInstance *prim = prim_instance_of(f.kind);
-        for (uint32_t k = 0; k < f.count; ++k) {
-            void *element = a.element(k);
-            if (*err) trace(f.type ? *f.type : t, Message::oid_count_error_present, MGX_SEV_ERROR);
-            // Nested records and attribute lists may hold object references for their container
-            // to release; a nested record lists none.
-            if (f.kind == Kind::record) {
-                get_oid_count(*f.type, h, luid, element, err);
-            } else if (f.kind == Kind::aaa_tlv) {
-                uint32_t n = prim->get_oid_count(h, luid, element, err);
-                if (n > 0 && !release_references(t, h, luid, element, n, prim->get_object_references, err)) return false;
-            }
-            if (prim) prim->destroy_internal(h, luid, element, 0);
-            else destroy_internal(*f.type, h, luid, element, 0);
+        default:
+            if (!destroy_inline(t, f, h, luid, address, err)) return false;
         }
     }
     return true;
@@ -439,16 +458,17 @@ bool layout_settled(const Type &t, const void *instance) { return t.n_variants =
 
 // The records and enumerations embedded in an instance, at every depth.
 void adjust_embedded(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
-    for (FieldAt<void> a : inline_fields(t, instance)) {
-        const Field &f = a.field();
+    const uint16_t *plan = t.plan + t.n_owning;
+    for (uint16_t i = 0, n = t.n_inline; i < n; ++i) {
+        const Field &f = t.fields[plan[i]];
         if (f.kind != Kind::record && f.kind != Kind::enumeration) continue;
         for (uint32_t k = 0; k < f.count; ++k) {
-            void *nested = a.element(k);
-            if (f.kind == Kind::record) adjust_embedded(*f.type, h, luid, nested, err);
+            void *nested = bytes(instance) + f.offset + size_t{k} * f.elem_size;
+            if (f.kind == Kind::record && f.type->n_inline) adjust_embedded(*f.type, h, luid, nested, err);
             if (layout_settled(*f.type, nested)) continue;
             if (f.kind == Kind::record)
                 mgxlib_adjust_variant(h, luid, nested, mgx_get_manifested_type_info(nested), f.type->last_variant(), err);
-            else if (f.kind == Kind::enumeration) enum_adjust_variant(*f.type, h, luid, nested, err);
+            else enum_adjust_variant(*f.type, h, luid, nested, err);
         }
     }
 }
@@ -464,7 +484,7 @@ uint32_t adjust_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *ins
 }
 
 void raise_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
-    adjust_embedded(t, h, luid, instance, err);
+    if (t.n_inline) adjust_embedded(t, h, luid, instance, err);
     if (!layout_settled(t, instance))
         mgxlib_adjust_variant(h, luid, instance, mgx_get_manifested_type_info(instance), t.last_variant(), err);
 }
