@@ -337,11 +337,57 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
     initialize_instance(t, w, instance, t.descriptor, 0, MGX_IF_NESTED, sttr_base);
 }
 
+// Whether an initialisation is plain: no write hook to call (the walk uses none, or the handle
+// has none), instances that point at the static descriptors and no state tracking, so that no
+// instance of the walk has a flag area of its own and every header is four stores.
+bool plain(const Type &t, const mgx_handle_t *h, int use_write_hook) {
+    return (!use_write_hook || !h->write_hook) && h->domain_mode == 0 && !tracking(t, h);
+}
+
+// initialize_instance as it goes in a plain walk, with the same calls in the same order; every
+// nested instance is handed the base the walk started with, as initialize_instance hands it
+// where there are no flag areas.
+void initialize_plain(const Type &t, const Walk &w, void *instance, const void *descriptor, uint32_t flags_to_set,
+                      uint8_t *sttr_base) {
+    mgx_handle_t *h = w.h;
+    if (!begin(h, w.luid, instance, w.err)) return;
+    mgx_instance_hdr_t *hd = hdr(instance);
+    const int8_t variant = record_variant_cap(
+        t, static_cast<uint8_t>(mgx_domain_lookup_variant(h, &h->variant_domain, descriptor, w.err)));
+    hd->layout = 0;
+    hd->variant = variant;
+    hd->descriptor = const_cast<void *>(descriptor);
+    hd->flags = static_cast<uint8_t>(hd->flags | flags_to_set);
+    const bool counted = count_stats(t, h, w.luid, static_cast<const mgx_type_info_t *>(descriptor), variant, true, w.err);
+    const uint16_t *plan = t.plan + t.n_owning;
+    for (uint16_t i = 0, n = t.n_inline; i < n; ++i) {
+        const Field &f = t.fields[plan[i]];
+        uint8_t *address = bytes(instance) + f.offset;
+        const PrimInstance *prim = prim_instance_of(f.kind);
+        for (uint32_t k = 0; k < f.count; ++k) {
+            void *element = address + size_t{k} * f.elem_size;
+            if (prim)
+                prim->initialize(h, w.luid, element, prim->descriptor, w.use_write_hook, 0, MGX_IF_NESTED, sttr_base, w.err);
+            else initialize_plain(*f.type, w, element, f.type->descriptor, MGX_IF_NESTED, sttr_base);
+        }
+    }
+    if (failed(w.err)) [[unlikely]]
+        undo_initialize(t, w, instance, counted);
+}
+
 } // namespace
 
 void initialize(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, const void *descriptor, int use_write_hook,
                 int header_only, uint32_t flags_to_set, uint8_t *sttr_base, uint32_t *err) {
-    initialize_instance(t, Walk{h, luid, use_write_hook, err}, instance, descriptor, header_only, flags_to_set, sttr_base);
+    const Walk w{h, luid, use_write_hook, err};
+    if (!header_only && plain(t, h, use_write_hook)) initialize_plain(t, w, instance, descriptor, flags_to_set, sttr_base);
+    else initialize_instance(t, w, instance, descriptor, header_only, flags_to_set, sttr_base);
+}
+
+void initialize_element(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint8_t *sttr_base, uint32_t *err) {
+    const Walk w{h, luid, 0, err};
+    if (plain(t, h, 0)) initialize_plain(t, w, instance, t.descriptor, MGX_IF_NESTED, sttr_base);
+    else initialize_instance(t, w, instance, t.descriptor, 0, MGX_IF_NESTED, sttr_base);
 }
 
 void set_instance_embedded(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance) {
@@ -483,7 +529,7 @@ uint32_t adjust_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *ins
     return mgxlib_adjust_variant(h, luid, instance, mgx_get_manifested_type_info(instance), t.last_variant(), err);
 }
 
-void raise_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
+void raise_variant_walk(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
     if (t.n_inline) adjust_embedded(t, h, luid, instance, err);
     if (!layout_settled(t, instance))
         mgxlib_adjust_variant(h, luid, instance, mgx_get_manifested_type_info(instance), t.last_variant(), err);
