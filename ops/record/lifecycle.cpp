@@ -337,6 +337,12 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
     initialize_instance(t, w, instance, t.descriptor, 0, MGX_IF_NESTED, sttr_base);
 }
 
+// initialize_instance out of line, for the entry points whose common case is the plain walk.
+[[gnu::noinline]] void initialize_general(const Type &t, const Walk &w, void *instance, const void *descriptor, int header_only,
+                                          uint32_t flags_to_set, uint8_t *sttr_base) {
+    initialize_instance(t, w, instance, descriptor, header_only, flags_to_set, sttr_base);
+}
+
 // Whether an initialisation is plain: no write hook to call (the walk uses none, or the handle
 // has none), instances that point at the static descriptors and no state tracking, so that no
 // instance of the walk has a flag area of its own and every header is four stores.
@@ -381,13 +387,13 @@ void initialize(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, c
                 int header_only, uint32_t flags_to_set, uint8_t *sttr_base, uint32_t *err) {
     const Walk w{h, luid, use_write_hook, err};
     if (!header_only && plain(t, h, use_write_hook)) initialize_plain(t, w, instance, descriptor, flags_to_set, sttr_base);
-    else initialize_instance(t, w, instance, descriptor, header_only, flags_to_set, sttr_base);
+    else initialize_general(t, w, instance, descriptor, header_only, flags_to_set, sttr_base);
 }
 
 void initialize_element(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint8_t *sttr_base, uint32_t *err) {
     const Walk w{h, luid, 0, err};
     if (plain(t, h, 0)) initialize_plain(t, w, instance, t.descriptor, MGX_IF_NESTED, sttr_base);
-    else initialize_instance(t, w, instance, t.descriptor, 0, MGX_IF_NESTED, sttr_base);
+    else initialize_general(t, w, instance, t.descriptor, 0, MGX_IF_NESTED, sttr_base);
 }
 
 void set_instance_embedded(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance) {
