@@ -126,6 +126,19 @@ void hooked_write(mgx_handle_t *h, bool use_hook, void *addr, size_t n, uint32_t
     return true;
 }
 
+// destroy_internal of a nested instance (not freed) that owns nothing and has no mapping, OID or
+// tracking to settle: its descriptor checked and its destruction counted, without a call. False,
+// with nothing done, for any other instance.
+[[gnu::always_inline]] inline bool destroy_leaf(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance) {
+    const mgx_instance_hdr_t *hd = hdr(instance);
+    if (t.n_owning || (hd->flags & (MGX_IF_OID_MAPPED | MGX_IF_TRACKED | MGX_IF_STTR_OFFSET | MGX_IF_HD_MAPPED))) return false;
+    auto *d = static_cast<const mgx_type_info_t *>(hd->descriptor);
+    if (!d || d->magic != MGX_TYPE_INFO_MAGIC) fatal(t, Message::descriptor_corrupt);
+    uint32_t err = 0;
+    count_stats(t, h, luid, d, hd->variant, false, &err);
+    return true;
+}
+
 // Destroys the instances an inline field holds (one, or each of a fixed array's). False when the
 // destroy is abandoned.
 bool destroy_inline(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, uint8_t *address, uint32_t *err) {
@@ -143,7 +156,7 @@ bool destroy_inline(const Type &t, const Field &f, mgx_handle_t *h, uint32_t lui
             if (n > 0 && !release_references(t, h, luid, element, n, prim->get_object_references, err)) return false;
         }
         if (prim) prim->destroy_internal(h, luid, element, 0);
-        else destroy_internal(*f.type, h, luid, element, 0);
+        else if (!destroy_leaf(*f.type, h, luid, element)) destroy_internal(*f.type, h, luid, element, 0);
     }
     return true;
 }
@@ -353,10 +366,11 @@ bool plain(const Type &t, const mgx_handle_t *h, int use_write_hook) {
 // initialize_instance as it goes in a plain walk, with the same calls in the same order; every
 // nested instance is handed the base the walk started with, as initialize_instance hands it
 // where there are no flag areas.
-void initialize_plain(const Type &t, const Walk &w, void *instance, const void *descriptor, uint32_t flags_to_set,
-                      uint8_t *sttr_base) {
+// The header and the count of initialize_plain; false when the walk has failed before it.
+[[gnu::always_inline]] inline bool plain_header(const Type &t, const Walk &w, void *instance, const void *descriptor,
+                                                uint32_t flags_to_set, bool &counted) {
     mgx_handle_t *h = w.h;
-    if (!begin(h, w.luid, instance, w.err)) return;
+    if (!begin(h, w.luid, instance, w.err)) return false;
     mgx_instance_hdr_t *hd = hdr(instance);
     const int8_t variant = record_variant_cap(
         t, static_cast<uint8_t>(mgx_domain_lookup_variant(h, &h->variant_domain, descriptor, w.err)));
@@ -364,7 +378,14 @@ void initialize_plain(const Type &t, const Walk &w, void *instance, const void *
     hd->variant = variant;
     hd->descriptor = const_cast<void *>(descriptor);
     hd->flags = static_cast<uint8_t>(hd->flags | flags_to_set);
-    const bool counted = count_stats(t, h, w.luid, static_cast<const mgx_type_info_t *>(descriptor), variant, true, w.err);
+    counted = count_stats(t, h, w.luid, static_cast<const mgx_type_info_t *>(descriptor), variant, true, w.err);
+    return true;
+}
+
+void initialize_plain(const Type &t, const Walk &w, void *instance, const void *descriptor, uint32_t flags_to_set,
+                      uint8_t *sttr_base) {
+    bool counted;
+    if (!plain_header(t, w, instance, descriptor, flags_to_set, counted)) return;
     const uint16_t *plan = t.plan + t.n_owning;
     for (uint16_t i = 0, n = t.n_inline; i < n; ++i) {
         const Field &f = t.fields[plan[i]];
@@ -372,9 +393,16 @@ void initialize_plain(const Type &t, const Walk &w, void *instance, const void *
         const PrimInstance *prim = prim_instance_of(f.kind);
         for (uint32_t k = 0; k < f.count; ++k) {
             void *element = address + size_t{k} * f.elem_size;
-            if (prim)
-                prim->initialize(h, w.luid, element, prim->descriptor, w.use_write_hook, 0, MGX_IF_NESTED, sttr_base, w.err);
-            else initialize_plain(*f.type, w, element, f.type->descriptor, MGX_IF_NESTED, sttr_base);
+            bool nested_counted;
+            if (prim) {
+                prim->initialize(w.h, w.luid, element, prim->descriptor, w.use_write_hook, 0, MGX_IF_NESTED, sttr_base, w.err);
+            } else if (f.type->n_inline) {
+                initialize_plain(*f.type, w, element, f.type->descriptor, MGX_IF_NESTED, sttr_base);
+            } else if (plain_header(*f.type, w, element, f.type->descriptor, MGX_IF_NESTED, nested_counted) && failed(w.err))
+                [[unlikely]] {
+                // a nested instance that embeds nothing, as initialize_plain makes it, here without a call
+                undo_initialize(*f.type, w, element, nested_counted);
+            }
         }
     }
     if (failed(w.err)) [[unlikely]]
