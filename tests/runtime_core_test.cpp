@@ -210,6 +210,29 @@ TEST(KeptBlocks, CarryTheGuardBehindTheSizeAskedFor) {
     EXPECT_EQ(bare.live(), 0u);
 }
 
+// Freeing a block drops the OID mapping, state-flag offsets and retained data inside it, on a
+// handle whose frees otherwise take the short way; a block made again at the address holds none.
+TEST(KeptBlocks, FreeingDropsTheBookkeepingInsideTheBlock) {
+    OwnHandle g;
+    uint8_t *a = g.alloc(32), *b = g.alloc(32);
+    std::memset(a, 0, 32);
+    const uint64_t oid = mgx_oid_map(g.h, a);
+    ASSERT_EQ(mgx_sttr_offset_set(g.h, b + 16, 4), 0);
+    ASSERT_EQ(mgx_retained_data_set(g.h, b, "xy", 2), 1);
+    EXPECT_EQ(mgx_handle_bookkeeping(g.h), 4u); // the mapping in both directions, an offset, retained bytes
+    g.release(a);
+    EXPECT_FALSE(mgx_oid_exists(g.h, oid));
+    EXPECT_EQ(mgx_handle_bookkeeping(g.h), 2u);
+    g.release(b);
+    EXPECT_EQ(mgx_handle_bookkeeping(g.h), 0u);
+    uint8_t *c = g.alloc(32);
+    const void *bytes = nullptr;
+    EXPECT_EQ(mgx_retained_data_get(g.h, c, &bytes), 0u);
+    EXPECT_EQ(mgx_sttr_offset_lookup(g.h, c + 16, nullptr), 0);
+    g.release(c);
+    EXPECT_EQ(g.live(), 0u);
+}
+
 // What the heap holds for the program, kept blocks included.
 size_t heap_in_use() { return mallinfo2().uordblks; }
 

@@ -126,16 +126,21 @@ void hooked_write(mgx_handle_t *h, bool use_hook, void *addr, size_t n, uint32_t
     return true;
 }
 
+// The descriptor of an instance being destroyed; one that is not a descriptor is fatal.
+const mgx_type_info_t *destroyed_descriptor(const Type &t, const mgx_instance_hdr_t *hd) {
+    auto *d = static_cast<const mgx_type_info_t *>(hd->descriptor);
+    if (!d || d->magic != MGX_TYPE_INFO_MAGIC) fatal(t, Message::descriptor_corrupt);
+    return d;
+}
+
 // destroy_internal of a nested instance (not freed) that owns nothing and has no mapping, OID or
 // tracking to settle: its descriptor checked and its destruction counted, without a call. False,
 // with nothing done, for any other instance.
 [[gnu::always_inline]] inline bool destroy_leaf(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance) {
     const mgx_instance_hdr_t *hd = hdr(instance);
     if (t.n_owning || (hd->flags & (MGX_IF_OID_MAPPED | MGX_IF_TRACKED | MGX_IF_STTR_OFFSET | MGX_IF_HD_MAPPED))) return false;
-    auto *d = static_cast<const mgx_type_info_t *>(hd->descriptor);
-    if (!d || d->magic != MGX_TYPE_INFO_MAGIC) fatal(t, Message::descriptor_corrupt);
     uint32_t err = 0;
-    count_stats(t, h, luid, d, hd->variant, false, &err);
+    count_stats(t, h, luid, destroyed_descriptor(t, hd), hd->variant, false, &err);
     return true;
 }
 
@@ -478,9 +483,7 @@ void destroy_internal(const Type &t, mgx_handle_t *h, uint32_t luid, void *insta
         if (hd->flags & MGX_IF_STTR_OFFSET) mgxlib_get_sttr_offset(h, luid, instance);
         else tracking(t, h);
     }
-    auto *d = static_cast<const mgx_type_info_t *>(hd->descriptor);
-    if (!d || d->magic != MGX_TYPE_INFO_MAGIC) fatal(t, Message::descriptor_corrupt);
-    count_stats(t, h, luid, d, hd->variant, false, &err);
+    count_stats(t, h, luid, destroyed_descriptor(t, hd), hd->variant, false, &err);
 
     if ((hd->flags & (MGX_IF_STTR_OFFSET | MGX_IF_HD_MAPPED)) && h->hd_mapping) {
         uint32_t local = 0;
