@@ -16,8 +16,11 @@ using mgx::Runtime;
 
 namespace {
 
-thread_local uint32_t pending_callsite_tag = 0;
-thread_local bool callsite_tag_pending = false;
+// In the static TLS block: reached without a call (a shared library's thread-local storage
+// otherwise costs a call of the dynamic linker's per access). Eight bytes, which the C library's
+// reserve for libraries loaded later holds.
+[[gnu::tls_model("initial-exec")]] thread_local uint32_t pending_callsite_tag = 0;
+[[gnu::tls_model("initial-exec")]] thread_local bool callsite_tag_pending = false;
 // Tags set by any thread and not yet consumed: while none is, an allocation does not look at its
 // thread's own (reaching thread-local storage from a shared library is a call per access).
 std::atomic<uint32_t> callsite_tags_pending{0};
@@ -68,6 +71,7 @@ void check_guard(Runtime *r, const void *p, size_t size) {
 [[gnu::noinline]] void *allocate_any(Runtime *r, size_t size) {
     if (callsite_tags_pending.load(std::memory_order_relaxed) != 0) consume_callsite_tag(r);
     if (countdown_fires(r->fail_nth)) return nullptr;
+    if (void *p = r->blocks.take_kept(size)) return p;
     return r->blocks.allocate(size);
 }
 
