@@ -19,7 +19,7 @@ bool init_elements(const Field &f, mgx_handle_t *h, uint32_t luid, void *block, 
     for (uint32_t k = from; k < to; ++k) {
         void *element = layout.element(block, k);
         uint32_t e = 0;
-        initialize(*f.type, h, luid, element, f.type->descriptor, 0, 0, MGX_IF_NESTED, layout.slot_of(flags, k), &e);
+        initialize_element(*f.type, h, luid, element, layout.slot_of(flags, k), &e);
         // A failed initialisation took itself back; element k is destroyed only when it was made
         // and raising its variant failed.
         const uint32_t made = e ? k : k + 1;

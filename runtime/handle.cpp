@@ -16,8 +16,11 @@ using mgx::Runtime;
 
 namespace {
 
-thread_local uint32_t pending_callsite_tag = 0;
-thread_local bool callsite_tag_pending = false;
+// In the static TLS block: reached without a call (a shared library's thread-local storage
+// otherwise costs a call of the dynamic linker's per access). Eight bytes, which the C library's
+// reserve for libraries loaded later holds.
+[[gnu::tls_model("initial-exec")]] thread_local uint32_t pending_callsite_tag = 0;
+[[gnu::tls_model("initial-exec")]] thread_local bool callsite_tag_pending = false;
 // Tags set by any thread and not yet consumed: while none is, an allocation does not look at its
 // thread's own (reaching thread-local storage from a shared library is a call per access).
 std::atomic<uint32_t> callsite_tags_pending{0};
@@ -42,64 +45,52 @@ template <class Map> void erase_range(Map &m, const void *p, size_t size) {
     m.erase(lo, hi);
 }
 
-constexpr uint8_t guard_pattern = 0xD9;
-
 // A guarded block's pattern, as it was written when the block was made.
 void check_guard(Runtime *r, const void *p, size_t size) {
     const uint8_t *guard = static_cast<const uint8_t *>(p) + size;
-    for (uint32_t i = 0; i < r->guard_bytes; ++i)
-        if (guard[i] != guard_pattern) {
+    for (uint32_t i = 0; i < r->blocks.guard(); ++i)
+        if (guard[i] != mgx::BlockPool::guard_pattern) {
             r->overruns++;
             std::fprintf(stderr, "mgx: block %p of %zu bytes was written past its end (guard byte %u)\n", p, size, i);
             return;
         }
 }
 
-void *instance_alloc(void *ctx, uint32_t, size_t size) {
-    auto *h = static_cast<mgx_handle_t *>(ctx);
-    Runtime *r = rt(h);
-    if (callsite_tags_pending.load(std::memory_order_relaxed) != 0 && callsite_tag_pending) {
-        // Recorded only when asked for: a long-running process would otherwise collect one tag
-        // per union member it ever decoded.
-        if (recording(r, MGX_RECORD_CALLSITE_TAGS)) mgx::record(r->callsite_tags, pending_callsite_tag);
-        callsite_tag_pending = false;
-        callsite_tags_pending.fetch_sub(1, std::memory_order_relaxed);
-    }
-    if (countdown_fires(r->fail_nth)) return nullptr;
-    // Guarded blocks bypass the cache: each carries its pattern right behind its own size.
-    void *p = r->guard_bytes ? nullptr : r->spare.take(size);
-    if (!p && r->guard_bytes) {
-        if (size > SIZE_MAX - r->guard_bytes) return nullptr;
-        if ((p = std::malloc(size + r->guard_bytes)))
-            std::memset(static_cast<uint8_t *>(p) + size, guard_pattern, r->guard_bytes);
-    } else if (!p) {
-        p = std::malloc(mgx::BlockCache::heap_size(size));
-    }
-    if (!p) return nullptr;
-    try {
-        r->live.insert(p, size); // may grow the table
-    } catch (...) {
-        std::free(p);
-        return nullptr;
-    }
-    r->live_bytes += size;
-    r->total_allocations++;
-    return p;
+// The pending tag of the calling thread, consumed by the allocation being made. Recorded only
+// when asked for: a long-running process would otherwise collect one tag per union member it ever
+// decoded.
+[[gnu::noinline, gnu::cold]] void consume_callsite_tag(Runtime *r) {
+    if (!callsite_tag_pending) return; // another thread's
+    if (recording(r, MGX_RECORD_CALLSITE_TAGS)) mgx::record(r->callsite_tags, pending_callsite_tag);
+    callsite_tag_pending = false;
+    callsite_tags_pending.fetch_sub(1, std::memory_order_relaxed);
 }
 
-void instance_free(void *ctx, uint32_t, void *p) {
-    if (!p) return;
-    auto *h = static_cast<mgx_handle_t *>(ctx);
-    Runtime *r = rt(h);
-    size_t size = r->live.take(p);
-    if (size == mgx::BlockTable::absent) {
-        std::fprintf(stderr, "mgx: free of a block this handle does not own: %p\n", p);
-        if (!r->guard_bytes) std::abort();
-        r->foreign_frees++; // looking for faults: counted, and the test that made it fails
-        return;
-    }
-    r->live_bytes -= size;
-    if (r->guard_bytes) check_guard(r, p, size);
+// Every allocation that is not served from a kept block without guard bytes: a pending call-site
+// tag, an armed failure, guard bytes, a new block from the heap.
+[[gnu::noinline]] void *allocate_any(Runtime *r, size_t size) {
+    if (callsite_tags_pending.load(std::memory_order_relaxed) != 0) consume_callsite_tag(r);
+    if (countdown_fires(r->fail_nth)) return nullptr;
+    if (void *p = r->blocks.take_kept(size)) return p;
+    return r->blocks.allocate(size);
+}
+
+// The allocator's context is the handle's runtime state.
+void *instance_alloc(void *ctx, uint32_t, size_t size) {
+    auto *r = static_cast<Runtime *>(ctx);
+    if (callsite_tags_pending.load(std::memory_order_relaxed) == 0 && r->fail_nth == 0)
+        if (void *p = r->blocks.take_kept(size)) return p;
+    return allocate_any(r, size);
+}
+
+[[gnu::noinline, gnu::cold]] void foreign_free(Runtime *r, void *p) {
+    std::fprintf(stderr, "mgx: free of a block this handle does not own: %p\n", p);
+    if (!r->blocks.guard()) std::abort();
+    r->foreign_frees++; // looking for faults: counted, and the test that made it fails
+}
+
+// Drops the state-flag offsets, retained data and OID mappings that lie inside a freed block.
+[[gnu::noinline]] void drop_bookkeeping(Runtime *r, const void *p, size_t size) {
     if (!r->sttr_offsets.empty())
         r->sttr_offsets.erase_range(reinterpret_cast<uintptr_t>(p), reinterpret_cast<uintptr_t>(p) + size);
     if (!r->retained.empty()) erase_range(r->retained, p, size);
@@ -110,7 +101,27 @@ void instance_free(void *ctx, uint32_t, void *p) {
             r->oid_of.erase(oid);
         }
     }
-    if (r->guard_bytes || !r->spare.keep(p, size)) std::free(p);
+    r->bookkeeping = !r->sttr_offsets.empty() || !r->retained.empty() || !r->oid_of.empty() || !r->oids.empty();
+}
+
+// Every free that release_plain declines: guard bytes, bookkeeping to drop, a block the kept ones
+// have no room for, and a block that is not the handle's.
+[[gnu::noinline]] void free_any(Runtime *r, void *p) {
+    mgx::BlockHeader *b = r->blocks.claim(p);
+    if (!b) {
+        if (p) foreign_free(r, p);
+        return;
+    }
+    const size_t size = b->size;
+    if (r->blocks.guard()) check_guard(r, p, size);
+    if (r->bookkeeping) drop_bookkeeping(r, p, size);
+    r->blocks.recycle(b, size);
+}
+
+void instance_free(void *ctx, uint32_t, void *p) {
+    auto *r = static_cast<Runtime *>(ctx);
+    if (!r->bookkeeping && r->blocks.release_plain(p)) return;
+    free_any(r, p);
 }
 
 // The handle's write hook while the journal records: called before every write an operation makes.
@@ -173,7 +184,7 @@ mgx_handle_t *mgx_handle_create(void) {
     r->handle = h;
     h->inst_alloc = instance_alloc;
     h->inst_free = instance_free;
-    h->alloc_ctx = h;
+    h->alloc_ctx = r;
     h->write_hook = nullptr; // the journal, off until asked for
     h->reg_alloc = registry_alloc;
     h->reg_mem_ctx = r;
@@ -188,9 +199,8 @@ mgx_handle_t *mgx_handle_create(void) {
 void mgx_handle_destroy(mgx_handle_t *h) {
     if (!h) return;
     Runtime *r = rt(h);
-    r->live.for_each([r](void *p, size_t size) {
-        if (r->guard_bytes) check_guard(r, p, size);
-        std::free(p);
+    r->blocks.release_live([r](void *p, size_t size) {
+        if (r->blocks.guard()) check_guard(r, p, size);
     });
     for (void *p : r->registry_blocks) std::free(p);
     delete r;
@@ -211,11 +221,10 @@ int mgx_handle_set_domain_variant(mgx_handle_t *h, const char *type_name, int8_t
 
 void mgx_handle_set_domain_mode(mgx_handle_t *h, uint32_t mode) { h->domain_mode = mode; }
 uint32_t mgx_handle_last_error(const mgx_handle_t *h) { return h->last_error; }
-uint64_t mgx_handle_live_allocations(const mgx_handle_t *h) { return rt(h)->live.size(); }
-uint64_t mgx_handle_live_bytes(const mgx_handle_t *h) { return rt(h)->live_bytes; }
+uint64_t mgx_handle_live_allocations(const mgx_handle_t *h) { return rt(h)->blocks.live_count(); }
+uint64_t mgx_handle_live_bytes(const mgx_handle_t *h) { return rt(h)->blocks.live_bytes(); }
 int mgx_handle_set_guard_bytes(mgx_handle_t *h, uint32_t bytes) {
-    if (!h || bytes > 4096 || rt(h)->live.size()) return MGX_EINVAL;
-    rt(h)->guard_bytes = bytes;
+    if (!h || bytes > 4096 || !rt(h)->blocks.set_guard(bytes)) return MGX_EINVAL;
     return 0;
 }
 uint64_t mgx_handle_overruns(const mgx_handle_t *h) { return rt(h)->overruns; }
@@ -224,7 +233,7 @@ size_t mgx_handle_bookkeeping(const mgx_handle_t *h) {
     const Runtime *r = rt(h);
     return r->oids.size() + r->oid_of.size() + r->sttr_offsets.size() + r->retained.size();
 }
-uint64_t mgx_handle_total_allocations(const mgx_handle_t *h) { return rt(h)->total_allocations; }
+uint64_t mgx_handle_total_allocations(const mgx_handle_t *h) { return rt(h)->blocks.total(); }
 void mgx_handle_fail_allocation(mgx_handle_t *h, uint32_t nth) { rt(h)->fail_nth = nth; }
 uint32_t mgx_handle_allocation_failure_pending(const mgx_handle_t *h) { return rt(h)->fail_nth; }
 void mgx_handle_fail_registry_allocation(mgx_handle_t *h, uint32_t nth) { rt(h)->registry_fail_nth = nth; }
@@ -395,6 +404,7 @@ uint64_t mgx_oid_map(mgx_handle_t *h, void *instance) {
     if (it != r->oid_of.end()) return it->second;
     uint64_t oid = r->next_oid;
     uint32_t err = 0;
+    r->bookkeeping = true;
     mgx::guarded(h, &err, [&] {
         r->oids.emplace(oid, mgx::OidEntry{instance, 0, false});
         try {
@@ -503,6 +513,7 @@ int64_t mgxlib_get_sttr_offset(mgx_handle_t *h, uint32_t, const void *instance) 
 // An offset that cannot be recorded leaves the field without a state-flag area (its flags are
 // then neither read nor written) and 12 in the handle's error store.
 void mgxlib_update_sttr_offset(mgx_handle_t *h, uint32_t luid, const void *field, int64_t offset) {
+    rt(h)->bookkeeping = true;
     mgx::guarded(h, nullptr, [&] { rt(h)->sttr_offsets.insert_or_assign(reinterpret_cast<uintptr_t>(field), offset); });
     record_hook(h, MGX_HOOK_STTR_OFFSET, luid, field, nullptr, offset);
 }
@@ -516,6 +527,7 @@ int mgx_sttr_offset_lookup(const mgx_handle_t *h, const void *field, int64_t *of
 
 int mgx_sttr_offset_set(mgx_handle_t *h, const void *instance, int64_t offset) {
     uint32_t err = 0;
+    rt(h)->bookkeeping = true;
     mgx::guarded(h, &err, [&] { rt(h)->sttr_offsets.insert_or_assign(reinterpret_cast<uintptr_t>(instance), offset); });
     return static_cast<int>(err);
 }
@@ -579,6 +591,7 @@ uint32_t mgx_callsite_tag(const mgx_handle_t *h, size_t i) {
 // 1, or 0 (and 12 in the handle's error store) when the bytes cannot be kept.
 int mgx_retained_data_set(mgx_handle_t *h, const void *instance, const void *bytes, uint16_t length) {
     const auto *p = static_cast<const uint8_t *>(bytes);
+    rt(h)->bookkeeping = true;
     return mgx::guarded(h, nullptr, 0, [&] {
         rt(h)->retained.insert_or_assign(reinterpret_cast<uintptr_t>(instance), std::vector<uint8_t>(p, p + length));
         return 1;

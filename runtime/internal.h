@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "mgx/runtime.h"
+#include "runtime/blocks.h"
 #include "runtime/offset_table.h"
 
 namespace mgx {
@@ -36,133 +37,17 @@ struct OidEntry {
     bool destroy_pending; // mapping removal was asked while references were outstanding
 };
 
-// The live blocks of a handle's instance allocator: an open-addressing table (linear probing,
-// tombstones, grown at half load) so that accounting a block allocates nothing per block; a
-// node-based map cost one heap allocation per instance block.
-class BlockTable {
-public:
-    static constexpr size_t absent = ~size_t{0};
-
-    void insert(void *p, size_t size) {
-        if ((used_ + 1) * 2 > slots_.size()) rehash(slots_.empty() ? 64 : (count_ + 1) * 4);
-        size_t i = home(p);
-        while (slots_[i].key && slots_[i].key != tombstone()) i = (i + 1) & mask();
-        if (!slots_[i].key) ++used_;
-        slots_[i] = Slot{p, size};
-        ++count_;
-    }
-    // The block's size, and the block forgotten; absent when the table does not hold it.
-    size_t take(void *p) {
-        if (slots_.empty() || !p) return absent;
-        for (size_t i = home(p);; i = (i + 1) & mask()) {
-            if (!slots_[i].key) return absent;
-            if (slots_[i].key == p) {
-                size_t size = slots_[i].size;
-                slots_[i].key = tombstone();
-                --count_;
-                return size;
-            }
-        }
-    }
-    size_t size() const { return count_; }
-    template <class Fn> void for_each(Fn fn) const {
-        for (const Slot &s : slots_)
-            if (s.key && s.key != tombstone()) fn(s.key, s.size);
-    }
-
-private:
-    struct Slot {
-        void *key = nullptr;
-        size_t size = 0;
-    };
-    static void *tombstone() { return reinterpret_cast<void *>(uintptr_t{1}); }
-    size_t mask() const { return slots_.size() - 1; }
-    size_t home(const void *p) const {
-        auto v = reinterpret_cast<uintptr_t>(p) >> 4;
-        return static_cast<size_t>(v * 0x9E3779B97F4A7C15ull >> 20) & mask();
-    }
-    void rehash(size_t at_least) {
-        size_t n = 64;
-        while (n < at_least) n *= 2;
-        std::vector<Slot> old(n);
-        old.swap(slots_);
-        used_ = count_ = 0;
-        for (const Slot &s : old)
-            if (s.key && s.key != tombstone()) insert(s.key, s.size);
-    }
-    std::vector<Slot> slots_;
-    size_t count_ = 0; // live blocks
-    size_t used_ = 0;  // slots ever filled since the last rehash (live and tombstones)
-};
-
-// Freed instance blocks of the small sizes, kept for the next allocation of the same size class:
-// decoding a message into a new instance and destroying it again would otherwise go to the C
-// heap for every nested record, string and array. Blocks of a class are allocated at the class's
-// full size so that any request of the class can take any of them. Off under AddressSanitizer,
-// which has to see every free to report a use after it.
-class BlockCache {
-public:
-#if defined(__SANITIZE_ADDRESS__)
-    static constexpr bool enabled = false;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-    static constexpr bool enabled = false;
-#else
-    static constexpr bool enabled = true;
-#endif
-#else
-    static constexpr bool enabled = true;
-#endif
-    static constexpr size_t granule = 16, classes = 32, depth = 64; // classes up to 512 bytes
-    static constexpr size_t max_bytes = 256 * 1024;                 // kept at most, per handle
-
-    BlockCache() = default;
-    BlockCache(const BlockCache &) = delete;
-    BlockCache &operator=(const BlockCache &) = delete;
-    ~BlockCache() {
-        for (size_t c = 0; c < classes; ++c)
-            for (uint8_t i = 0; i < count_[c]; ++i) std::free(blocks_[c][i]);
-    }
-    size_t bytes() const { return bytes_; }
-
-    // The bytes to ask the heap for when a request of this size is not met from the cache.
-    static size_t heap_size(size_t size) {
-        size_t c = class_of(size);
-        return enabled && c < classes ? (c + 1) * granule : (size ? size : 1);
-    }
-    void *take(size_t size) {
-        size_t c = class_of(size);
-        if (!enabled || c >= classes || count_[c] == 0) return nullptr;
-        bytes_ -= (c + 1) * granule;
-        return blocks_[c][--count_[c]];
-    }
-    // False when the block is to go back to the heap.
-    bool keep(void *p, size_t size) {
-        size_t c = class_of(size);
-        if (!enabled || c >= classes || count_[c] == depth || bytes_ + (c + 1) * granule > max_bytes) return false;
-        bytes_ += (c + 1) * granule;
-        blocks_[c][count_[c]++] = p;
-        return true;
-    }
-
-private:
-    static size_t class_of(size_t size) { return size ? (size - 1) / granule : 0; }
-    void *blocks_[classes][depth];
-    uint8_t count_[classes] = {};
-    size_t bytes_ = 0;
-};
-
 struct Runtime {
     mgx_handle_t *handle = nullptr; // the handle this is the state of
-    // instance allocator accounting
-    BlockTable live;
-    BlockCache spare; // freed blocks kept for reuse (not live, not counted)
-    uint64_t live_bytes = 0;
-    uint64_t total_allocations = 0;
+    // instance allocator: live blocks and their accounting, guard bytes (none by default), freed
+    // blocks kept for reuse (not live, not counted)
+    BlockPool blocks;
     uint32_t fail_nth = 0;
-    // guard bytes behind every block (none by default) and the blocks found written past their end
-    uint32_t guard_bytes = 0;
+    // blocks found written past their end, frees of blocks the handle did not own
     uint64_t overruns = 0, foreign_frees = 0;
+    // set when an entry goes into sttr_offsets, retained or the OID tables, so that a free looks
+    // at them only while one of them may hold something
+    bool bookkeeping = false;
     // registry
     uint32_t registry_fail_nth = 0;
     std::vector<void *> registry_blocks;

@@ -199,6 +199,64 @@ TEST_F(Sweep, EveryTypeCreatesAndDestroysTrackedOrNotAndCountsItsVariant) {
     });
 }
 
+// The common walk (no write hook to call, the static descriptors, no tracking) makes and destroys
+// what the general one makes, with the same counts, errors and traces: a decode into a new
+// instance on a handle without hooks, on one whose journal is its hook and on one whose instances
+// point at registered descriptors, each also with the first count of the decode refused.
+TEST_F(Sweep, EveryTypeIsMadeAlikeWhateverTheHandleWatches) {
+    mgx_handle_t *plain = mgx_handle_create(), *journaled = recording_handle(), *registered = mgx_handle_create();
+    mgx_handle_set_domain_mode(registered, 1);
+    auto counts = [] {
+        std::vector<uint64_t> out;
+        for (const Ops &o : typeops::all())
+            for (int v = 0; v < o.type->n_variants; ++v) {
+                out.push_back(mgx_stats_created(o.type->descriptor, v));
+                out.push_back(mgx_stats_destroyed(o.type->descriptor, v));
+            }
+        return out;
+    };
+    struct Outcome {
+        std::vector<uint8_t> wire;
+        std::vector<uint64_t> counted;
+        uint32_t err, last_error;
+        std::vector<std::string> traces;
+        bool operator==(const Outcome &) const = default;
+    };
+    each({false}, true, [&](const Ops &o, unsigned arm) {
+        void *source = typeops::make_filled(o, h, 3, arm);
+        const std::vector<uint8_t> wire = typeops::encode(o, h, source, &err);
+        ASSERT_EQ(take_err(), 0u);
+        o.destroy(h, 1, source);
+        auto decode = [&](mgx_handle_t *x, bool refuse_count) {
+            Outcome out{};
+            std::vector<uint64_t> before = counts();
+            void *into = typeops::make(o, x);
+            mgx_trace_clear();
+            if (refuse_count) mgx_handle_fail_stats(x, MGX_ENOMEM);
+            o.unmarshal(x, 1, wire.data(), into, static_cast<int32_t>(wire.size()), 0, &out.err);
+            mgx_handle_fail_stats(x, 0);
+            out.last_error = mgx_handle_last_error(x);
+            for (size_t i = 0; i < mgx_trace_count(); ++i) out.traces.push_back(mgx_trace_text(i));
+            uint32_t e = 0;
+            out.wire = typeops::encode(o, x, into, &e);
+            o.destroy(x, 1, into);
+            out.counted = counts();
+            for (size_t i = 0; i < before.size(); ++i) out.counted[i] -= before[i];
+            EXPECT_EQ(mgx_handle_live_allocations(x), 0u);
+            return out;
+        };
+        for (bool refuse : {false, true}) {
+            const Outcome common = decode(plain, refuse);
+            EXPECT_EQ(common, decode(journaled, refuse)) << (refuse ? "with a refused count" : "");
+            EXPECT_EQ(common, decode(registered, refuse)) << (refuse ? "with a refused count" : "");
+            if (!refuse) {
+                EXPECT_EQ(common.wire, wire);
+            }
+        }
+    });
+    for (mgx_handle_t *x : {plain, journaled, registered}) mgx_handle_destroy(x);
+}
+
 // A whole-instance set from a filled source (union members pass over to the destination), then a
 // raw copy of the result made independent by the cleanup: three owners, no storage shared, each
 // destroyed on its own.

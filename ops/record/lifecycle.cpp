@@ -99,9 +99,11 @@ void hooked_write(mgx_handle_t *h, bool use_hook, void *addr, size_t n, uint32_t
 }
 
 // Releases the object references a field holds, then destroys the field. False when the
-// references could not be listed: the destroy is then abandoned.
-bool release_references(const Type &t, mgx_handle_t *h, uint32_t luid, void *field, uint32_t n,
-                        void (*list)(mgx_handle_t *, uint32_t, const void *, uint64_t *, uint32_t, uint32_t *), uint32_t *err) {
+// references could not be listed: the destroy is then abandoned. Out of line: its room for the
+// references is on its own stack frame, not on that of every destroy.
+[[gnu::noinline]] bool release_references(const Type &t, mgx_handle_t *h, uint32_t luid, void *field, uint32_t n,
+                                          void (*list)(mgx_handle_t *, uint32_t, const void *, uint64_t *, uint32_t, uint32_t *),
+                                          uint32_t *err) {
     RefList refs(n);
     if (!refs.ok()) {
         fail(h, err, MGX_ENOMEM);
@@ -124,36 +126,71 @@ bool release_references(const Type &t, mgx_handle_t *h, uint32_t luid, void *fie
     return true;
 }
 
-// Destroys the fields of an instance in declaration order. False when the destroy is abandoned.
+// The descriptor of an instance being destroyed; one that is not a descriptor is fatal.
+const mgx_type_info_t *destroyed_descriptor(const Type &t, const mgx_instance_hdr_t *hd) {
+    auto *d = static_cast<const mgx_type_info_t *>(hd->descriptor);
+    if (!d || d->magic != MGX_TYPE_INFO_MAGIC) fatal(t, Message::descriptor_corrupt);
+    return d;
+}
+
+// destroy_internal of a nested instance (not freed) that owns nothing and has no mapping, OID or
+// tracking to settle: its descriptor checked and its destruction counted, without a call. False,
+// with nothing done, for any other instance.
+[[gnu::always_inline]] inline bool destroy_leaf(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance) {
+    const mgx_instance_hdr_t *hd = hdr(instance);
+    if (t.n_owning || (hd->flags & (MGX_IF_OID_MAPPED | MGX_IF_TRACKED | MGX_IF_STTR_OFFSET | MGX_IF_HD_MAPPED))) return false;
+    uint32_t err = 0;
+    count_stats(t, h, luid, destroyed_descriptor(t, hd), hd->variant, false, &err);
+    return true;
+}
+
+// Destroys the instances an inline field holds (one, or each of a fixed array's). False when the
+// destroy is abandoned.
+bool destroy_inline(const Type &t, const Field &f, mgx_handle_t *h, uint32_t luid, uint8_t *address, uint32_t *err) {
+    const PrimInstance *prim = prim_instance_of(f.kind);
+    for (uint32_t k = 0; k < f.count; ++k) {
+        void *element = address + size_t{k} * f.elem_size;
+        // Nested records and attribute lists may hold object references for their container
+        // to release; a nested record lists none (it only reports an error already present).
+        if (*err) [[unlikely]] {
+            trace(f.type ? *f.type : t, Message::oid_count_error_present, MGX_SEV_ERROR);
+            if (f.kind == Kind::record) get_oid_count(*f.type, h, luid, element, err);
+        }
+        if (f.kind == Kind::aaa_tlv) {
+            uint32_t n = prim->get_oid_count(h, luid, element, err);
+            if (n > 0 && !release_references(t, h, luid, element, n, prim->get_object_references, err)) return false;
+        }
+        if (prim) prim->destroy_internal(h, luid, element, 0);
+        else if (!destroy_leaf(*f.type, h, luid, element)) destroy_internal(*f.type, h, luid, element, 0);
+    }
+    return true;
+}
+
+// Destroys the fields of an instance in declaration order, as the type's plan lists those that
+// own something. False when the destroy is abandoned.
 bool destroy_fields(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, int8_t variant, uint32_t *err) {
-    for (FieldAt<void> a : owning_fields(t, instance, variant)) {
-        const Field &f = a.field();
+    const uint16_t *plan = t.plan;
+    for (uint16_t i = 0, n = t.n_owning; i < n; ++i) {
+        const Field &f = t.fields[plan[i]];
+        if (!present(f, variant)) continue;
+        uint8_t *address = bytes(instance) + f.offset;
+        void *&slot = *reinterpret_cast<void **>(address);
         switch (f.shape) {
         case Shape::member:
-            if (void *&slot = a.pointer()) {
+            if (slot) {
                 destroy_internal(*f.type, h, luid, slot, 1);
                 notify(h, &slot, sizeof slot, luid);
                 slot = nullptr;
             }
             continue;
-        case Shape::var_string: free_block(h, luid, a.pointer()); continue;
-        case Shape::var_array: release_array(a, h, luid, a.count()); continue;
-        default: break;
+        case Shape::var_string: free_block(h, luid, slot); continue;
+        case Shape::var_array: {
+            const FieldAt<void> a = field_of(t, f, instance);
+            release_array(a, h, luid, a.count());
+            continue;
         }
-        const PrimInstance *prim = prim_instance_of(f.kind);
-        for (uint32_t k = 0; k < f.count; ++k) {
-            void *element = a.element(k);
-            if (*err) trace(f.type ? *f.type : t, Message::oid_count_error_present, MGX_SEV_ERROR);
-            // Nested records and attribute lists may hold object references for their container
-            // to release; a nested record lists none.
-            if (f.kind == Kind::record) {
-                get_oid_count(*f.type, h, luid, element, err);
-            } else if (f.kind == Kind::aaa_tlv) {
-                uint32_t n = prim->get_oid_count(h, luid, element, err);
-                if (n > 0 && !release_references(t, h, luid, element, n, prim->get_object_references, err)) return false;
-            }
-            if (prim) prim->destroy_internal(h, luid, element, 0);
-            else destroy_internal(*f.type, h, luid, element, 0);
+        default:
+            if (!destroy_inline(t, f, h, luid, address, err)) return false;
         }
     }
     return true;
@@ -318,11 +355,78 @@ void initialize_nested(const Type &t, const Walk &w, void *instance, uint8_t *st
     initialize_instance(t, w, instance, t.descriptor, 0, MGX_IF_NESTED, sttr_base);
 }
 
+// initialize_instance out of line, for the entry points whose common case is the plain walk.
+[[gnu::noinline]] void initialize_general(const Type &t, const Walk &w, void *instance, const void *descriptor, int header_only,
+                                          uint32_t flags_to_set, uint8_t *sttr_base) {
+    initialize_instance(t, w, instance, descriptor, header_only, flags_to_set, sttr_base);
+}
+
+// Whether an initialisation is plain: no write hook to call (the walk uses none, or the handle
+// has none), instances that point at the static descriptors and no state tracking, so that no
+// instance of the walk has a flag area of its own and every header is four stores.
+bool plain(const Type &t, const mgx_handle_t *h, int use_write_hook) {
+    return (!use_write_hook || !h->write_hook) && h->domain_mode == 0 && !tracking(t, h);
+}
+
+// initialize_instance as it goes in a plain walk, with the same calls in the same order; every
+// nested instance is handed the base the walk started with, as initialize_instance hands it
+// where there are no flag areas.
+// The header and the count of initialize_plain; false when the walk has failed before it.
+[[gnu::always_inline]] inline bool plain_header(const Type &t, const Walk &w, void *instance, const void *descriptor,
+                                                uint32_t flags_to_set, bool &counted) {
+    mgx_handle_t *h = w.h;
+    if (!begin(h, w.luid, instance, w.err)) return false;
+    mgx_instance_hdr_t *hd = hdr(instance);
+    const int8_t variant = record_variant_cap(
+        t, static_cast<uint8_t>(mgx_domain_lookup_variant(h, &h->variant_domain, descriptor, w.err)));
+    hd->layout = 0;
+    hd->variant = variant;
+    hd->descriptor = const_cast<void *>(descriptor);
+    hd->flags = static_cast<uint8_t>(hd->flags | flags_to_set);
+    counted = count_stats(t, h, w.luid, static_cast<const mgx_type_info_t *>(descriptor), variant, true, w.err);
+    return true;
+}
+
+void initialize_plain(const Type &t, const Walk &w, void *instance, const void *descriptor, uint32_t flags_to_set,
+                      uint8_t *sttr_base) {
+    bool counted;
+    if (!plain_header(t, w, instance, descriptor, flags_to_set, counted)) return;
+    const uint16_t *plan = t.plan + t.n_owning;
+    for (uint16_t i = 0, n = t.n_inline; i < n; ++i) {
+        const Field &f = t.fields[plan[i]];
+        uint8_t *address = bytes(instance) + f.offset;
+        const PrimInstance *prim = prim_instance_of(f.kind);
+        for (uint32_t k = 0; k < f.count; ++k) {
+            void *element = address + size_t{k} * f.elem_size;
+            bool nested_counted;
+            if (prim) {
+                prim->initialize(w.h, w.luid, element, prim->descriptor, w.use_write_hook, 0, MGX_IF_NESTED, sttr_base, w.err);
+            } else if (f.type->n_inline) {
+                initialize_plain(*f.type, w, element, f.type->descriptor, MGX_IF_NESTED, sttr_base);
+            } else if (plain_header(*f.type, w, element, f.type->descriptor, MGX_IF_NESTED, nested_counted) && failed(w.err))
+                [[unlikely]] {
+                // a nested instance that embeds nothing, as initialize_plain makes it, here without a call
+                undo_initialize(*f.type, w, element, nested_counted);
+            }
+        }
+    }
+    if (failed(w.err)) [[unlikely]]
+        undo_initialize(t, w, instance, counted);
+}
+
 } // namespace
 
 void initialize(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, const void *descriptor, int use_write_hook,
                 int header_only, uint32_t flags_to_set, uint8_t *sttr_base, uint32_t *err) {
-    initialize_instance(t, Walk{h, luid, use_write_hook, err}, instance, descriptor, header_only, flags_to_set, sttr_base);
+    const Walk w{h, luid, use_write_hook, err};
+    if (!header_only && plain(t, h, use_write_hook)) initialize_plain(t, w, instance, descriptor, flags_to_set, sttr_base);
+    else initialize_general(t, w, instance, descriptor, header_only, flags_to_set, sttr_base);
+}
+
+void initialize_element(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint8_t *sttr_base, uint32_t *err) {
+    const Walk w{h, luid, 0, err};
+    if (plain(t, h, 0)) initialize_plain(t, w, instance, t.descriptor, MGX_IF_NESTED, sttr_base);
+    else initialize_general(t, w, instance, t.descriptor, 0, MGX_IF_NESTED, sttr_base);
 }
 
 void set_instance_embedded(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance) {
@@ -379,9 +483,7 @@ void destroy_internal(const Type &t, mgx_handle_t *h, uint32_t luid, void *insta
         if (hd->flags & MGX_IF_STTR_OFFSET) mgxlib_get_sttr_offset(h, luid, instance);
         else tracking(t, h);
     }
-    auto *d = static_cast<const mgx_type_info_t *>(hd->descriptor);
-    if (!d || d->magic != MGX_TYPE_INFO_MAGIC) fatal(t, Message::descriptor_corrupt);
-    count_stats(t, h, luid, d, hd->variant, false, &err);
+    count_stats(t, h, luid, destroyed_descriptor(t, hd), hd->variant, false, &err);
 
     if ((hd->flags & (MGX_IF_STTR_OFFSET | MGX_IF_HD_MAPPED)) && h->hd_mapping) {
         uint32_t local = 0;
@@ -439,16 +541,17 @@ bool layout_settled(const Type &t, const void *instance) { return t.n_variants =
 
 // The records and enumerations embedded in an instance, at every depth.
 void adjust_embedded(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
-    for (FieldAt<void> a : inline_fields(t, instance)) {
-        const Field &f = a.field();
+    const uint16_t *plan = t.plan + t.n_owning;
+    for (uint16_t i = 0, n = t.n_inline; i < n; ++i) {
+        const Field &f = t.fields[plan[i]];
         if (f.kind != Kind::record && f.kind != Kind::enumeration) continue;
         for (uint32_t k = 0; k < f.count; ++k) {
-            void *nested = a.element(k);
-            if (f.kind == Kind::record) adjust_embedded(*f.type, h, luid, nested, err);
+            void *nested = bytes(instance) + f.offset + size_t{k} * f.elem_size;
+            if (f.kind == Kind::record && f.type->n_inline) adjust_embedded(*f.type, h, luid, nested, err);
             if (layout_settled(*f.type, nested)) continue;
             if (f.kind == Kind::record)
                 mgxlib_adjust_variant(h, luid, nested, mgx_get_manifested_type_info(nested), f.type->last_variant(), err);
-            else if (f.kind == Kind::enumeration) enum_adjust_variant(*f.type, h, luid, nested, err);
+            else enum_adjust_variant(*f.type, h, luid, nested, err);
         }
     }
 }
@@ -463,8 +566,8 @@ uint32_t adjust_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *ins
     return mgxlib_adjust_variant(h, luid, instance, mgx_get_manifested_type_info(instance), t.last_variant(), err);
 }
 
-void raise_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
-    adjust_embedded(t, h, luid, instance, err);
+void raise_variant_walk(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
+    if (t.n_inline) adjust_embedded(t, h, luid, instance, err);
     if (!layout_settled(t, instance))
         mgxlib_adjust_variant(h, luid, instance, mgx_get_manifested_type_info(instance), t.last_variant(), err);
 }

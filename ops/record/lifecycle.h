@@ -12,6 +12,9 @@ void *create_internal(const Type &t, mgx_handle_t *h, uint32_t luid);
 void *create_cr(const Type &t, mgx_handle_t *h);
 void initialize(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, const void *descriptor, int use_write_hook,
                 int header_only, uint32_t flags_to_set, uint8_t *sttr_base, uint32_t *err);
+// initialize for a nested instance (an array element): its type's own descriptor, no write hook,
+// MGX_IF_NESTED set.
+void initialize_element(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint8_t *sttr_base, uint32_t *err);
 void set_instance_embedded(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance);
 void destroy(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance);
 void destroy_internal(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, int free_it);
@@ -20,8 +23,12 @@ void destroy_cr(const Type &t, mgx_handle_t *h, void *instance);
 // that a decode into it takes every variant the domain knows, at every level.
 uint32_t adjust_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
 // The same for an instance this library has just made (a new arm, array element or clone): the
-// runtime is not asked where the answer cannot change (a single-variant type already laid out).
-void raise_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
+// runtime is not asked where the answer cannot change (a single-variant type already laid out),
+// and a type that embeds nothing is not walked.
+void raise_variant_walk(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err);
+inline void raise_variant(const Type &t, mgx_handle_t *h, uint32_t luid, void *instance, uint32_t *err) {
+    if (t.n_inline || t.n_variants != 1 || hdr(instance)->layout < 0) raise_variant_walk(t, h, luid, instance, err);
+}
 uint32_t size_of(const Type &t, const mgx_handle_t *h);
 uint32_t size_of_internal(const Type &t, const mgx_handle_t *h, const void *instance, int include_state_flags, int flags_only);
 uint32_t get_oid_count(const Type &t, mgx_handle_t *h, uint32_t luid, const void *instance, uint32_t *err);
