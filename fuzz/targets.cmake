@@ -1,8 +1,7 @@
 # The fuzz targets and what each is built from, shared by the fuzz build (each linked with
 # libFuzzer) and the test build (each linked with tests/fuzz_replay.cpp, which replays the inputs
 # kept in fuzz/regressions/ through the same code).
-set(OVRIN_FUZZ_TARGETS wire xml xml_dtd reuse trace elf trace_files trace_format xml_check catalogue json wire_diff
-    wire_diff_shapes)
+set(OVRIN_FUZZ_TARGETS wire xml xml_dtd reuse trace elf trace_files trace_format xml_check catalogue json wire_diff wire_diff_shapes)
 
 # ovrin_fuzz_executable(NAME TARGET SOURCES...): an executable from fuzz/TARGET_fuzz.cpp, the
 # target's helpers and the given sources.
