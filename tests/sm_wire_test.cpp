@@ -178,6 +178,27 @@ TEST_F(Wire, PerElementStateBytesTravelInElementOrder) {
     for (uint32_t k = 0; k < 3; ++k) ovrin_svm_epm_notify_domain_name_bind_domain_names_set(plain, 1, u, k, value, &err);
     const Bytes untracked = encode(h, "ovrin_svm_epm_notify_domain_name_bind", u);
     EXPECT_EQ(Bytes(untracked.end() - 4, untracked.end()), (Bytes{0, 0, 0, 0}));
+
+    // A sender without state bytes leaves each element's slot 0, whether the receiver keeps the
+    // block (non-zero decode flags, the same count) or makes a new one.
+    const Bytes plain_bytes = encode(plain, "ovrin_svm_epm_notify_domain_name_bind", u);
+    for (uint32_t flags : {1u, 0u}) {
+        ovrin_svm_epm_notify_domain_name_bind_unmarshal(h, 1, buf.data(), d, static_cast<int32_t>(buf.size()), 0, &err);
+        ovrin_svm_epm_notify_domain_name_bind_unmarshal(h, 1, plain_bytes.data(), d, static_cast<int32_t>(plain_bytes.size()),
+                                                        flags, &err);
+        ASSERT_EQ(err, 0u);
+        for (uint32_t k = 0; k < 3; ++k)
+            EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_domain_names_state_flag_get(h, 1, d, k, &err), 0) << flags << k;
+    }
+    // The untracked handle steps over the tracking sender's state bytes and takes nothing of its
+    // tracking into the instance.
+    auto *p = ovrin_svm_epm_notify_domain_name_bind_create(plain, 1);
+    EXPECT_EQ(ovrin_svm_epm_notify_domain_name_bind_unmarshal(plain, 1, buf.data(), p, static_cast<int32_t>(buf.size()), 0, &err),
+              buf.size());
+    EXPECT_EQ(p->flags & MGX_IF_TRACKED, 0);
+    EXPECT_EQ(encode(plain, "ovrin_svm_epm_notify_domain_name_bind", p),
+              encode(plain, "ovrin_svm_epm_notify_domain_name_bind", r));
+    ovrin_svm_epm_notify_domain_name_bind_destroy(plain, 1, p);
     ovrin_svm_epm_notify_domain_name_bind_destroy(plain, 1, u);
     EXPECT_EQ(mgx_handle_live_allocations(plain), 0u);
     mgx_handle_destroy(plain);
@@ -217,6 +238,17 @@ TEST_F(Wire, UnionsEncodeTheSelectedArmOnly) {
     e->resp_type.value = SESS_MGR_RCL_NEW_CLIENT_NOTIFY_CB;
     EXPECT_EQ(ovrin_smd_resp_event_marshal(h, 1, buf.data(), e, 256, &err), leading);
     EXPECT_EQ(take_err(), 2u);
+    // Inside a record the union's 2 stays the record's error when a later member then finds no
+    // room: the first error is the one reported.
+    auto *s = own(filled_start(), sess_mgr_session_start_destroy);
+    sm_dot11_params_destroy(h, 1, s->ext_params.dot11_param);
+    s->ext_params.dot11_param = nullptr;
+    Bytes big(4096);
+    const uint32_t written = sess_mgr_session_start_marshal(h, 1, big.data(), s, 4096, &err);
+    EXPECT_EQ(take_err(), 2u);
+    sess_mgr_session_start_marshal(h, 1, big.data(), s, static_cast<int32_t>(written) - 1, &err);
+    EXPECT_EQ(take_err(), 2u);
+    EXPECT_EQ(mgx_handle_last_error(h), 90u); // the handle keeps the last
 
     // The receiver creates the arm it needs, and only that one, tagging the allocation (what the
     // arm holds arrives: the operations-table round trip).
