@@ -89,6 +89,27 @@ template <class EmitRun, class EmitStep> void walk_steps(const VariantGroup &g, 
 
 std::string field_note(const Field &f) { return format(" // %s", f.name.c_str()); }
 
+// The bytes a run reserves, as the sum of the engine's widths of its members' kinds.
+std::string run_width(const Type &t, const VariantGroup &g, Run r) {
+    std::string width;
+    for (size_t i = r.first; i < r.last; ++i)
+        width += format("%swidth_of(Kind::%s)", i == r.first ? "" : " + ", kind_name(t.fields[g.steps[i].field]));
+    return width;
+}
+
+// A coder's switch over the variant groups: each group's case labels, its runs and single steps
+// in wire order as run(group, run) and step(step) write them, and its break.
+template <class EmitRun, class EmitStep> std::string variant_cases(const Type &t, EmitRun run, EmitStep step) {
+    std::string s;
+    for (const VariantGroup &g : variant_groups(t)) {
+        s += case_labels(g);
+        walk_steps(
+            g, t, [&](Run r) { s += run(g, r); }, [&](size_t, const WireStep &w) { s += step(w); });
+        s += "        break;\n";
+    }
+    return s;
+}
+
 std::string length_function(const Type &t) {
     const char *T = t.name.c_str();
     std::string s = format("uint32_t %s_length(mgx_handle_t *h, uint32_t luid, const void *instance) {\n", T);
@@ -125,37 +146,32 @@ std::string encode_function(const Type &t) {
         T);
     s += format("    [[maybe_unused]] const Type &t = table::%s;\n    Writer w(h, luid, buf, space, err);\n", T);
     s += "    switch (open_record(t, w, instance, check)) {\n";
-    for (const VariantGroup &g : variant_groups(t)) {
-        s += case_labels(g);
-        int plan = g.variants.front();
-        walk_steps(
-            g, t,
-            [&](Run r) {
-                std::string width, body;
-                for (size_t i = r.first; i < r.last; ++i) {
-                    const Field &f = t.fields[g.steps[i].field];
-                    width += format("%swidth_of(Kind::%s)", i == r.first ? "" : " + ", kind_name(f));
-                    body += format("            run.put<Kind::%s>(h, luid, instance, %u);%s\n", kind_name(f), f.offset,
-                                   field_note(f).c_str());
-                }
-                s += format("        if (w.fits(%s)) {\n            PutRun run(w);\n%s        } else {\n", width.c_str(),
-                            body.c_str());
-                s += format(
-                    "            encode_steps(t, t.wire[%d].steps + %zu, t.wire[%d].steps + %zu, w, instance);\n        }\n",
-                    plan, r.first, plan, r.last);
-            },
-            [&](size_t, const WireStep &step) {
-                const Field &f = t.fields[step.field];
-                if (step.composite)
-                    s += format("        %s(FieldAt<const void>(t, t.fields[%zu], instance), w%s);",
-                                shape_piece(f, "put").c_str(), step.field, element_arg(f, "put").c_str());
-                else
-                    s += format("        put_scalar(w, instance, %u, %u, %s, %s);", f.offset, f.sttr_pos,
-                                step.counter ? "false" : "true", element_code(f, "put").c_str());
-                s += field_note(f) + "\n";
-            });
-        s += "        break;\n";
-    }
+    s += variant_cases(
+        t,
+        [&](const VariantGroup &g, Run r) {
+            int plan = g.variants.front();
+            std::string body;
+            for (size_t i = r.first; i < r.last; ++i) {
+                const Field &f = t.fields[g.steps[i].field];
+                body += format("            run.put<Kind::%s>(h, luid, instance, %u);%s\n", kind_name(f), f.offset,
+                               field_note(f).c_str());
+            }
+            return format("        if (w.fits(%s)) {\n            PutRun run(w);\n%s        } else {\n",
+                          run_width(t, g, r).c_str(), body.c_str()) +
+                   format(
+                       "            encode_steps(t, t.wire[%d].steps + %zu, t.wire[%d].steps + %zu, w, instance);\n        }\n",
+                       plan, r.first, plan, r.last);
+        },
+        [&](const WireStep &step) {
+            const Field &f = t.fields[step.field];
+            if (step.composite)
+                return format("        %s(FieldAt<const void>(t, t.fields[%zu], instance), w%s);", shape_piece(f, "put").c_str(),
+                              step.field, element_arg(f, "put").c_str()) +
+                       field_note(f) + "\n";
+            return format("        put_scalar(w, instance, %u, %u, %s, %s);", f.offset, f.sttr_pos,
+                          step.counter ? "false" : "true", element_code(f, "put").c_str()) +
+                   field_note(f) + "\n";
+        });
     s += "    }\n    return close_record(w);\n}\n";
     return s;
 }
@@ -170,40 +186,34 @@ std::string decode_function(const Type &t) {
     s += "    int8_t variant = open_decode(t, r, instance);\n    if (*r.err) return static_cast<uint32_t>(r.pos);\n";
     s += "    switch (plan_variant(t, variant)) {\n";
     const char *stop = "return static_cast<uint32_t>(r.pos);";
-    for (const VariantGroup &g : variant_groups(t)) {
-        s += case_labels(g);
-        int plan = g.variants.front();
-        walk_steps(
-            g, t,
-            [&](Run r) {
-                std::string width, body;
-                for (size_t i = r.first; i < r.last; ++i) {
-                    const Field &f = t.fields[g.steps[i].field];
-                    width += format("%swidth_of(Kind::%s)", i == r.first ? "" : " + ", kind_name(f));
-                    if (g.steps[i].counter)
-                        body += format("            run.counter<Kind::%s>(t, %zu, h, luid, instance, %u);%s\n", kind_name(f),
-                                       g.steps[i].field, f.offset, field_note(f).c_str());
-                    else
-                        body += format("            run.get<Kind::%s>(h, luid, instance, %u);%s\n", kind_name(f), f.offset,
-                                       field_note(f).c_str());
-                }
-                s += format("        if (r.fits(%s)) {\n            GetRun run(r);\n%s        } else if (!decode_run(t, "
-                            "t.wire[%d].steps + %zu, t.wire[%d].steps "
-                            "+ %zu, r, instance)) {\n            %s\n        }\n",
-                            width.c_str(), body.c_str(), plan, r.first, plan, r.last, stop);
-            },
-            [&](size_t, const WireStep &step) {
-                const Field &f = t.fields[step.field];
-                if (step.composite)
-                    s += format("        if (!%s(FieldAt<void>(t, t.fields[%zu], instance), r%s)) %s",
-                                shape_piece(f, "get").c_str(), step.field, element_arg(f, "get").c_str(), stop);
+    s += variant_cases(
+        t,
+        [&](const VariantGroup &g, Run r) {
+            int plan = g.variants.front();
+            std::string body;
+            for (size_t i = r.first; i < r.last; ++i) {
+                const Field &f = t.fields[g.steps[i].field];
+                if (g.steps[i].counter)
+                    body += format("            run.counter<Kind::%s>(t, %zu, h, luid, instance, %u);%s\n", kind_name(f),
+                                   g.steps[i].field, f.offset, field_note(f).c_str());
                 else
-                    s += format("        if (!get_scalar(t, r, instance, %zu, %u, %u, %s, %s)) %s", step.field, f.offset,
-                                f.sttr_pos, step.counter ? "false" : "true", element_code(f, "get").c_str(), stop);
-                s += field_note(f) + "\n";
-            });
-        s += "        break;\n";
-    }
+                    body += format("            run.get<Kind::%s>(h, luid, instance, %u);%s\n", kind_name(f), f.offset,
+                                   field_note(f).c_str());
+            }
+            return format("        if (r.fits(%s)) {\n            GetRun run(r);\n%s        } else if (!decode_run(t, "
+                          "t.wire[%d].steps + %zu, t.wire[%d].steps + %zu, r, instance)) {\n            %s\n        }\n",
+                          run_width(t, g, r).c_str(), body.c_str(), plan, r.first, plan, r.last, stop);
+        },
+        [&](const WireStep &step) {
+            const Field &f = t.fields[step.field];
+            if (step.composite)
+                return format("        if (!%s(FieldAt<void>(t, t.fields[%zu], instance), r%s)) %s",
+                              shape_piece(f, "get").c_str(), step.field, element_arg(f, "get").c_str(), stop) +
+                       field_note(f) + "\n";
+            return format("        if (!get_scalar(t, r, instance, %zu, %u, %u, %s, %s)) %s", step.field, f.offset, f.sttr_pos,
+                          step.counter ? "false" : "true", element_code(f, "get").c_str(), stop) +
+                   field_note(f) + "\n";
+        });
     s += "    }\n    return close_decode(t, r, instance, variant);\n}\n";
     return s;
 }
