@@ -174,16 +174,17 @@ bool destroy_fields(const Type &t, mgx_handle_t *h, uint32_t luid, void *instanc
         const Field &f = t.fields[plan[i]];
         if (!present(f, variant)) continue;
         uint8_t *address = bytes(instance) + f.offset;
-        void *&slot = *reinterpret_cast<void **>(address);
         switch (f.shape) {
-        case Shape::member:
+        case Shape::member: {
+            void *&slot = *reinterpret_cast<void **>(address);
             if (slot) {
                 destroy_internal(*f.type, h, luid, slot, 1);
                 notify(h, &slot, sizeof slot, luid);
                 slot = nullptr;
             }
             continue;
-        case Shape::var_string: free_block(h, luid, slot); continue;
+        }
+        case Shape::var_string: free_block(h, luid, *reinterpret_cast<void **>(address)); continue;
         case Shape::var_array: {
             const FieldAt<void> a = field_of(t, f, instance);
             release_array(a, h, luid, a.count());
